@@ -1,0 +1,35 @@
+# Top-level entry points: deps, build, test, demo, bench.
+SHELL := /bin/bash
+JOBS ?= $(shell nproc)
+BUILD_PRESETS := x86_64 i386
+TEST_PRESETS := x86_64 i386 x86_64-asan
+
+.PHONY: all deps build test demo bench clean $(addprefix build-,$(TEST_PRESETS)) $(addprefix test-,$(TEST_PRESETS))
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+build-%: deps
+	@cmake --preset $* >build/configure-$*.log 2>&1 || (mkdir -p build; cmake --preset $*)
+	cmake --build --preset $* -j$(JOBS)
+
+build: $(addprefix build-,$(BUILD_PRESETS))
+
+test-%: build-%
+	ctest --preset $* -j$(JOBS)
+
+# The whole suite on both ABIs and under the sanitizers, then the check
+# that both ABIs compute identical images.
+test: $(addprefix test-,$(TEST_PRESETS))
+	@scripts/cross-abi-check
+
+demo: build
+	@scripts/demo
+
+bench: build-x86_64
+	build/x86_64/bin/bench_tavk05 --benchmark_counters_tabular=true $(BENCH_ARGS)
+
+clean:
+	rm -rf build

@@ -1,0 +1,12 @@
+# Toolchain file for the 32-bit x86 product ABI, built on an x86_64 host.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR i386)
+set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
+set(_flags "-m32 -msse2 -mfpmath=sse")
+set(CMAKE_C_FLAGS_INIT "${_flags}")
+set(CMAKE_CXX_FLAGS_INIT "${_flags}")
+set(CMAKE_ASM_FLAGS_INIT "-m32")
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-m32")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-m32")
+set(CMAKE_MODULE_LINKER_FLAGS_INIT "-m32")
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

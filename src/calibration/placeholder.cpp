@@ -1,0 +1,1 @@
+namespace tavk05cal { int nPlaceholder = 0; }

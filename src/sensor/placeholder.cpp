@@ -1,0 +1,1 @@
+namespace { int nPlaceholder; } int SensorPlaceholder() { return nPlaceholder; }
