@@ -1,0 +1,58 @@
+// Shared pieces of the tavk05 command.
+#ifndef TAVK05_CLI_H
+#define TAVK05_CLI_H
+
+#include <string>
+#include <vector>
+
+#include "tavk05/oberin.h"
+
+namespace cli {
+
+// Exit codes of the command (documented in --help).
+enum {
+    EXIT_OK = 0,
+    EXIT_DEVICE = 1,   // a driver operation failed
+    EXIT_USAGE = 2,    // bad command line
+    EXIT_CHECK = 3,    // verification found a mark missing
+    EXIT_IO = 4        // a file could not be read or written
+};
+
+struct Options {
+    unsigned long nDevice = 0;     // device index 0..7
+    bool bVerbose = false;
+    std::vector<std::string> vecArgs;  // the subcommand's own arguments
+};
+
+// Meaning of a driver status code, in words.
+const char* StatusText(unsigned long nStatus);
+
+// Prints "tavk05: WHAT failed: status N (meaning)" and returns EXIT_DEVICE.
+int Fail(const char* pszWhat, unsigned long nStatus);
+
+// Prints "tavk05: MESSAGE" plus a hint to --help and returns EXIT_USAGE.
+int Usage(const std::string& strMessage);
+
+// A sensor created and opened for the duration of a command.
+class Session {
+public:
+    Session();
+    ~Session();
+    // Creates the sensor and opens device nIndex; prints the failure and
+    // returns false when that is not possible.
+    bool Open(unsigned long nIndex);
+    COberin* operator->() const { return m_pSensor; }
+    COberin* Get() const { return m_pSensor; }
+
+private:
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    COberin* m_pSensor = nullptr;
+};
+
+int CmdInfo(const Options& opt);
+int CmdConfig(const Options& opt);
+
+}  // namespace cli
+
+#endif

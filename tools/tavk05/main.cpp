@@ -1,0 +1,126 @@
+// tavk05: command-line access to a TAVK05 fingerprint scanner, real or virtual.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "cli.h"
+
+namespace {
+
+const char kHelp[] =
+    "Usage: tavk05 [GLOBAL OPTIONS] COMMAND [ARGS]\n"
+    "\n"
+    "Drive a TAVK05 fingerprint scanner (/dev/tavk05N) through libtavk05.\n"
+    "\n"
+    "Commands:\n"
+    "  info                 device type, firmware, frame geometry, settings, device ID\n"
+    "  config show          the settings file the driver loads at open\n"
+    "\n"
+    "Global options:\n"
+    "  -d, --device N       device index 0..7 (default 0)\n"
+    "  --virtual[=UNITS]    use the virtual scanner instead of hardware; UNITS as in\n"
+    "                       TAVK05_VIRTUAL, e.g. '0:model=7,fw=0x3000' (the default)\n"
+    "  -v, --verbose        more output\n"
+    "  -h, --help           this text\n"
+    "\n"
+    "Environment:\n"
+    "  TAVK05_CONF          settings file instead of /etc/tavk05rf.conf\n"
+    "  TAVK05_VIRTUAL       virtual units (when libtavk05-virtual.so is preloaded)\n"
+    "\n"
+    "Exit status: 0 success, 1 a driver operation failed (its status code and\n"
+    "meaning are printed), 2 bad command line, 3 verification failed,\n"
+    "4 a file could not be read or written.\n";
+
+const char kDefaultUnits[] = "0:model=7,fw=0x3000";
+
+// Runs this program again with the virtual scanner preloaded: interposing
+// open/ioctl/read must be in place before the driver runs, which only the
+// dynamic loader can arrange.
+int ReexecVirtual(char** argv, const std::string& strUnits)
+{
+    char szSelf[4096];
+    const ssize_t nLen = readlink("/proc/self/exe", szSelf, sizeof szSelf - 1);
+    if (nLen <= 0) {
+        std::fprintf(stderr, "tavk05: cannot locate this program: %s\n", std::strerror(errno));
+        return cli::EXIT_IO;
+    }
+    szSelf[nLen] = '\0';
+    std::string strLib;
+    if (const char* pszLib = std::getenv("TAVK05_VIRTUAL_LIB")) {
+        strLib = pszLib;
+    } else {
+        std::string strDir(szSelf);
+        strDir.erase(strDir.rfind('/'));
+        strLib = strDir + "/../lib/libtavk05-virtual.so";
+    }
+    if (access(strLib.c_str(), R_OK) != 0) {
+        std::fprintf(stderr, "tavk05: virtual scanner library %s not found\n", strLib.c_str());
+        return cli::EXIT_IO;
+    }
+    setenv("TAVK05_VIRTUAL", strUnits.c_str(), 1);
+    setenv("LD_PRELOAD", strLib.c_str(), 1);
+    setenv("TAVK05_CLI_VIRTUAL", "1", 1);
+    execv(szSelf, argv);
+    std::fprintf(stderr, "tavk05: cannot run %s: %s\n", szSelf, std::strerror(errno));
+    return cli::EXIT_IO;
+}
+
+bool ParseIndex(const char* psz, unsigned long* pIndex)
+{
+    char* pEnd = nullptr;
+    errno = 0;
+    const unsigned long n = std::strtoul(psz, &pEnd, 10);
+    if (errno != 0 || pEnd == psz || *pEnd != '\0' || n > 7) {
+        return false;
+    }
+    *pIndex = n;
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    cli::Options opt;
+    std::string strCommand;
+    bool bVirtual = false;
+    std::string strUnits = kDefaultUnits;
+
+    // Global options may stand before or after the command; everything else
+    // after the command belongs to it.
+    for (int i = 1; i < argc; ++i) {
+        const std::string strArg = argv[i];
+        if (strArg == "-h" || strArg == "--help") {
+            std::fputs(kHelp, stdout);
+            return cli::EXIT_OK;
+        } else if (strArg == "-v" || strArg == "--verbose") {
+            opt.bVerbose = true;
+        } else if (strArg == "--virtual" || strArg.rfind("--virtual=", 0) == 0) {
+            bVirtual = true;
+            if (strArg.size() > 10) strUnits = strArg.substr(10);
+        } else if (strArg == "-d" || strArg == "--device") {
+            if (i + 1 >= argc || !ParseIndex(argv[++i], &opt.nDevice)) {
+                return cli::Usage("device index must be 0..7");
+            }
+        } else if (strCommand.empty()) {
+            if (!strArg.empty() && strArg[0] == '-') return cli::Usage("unknown option '" + strArg + "'");
+            strCommand = strArg;
+        } else {
+            opt.vecArgs.push_back(strArg);
+        }
+    }
+
+    if (bVirtual && std::getenv("TAVK05_CLI_VIRTUAL") == nullptr) {
+        return ReexecVirtual(argv, strUnits);
+    }
+    if (strCommand.empty()) {
+        return cli::Usage("no command given");
+    }
+    if (strCommand == "info") return cli::CmdInfo(opt);
+    if (strCommand == "config") return cli::CmdConfig(opt);
+    return cli::Usage("unknown command '" + strCommand + "'");
+}
