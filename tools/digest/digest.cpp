@@ -1,0 +1,108 @@
+// Prints one line "NAME DIGEST" for every table and processing path of the
+// driver, computed from deterministic inputs. Both ABIs must print the same.
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "tavk05/isproc.h"
+#include "tavk05/mark.h"
+
+namespace {
+
+uint64_t Fnv(const void* pData, size_t nBytes, uint64_t nHash = 1469598103934665603ULL)
+{
+    const unsigned char* p = static_cast<const unsigned char*>(pData);
+    for (size_t i = 0; i < nBytes; ++i) {
+        nHash = (nHash ^ p[i]) * 1099511628211ULL;
+    }
+    return nHash;
+}
+
+void Print(const char* pszName, uint64_t nHash)
+{
+    std::printf("%-28s %016llx\n", pszName, static_cast<unsigned long long>(nHash));
+}
+
+// Deterministic pseudo-random bytes (no dependence on the C library's rand).
+void Fill(std::vector<unsigned char>& vec, uint32_t nSeed)
+{
+    for (unsigned char& by : vec) {
+        nSeed = nSeed * 1664525u + 1013904223u;
+        by = static_cast<unsigned char>(nSeed >> 24);
+    }
+}
+
+uint64_t TableDigest(tagModifyEntry** ppRows, int nRows, int nEntries)
+{
+    uint64_t nHash = 1469598103934665603ULL;
+    for (int r = 0; r < nRows; ++r) {
+        for (int e = 0; e < nEntries; ++e) {
+            const tagModifyEntry& m = ppRows[r][e];
+            nHash = Fnv(&m.fSrcRow, sizeof m.fSrcRow, nHash);
+            nHash = Fnv(&m.fSrcCol, sizeof m.fSrcCol, nHash);
+            nHash = Fnv(&m.nSrcRow, sizeof m.nSrcRow, nHash);
+            nHash = Fnv(&m.nSrcCol, sizeof m.nSrcCol, nHash);
+            nHash = Fnv(&m.nDstRight, sizeof m.nDstRight, nHash);
+            nHash = Fnv(&m.nDstLeft, sizeof m.nDstLeft, nHash);
+            nHash = Fnv(m.nSrcIndex, sizeof m.nSrcIndex, nHash);
+            nHash = Fnv(m.fWeight, sizeof m.fWeight, nHash);
+        }
+    }
+    return nHash;
+}
+
+}  // namespace
+
+int main()
+{
+    Print("usXtable", Fnv(usXtable, sizeof usXtable));
+    Print("usYtable", Fnv(usYtable, sizeof usYtable));
+    Print("usXtable1103", Fnv(usXtable1103, sizeof usXtable1103));
+    Print("usYtable1103", Fnv(usYtable1103, sizeof usYtable1103));
+    Print("pModBuf", Fnv(pModBuf, sizeof pModBuf));
+
+    std::unique_ptr<CImageProc> pProc(new CImageProc);
+    Print("modify-table", TableDigest(pProc->m_ppModifyTable, MODIFY_SIZE, MODIFY_SIZE / 2));
+    Print("modify-table-ex", TableDigest(pProc->m_ppModifyTableEx, MODIFY_SIZE_EX, MODIFY_SIZE_EX / 2));
+
+    struct Path {
+        const char* pszName;
+        int nDeviceType;
+        unsigned long nWidth, nHeight;
+        int nMethod;  // 0 table lookup, 1 interpolation, 2 interpolation on the padded source
+    };
+    const Path aPaths[] = {
+        {"correct-1280x676", 4, 1280, 676, 0},   {"correct-1103-1288x876", 6, 1288, 876, 0},
+        {"correct-1103-1800x1280", 5, 1800, 1280, 0}, {"calc-1288x876", 7, 1288, 876, 1},
+        {"calc-ex-1800x1280", 8, 1800, 1280, 2},
+    };
+    std::vector<unsigned char> vecOut(IMG_PIXELS);
+    for (const Path& path : aPaths) {
+        std::vector<unsigned char> vecRaw(path.nWidth * path.nHeight);
+        std::vector<unsigned char> vecGrey(vecRaw.size());
+        Fill(vecRaw, static_cast<uint32_t>(path.nWidth * 31 + path.nHeight));
+        pProc->RGBtoGRAY2(vecRaw.data(), vecGrey.data(), static_cast<int>(path.nWidth),
+                          static_cast<int>(path.nHeight));
+        char szName[64];
+        std::snprintf(szName, sizeof szName, "grey-%lux%lu", path.nWidth, path.nHeight);
+        Print(szName, Fnv(vecGrey.data(), vecGrey.size()));
+
+        pProc->m_nDeviceType = path.nDeviceType;
+        std::memset(vecOut.data(), 0, vecOut.size());
+        if (path.nMethod == 0) {
+            pProc->CorrectImage(vecGrey.data(), path.nWidth, path.nHeight, vecOut.data(), 600, 600, 0, 0);
+        } else if (path.nMethod == 1) {
+            pProc->CorrectImageCalc(vecGrey.data(), path.nWidth, path.nHeight, vecOut.data(), 600, 600, 0, 0);
+        } else {
+            pProc->CorrectImageCalcEx(vecGrey.data(), path.nWidth, path.nHeight, vecOut.data(), 600, 600, 0, 0);
+        }
+        SetLTWaterM(vecOut.data(), 600, 600);
+        SetRTWaterM(vecOut.data(), 600, 600);
+        SetLBWaterM(vecOut.data(), 600, 600);
+        SetRBWaterM(vecOut.data(), 600, 600);
+        Print(path.pszName, Fnv(vecOut.data(), vecOut.size()));
+    }
+    return 0;
+}
