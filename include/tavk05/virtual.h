@@ -46,6 +46,7 @@ struct UnitState {
     unsigned char abyOption[128];      // last sensor-option block
     unsigned char abyValue[64];        // value block stored by the last set-value request
     unsigned char abyDeviceId[64];     // device-ID block the unit answers with
+    unsigned long nLastReadBytes;      // byte count the last read asked for
 };
 
 // Adds or replaces units; returns false (and changes nothing) on a syntax

@@ -1,0 +1,171 @@
+// CVxdInterface: frame and latent reads from the scanner's device node.
+#include "tavk05/vxdinter.h"
+
+#include <sys/ioctl.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+
+namespace {
+
+const char kAllocMessage[] = "buffer allocation for iso read failed:";
+const int kFramesAveraged = 4;
+
+// Types 5 to 8 deliver a clean frame per read; the older sensors are noisy
+// enough that a single capture averages four consecutive frames.
+bool SingleReadType(int nDevType)
+{
+    return nDevType >= 5 && nDevType <= 8;
+}
+
+void ReportAllocFailure()
+{
+    errno = ENOMEM;
+    std::perror(kAllocMessage);
+}
+
+// One read of nTransfer bytes into pStage. Whatever the read did not fill is
+// zeroed, so a short or failed transfer never hands on stale memory; the
+// count itself is not reported, as the kernel driver delivers whole frames.
+void ReadFrame(int hDevice, unsigned char* pStage, unsigned long nTransfer)
+{
+    const ssize_t nRead = read(hDevice, pStage, nTransfer);
+    const unsigned long nFilled = nRead > 0 ? static_cast<unsigned long>(nRead) : 0;
+    if (nFilled < nTransfer) {
+        std::memset(pStage + nFilled, 0, nTransfer - nFilled);
+    }
+}
+
+bool SendRequest(int hDevice, unsigned long nRequest)
+{
+    return ioctl(hDevice, nRequest, 0) >= 0;
+}
+
+}  // namespace
+
+unsigned long CVxdInterface::TransferLength(unsigned long nBytes)
+{
+    // Up to a multiple of 512, then an odd multiple of 512 grows by 512 more:
+    // in effect, up to the next multiple of 1024. A length so close to the
+    // top of the range that it cannot be rounded gives 0.
+    if (nBytes > ULONG_MAX - 1023UL) {
+        return 0;
+    }
+    unsigned long nTransfer = (nBytes + 511UL) & ~511UL;
+    if ((nTransfer / 512UL) % 2UL != 0) {
+        nTransfer += 512UL;
+    }
+    return nTransfer;
+}
+
+int CVxdInterface::ReadData(unsigned char* pBuf, unsigned long nBytes, unsigned long /*nTimeout*/)
+{
+    if (pBuf == nullptr) {
+        return VXD_E_INVALID;
+    }
+    if (m_hDevice < 0) {
+        return VXD_E_NOT_OPEN;
+    }
+    const unsigned long nTransfer = TransferLength(nBytes);
+    if (nTransfer < nBytes) {
+        return VXD_E_INVALID;
+    }
+    std::memset(pBuf, 0, nTransfer);
+    if (!SendRequest(m_hDevice, VXD_REQ_START_ACQUISITION)) {
+        return VXD_E_REQUEST;
+    }
+
+    std::unique_ptr<unsigned char[]> pStage(new (std::nothrow) unsigned char[nTransfer]);
+    if (!pStage) {
+        ReportAllocFailure();
+        return VXD_E_ALLOC;
+    }
+    if (SingleReadType(m_nDevType)) {
+        ReadFrame(m_hDevice, pStage.get(), nTransfer);
+        std::memcpy(pBuf, pStage.get(), nBytes);
+    } else {
+        // Four byte values sum to at most 1020, so 16 bits per position hold
+        // the sum without overflow.
+        std::unique_ptr<unsigned short[]> pSum(new (std::nothrow) unsigned short[nTransfer]);
+        if (!pSum) {
+            ReportAllocFailure();
+            return VXD_E_ALLOC;
+        }
+        ReadFrame(m_hDevice, pStage.get(), nTransfer);
+        const unsigned char* pSrc = pStage.get();
+        unsigned short* pAcc = pSum.get();
+        for (unsigned long i = 0; i < nTransfer; ++i) {
+            pAcc[i] = pSrc[i];
+        }
+        for (int nFrame = 1; nFrame < kFramesAveraged; ++nFrame) {
+            ReadFrame(m_hDevice, pStage.get(), nTransfer);
+            for (unsigned long i = 0; i < nTransfer; ++i) {
+                pAcc[i] = static_cast<unsigned short>(pAcc[i] + pSrc[i]);
+            }
+        }
+        for (unsigned long i = 0; i < nBytes; ++i) {
+            pBuf[i] = static_cast<unsigned char>(pAcc[i] >> 2);
+        }
+    }
+
+    if (!SendRequest(m_hDevice, VXD_REQ_STOP_ACQUISITION)) {
+        return VXD_E_REQUEST;
+    }
+    return VXD_OK;
+}
+
+int CVxdInterface::ReadDataEx(unsigned char* pBuf, unsigned long nBytes, unsigned long /*nTimeout*/)
+{
+    if (pBuf == nullptr) {
+        return VXD_E_INVALID;
+    }
+    if (m_hDevice < 0) {
+        return VXD_E_NOT_OPEN;
+    }
+    const unsigned long nTransfer = TransferLength(nBytes);
+    if (nTransfer < nBytes) {
+        return VXD_E_INVALID;
+    }
+    std::memset(pBuf, 0, nTransfer);
+    std::unique_ptr<unsigned char[]> pStage(new (std::nothrow) unsigned char[nTransfer]);
+    if (!pStage) {
+        return VXD_E_ALLOC;
+    }
+    ReadFrame(m_hDevice, pStage.get(), nTransfer);
+    std::memcpy(pBuf, pStage.get(), nBytes);
+    return VXD_OK;
+}
+
+int CVxdInterface::ReadLatent(unsigned char* pBuf, unsigned long nBytes)
+{
+    if (pBuf == nullptr) {
+        return VXD_E_INVALID;
+    }
+    if (m_hDevice < 0) {
+        return VXD_E_NOT_OPEN;
+    }
+    const unsigned long nTransfer = TransferLength(nBytes);
+    if (nTransfer < nBytes) {
+        return VXD_E_INVALID;
+    }
+    if (!SendRequest(m_hDevice, VXD_REQ_START_ACQUISITION)) {
+        return VXD_E_REQUEST;
+    }
+    std::unique_ptr<unsigned char[]> pStage(new (std::nothrow) unsigned char[nTransfer]);
+    if (!pStage) {
+        ReportAllocFailure();
+        return VXD_E_ALLOC;
+    }
+    ReadFrame(m_hDevice, pStage.get(), nTransfer);
+    std::memcpy(pBuf, pStage.get(), nBytes);
+    if (!SendRequest(m_hDevice, VXD_REQ_STOP_ACQUISITION)) {
+        return VXD_E_REQUEST;
+    }
+    return VXD_OK;
+}

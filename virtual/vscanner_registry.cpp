@@ -1,0 +1,262 @@
+// Descriptor bookkeeping of the virtual scanner and the dispatch of open,
+// close, ioctl and read to its units.
+#include "vscanner_registry.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+namespace tavk05virt {
+
+namespace {
+
+// One flag per descriptor number below kFdFlags: set while the descriptor may
+// be virtual. Reads and ioctls on every other descriptor of the process pass
+// through without taking the registry lock. Zero-initialised before any code
+// runs, so it is safe however early the interposers are called.
+const int kFdFlags = 65536;
+std::atomic<unsigned char> g_abyFdFlag[kFdFlags];
+// Virtual descriptors at or above kFdFlags (rare); they take the locked path.
+std::atomic<int> g_nHighFds(0);
+
+void MarkFd(int fd, bool bVirtual)
+{
+    if (fd < kFdFlags) {
+        g_abyFdFlag[fd].store(bVirtual ? 1 : 0, std::memory_order_release);
+    } else {
+        g_nHighFds.fetch_add(bVirtual ? 1 : -1, std::memory_order_acq_rel);
+    }
+}
+
+// The entry of fd when it is still the descriptor that was handed out; a
+// stale entry is dropped. Caller holds the mutex.
+FdEntry* FindFd(Registry& reg, int fd)
+{
+    const auto it = reg.mapFds.find(fd);
+    if (it == reg.mapFds.end()) {
+        return nullptr;
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0 || st.st_dev != it->second.dev || st.st_ino != it->second.ino) {
+        reg.mapFds.erase(it);
+        MarkFd(fd, false);
+        return nullptr;
+    }
+    return &it->second;
+}
+
+// The unit behind a descriptor entry, or null when the unit was detached or
+// replaced since the open.
+CVirtualUnit* UnitOf(Registry& reg, const FdEntry& entry)
+{
+    if (reg.anGeneration[entry.nIndex] != entry.nGeneration) {
+        return nullptr;
+    }
+    return reg.apUnits[entry.nIndex].get();
+}
+
+// A fresh descriptor for a virtual open: an anonymous memory file, unique
+// so its identity can be checked; /dev/null where memfd is missing.
+int NewDescriptor(int nFlags, FdEntry* pEntry)
+{
+    const bool bCloexec = (nFlags & O_CLOEXEC) != 0;
+    int fd = memfd_create("tavk05-virtual", bCloexec ? MFD_CLOEXEC : 0);
+    if (fd < 0) {
+        fd = RealOpenReadOnly("/dev/null", bCloexec ? O_CLOEXEC : 0);
+        if (fd < 0) {
+            return -1;
+        }
+    }
+    struct stat st;
+    if (fstat(fd, &st) != 0) {
+        const int nErrno = errno;
+        RealClose(fd);
+        errno = nErrno;
+        return -1;
+    }
+    pEntry->dev = st.st_dev;
+    pEntry->ino = st.st_ino;
+    return fd;
+}
+
+}  // namespace
+
+Registry& TheRegistry()
+{
+    static Registry* const pRegistry = new Registry();
+    return *pRegistry;
+}
+
+void InstallUnit(Registry& reg, int nIndex, std::unique_ptr<CVirtualUnit> pUnit)
+{
+    reg.apUnits[nIndex] = std::move(pUnit);
+    reg.anGeneration[nIndex] = reg.apUnits[nIndex] ? reg.nNextGeneration++ : 0;
+}
+
+int DeviceIndexOfPath(const char* pszPath)
+{
+    static const char kPrefix[] = "/dev/tavk05";
+    if (pszPath == nullptr) {
+        return -1;
+    }
+    for (std::size_t i = 0; i + 1 < sizeof kPrefix; ++i) {
+        if (pszPath[i] != kPrefix[i]) {
+            return -1;
+        }
+    }
+    const char c = pszPath[sizeof kPrefix - 1];
+    if (c < '0' || c > '7' || pszPath[sizeof kPrefix] != '\0') {
+        return -1;
+    }
+    return c - '0';
+}
+
+bool MaybeVirtualFd(int fd)
+{
+    if (fd < 0) {
+        return false;
+    }
+    if (fd < kFdFlags) {
+        return g_abyFdFlag[fd].load(std::memory_order_acquire) != 0;
+    }
+    return g_nHighFds.load(std::memory_order_acquire) > 0;
+}
+
+bool VirtualOpen(int nIndex, int nFlags, int* pResult)
+{
+    try {
+        Registry& reg = TheRegistry();
+        std::lock_guard<std::mutex> lock(reg.mutex);
+        CVirtualUnit* pUnit = reg.apUnits[nIndex].get();
+        if (pUnit == nullptr) {
+            return false;  // no virtual unit here: the real node is asked
+        }
+        const int nError = pUnit->CheckOpen();
+        if (nError != 0) {
+            *pResult = -1;
+            errno = nError;
+            return true;
+        }
+        FdEntry entry;
+        entry.nIndex = nIndex;
+        entry.nGeneration = reg.anGeneration[nIndex];
+        const int fd = NewDescriptor(nFlags, &entry);
+        if (fd < 0) {
+            *pResult = -1;
+            return true;
+        }
+        // A stale entry under the same number (closed behind the interposers'
+        // back) is simply replaced; its flag is already set.
+        if (!reg.mapFds.insert_or_assign(fd, entry).second) {
+            MarkFd(fd, false);
+        }
+        MarkFd(fd, true);
+        pUnit->Opened();
+        *pResult = fd;
+        return true;
+    } catch (...) {
+        *pResult = -1;
+        errno = ENOMEM;
+        return true;
+    }
+}
+
+bool VirtualClose(int fd, int* pResult)
+{
+    try {
+        Registry& reg = TheRegistry();
+        {
+            std::lock_guard<std::mutex> lock(reg.mutex);
+            FdEntry* pEntry = FindFd(reg, fd);
+            if (pEntry == nullptr) {
+                return false;
+            }
+            if (CVirtualUnit* pUnit = UnitOf(reg, *pEntry)) {
+                pUnit->Closed();
+            }
+            reg.mapFds.erase(fd);
+            MarkFd(fd, false);
+        }
+        *pResult = RealClose(fd);
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+bool VirtualIoctl(int fd, unsigned long nRequest, void* pArg, int* pResult)
+{
+    try {
+        Registry& reg = TheRegistry();
+        std::lock_guard<std::mutex> lock(reg.mutex);
+        FdEntry* pEntry = FindFd(reg, fd);
+        if (pEntry == nullptr) {
+            return false;
+        }
+        CVirtualUnit* pUnit = UnitOf(reg, *pEntry);
+        const int nResult = pUnit != nullptr ? pUnit->Ioctl(nRequest, pArg) : -ENODEV;
+        if (nResult < 0) {
+            *pResult = -1;
+            errno = -nResult;
+        } else {
+            *pResult = nResult;
+        }
+        return true;
+    } catch (...) {
+        *pResult = -1;
+        errno = ENOMEM;
+        return true;
+    }
+}
+
+bool VirtualRead(int fd, void* pBuf, size_t nBytes, ssize_t* pResult)
+{
+    try {
+        Registry& reg = TheRegistry();
+        CVirtualUnit::Clock::time_point tDue;
+        unsigned long nGeneration = 0;
+        int nIndex = 0;
+        {
+            std::lock_guard<std::mutex> lock(reg.mutex);
+            FdEntry* pEntry = FindFd(reg, fd);
+            if (pEntry == nullptr) {
+                return false;
+            }
+            CVirtualUnit* pUnit = UnitOf(reg, *pEntry);
+            if (pUnit == nullptr || pUnit->Vanished()) {
+                if (pUnit != nullptr) pUnit->Read(pBuf, nBytes);  // counted; fails at once
+                *pResult = -1;
+                errno = ENODEV;
+                return true;
+            }
+            tDue = pUnit->ReserveRead(CVirtualUnit::Clock::now());
+            nGeneration = pEntry->nGeneration;
+            nIndex = pEntry->nIndex;
+        }
+        // Pacing waits outside the lock, like a device that is still exposing.
+        if (tDue > CVirtualUnit::Clock::now()) {
+            std::this_thread::sleep_until(tDue);
+        }
+        std::lock_guard<std::mutex> lock(reg.mutex);
+        CVirtualUnit* pUnit =
+            reg.anGeneration[nIndex] == nGeneration ? reg.apUnits[nIndex].get() : nullptr;
+        const ssize_t nResult = pUnit != nullptr ? pUnit->Read(pBuf, nBytes) : -ENODEV;
+        if (nResult < 0) {
+            *pResult = -1;
+            errno = static_cast<int>(-nResult);
+        } else {
+            *pResult = nResult;
+        }
+        return true;
+    } catch (...) {
+        *pResult = -1;
+        errno = ENOMEM;
+        return true;
+    }
+}
+
+}  // namespace tavk05virt

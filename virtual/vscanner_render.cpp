@@ -1,0 +1,131 @@
+// Built-in frame sources of the virtual scanner and the frame geometry by
+// model and firmware.
+#include "vscanner_render.h"
+
+#include <cstring>
+#include <new>
+
+namespace tavk05virt {
+
+namespace {
+
+const unsigned short kProduct0610 = 0x0610;
+const unsigned short kProduct0620 = 0x0620;
+const unsigned short kNewFirmware = 0x3000;
+const unsigned kMaxWidth = 1800;
+
+// "pattern": a diagonal gradient that moves by one grey level per frame,
+// byte (x, y) of frame k = (x + y + k) mod 256; the tail behind the mosaic is
+// zero. Cheap to render: every row is a slice of one ramp.
+class CPatternSource : public CFrameSource {
+public:
+    unsigned long long FrameKey(const RenderInput& in) const override
+    {
+        return in.nFrame & 0xFFu;
+    }
+
+    void Render(const RenderInput& in, unsigned char* pFrame) const override
+    {
+        const FrameGeometry& geo = in.geometry;
+        unsigned char abyRamp[kMaxWidth + 256];
+        for (unsigned i = 0; i < sizeof abyRamp; ++i) {
+            abyRamp[i] = static_cast<unsigned char>(i & 0xFFu);
+        }
+        const unsigned nWidth = geo.nWidth <= kMaxWidth ? geo.nWidth : kMaxWidth;
+        unsigned long nMosaic = static_cast<unsigned long>(nWidth) * geo.nHeight;
+        if (nMosaic > geo.nFrameBytes) {
+            nMosaic = geo.nFrameBytes - geo.nFrameBytes % (nWidth ? nWidth : 1);
+        }
+        const unsigned long nRows = nWidth ? nMosaic / nWidth : 0;
+        for (unsigned long y = 0; y < nRows; ++y) {
+            const unsigned nStart = static_cast<unsigned>((y + in.nFrame) & 0xFFu);
+            std::memcpy(pFrame + y * nWidth, abyRamp + nStart, nWidth);
+        }
+        std::memset(pFrame + nMosaic, 0, geo.nFrameBytes - nMosaic);
+    }
+};
+
+// "levels": every byte of frame k is levels[k mod n]; lets a test predict
+// exactly what a driver that combines several frames must produce.
+class CLevelsSource : public CFrameSource {
+public:
+    explicit CLevelsSource(const std::vector<unsigned char>& vecLevels) : m_vecLevels(vecLevels) {}
+
+    unsigned long long FrameKey(const RenderInput& in) const override
+    {
+        return in.nFrame % m_vecLevels.size();
+    }
+
+    void Render(const RenderInput& in, unsigned char* pFrame) const override
+    {
+        std::memset(pFrame, m_vecLevels[in.nFrame % m_vecLevels.size()], in.geometry.nFrameBytes);
+    }
+
+private:
+    const std::vector<unsigned char> m_vecLevels;
+};
+
+}  // namespace
+
+int DeviceTypeOf(unsigned short wProduct, unsigned short wBcdDevice)
+{
+    int nBase;
+    if (wProduct == kProduct0610) {
+        nBase = 3;
+    } else if (wProduct == kProduct0620) {
+        nBase = 4;
+    } else {
+        return 0;
+    }
+    if (wBcdDevice == 0x1103) return nBase + 2;
+    if (wBcdDevice > 0x1004) return nBase + 4;
+    return nBase;
+}
+
+FrameGeometry GeometryOf(int nDevType, unsigned short wBcdDevice)
+{
+    FrameGeometry geo;
+    if (nDevType >= 5 && nDevType <= 8) {
+        if (wBcdDevice >= kNewFirmware) {
+            geo.nWidth = 1800;
+            geo.nHeight = 1280;
+            geo.nFrameBytes = 2304000;
+        } else {
+            geo.nWidth = 1288;
+            geo.nHeight = 876;
+            geo.nFrameBytes = 1128448;
+        }
+    } else {
+        geo.nWidth = 1280;
+        geo.nHeight = 676;
+        geo.nFrameBytes = 926720;
+    }
+    return geo;
+}
+
+bool IsKnownScene(const std::string& strScene)
+{
+    return strScene == "pattern" || strScene == "levels";
+}
+
+std::unique_ptr<CFrameSource> MakeFrameSource(const SceneParams& params, std::string* pError)
+{
+    std::unique_ptr<CFrameSource> pSource;
+    if (params.strScene.empty() || params.strScene == "pattern") {
+        pSource.reset(new (std::nothrow) CPatternSource());
+    } else if (params.strScene == "levels") {
+        if (params.vecLevels.empty()) {
+            if (pError) *pError = "scene 'levels' needs levels=V1/V2/...";
+            return pSource;
+        }
+        pSource.reset(new (std::nothrow) CLevelsSource(params.vecLevels));
+    } else if (pError) {
+        *pError = "unknown scene '" + params.strScene + "'";
+    }
+    if (!pSource && pError && pError->empty()) {
+        *pError = "out of memory";
+    }
+    return pSource;
+}
+
+}  // namespace tavk05virt

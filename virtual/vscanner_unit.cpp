@@ -1,0 +1,400 @@
+// Behaviour of one virtual scanner unit.
+#include "vscanner_unit.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+namespace tavk05virt {
+
+namespace {
+
+const unsigned short kDefaultVendor = 0x1209;
+const unsigned short kProductOdd = 0x0610;   // models 3, 5, 7
+const unsigned short kProductEven = 0x0620;  // models 4, 6, 8
+const int kDefaultModel = 4;
+const std::size_t kMaxLog = 10000;
+
+unsigned short DefaultFirmware(int nModel)
+{
+    if (nModel <= 4) return 0x1004;
+    if (nModel <= 6) return 0x1103;
+    return 0x3000;
+}
+
+// Size of the argument block of each request the kernel driver answers;
+// -1 for a request it does not know.
+long BlockSize(unsigned long nRequest)
+{
+    switch (nRequest) {
+    case 4: return 18;
+    case 5: return 128;
+    case 8: return 2;
+    case 9:
+    case 17:
+    case 18: return 64;
+    case 21:
+    case 22: return 0;
+    default: return -1;
+    }
+}
+
+}  // namespace
+
+CVirtualUnit::CVirtualUnit(int nIndex)
+    : m_nIndex(nIndex),
+      m_nModel(kDefaultModel),
+      m_wVendor(kDefaultVendor),
+      m_wProduct(kProductEven),
+      m_wFirmware(DefaultFirmware(kDefaultModel)),
+      m_strSerial("VIRT000" + std::to_string(nIndex)),
+      m_nOpenCount(0),
+      m_nCloseCount(0),
+      m_nOpenFds(0),
+      m_bLedOn(false),
+      m_byLedSelector(0),
+      m_abyOption(),
+      m_abyValue(),
+      m_bAcquiring(false),
+      m_nRequests(0),
+      m_nReads(0),
+      m_nFrames(0),
+      m_nAcquisitions(0),
+      m_nReadInAcquisition(0),
+      m_nLastReadBytes(0),
+      m_nShortBytes(0),
+      m_bUnplugPending(false),
+      m_nUnplugAfter(0),
+      m_nOpsSinceUnplug(0),
+      m_bVanished(false),
+      m_nDelayMs(0),
+      m_nFps(0),
+      m_tNextFrame(),
+      m_nFrameCapacity(0),
+      m_bFrameValid(false),
+      m_nFrameKey(0),
+      m_frameGeometry()
+{
+    m_scene.strScene = "pattern";
+    m_pSource = MakeFrameSource(m_scene, nullptr);
+}
+
+bool CVirtualUnit::Apply(const UnitKeys& keys, std::string* pError)
+{
+    // Everything that can fail comes first, so that a refused key set leaves
+    // the unit as it was.
+    const bool bNewScene = keys.strScene || keys.vecLevels || !m_pSource;
+    SceneParams scene = m_scene;
+    std::unique_ptr<CFrameSource> pSource;
+    if (bNewScene) {
+        if (keys.strScene) scene.strScene = *keys.strScene;
+        if (keys.vecLevels) scene.vecLevels = *keys.vecLevels;
+        std::string strError;
+        pSource = MakeFrameSource(scene, &strError);
+        if (!pSource) {
+            if (pError) *pError = strError;
+            return false;
+        }
+    }
+
+    if (keys.nModel) {
+        m_nModel = *keys.nModel;
+        m_wProduct = (m_nModel % 2 != 0) ? kProductOdd : kProductEven;
+        m_wFirmware = DefaultFirmware(m_nModel);
+    }
+    if (keys.wProduct) m_wProduct = *keys.wProduct;
+    if (keys.wFirmware) m_wFirmware = *keys.wFirmware;
+    if (keys.wVendor) m_wVendor = *keys.wVendor;
+    if (keys.strSerial) m_strSerial = *keys.strSerial;
+    if (bNewScene) {
+        m_scene = scene;
+        m_pSource = std::move(pSource);
+        m_bFrameValid = false;
+    }
+
+    if (keys.bClearFaults) {
+        m_vecFail.clear();
+        m_openFail = CountedFault();
+        m_readFail = CountedFault();
+        m_shortRead = CountedFault();
+        m_bUnplugPending = false;
+    }
+    for (const FailRule& rule : keys.vecFail) {
+        bool bReplaced = false;
+        for (FailState& state : m_vecFail) {
+            if (state.nRequest == rule.nRequest) {
+                state.nFrom = rule.nFrom;
+                state.nCalls = 0;
+                bReplaced = true;
+            }
+        }
+        if (!bReplaced) m_vecFail.push_back(FailState{rule.nRequest, rule.nFrom, 0});
+    }
+    if (keys.nOpenFailFrom) {
+        m_openFail.bActive = true;
+        m_openFail.nFrom = *keys.nOpenFailFrom;
+        m_openFail.nCalls = 0;
+    }
+    if (keys.nReadFailFrom) {
+        m_readFail.bActive = true;
+        m_readFail.nFrom = *keys.nReadFailFrom;
+        m_readFail.nCalls = 0;
+    }
+    if (keys.shortRead) {
+        m_shortRead.bActive = true;
+        m_shortRead.nFrom = keys.shortRead->nFrom;
+        m_shortRead.nCalls = 0;
+        m_nShortBytes = keys.shortRead->nBytes;
+    }
+    if (keys.bReplug) {
+        m_bVanished = false;
+    }
+    if (keys.nUnplugAfter) {
+        m_nOpsSinceUnplug = 0;
+        m_nUnplugAfter = *keys.nUnplugAfter;
+        m_bUnplugPending = m_nUnplugAfter > 0;
+        if (m_nUnplugAfter == 0) m_bVanished = true;
+    }
+    if (keys.nDelayMs) m_nDelayMs = *keys.nDelayMs;
+    if (keys.nFps) {
+        m_nFps = *keys.nFps;
+        m_tNextFrame = Clock::time_point();
+    }
+    return true;
+}
+
+int CVirtualUnit::CheckOpen()
+{
+    if (m_bVanished) {
+        return ENOENT;  // the node went away with the device
+    }
+    if (m_openFail.Hit()) {
+        return ENODEV;
+    }
+    return 0;
+}
+
+void CVirtualUnit::Opened()
+{
+    ++m_nOpenCount;
+    ++m_nOpenFds;
+}
+
+void CVirtualUnit::Closed()
+{
+    ++m_nCloseCount;
+    if (m_nOpenFds > 0) --m_nOpenFds;
+}
+
+void CVirtualUnit::CountOperation()
+{
+    if (!m_bUnplugPending) return;
+    ++m_nOpsSinceUnplug;
+    if (m_nOpsSinceUnplug >= m_nUnplugAfter) {
+        m_bVanished = true;
+        m_bUnplugPending = false;
+        m_bAcquiring = false;
+    }
+}
+
+void CVirtualUnit::AddLog(unsigned long nRequest, const void* pBlock, size_t nBlock, bool bFailed)
+{
+    if (m_dequeLog.size() >= kMaxLog) {
+        m_dequeLog.pop_front();
+    }
+    Request req;
+    req.nRequest = nRequest;
+    if (pBlock != nullptr && nBlock > 0) {
+        const unsigned char* p = static_cast<const unsigned char*>(pBlock);
+        req.vecBlock.assign(p, p + nBlock);
+    }
+    req.bFailed = bFailed;
+    m_dequeLog.push_back(std::move(req));
+}
+
+void CVirtualUnit::DescriptorBlock(unsigned char* pBlock) const
+{
+    const unsigned char aby[18] = {
+        18,                                          // bLength
+        1,                                           // bDescriptorType: device
+        0x00, 0x02,                                  // bcdUSB 2.00
+        0xFF, 0x00, 0x00,                            // vendor-specific class
+        64,                                          // bMaxPacketSize0
+        static_cast<unsigned char>(m_wVendor & 0xFF), static_cast<unsigned char>(m_wVendor >> 8),
+        static_cast<unsigned char>(m_wProduct & 0xFF), static_cast<unsigned char>(m_wProduct >> 8),
+        static_cast<unsigned char>(m_wFirmware & 0xFF), static_cast<unsigned char>(m_wFirmware >> 8),
+        1, 2, 3,                                     // manufacturer, product, serial strings
+        1,                                           // one configuration
+    };
+    std::memcpy(pBlock, aby, sizeof aby);
+}
+
+void CVirtualUnit::DeviceIdBlock(unsigned char* pBlock) const
+{
+    char sz[64] = {};
+    std::snprintf(sz, sizeof sz, "TAVK05-%d-%s", m_nModel, m_strSerial.c_str());
+    std::memcpy(pBlock, sz, sizeof sz);
+}
+
+int CVirtualUnit::Ioctl(unsigned long nRequest, void* pArg)
+{
+    ++m_nRequests;
+    if (m_bVanished) {
+        AddLog(nRequest, nullptr, 0, true);
+        return -ENODEV;
+    }
+    const long nBlock = BlockSize(nRequest);
+    int nResult = 0;
+    if (nBlock < 0) {
+        AddLog(nRequest, nullptr, 0, true);
+        nResult = -EINVAL;
+    } else if (nBlock > 0 && pArg == nullptr) {
+        AddLog(nRequest, nullptr, 0, true);
+        nResult = -EFAULT;
+    } else {
+        bool bFail = false;
+        for (FailState& state : m_vecFail) {
+            if (state.nRequest == nRequest) {
+                ++state.nCalls;
+                bFail = state.nCalls >= state.nFrom;
+            }
+        }
+        AddLog(nRequest, pArg, static_cast<size_t>(nBlock), bFail);
+        unsigned char* pBlock = static_cast<unsigned char*>(pArg);
+        if (bFail) {
+            nResult = -EIO;
+        } else {
+            switch (nRequest) {
+            case 4: DescriptorBlock(pBlock); break;
+            case 5: std::memcpy(m_abyOption, pBlock, sizeof m_abyOption); break;
+            case 8:
+                m_bLedOn = pBlock[0] != 0;
+                m_byLedSelector = pBlock[1];
+                break;
+            case 9: DeviceIdBlock(pBlock); break;
+            case 17: std::memcpy(pBlock, m_abyValue, sizeof m_abyValue); break;
+            case 18: std::memcpy(m_abyValue, pBlock, sizeof m_abyValue); break;
+            case 21:
+                m_bAcquiring = true;
+                ++m_nAcquisitions;
+                m_nReadInAcquisition = 0;
+                break;
+            case 22: m_bAcquiring = false; break;
+            default: break;
+            }
+        }
+    }
+    CountOperation();
+    return nResult;
+}
+
+CVirtualUnit::Clock::time_point CVirtualUnit::ReserveRead(Clock::time_point tNow)
+{
+    Clock::time_point tDue = tNow;
+    if (m_nFps > 0) {
+        if (m_tNextFrame > tDue) tDue = m_tNextFrame;
+        m_tNextFrame = tDue + std::chrono::microseconds(1000000 / m_nFps);
+    }
+    return tDue + std::chrono::milliseconds(m_nDelayMs);
+}
+
+bool CVirtualUnit::EnsureFrame(const RenderInput& in)
+{
+    if (!m_pSource) {
+        return false;
+    }
+    const unsigned long long nKey = m_pSource->FrameKey(in);
+    if (m_bFrameValid && nKey == m_nFrameKey && in.geometry.nFrameBytes == m_frameGeometry.nFrameBytes &&
+        in.geometry.nWidth == m_frameGeometry.nWidth && in.geometry.nHeight == m_frameGeometry.nHeight) {
+        return true;
+    }
+    if (m_nFrameCapacity < in.geometry.nFrameBytes) {
+        m_pFrame.reset();
+        m_nFrameCapacity = 0;
+        m_pFrame.reset(new (std::nothrow) unsigned char[in.geometry.nFrameBytes]);
+        if (!m_pFrame) {
+            m_bFrameValid = false;
+            return false;
+        }
+        m_nFrameCapacity = in.geometry.nFrameBytes;
+    }
+    m_pSource->Render(in, m_pFrame.get());
+    m_bFrameValid = true;
+    m_nFrameKey = nKey;
+    m_frameGeometry = in.geometry;
+    return true;
+}
+
+ssize_t CVirtualUnit::Read(void* pBuf, size_t nBytes)
+{
+    ++m_nReads;
+    m_nLastReadBytes = nBytes;
+    if (m_bVanished) {
+        return -ENODEV;
+    }
+    if (m_readFail.Hit()) {
+        CountOperation();
+        return -EIO;
+    }
+    RenderInput in;
+    in.nIndex = m_nIndex;
+    in.nModel = m_nModel;
+    in.nDevType = DeviceTypeOf(m_wProduct, m_wFirmware);
+    in.wProduct = m_wProduct;
+    in.wBcdDevice = m_wFirmware;
+    in.geometry = GeometryOf(in.nDevType, m_wFirmware);
+    in.byExposure = m_abyOption[2];
+    in.byGain = m_abyOption[3];
+    in.bLedOn = m_bLedOn;
+    in.nFrame = m_nFrames;
+    in.nAcquisition = m_nAcquisitions;
+    in.nReadInAcquisition = m_nReadInAcquisition;
+    in.bAcquiring = m_bAcquiring;
+
+    size_t nDeliver = nBytes < in.geometry.nFrameBytes ? nBytes : in.geometry.nFrameBytes;
+    if (m_shortRead.Hit() && nDeliver > m_nShortBytes) {
+        nDeliver = m_nShortBytes;
+    }
+    if (nDeliver > 0 && pBuf == nullptr) {
+        CountOperation();
+        return -EFAULT;
+    }
+    if (!EnsureFrame(in)) {
+        CountOperation();
+        return -ENOMEM;
+    }
+    if (nDeliver > 0) {
+        std::memcpy(pBuf, m_pFrame.get(), nDeliver);
+    }
+    ++m_nFrames;
+    ++m_nReadInAcquisition;
+    CountOperation();
+    return static_cast<ssize_t>(nDeliver);
+}
+
+void CVirtualUnit::GetState(UnitState* pState) const
+{
+    pState->bAttached = !m_bVanished;
+    pState->bOpen = m_nOpenFds > 0;
+    pState->nOpenCount = m_nOpenCount;
+    pState->nCloseCount = m_nCloseCount;
+    pState->bLedOn = m_bLedOn;
+    pState->byLedSelector = m_byLedSelector;
+    pState->byExposure = m_abyOption[2];
+    pState->byGain = m_abyOption[3];
+    pState->bAcquiring = m_bAcquiring;
+    pState->nRequests = m_nRequests;
+    pState->nReads = m_nReads;
+    pState->nLastReadBytes = m_nLastReadBytes;
+    std::memcpy(pState->abyOption, m_abyOption, sizeof m_abyOption);
+    std::memcpy(pState->abyValue, m_abyValue, sizeof m_abyValue);
+    DeviceIdBlock(pState->abyDeviceId);
+}
+
+std::vector<Request> CVirtualUnit::Log() const
+{
+    return std::vector<Request>(m_dequeLog.begin(), m_dequeLog.end());
+}
+
+}  // namespace tavk05virt

@@ -1,0 +1,128 @@
+// One virtual scanner unit: its USB identity, the answers to the kernel
+// driver's control requests, frame delivery and the faults it was told to
+// show. Not thread-safe by itself; the registry serialises all calls.
+#ifndef TAVK05_VSCANNER_UNIT_H
+#define TAVK05_VSCANNER_UNIT_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tavk05/virtual.h"
+#include "vscanner_config.h"
+#include "vscanner_render.h"
+
+namespace tavk05virt {
+
+class CVirtualUnit {
+public:
+    typedef std::chrono::steady_clock Clock;
+
+    explicit CVirtualUnit(int nIndex);
+
+    // Applies a key set. Checks first and changes nothing when it fails.
+    bool Apply(const UnitKeys& keys, std::string* pError);
+
+    // 0 when an open may go ahead, else the errno to fail it with.
+    int CheckOpen();
+    void Opened();
+    void Closed();
+
+    // A control request: 0, or -errno.
+    int Ioctl(unsigned long nRequest, void* pArg);
+
+    // When a read arriving now may deliver its frame (pacing by delay= and
+    // fps=); reserves that frame slot.
+    Clock::time_point ReserveRead(Clock::time_point tNow);
+    // One read: the byte count, or -errno.
+    ssize_t Read(void* pBuf, size_t nBytes);
+
+    bool Vanished() const { return m_bVanished; }
+    void GetState(UnitState* pState) const;
+    std::vector<Request> Log() const;
+    void ClearLog() { m_dequeLog.clear(); }
+
+private:
+    struct FailState {
+        unsigned long nRequest;
+        unsigned long nFrom;
+        unsigned long nCalls;
+    };
+    struct CountedFault {
+        bool bActive = false;
+        unsigned long nFrom = 0;
+        unsigned long nCalls = 0;
+        // Counts one more call; true when this call is to fail.
+        bool Hit()
+        {
+            if (!bActive) return false;
+            ++nCalls;
+            return nCalls >= nFrom;
+        }
+    };
+
+    void CountOperation();
+    void AddLog(unsigned long nRequest, const void* pBlock, size_t nBlock, bool bFailed);
+    void DeviceIdBlock(unsigned char* pBlock) const;
+    void DescriptorBlock(unsigned char* pBlock) const;
+    bool EnsureFrame(const RenderInput& in);
+
+    const int m_nIndex;
+    // Identity.
+    int m_nModel;
+    unsigned short m_wVendor;
+    unsigned short m_wProduct;
+    unsigned short m_wFirmware;
+    std::string m_strSerial;
+    SceneParams m_scene;
+    std::unique_ptr<CFrameSource> m_pSource;
+
+    // State as the driver changed it.
+    int m_nOpenCount;
+    int m_nCloseCount;
+    int m_nOpenFds;
+    bool m_bLedOn;
+    unsigned char m_byLedSelector;
+    unsigned char m_abyOption[128];
+    unsigned char m_abyValue[64];
+    bool m_bAcquiring;
+    unsigned long m_nRequests;
+    unsigned long m_nReads;
+    unsigned long m_nFrames;
+    unsigned long m_nAcquisitions;
+    unsigned long m_nReadInAcquisition;
+    unsigned long m_nLastReadBytes;
+
+    // Faults.
+    std::vector<FailState> m_vecFail;
+    CountedFault m_openFail;
+    CountedFault m_readFail;
+    CountedFault m_shortRead;
+    unsigned long m_nShortBytes;
+    bool m_bUnplugPending;
+    unsigned long m_nUnplugAfter;
+    unsigned long m_nOpsSinceUnplug;
+    bool m_bVanished;
+
+    // Pacing.
+    unsigned m_nDelayMs;
+    unsigned m_nFps;
+    Clock::time_point m_tNextFrame;
+
+    // Last rendered frame.
+    std::unique_ptr<unsigned char[]> m_pFrame;
+    unsigned long m_nFrameCapacity;
+    bool m_bFrameValid;
+    unsigned long long m_nFrameKey;
+    FrameGeometry m_frameGeometry;
+
+    std::deque<Request> m_dequeLog;
+};
+
+}  // namespace tavk05virt
+
+#endif
