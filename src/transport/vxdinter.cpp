@@ -231,7 +231,7 @@ int CVxdInterface::RollDevIoControl(unsigned long nMode)
     } else {
         return VXD_OK;
     }
-    if (ioctl(m_hDevice, nRequest, 0) < 0) {
+    if (ioctl(m_hDevice, nRequest, 0UL) < 0) {
         return VXD_E_REQUEST;
     }
     return VXD_OK;

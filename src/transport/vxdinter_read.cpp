@@ -44,7 +44,7 @@ void ReadFrame(int hDevice, unsigned char* pStage, unsigned long nTransfer)
 
 bool SendRequest(int hDevice, unsigned long nRequest)
 {
-    return ioctl(hDevice, nRequest, 0) >= 0;
+    return ioctl(hDevice, nRequest, 0UL) >= 0;
 }
 
 }  // namespace
