@@ -1,0 +1,324 @@
+// Rolled image composition: each frame of a finger rolled across the glass
+// is located (left and right finger edges from a column activity profile)
+// and the part beyond the seam is merged into the composite, pixel by
+// pixel, from whichever image is darker over the 21 x 21 box around it.
+#include "tavk05/isproc.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+namespace {
+
+const int SIDE = 600;               // frames and composite are 600 x 600
+const int BOX_HALF = 10;            // merge boxes of 21 x 21 pixels
+const int BOX_SIDE = 2 * BOX_HALF + 1;
+const int ACTIVITY_STEP = 15;       // a neighbour difference above this counts as texture
+const int SMOOTH_HALF = 5;          // profile smoothed over 11 columns
+const int PRESENCE_MIN = 50;        // smoothed peak below this: no finger
+const int EDGE_LEVEL = 30;          // finger edge where the profile falls to this
+const int RETREAT_TOLERANCE = 10;   // leading edge may fall back this far (frame ignored)
+const int SPEED_LIMIT = 90;         // mean edge move per frame above this: too fast
+const int DIRECTION_SPLIT = 299;    // first finger centre at or left of this rolls rightwards
+const int RIGHTWARD_STRIP_END = 579; // last strip column of a rightward merge
+const int RIGHTWARD_BOX_LAST = RIGHTWARD_STRIP_END - (BOX_SIDE - 1); // 559
+
+enum { RESULT_CONTINUE = 0, RESULT_COMPLETE = 1, RESULT_TOO_FAST = 2 };
+
+// Truncation toward zero of a non-negative-clamped product, limited to
+// 0..255. Anything below 1 (negative values and NaN included) becomes 0.
+inline unsigned char TruncateToByte(double x)
+{
+    if (!(x >= 1.0))
+        return 0;
+    if (x >= 255.0)
+        return 255;
+    return (unsigned char)(int)x;
+}
+
+// Background subtraction and grey mapping of the whole frame into pGrey.
+// d = background - frame (at least 0); then, by mode:
+//   no contrast table:  255 - 3d
+//   device type 7:      (125 - d) x contrast
+//   otherwise:          (table[255 - 3d] + jitter of -4..+4 from rand()) x contrast
+// all clamped to 0..255. Products are formed in double, which holds them
+// exactly, and the per-level results are tabulated once per frame.
+void ConvertFrame(const unsigned char* pFrame, const unsigned char* pBackground, int bContrastTable,
+                  const unsigned char* pTable, int nDeviceType, float fContrast, unsigned char* pGrey)
+{
+    if (bContrastTable == 0) {
+        for (int i = 0; i < SIDE * SIDE; ++i) {
+            int d = pBackground[i] - pFrame[i];
+            d = d < 0 ? 0 : d;
+            const int v = 255 - 3 * d;
+            pGrey[i] = (unsigned char)(v < 0 ? 0 : v);
+        }
+        return;
+    }
+    if (nDeviceType == 7) {
+        unsigned char ucMap[256];
+        for (int d = 0; d < 256; ++d)
+            ucMap[d] = TruncateToByte((double)(125 - d) * (double)fContrast);
+        for (int i = 0; i < SIDE * SIDE; ++i) {
+            const int d = pBackground[i] - pFrame[i];
+            pGrey[i] = ucMap[d < 0 ? 0 : d];
+        }
+        return;
+    }
+    // Jittered levels run from -4 to 259; index = level + 4.
+    unsigned char ucScaled[264];
+    for (int v = -4; v < 260; ++v)
+        ucScaled[v + 4] = TruncateToByte((double)v * (double)fContrast);
+    for (int i = 0; i < SIDE * SIDE; ++i) {
+        int d = pBackground[i] - pFrame[i];
+        d = d < 0 ? 0 : d;
+        int v = 255 - 3 * d;
+        v = v < 0 ? 0 : v;
+        v = pTable[v] + (std::rand() % 9) - 4;
+        pGrey[i] = ucScaled[v + 4];
+    }
+}
+
+// Column activity: for rows and columns 1..598, a pixel counts once when
+// its left and right neighbours, or else its upper and lower neighbours,
+// differ by more than the step.
+void ActivityProfile(const unsigned char* pGrey, int* pActivity)
+{
+    for (int c = 0; c < SIDE; ++c)
+        pActivity[c] = 0;
+    for (int y = 1; y <= SIDE - 2; ++y) {
+        const unsigned char* pUp = pGrey + (y - 1) * SIDE;
+        const unsigned char* pMid = pUp + SIDE;
+        const unsigned char* pDown = pMid + SIDE;
+        for (int x = 1; x <= SIDE - 2; ++x) {
+            const int bAcross = std::abs(pMid[x - 1] - pMid[x + 1]) > ACTIVITY_STEP;
+            const int bDown = std::abs(pUp[x] - pDown[x]) > ACTIVITY_STEP;
+            pActivity[x] += bAcross | bDown;
+        }
+    }
+}
+
+// Centred moving average over 11 columns, clipped at the image sides.
+void SmoothProfile(const int* pActivity, int* pSmooth)
+{
+    for (int c = 0; c < SIDE; ++c) {
+        const int nFrom = c - SMOOTH_HALF < 0 ? 0 : c - SMOOTH_HALF;
+        const int nTo = c + SMOOTH_HALF > SIDE - 1 ? SIDE - 1 : c + SMOOTH_HALF;
+        int nSum = 0;
+        for (int k = nFrom; k <= nTo; ++k)
+            nSum += pActivity[k];
+        pSmooth[c] = nSum / (nTo - nFrom + 1);
+    }
+}
+
+// Merges the boxes whose left columns run from nBoxFirst to nBoxLast
+// (each box 21 columns wide, inside the image) for every box row 0..579.
+// The pixel at the box's row centre and at column (box left + nTargetShift)
+// takes the new image's value when the composite's box sum is strictly
+// greater (brighter) than the new image's. All decisions are taken on the
+// composite as it was before this frame, hence the copy of the strip.
+// Box sums are kept as running column sums of the difference composite -
+// new, slid across each box row, so every box costs a constant number of
+// additions. Returns false, with the composite untouched, when the scratch
+// buffers cannot be allocated.
+bool MergeStrip(unsigned char* pComposite, const unsigned char* pNew, int nBoxFirst, int nBoxLast,
+                int nTargetShift)
+{
+    const int nBoxes = nBoxLast - nBoxFirst + 1;
+    const int nStrip = nBoxes + BOX_SIDE - 1;
+    std::unique_ptr<unsigned char[]> pOld(new (std::nothrow) unsigned char[(size_t)nStrip * SIDE]);
+    std::unique_ptr<int[]> pColDiff(new (std::nothrow) int[nStrip]);
+    if (!pOld || !pColDiff)
+        return false;
+
+    for (int y = 0; y < SIDE; ++y)
+        std::memcpy(pOld.get() + y * nStrip, pComposite + y * SIDE + nBoxFirst, nStrip);
+
+    const unsigned char* pNewStrip = pNew + nBoxFirst;
+    for (int k = 0; k < nStrip; ++k)
+        pColDiff[k] = 0;
+    for (int y = 0; y < BOX_SIDE; ++y) {
+        const unsigned char* pX = pOld.get() + y * nStrip;
+        const unsigned char* pY = pNewStrip + y * SIDE;
+        for (int k = 0; k < nStrip; ++k)
+            pColDiff[k] += pX[k] - pY[k];
+    }
+
+    for (int i = 0; i <= SIDE - BOX_SIDE; ++i) {
+        if (i > 0) {
+            const unsigned char* pXIn = pOld.get() + (i + BOX_SIDE - 1) * nStrip;
+            const unsigned char* pYIn = pNewStrip + (i + BOX_SIDE - 1) * SIDE;
+            const unsigned char* pXOut = pOld.get() + (i - 1) * nStrip;
+            const unsigned char* pYOut = pNewStrip + (i - 1) * SIDE;
+            for (int k = 0; k < nStrip; ++k)
+                pColDiff[k] += (pXIn[k] - pYIn[k]) - (pXOut[k] - pYOut[k]);
+        }
+        const int nRow = (i + BOX_HALF) * SIDE + nBoxFirst + nTargetShift;
+        unsigned char* pDst = pComposite + nRow;
+        const unsigned char* pSrc = pNew + nRow;
+        int nBoxDiff = 0;
+        for (int k = 0; k < BOX_SIDE; ++k)
+            nBoxDiff += pColDiff[k];
+        for (int b = 0; b < nBoxes; ++b) {
+            if (b > 0)
+                nBoxDiff += pColDiff[b + BOX_SIDE - 1] - pColDiff[b - 1];
+            if (nBoxDiff > 0)
+                pDst[b] = pSrc[b];
+        }
+    }
+    return true;
+}
+
+// Border rows the boxes cannot reach (0..9 and 590..599): columns
+// nFrom..nTo are copied from the new image.
+void CopyBorderRows(unsigned char* pComposite, const unsigned char* pNew, int nFrom, int nTo)
+{
+    if (nFrom > nTo)
+        return;
+    for (int y = 0; y < SIDE; ++y) {
+        if (y == BOX_HALF)
+            y = SIDE - BOX_HALF;
+        std::memcpy(pComposite + y * SIDE + nFrom, pNew + y * SIDE + nFrom, (size_t)(nTo - nFrom + 1));
+    }
+}
+
+} // namespace
+
+// One frame of a rolled capture. nFrame 0 (or less) starts a new roll: the
+// state is cleared and nothing else happens. Later frames return 0 when the
+// frame was merged or ignored, 1 when the rolled image is complete (finger
+// gone, roll reversed, or the edge of the glass reached) and 2 when the
+// roll is too fast.
+//
+// Only the first 360000 bytes of the images are used; an image size below
+// that is refused with 1 and nothing written, as are null images. When a
+// work buffer cannot be allocated the frame is treated as ignored (0, no
+// state change, composite untouched).
+//
+// The merge boxes of a seam close to a side of the image would reach
+// outside it (direction 1 with the seam left of column 10, direction 2
+// with it right of column 590). Only boxes that lie wholly inside the
+// image are evaluated: the few columns next to the side whose box does not
+// fit keep the composite's value, exactly as the columns 570..599 do in
+// direction 1. Seams further inside are not affected by this.
+int CImageProc::ImageComposition(unsigned char* pFrame, unsigned char* pComposite, long nSize, int nFrame,
+                                 float fContrast)
+{
+    if (nFrame <= 0) {
+        m_bRollStarted = 0;
+        m_nRollCenter = 0;
+        m_nRollLeft = 0;
+        m_nRollRight = 0;
+        return RESULT_CONTINUE;
+    }
+    if (pFrame == nullptr || pComposite == nullptr || m_pBackground == nullptr || nSize < IMG_PIXELS)
+        return RESULT_COMPLETE;
+
+    std::unique_ptr<unsigned char[]> pGrey(new (std::nothrow) unsigned char[IMG_PIXELS]);
+    if (!pGrey)
+        return RESULT_CONTINUE;
+    ConvertFrame(pFrame, m_pBackground, m_bContrastTable, m_ucContrastTable, m_nDeviceType, fContrast,
+                 pGrey.get());
+
+    int nActivity[SIDE];
+    int nSmooth[SIDE];
+    ActivityProfile(pGrey.get(), nActivity);
+
+    // Devices 5 and 6 merge the frame's own pixels; the finger is still
+    // located on the converted image.
+    const unsigned char* pNew = (m_nDeviceType == 5 || m_nDeviceType == 6) ? pFrame : pGrey.get();
+
+    SmoothProfile(nActivity, nSmooth);
+    int nPeak = nSmooth[0];
+    int p = 0;
+    for (int c = 1; c < SIDE; ++c) {
+        if (nSmooth[c] > nPeak) {
+            nPeak = nSmooth[c];
+            p = c;
+        }
+    }
+    if (nPeak < PRESENCE_MIN) {
+        if (m_bRollStarted == 1)
+            m_bRollStarted = 0;
+        return RESULT_COMPLETE;
+    }
+
+    int l = 0;
+    for (int c = p; c >= 0; --c) {
+        if (nSmooth[c] <= EDGE_LEVEL) {
+            l = c + 1;
+            break;
+        }
+    }
+    int r = SIDE - 1;
+    for (int c = p; c < SIDE; ++c) {
+        if (nSmooth[c] <= EDGE_LEVEL) {
+            r = c - 1;
+            break;
+        }
+    }
+    l = l < 0 ? 0 : (l > SIDE - 1 ? SIDE - 1 : l);
+    r = r < 0 ? 0 : (r > SIDE - 1 ? SIDE - 1 : r);
+
+    if (m_bRollStarted == 0) {
+        std::memcpy(pComposite, pNew, IMG_PIXELS);
+        m_nRollCenter = (l + r) / 2;
+        m_nRollLeft = l;
+        m_nRollRight = r;
+        m_nRollDirection = m_nRollCenter <= DIRECTION_SPLIT ? 1 : 2;
+        m_bRollStarted = 1;
+        return RESULT_CONTINUE;
+    }
+
+    // The state is public; wide arithmetic keeps odd values from overflowing.
+    const long long L = m_nRollLeft;
+    const long long R = m_nRollRight;
+    long long nSeam;
+    int nBoxFirst, nBoxLast, nTargetShift, nBorderFrom, nBorderTo;
+    if (m_nRollDirection == 1) {
+        // Rightward roll: the right edge leads.
+        if (r < R - RETREAT_TOLERANCE)
+            return RESULT_COMPLETE;
+        if (r < R)
+            return RESULT_CONTINUE;
+        if (((l - L) + (r - R)) / 2 > SPEED_LIMIT)
+            return RESULT_TOO_FAST;
+        nSeam = (R + l) / 2;
+        // The strip runs from s - 10 to 579: 570 - s boxes.
+        if (RIGHTWARD_BOX_LAST - (nSeam - BOX_HALF) + 1 <= 0)
+            return RESULT_COMPLETE;
+        // Boxes from column s - 10 (not left of 0) to 559; targets at their centres.
+        nBoxFirst = nSeam - BOX_HALF < 0 ? 0 : (int)(nSeam - BOX_HALF);
+        nBoxLast = RIGHTWARD_BOX_LAST;
+        nTargetShift = BOX_HALF;
+        nBorderFrom = nSeam < 0 ? 0 : (int)nSeam;
+        nBorderTo = SIDE - 1;
+    } else {
+        // Leftward roll: the left edge leads.
+        if (l > L + RETREAT_TOLERANCE)
+            return RESULT_COMPLETE;
+        if (l > L)
+            return RESULT_CONTINUE;
+        if (((l - L) + (r - R)) / 2 > SPEED_LIMIT)
+            return RESULT_TOO_FAST;
+        nSeam = (L + r) / 2;
+        if (nSeam <= BOX_HALF)
+            return RESULT_COMPLETE;
+        // Boxes from column 0 to s - 11 (not beyond 579); targets at their left columns.
+        nBoxFirst = 0;
+        nBoxLast = nSeam - BOX_HALF - 1 > SIDE - BOX_SIDE ? SIDE - BOX_SIDE : (int)(nSeam - BOX_HALF - 1);
+        nTargetShift = 0;
+        nBorderFrom = 0;
+        nBorderTo = nSeam > SIDE ? SIDE - 1 : (int)(nSeam - 1);
+    }
+
+    if (!MergeStrip(pComposite, pNew, nBoxFirst, nBoxLast, nTargetShift))
+        return RESULT_CONTINUE;
+    CopyBorderRows(pComposite, pNew, nBorderFrom, nBorderTo);
+
+    m_nRollCenter = p;
+    m_nRollLeft = l;
+    m_nRollRight = r;
+    return RESULT_CONTINUE;
+}

@@ -1,0 +1,150 @@
+// Whole-image grey-level operations a host can apply to a finished image:
+// histogram stretching of the darkest fifth, and cleaning of bright flat
+// background around the ridges.
+#include "tavk05/isproc.h"
+
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+namespace {
+
+const int BOX_HALF = 8;             // 17 x 17 neighbourhood
+const int BOX_SIDE = 2 * BOX_HALF + 1;
+
+// Mean of every clipped 17 x 17 square of a 600 x 600 image, with running
+// column sums and a running row sum so that the cost per pixel does not
+// depend on the square's size. pColSum has room for 600 ints.
+void BoxMean17(const unsigned char* pSrc, unsigned char* pDst, int* pColSum)
+{
+    for (int c = 0; c < IMG_WIDTH; ++c)
+        pColSum[c] = 0;
+    int nRows = 0;
+    for (int nIn = 0;; ++nIn) {
+        if (nIn < IMG_HEIGHT) {
+            const unsigned char* pRow = pSrc + nIn * IMG_WIDTH;
+            for (int c = 0; c < IMG_WIDTH; ++c)
+                pColSum[c] += pRow[c];
+            ++nRows;
+        }
+        const int nLeave = nIn - BOX_SIDE;
+        if (nLeave >= 0) {
+            const unsigned char* pRow = pSrc + nLeave * IMG_WIDTH;
+            for (int c = 0; c < IMG_WIDTH; ++c)
+                pColSum[c] -= pRow[c];
+            --nRows;
+        }
+        const int nOut = nIn - BOX_HALF;
+        if (nOut >= IMG_HEIGHT)
+            break;
+        if (nOut < 0)
+            continue;
+
+        unsigned char* pOut = pDst + nOut * IMG_WIDTH;
+        int nSum = 0;
+        int nCols = 0;
+        for (int cIn = 0;; ++cIn) {
+            if (cIn < IMG_WIDTH) {
+                nSum += pColSum[cIn];
+                ++nCols;
+            }
+            const int cLeave = cIn - BOX_SIDE;
+            if (cLeave >= 0) {
+                nSum -= pColSum[cLeave];
+                --nCols;
+            }
+            const int cOut = cIn - BOX_HALF;
+            if (cOut >= IMG_WIDTH)
+                break;
+            if (cOut >= 0)
+                pOut[cOut] = (unsigned char)(nSum / (nRows * nCols));
+        }
+    }
+}
+
+} // namespace
+
+// Spreads the darkest fifth of the grey levels over 0..254 and turns
+// everything brighter, and every level of 245 or more, into 255. A null
+// image or a non-positive size is left alone.
+void CImageProc::Histoequal(unsigned char* pImage, int nWidth, int nHeight)
+{
+    if (pImage == nullptr || nWidth <= 0 || nHeight <= 0)
+        return;
+    const long long nPixels = (long long)nWidth * nHeight;
+
+    long long nHist[256] = {0};
+    for (long long i = 0; i < nPixels; ++i)
+        ++nHist[pImage[i]];
+
+    const double dScale = 1280.0 / (double)nPixels;
+    unsigned char ucMap[256];
+    long long nCumulative = 0;
+    for (int g = 0; g < 256; ++g) {
+        nCumulative += nHist[g];
+        if (g >= 245) {
+            ucMap[g] = 255;
+            continue;
+        }
+        const long long v = (long long)((double)nCumulative * dScale);
+        ucMap[g] = (unsigned char)(v > 255 ? 255 : v);
+    }
+    for (long long i = 0; i < nPixels; ++i)
+        pImage[i] = ucMap[pImage[i]];
+}
+
+// Background cleaning of a 600 x 600 image: the image is normalised to a
+// mean of 150 and a mean absolute deviation of 75; wherever its local
+// 17 x 17 mean is above the normalised image's mean and its local mean
+// deviation is below 20 (bright and flat), the pixel becomes 255. Ridges
+// keep their values. An image whose mean absolute deviation is below one
+// grey level has no contrast to normalise and is left unchanged, as is the
+// image when the work buffers cannot be allocated.
+void CImageProc::Final(unsigned char* pImage)
+{
+    if (pImage == nullptr)
+        return;
+
+    long long nSum = 0;
+    for (int i = 0; i < IMG_PIXELS; ++i)
+        nSum += pImage[i];
+    const int nMean = (int)(nSum / IMG_PIXELS);
+
+    long long nAbsSum = 0;
+    for (int i = 0; i < IMG_PIXELS; ++i)
+        nAbsSum += std::abs(pImage[i] - nMean);
+    const int nMad = (int)(nAbsSum / IMG_PIXELS);
+    if (nMad == 0)
+        return;
+
+    std::unique_ptr<unsigned char[]> pNorm(new (std::nothrow) unsigned char[IMG_PIXELS]);
+    std::unique_ptr<unsigned char[]> pLocalMean(new (std::nothrow) unsigned char[IMG_PIXELS]);
+    std::unique_ptr<unsigned char[]> pLocalDev(new (std::nothrow) unsigned char[IMG_PIXELS]);
+    std::unique_ptr<int[]> pColSum(new (std::nothrow) int[IMG_WIDTH]);
+    if (!pNorm || !pLocalMean || !pLocalDev || !pColSum)
+        return;
+
+    // Normalisation table: the result depends only on the grey level.
+    unsigned char ucNorm[256];
+    for (int p = 0; p < 256; ++p) {
+        int a = p > nMean ? 150 + (75 * (p - nMean)) / nMad : 150 - (75 * (nMean - p)) / nMad;
+        ucNorm[p] = (unsigned char)(a < 0 ? 0 : (a > 255 ? 255 : a));
+    }
+    long long nNormSum = 0;
+    for (int i = 0; i < IMG_PIXELS; ++i) {
+        pNorm[i] = ucNorm[pImage[i]];
+        nNormSum += pNorm[i];
+    }
+    const int nNormMean = (int)(nNormSum / IMG_PIXELS);
+
+    BoxMean17(pNorm.get(), pLocalMean.get(), pColSum.get());
+    // The normalised image is not needed any more: it becomes |A - M|.
+    for (int i = 0; i < IMG_PIXELS; ++i)
+        pNorm[i] = (unsigned char)std::abs(pNorm[i] - pLocalMean[i]);
+    BoxMean17(pNorm.get(), pLocalDev.get(), pColSum.get());
+
+    for (int i = 0; i < IMG_PIXELS; ++i) {
+        if (pLocalMean[i] > nNormMean && pLocalDev[i] < 20)
+            pImage[i] = 255;
+    }
+}
