@@ -1,0 +1,476 @@
+// Ridge pattern synthesis of the virtual scanner's fingers (see finger_pattern.h).
+#include "finger_pattern.h"
+
+#include <cmath>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "finger_math.h"
+
+namespace tavk05virt {
+
+namespace {
+
+using fmath::CRandom;
+using fmath::kPi;
+
+// Growth grid: half the finished-image resolution, so a ridge period is
+// about 4.5 cells. The pattern is brought to full resolution by bicubic
+// interpolation of the last, unclipped filter response, which is smooth.
+const int kHalf = CFingerPattern::kSize / 2;
+const int kRadius = 4;                        // Gabor kernel radius in cells
+const int kTaps = 2 * kRadius + 1;
+const int kOrientations = 24;                 // 7.5 degree steps
+const int kPeriods = 3;                       // 0.94, 1.00 and 1.06 times the mean
+const double kPeriodStep = 0.06;
+const int kIterations = 18;
+const float kGrowthGain = 2.2f;
+
+// Catmull-Rom weights for a fraction t in [0, 1).
+void CubicWeights(double t, double* pfW)
+{
+    const double t2 = t * t;
+    const double t3 = t2 * t;
+    pfW[0] = 0.5 * (-t3 + 2.0 * t2 - t);
+    pfW[1] = 0.5 * (3.0 * t3 - 5.0 * t2 + 2.0);
+    pfW[2] = 0.5 * (-3.0 * t3 + 4.0 * t2 + t);
+    pfW[3] = 0.5 * (t3 - t2);
+}
+
+unsigned char ToByte(double f)
+{
+    if (f <= 0.0) return 0;
+    if (f >= 255.0) return 255;
+    return static_cast<unsigned char>(f + 0.5);
+}
+
+// pField (kHalf x kHalf) divided by the square root of its local mean
+// square; pScratch holds at least 2 kHalf^2 floats.
+void NormaliseAmplitude(float* pField, float* pScratch)
+{
+    const int kBox = 3;  // box radius in cells, applied twice
+    float* pSquare = pScratch;
+    float* pTemp = pScratch + kHalf * kHalf;
+    for (int i = 0; i < kHalf * kHalf; ++i) pSquare[i] = pField[i] * pField[i];
+    for (int nPass = 0; nPass < 2; ++nPass) {
+        // Rows, then columns, each a running box mean with clamped borders.
+        for (int j = 0; j < kHalf; ++j) {
+            const float* pRow = pSquare + j * kHalf;
+            for (int i = 0; i < kHalf; ++i) {
+                float fSum = 0.0f;
+                for (int d = -kBox; d <= kBox; ++d) fSum += pRow[fmath::Clamp(i + d, 0, kHalf - 1)];
+                pTemp[j * kHalf + i] = fSum / (2 * kBox + 1);
+            }
+        }
+        for (int j = 0; j < kHalf; ++j) {
+            for (int i = 0; i < kHalf; ++i) {
+                float fSum = 0.0f;
+                for (int d = -kBox; d <= kBox; ++d) fSum += pTemp[fmath::Clamp(j + d, 0, kHalf - 1) * kHalf + i];
+                pSquare[j * kHalf + i] = fSum / (2 * kBox + 1);
+            }
+        }
+    }
+    for (int i = 0; i < kHalf * kHalf; ++i) {
+        // A full-contrast sine has mean square 1/2.
+        pField[i] = static_cast<float>(pField[i] / std::sqrt(2.0 * pSquare[i] + 1e-4));
+    }
+}
+
+}  // namespace
+
+const char* FingerClassName(FingerClass eClass)
+{
+    switch (eClass) {
+    case kClassLeftLoop: return "left loop";
+    case kClassRightLoop: return "right loop";
+    case kClassWhorl: return "whorl";
+    case kClassArch: return "arch";
+    }
+    return "?";
+}
+
+FingerGenome MakeGenome(uint32_t nSeed)
+{
+    CRandom rng(fmath::Hash(nSeed, 0x66696E676572ULL));
+    FingerGenome g;
+    std::memset(&g, 0, sizeof g);
+    g.nSeed = nSeed;
+    // Frequencies roughly as in a population: loops most, then whorls, arches rare.
+    const uint32_t nDraw = rng.Below(100);
+    g.eClass = nDraw < 32 ? kClassLeftLoop : nDraw < 64 ? kClassRightLoop : nDraw < 90 ? kClassWhorl : kClassArch;
+
+    const FingerPoint ptCore = {300.0 + rng.Range(-18.0, 18.0), 275.0 + rng.Range(-22.0, 22.0)};
+    g.fPeriod = 9.0 * rng.Range(0.97, 1.03);
+    g.fTipCentreY = rng.Range(640.0, 740.0);
+    g.fTipBend = rng.Range(1.1, 1.6);
+    g.fArchHeight = rng.Range(45.0, 80.0);
+    g.fArchWidth = rng.Range(80.0, 110.0);
+
+    switch (g.eClass) {
+    case kClassLeftLoop:
+    case kClassRightLoop: {
+        const double fSide = g.eClass == kClassLeftLoop ? 1.0 : -1.0;
+        g.nCores = 1;
+        g.aptCore[0] = ptCore;
+        g.nDeltas = 1;
+        g.aptDelta[0].x = ptCore.x + fSide * rng.Range(95.0, 130.0);
+        g.aptDelta[0].y = ptCore.y + rng.Range(110.0, 150.0);
+        break;
+    }
+    case kClassWhorl: {
+        const double dx = rng.Range(-7.0, 7.0);
+        const double dy = rng.Range(12.0, 20.0);
+        g.nCores = 2;
+        g.aptCore[0].x = ptCore.x - dx;
+        g.aptCore[0].y = ptCore.y - dy;
+        g.aptCore[1].x = ptCore.x + dx;
+        g.aptCore[1].y = ptCore.y + dy;
+        g.nDeltas = 2;
+        g.aptDelta[0].x = ptCore.x - rng.Range(115.0, 145.0);
+        g.aptDelta[0].y = ptCore.y + rng.Range(125.0, 160.0);
+        g.aptDelta[1].x = ptCore.x + rng.Range(115.0, 145.0);
+        g.aptDelta[1].y = ptCore.y + rng.Range(125.0, 160.0);
+        break;
+    }
+    case kClassArch:
+        g.nCores = 0;
+        g.nDeltas = 0;
+        break;
+    }
+
+    // Base angle: the ridges just above the (upper) core run level, capping
+    // the loop or whorl; without singular points the flow is level anyway.
+    g.fTheta0 = 0.0;
+    if (g.nCores > 0) {
+        const double px = g.aptCore[0].x;
+        const double py = g.aptCore[0].y - 25.0;
+        double fSum = 0.0;
+        for (int i = 0; i < g.nCores; ++i) fSum += 0.5 * fmath::Atan2(py - g.aptCore[i].y, px - g.aptCore[i].x);
+        for (int i = 0; i < g.nDeltas; ++i) fSum -= 0.5 * fmath::Atan2(py - g.aptDelta[i].y, px - g.aptDelta[i].x);
+        g.fTheta0 = -fSum;
+    }
+
+    g.ptContact.x = 300.0 + rng.Range(-12.0, 12.0);
+    g.ptContact.y = 305.0 + rng.Range(-12.0, 12.0);
+    g.fContactA = rng.Range(135.0, 155.0);
+    g.fContactB = rng.Range(190.0, 212.0);
+    g.fContactAngle = rng.Range(-0.12, 0.12);
+    g.ptOutline.x = 300.0;
+    g.ptOutline.y = 330.0;
+    g.fOutlineA = rng.Range(245.0, 262.0);
+    g.fOutlineB = rng.Range(245.0, 265.0);
+    return g;
+}
+
+CFingerPattern::CFingerPattern(const FingerGenome& genome) : m_genome(genome)
+{
+    CRandom rng(fmath::Hash(genome.nSeed, 0x706572696F64ULL));
+    for (int i = 0; i < 4; ++i) {
+        const double fAngle = rng.Range(0.0, 2.0 * kPi);
+        const double fWavelength = rng.Range(180.0, 420.0);
+        m_afWave[i][0] = 2.0 * kPi * fmath::Cos(fAngle) / fWavelength;
+        m_afWave[i][1] = 2.0 * kPi * fmath::Sin(fAngle) / fWavelength;
+        m_afWave[i][2] = rng.Range(0.0, 2.0 * kPi);
+    }
+}
+
+double CFingerPattern::Orientation(double x, double y) const
+{
+    const FingerGenome& g = m_genome;
+    // Zero-pole model: each core turns the flow by half a turn around it,
+    // each delta by half a turn the other way.
+    double fTheta = g.fTheta0;
+    for (int i = 0; i < g.nCores; ++i) fTheta += 0.5 * fmath::Atan2(y - g.aptCore[i].y, x - g.aptCore[i].x);
+    for (int i = 0; i < g.nDeltas; ++i) fTheta -= 0.5 * fmath::Atan2(y - g.aptDelta[i].y, x - g.aptDelta[i].x);
+
+    // Towards the fingertip the ridges follow its rounded outline: arcs
+    // around a point well below the finger, fading out below the core.
+    const double fCoreY = g.nCores > 0 ? g.aptCore[0].y : 300.0;
+    const double fTipWeight = 1.0 - fmath::SmoothStep(fCoreY - 60.0, fCoreY + 230.0, y);
+    const double fDepth = g.fTipCentreY - y;
+    fTheta += fTipWeight * fmath::Atan(g.fTipBend * (x - 300.0) / (fDepth > 60.0 ? fDepth : 60.0));
+    // Towards the first joint the ridges run level again.
+    fTheta -= g.fTheta0 * fmath::SmoothStep(fCoreY + 90.0, fCoreY + 330.0, y);
+
+    if (g.eClass == kClassArch) {
+        // A hump in the middle, highest a little above the centre.
+        const double dx = x - 300.0;
+        const double w2 = g.fArchWidth * g.fArchWidth;
+        const double fRise = g.fArchHeight * (1.0 - fmath::SmoothStep(220.0, 560.0, y)) *
+                             fmath::SmoothStep(-40.0, 180.0, y);
+        fTheta += fmath::Atan(fRise * dx / w2 * fmath::Exp(-dx * dx / (2.0 * w2)));
+    }
+    return fTheta;
+}
+
+double CFingerPattern::Period(double x, double y) const
+{
+    double fWave = 0.0;
+    for (int i = 0; i < 4; ++i) fWave += fmath::Cos(m_afWave[i][0] * x + m_afWave[i][1] * y + m_afWave[i][2]);
+    // +-4 % around the mean, a little finer towards the tip.
+    return m_genome.fPeriod * (1.0 + 0.012 * fWave - 0.02 * fmath::Clamp((300.0 - y) / 300.0, -1.0, 1.0));
+}
+
+bool CFingerPattern::Grow()
+{
+    const int nPad = kHalf + 2 * kRadius;
+    const size_t nPadCells = static_cast<size_t>(nPad) * nPad;
+    std::unique_ptr<float[]> pA(new (std::nothrow) float[nPadCells]);
+    std::unique_ptr<float[]> pB(new (std::nothrow) float[nPadCells]);
+    std::unique_ptr<unsigned char[]> pBin(new (std::nothrow) unsigned char[kHalf * kHalf]);
+    std::unique_ptr<float[]> pKernels(new (std::nothrow) float[kOrientations * kPeriods * kTaps * kTaps]);
+    std::unique_ptr<float[]> pFine(new (std::nothrow) float[kHalf * kHalf]);
+    std::unique_ptr<float[]> pScratch(new (std::nothrow) float[2 * kHalf * kHalf]);
+    m_pRidge.reset(new (std::nothrow) unsigned char[kSize * kSize]);
+    if (!pA || !pB || !pBin || !pKernels || !pFine || !pScratch || !m_pRidge) return false;
+
+    // Kernels: even Gabor functions, zero mean, unit response to a ridge
+    // wave of their own orientation and period.
+    const double fMeanPeriod = m_genome.fPeriod / 2.0;
+    for (int o = 0; o < kOrientations; ++o) {
+        const double fTheta = kPi * o / kOrientations;
+        const double fCos = fmath::Cos(fTheta);
+        const double fSin = fmath::Sin(fTheta);
+        for (int p = 0; p < kPeriods; ++p) {
+            const double fPeriod = fMeanPeriod * (1.0 + kPeriodStep * (p - 1));
+            const double fSigmaAcross = 0.42 * fPeriod;
+            const double fSigmaAlong = 0.55 * fPeriod;
+            double afEnv[kTaps * kTaps];
+            double afWave[kTaps * kTaps];
+            double fEnvSum = 0.0;
+            double fMix = 0.0;
+            for (int dy = -kRadius; dy <= kRadius; ++dy) {
+                for (int dx = -kRadius; dx <= kRadius; ++dx) {
+                    const double u = -dx * fSin + dy * fCos;  // across the ridges
+                    const double v = dx * fCos + dy * fSin;   // along them
+                    const int k = (dy + kRadius) * kTaps + dx + kRadius;
+                    afEnv[k] = fmath::Exp(-0.5 * (u * u / (fSigmaAcross * fSigmaAcross) +
+                                                  v * v / (fSigmaAlong * fSigmaAlong)));
+                    afWave[k] = fmath::Cos(2.0 * kPi * u / fPeriod);
+                    fEnvSum += afEnv[k];
+                    fMix += afEnv[k] * afWave[k];
+                }
+            }
+            const double fDc = fMix / fEnvSum;
+            double fResponse = 0.0;
+            for (int k = 0; k < kTaps * kTaps; ++k) {
+                afWave[k] = afEnv[k] * (afWave[k] - fDc);
+                fResponse += afWave[k] * (afWave[k] / afEnv[k] + fDc);
+            }
+            float* pK = pKernels.get() + (o * kPeriods + p) * kTaps * kTaps;
+            for (int k = 0; k < kTaps * kTaps; ++k) pK[k] = static_cast<float>(afWave[k] / fResponse);
+        }
+    }
+
+    // Filter choice per cell from the orientation and period fields.
+    for (int j = 0; j < kHalf; ++j) {
+        for (int i = 0; i < kHalf; ++i) {
+            const double x = 2.0 * i + 0.5;
+            const double y = 2.0 * j + 0.5;
+            double fTheta = Orientation(x, y) / kPi;
+            fTheta -= std::floor(fTheta);
+            const int o = static_cast<int>(fTheta * kOrientations + 0.5) % kOrientations;
+            const double fRel = (Period(x, y) / m_genome.fPeriod - 1.0) / kPeriodStep;
+            const int p = fmath::Clamp(static_cast<int>(std::floor(fRel + 1.5)), 0, kPeriods - 1);
+            pBin[j * kHalf + i] = static_cast<unsigned char>(o * kPeriods + p);
+        }
+    }
+
+    // Seed noise, zero border.
+    std::memset(pA.get(), 0, nPadCells * sizeof(float));
+    std::memset(pB.get(), 0, nPadCells * sizeof(float));
+    CRandom rng(fmath::Hash(m_genome.nSeed, 0x67726F77ULL));
+    for (int j = 0; j < kHalf; ++j) {
+        for (int i = 0; i < kHalf; ++i) {
+            pA[(j + kRadius) * nPad + i + kRadius] = static_cast<float>(rng.Range(-1.0, 1.0));
+        }
+    }
+
+    for (int it = 0; it <= kIterations; ++it) {
+        const bool bLast = it == kIterations;
+        for (int j = 0; j < kHalf; ++j) {
+            for (int i = 0; i < kHalf; ++i) {
+                const float* pK = pKernels.get() + pBin[j * kHalf + i] * kTaps * kTaps;
+                const float* pSrc = pA.get() + j * nPad + i;
+                float fSum = 0.0f;
+                for (int r = 0; r < kTaps; ++r) {
+                    const float* pRow = pSrc + r * nPad;
+                    const float* pKRow = pK + r * kTaps;
+                    for (int c = 0; c < kTaps; ++c) fSum += pKRow[c] * pRow[c];
+                }
+                if (bLast) {
+                    pFine[j * kHalf + i] = fSum;
+                } else {
+                    fSum *= kGrowthGain;
+                    pB[(j + kRadius) * nPad + i + kRadius] = fSum > 1.0f ? 1.0f : (fSum < -1.0f ? -1.0f : fSum);
+                }
+            }
+        }
+        if (!bLast) std::swap(pA, pB);
+    }
+
+    // Even contrast: divide the response by its local amplitude (root mean
+    // square over about one and a half periods), so that ridge endings and
+    // forks, where the response is weak, come out as crisp as plain ridges.
+    NormaliseAmplitude(pFine.get(), pScratch.get());
+
+    // Full resolution: bicubic interpolation of the last response; cell i
+    // covers finished-image pixels 2i and 2i + 1, centre 2i + 0.5.
+    for (int y = 0; y < kSize; ++y) {
+        const double fy = (y - 0.5) / 2.0;
+        const int j0 = static_cast<int>(std::floor(fy));
+        double afWy[4];
+        CubicWeights(fy - j0, afWy);
+        for (int x = 0; x < kSize; ++x) {
+            const double fx = (x - 0.5) / 2.0;
+            const int i0 = static_cast<int>(std::floor(fx));
+            double afWx[4];
+            CubicWeights(fx - i0, afWx);
+            double fValue = 0.0;
+            for (int a = 0; a < 4; ++a) {
+                const int jj = fmath::Clamp(j0 - 1 + a, 0, kHalf - 1);
+                double fRow = 0.0;
+                for (int b = 0; b < 4; ++b) {
+                    const int ii = fmath::Clamp(i0 - 1 + b, 0, kHalf - 1);
+                    fRow += afWx[b] * pFine[jj * kHalf + ii];
+                }
+                fValue += afWy[a] * fRow;
+            }
+            m_pRidge[y * kSize + x] = ToByte(128.0 + 118.0 * fValue);
+        }
+    }
+    return true;
+}
+
+void CFingerPattern::StampPoresAndCreases()
+{
+    unsigned char* pRidge = m_pRidge.get();
+    CRandom rng(fmath::Hash(m_genome.nSeed, 0x706F7265ULL));
+    // Sweat pores sit on the ridge crests, a few tenths of a millimetre apart;
+    // the skin around a pore does not touch the glass.
+    for (int n = 0; n < 5000; ++n) {
+        const double cx = rng.Range(2.0, kSize - 3.0);
+        const double cy = rng.Range(2.0, kSize - 3.0);
+        const double fRadius = rng.Range(0.9, 1.5);
+        const int ix = static_cast<int>(cx);
+        const int iy = static_cast<int>(cy);
+        if (pRidge[iy * kSize + ix] < 215) continue;
+        for (int y = iy - 2; y <= iy + 2; ++y) {
+            for (int x = ix - 2; x <= ix + 2; ++x) {
+                const double d2 = (x - cx) * (x - cx) + (y - cy) * (y - cy);
+                const double fDepth = 1.0 - d2 / (fRadius * fRadius);
+                if (fDepth <= 0.0) continue;
+                unsigned char& by = pRidge[y * kSize + x];
+                by = ToByte(by - 120.0 * fDepth);
+            }
+        }
+    }
+    // Flexion creases: thin lines below the core where the skin folds.
+    const int nCreases = static_cast<int>(rng.Below(3));
+    for (int n = 0; n < nCreases; ++n) {
+        const double cx = rng.Range(180.0, 420.0);
+        const double cy = rng.Range(400.0, 560.0);
+        const double fAngle = rng.Range(-0.35, 0.35);
+        const double fHalfLength = rng.Range(40.0, 110.0);
+        const double fWidth = rng.Range(1.0, 1.8);
+        const double ux = fmath::Cos(fAngle);
+        const double uy = fmath::Sin(fAngle);
+        const int nReach = static_cast<int>(fHalfLength) + 4;
+        for (int y = static_cast<int>(cy) - nReach; y <= static_cast<int>(cy) + nReach; ++y) {
+            if (y < 0 || y >= kSize) continue;
+            for (int x = static_cast<int>(cx) - nReach; x <= static_cast<int>(cx) + nReach; ++x) {
+                if (x < 0 || x >= kSize) continue;
+                const double dx = x - cx;
+                const double dy = y - cy;
+                const double fAlong = dx * ux + dy * uy;
+                const double fAcross = -dx * uy + dy * ux;
+                const double fEnd = fmath::SmoothStep(fHalfLength, fHalfLength * 0.7, fAlong < 0 ? -fAlong : fAlong);
+                const double fLine = fEnd * fmath::Exp(-0.5 * fAcross * fAcross / (fWidth * fWidth));
+                unsigned char& by = pRidge[y * kSize + x];
+                by = ToByte(by * (1.0 - 0.9 * fLine));
+            }
+        }
+    }
+}
+
+void CFingerPattern::MakeSkin()
+{
+    // Two octaves of value noise on 48 and 16 pixel lattices.
+    CRandom rng(fmath::Hash(m_genome.nSeed, 0x736B696EULL));
+    const int anStep[2] = {48, 16};
+    const double afWeight[2] = {0.7, 0.3};
+    std::vector<double> vecSum(static_cast<size_t>(kSize) * kSize, 0.0);
+    for (int o = 0; o < 2; ++o) {
+        const int nStep = anStep[o];
+        const int nCells = kSize / nStep + 4;
+        std::vector<double> vecLattice(static_cast<size_t>(nCells) * nCells);
+        for (double& f : vecLattice) f = rng.Range(-1.0, 1.0);
+        for (int y = 0; y < kSize; ++y) {
+            const double fy = static_cast<double>(y) / nStep;
+            const int j0 = static_cast<int>(fy);
+            double afWy[4];
+            CubicWeights(fy - j0, afWy);
+            for (int x = 0; x < kSize; ++x) {
+                const double fx = static_cast<double>(x) / nStep;
+                const int i0 = static_cast<int>(fx);
+                double afWx[4];
+                CubicWeights(fx - i0, afWx);
+                double fValue = 0.0;
+                for (int a = 0; a < 4; ++a) {
+                    const double* pRow = &vecLattice[static_cast<size_t>(j0 + a) * nCells + i0];
+                    fValue += afWy[a] * (afWx[0] * pRow[0] + afWx[1] * pRow[1] + afWx[2] * pRow[2] + afWx[3] * pRow[3]);
+                }
+                vecSum[static_cast<size_t>(y) * kSize + x] += afWeight[o] * fValue;
+            }
+        }
+    }
+    for (size_t i = 0; i < vecSum.size(); ++i) m_pSkin[i] = ToByte(128.0 + 150.0 * vecSum[i]);
+}
+
+std::unique_ptr<CFingerPattern> CFingerPattern::Create(uint32_t nSeed)
+{
+    std::unique_ptr<CFingerPattern> pPattern(new (std::nothrow) CFingerPattern(MakeGenome(nSeed)));
+    if (!pPattern) return pPattern;
+    pPattern->m_pSkin.reset(new (std::nothrow) unsigned char[kSize * kSize]);
+    if (!pPattern->m_pSkin) return nullptr;
+    try {
+        if (!pPattern->Grow()) return nullptr;
+        pPattern->StampPoresAndCreases();
+        pPattern->MakeSkin();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+    return pPattern;
+}
+
+std::shared_ptr<const CFingerPattern> GetFingerPattern(uint32_t nSeed)
+{
+    // A few recent fingers stay in memory (720 KB each); units that share a
+    // seed share the pattern.
+    static std::mutex s_mutex;
+    static std::vector<std::shared_ptr<const CFingerPattern>> s_vecCache;
+    const size_t kKeep = 8;
+    std::lock_guard<std::mutex> lock(s_mutex);
+    for (size_t i = 0; i < s_vecCache.size(); ++i) {
+        if (s_vecCache[i]->Genome().nSeed == nSeed) {
+            std::shared_ptr<const CFingerPattern> pFound = s_vecCache[i];
+            s_vecCache.erase(s_vecCache.begin() + static_cast<long>(i));
+            s_vecCache.push_back(pFound);
+            return pFound;
+        }
+    }
+    std::shared_ptr<const CFingerPattern> pNew;
+    try {
+        pNew = std::shared_ptr<const CFingerPattern>(CFingerPattern::Create(nSeed));
+        if (!pNew) return pNew;
+        if (s_vecCache.size() >= kKeep) s_vecCache.erase(s_vecCache.begin());
+        s_vecCache.push_back(pNew);
+    } catch (const std::bad_alloc&) {
+    }
+    return pNew;
+}
+
+}  // namespace tavk05virt

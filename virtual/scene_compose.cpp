@@ -1,0 +1,196 @@
+// Optics of the virtual scanner (see scene_compose.h).
+#include "scene_compose.h"
+
+#include <cmath>
+#include <cstring>
+
+#include "finger_math.h"
+#include "finger_noise.h"
+
+namespace tavk05virt {
+
+namespace {
+
+const int kSize = CFingerPattern::kSize;
+const int kPressureLevels = 64;
+const double kMaxPressure = 1.6;
+
+// Darkening (0 = glass, 1 = a ridge at full contact) of skin of ridge height
+// h pressed with local pressure p.
+double Darkening(double p, double h, double fMoisture)
+{
+    if (p <= 0.0) return 0.0;
+    // Share of the ridge profile that reaches the glass, and how completely
+    // it breaks the reflection there.
+    const double fReach = fmath::Clamp(0.08 + 0.45 * p, 0.02, 0.97);
+    const double fThreshold = 255.0 * (1.0 - fReach);
+    const double fContact = fmath::SmoothStep(fThreshold - 28.0, fThreshold + 28.0, h);
+    const double fDepth = fmath::Clamp(0.3 + 0.7 * p, 0.0, 1.0);
+    const double fRidge = fContact * fDepth;
+    // Valleys: a thin haze of sweat, or the moisture of a hard press.
+    const double fValley = 0.045 * fmath::Clamp(p, 0.0, 1.0) + fMoisture * fmath::SmoothStep(0.3, 1.1, p);
+    return fRidge + (1.0 - fRidge) * fmath::Clamp(fValley, 0.0, 1.0);
+}
+
+// Normalised elliptic radius of (x, y) for a rotated ellipse.
+struct Ellipse {
+    double cx, cy, c, s, a2, b2;
+
+    Ellipse(double fCx, double fCy, double fA, double fB, double fAngle)
+        : cx(fCx), cy(fCy), c(fmath::Cos(fAngle)), s(fmath::Sin(fAngle)), a2(1.0 / (fA * fA)), b2(1.0 / (fB * fB))
+    {
+    }
+    double Radius2(double x, double y) const
+    {
+        const double dx = x - cx;
+        const double dy = y - cy;
+        const double u = dx * c + dy * s;
+        const double v = -dx * s + dy * c;
+        return u * u * a2 + v * v * b2;
+    }
+};
+
+void ComposeResidue(const CFingerPattern& pattern, unsigned char* pGlass)
+{
+    // An earlier finger pressed flat a little beside where the next one will
+    // go; its residue stuck to the ridges in patches.
+    const FingerGenome& g = pattern.Genome();
+    const Ellipse contact(g.ptContact.x + 7.0, g.ptContact.y - 5.0, g.fContactA, g.fContactB, g.fContactAngle);
+    const unsigned char* pRidge = pattern.Ridge();
+    const unsigned char* pSkin = pattern.Skin();
+    const double fSpan = GlassLevels::kGlass - GlassLevels::kRidge;
+    for (int y = 0; y < kSize; ++y) {
+        for (int x = 0; x < kSize; ++x) {
+            const int i = y * kSize + x;
+            const double q2 = contact.Radius2(x, y);
+            double fValue = GlassLevels::kGlass;
+            if (q2 < 1.0) {
+                // Shifted by 7 and 5 pixels: the pattern moves with the finger.
+                const int sx = fmath::Clamp(x - 7, 0, kSize - 1);
+                const int sy = fmath::Clamp(y + 5, 0, kSize - 1);
+                const double h = pRidge[sy * kSize + sx];
+                const double fPatch = fmath::SmoothStep(90.0, 150.0, pSkin[i]);
+                const double fFade = fmath::SmoothStep(1.0, 0.6, std::sqrt(q2));
+                fValue -= 0.16 * fSpan * fPatch * fFade * fmath::SmoothStep(110.0, 190.0, h);
+            }
+            pGlass[i] = static_cast<unsigned char>(fValue + 0.5);
+        }
+    }
+}
+
+}  // namespace
+
+void ComposeGlass(const CFingerPattern* pPattern, const FingerPose& pose, unsigned char* pGlass)
+{
+    if (pose.bResidue && pPattern) {
+        ComposeResidue(*pPattern, pGlass);
+        return;
+    }
+    std::memset(pGlass, GlassLevels::kGlass, static_cast<size_t>(kSize) * kSize);
+    if (!pPattern || !pose.bFinger || pose.fPressure <= 0.0 || pose.fA <= 0.0 || pose.fB <= 0.0) return;
+    const CFingerPattern& pattern = *pPattern;
+
+    // Grey by local pressure level and ridge height.
+    const double fRidgeLevel = pose.fPressure > 1.2 ? GlassLevels::kHardRidge : GlassLevels::kRidge;
+    const double fSpan = GlassLevels::kGlass - fRidgeLevel;
+    unsigned char abyGrey[kPressureLevels][256];
+    for (int l = 0; l < kPressureLevels; ++l) {
+        const double p = kMaxPressure * l / (kPressureLevels - 1);
+        for (int h = 0; h < 256; ++h) {
+            const double fDark = Darkening(p, h, pose.fMoisture);
+            abyGrey[l][h] = static_cast<unsigned char>(GlassLevels::kGlass - fSpan * fDark + 0.5);
+        }
+    }
+
+    const FingerGenome& g = pattern.Genome();
+    const Ellipse contact(pose.fCx, pose.fCy, pose.fA, pose.fB, pose.fAngle);
+    const Ellipse outline(g.ptOutline.x, g.ptOutline.y, g.fOutlineA, g.fOutlineB, 0.0);
+    const double fReach = pose.fA > pose.fB ? pose.fA : pose.fB;
+    const int nTop = fmath::Clamp(static_cast<int>(pose.fCy - fReach) - 1, 0, kSize);
+    const int nBottom = fmath::Clamp(static_cast<int>(pose.fCy + fReach) + 2, 0, kSize);
+    const int nLeft = fmath::Clamp(static_cast<int>(pose.fCx - fReach) - 1, 0, kSize);
+    const int nRight = fmath::Clamp(static_cast<int>(pose.fCx + fReach) + 2, 0, kSize);
+    const unsigned char* pRidge = pattern.Ridge();
+    const unsigned char* pSkin = pattern.Skin();
+    const double fLevelScale = (kPressureLevels - 1) / kMaxPressure;
+    for (int y = nTop; y < nBottom; ++y) {
+        for (int x = nLeft; x < nRight; ++x) {
+            const double q2 = contact.Radius2(x, y);
+            if (q2 >= 1.0) continue;
+            // Full pressure over the middle of the pad, falling to nothing
+            // at the rim.
+            double fProfile = fmath::SmoothStep(1.0, 0.45, std::sqrt(q2));
+            if (pose.bRolled) {
+                const double fOut2 = outline.Radius2(x, y);
+                if (fOut2 >= 1.0) continue;
+                fProfile *= fmath::SmoothStep(1.0, 0.9, std::sqrt(fOut2));
+            }
+            const int i = y * kSize + x;
+            const int nLevel = fmath::Clamp(static_cast<int>(pose.fPressure * fProfile * fLevelScale + 0.5), 0,
+                                            kPressureLevels - 1);
+            int h = pRidge[i];
+            if (pose.fDryness > 0.0) {
+                // Dry skin: the crests must rise further to reach the glass.
+                const int nDry = 150 - pSkin[i];
+                if (nDry > 0) h = fmath::Clamp(h - static_cast<int>(pose.fDryness * 1.3 * nDry), 0, 255);
+            }
+            pGlass[i] = abyGrey[nLevel][h];
+        }
+    }
+}
+
+double LatentStripe(int nRow)
+{
+    // Stripe centres 104 + 51.5 k; Gaussian profile, deviation 6 rows.
+    const double fPhase = (nRow - 104.0) / 51.5;
+    const double fOffset = (fPhase - std::floor(fPhase + 0.5)) * 51.5;
+    return fmath::Exp(-fOffset * fOffset / 72.0);
+}
+
+void ComposeLatent(const CFingerPattern* pPattern, const FingerPose& pose, const unsigned char* pGlass,
+                   uint64_t nNoiseSeed, unsigned char* pFrame, unsigned long nFrameBytes)
+{
+    const unsigned long nWindow = static_cast<unsigned long>(kLatentWidth) * kLatentHeight;
+    if (nFrameBytes < nWindow) {
+        std::memset(pFrame, 0, nFrameBytes);
+        return;
+    }
+    const bool bLive = pPattern && IsLiveFinger(pose);
+    const Ellipse body(pose.fCx, pose.fCy, pose.fBodyA > 0.0 ? pose.fBodyA : 1.0, pose.fBodyB > 0.0 ? pose.fBodyB : 1.0,
+                       pose.fAngle);
+    const unsigned char* pRidge = pPattern ? pPattern->Ridge() : nullptr;
+    const int16_t* pNoise = NoiseTable();
+    const int kAmbient = 16;      // room light through the platen
+    const int kNoise = 384;       // 1.5 grey levels, in 1/256
+    const double kStripeGain = 150.0;
+    const double kDiffuse = 7.0 / (GlassLevels::kGlass - GlassLevels::kRidge);
+
+    int anColumn[kLatentWidth];
+    for (int c = 0; c < kLatentWidth; ++c) {
+        anColumn[c] = fmath::Clamp(static_cast<int>((c + 0.5) * kSize / kLatentWidth), 0, kSize - 1);
+    }
+    for (int r = 0; r < kLatentHeight; ++r) {
+        const double fy = 60.0 + (r + 0.5) * 480.0 / kLatentHeight;
+        const int nRow = fmath::Clamp(static_cast<int>(fy), 0, kSize - 1);
+        const double fStripe = bLive ? LatentStripe(r) : 0.0;
+        const unsigned nNoiseStart = static_cast<unsigned>(fmath::Hash(nNoiseSeed, static_cast<uint64_t>(r)));
+        unsigned char* pOut = pFrame + static_cast<size_t>(r) * kLatentWidth;
+        for (int c = 0; c < kLatentWidth; ++c) {
+            const int i = nRow * kSize + anColumn[c];
+            // Room light shows the contact (or a residue) faintly everywhere.
+            double fValue = kAmbient + kDiffuse * (GlassLevels::kGlass - pGlass[i]);
+            if (fStripe > 0.001) {
+                const double q2 = body.Radius2((c + 0.5) * kSize / kLatentWidth, fy);
+                if (q2 < 1.0) {
+                    const double fBody = fmath::SmoothStep(1.0, 0.8, std::sqrt(q2));
+                    fValue += kStripeGain * fStripe * fBody * (0.55 + 0.45 * pRidge[i] / 255.0);
+                }
+            }
+            const int nValue = static_cast<int>(fValue * 256.0) + kNoise * pNoise[(nNoiseStart + c) & kNoiseMask] / 256;
+            pOut[c] = static_cast<unsigned char>((fmath::Clamp(nValue, 0, 255 * 256) + 128) >> 8);
+        }
+    }
+    std::memset(pFrame + nWindow, 0, nFrameBytes - nWindow);
+}
+
+}  // namespace tavk05virt
