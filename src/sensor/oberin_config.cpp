@@ -7,6 +7,7 @@
 // other widths make some reads land on a digit or on the '=' sign. That
 // behaviour is relied on by existing installations and is kept as it is.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -71,6 +72,21 @@ int CreateTempBeside(const std::string& strTarget, std::string* pstrTemp)
     return -1;
 }
 
+// Gives the new file the permissions and, where allowed, the owner of the
+// file it replaces, so that a file an administrator opened up for other users
+// stays open after the replacement.
+void CopyAttributes(const std::string& strTarget, int fd)
+{
+    struct stat st;
+    if (::stat(strTarget.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        return;
+    }
+    if (::fchown(fd, st.st_uid, st.st_gid) != 0) {
+        // Only a privileged process may give a file away; keep our own.
+    }
+    ::fchmod(fd, st.st_mode & 07777);
+}
+
 }  // namespace
 
 const char* COberin::ConfigPath()
@@ -125,6 +141,7 @@ void COberin::SaveConfig()
         std::string strTemp;
         const int fd = CreateTempBeside(strTarget, &strTemp);
         if (fd >= 0) {
+            CopyAttributes(strTarget, fd);
             const bool bWritten = WriteAll(fd, szText, nBytes) && ::fsync(fd) == 0;
             const bool bClosed = ::close(fd) == 0;
             if (!(bWritten && bClosed && std::rename(strTemp.c_str(), strTarget.c_str()) == 0)) {

@@ -194,14 +194,18 @@ TEST_F(ConfigTest, MissingFileGivesTheFileDefaultsNotTheConstructionOnes)
     EXPECT_EQ(info.Gain, 1u);
 }
 
-TEST_F(ConfigTest, SavingReplacesALongerFileWhole)
+TEST_F(ConfigTest, SavingReplacesALongerFileWholeAndKeepsItsPermissions)
 {
     WriteFile(m_strConf, std::string(300, 'x') + "\n");
+    ASSERT_EQ(::chmod(m_strConf.c_str(), 0606), 0);
     SaveThroughSensor(42, 24, 1, 0);
     std::string strText;
     ASSERT_TRUE(ReadFile(m_strConf, &strText));
     EXPECT_EQ(strText, SettingsText(42, 24, 1, 0));
     EXPECT_TRUE(StrayFiles().empty());
+    struct stat st;
+    ASSERT_EQ(::stat(m_strConf.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0606u);
 }
 
 TEST_F(ConfigTest, UnwritableLocationsAreSkippedSilently)

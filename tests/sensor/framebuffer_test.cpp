@@ -55,14 +55,6 @@ protected:
     }
 };
 
-TEST_F(FrameBufferTest, AllBuffersComeFromTheNothrowAllocator)
-{
-    std::unique_ptr<COberin> pSensor = MakeSensorFailingAt(0);
-    EXPECT_NE(pSensor->m_pRawBuf, nullptr);
-    EXPECT_NE(pSensor->m_pRawCopyBuf, nullptr);
-    EXPECT_NE(pSensor->m_pGreyBuf, nullptr);
-}
-
 TEST_F(FrameBufferTest, AnyFailedBufferLeavesNone)
 {
     for (int nWhich = 1; nWhich <= 3; ++nWhich) {
