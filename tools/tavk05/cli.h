@@ -50,8 +50,14 @@ private:
     COberin* m_pSensor = nullptr;
 };
 
+// Parses a whole number in [nMin, nMax] (decimal or 0x hex).
+bool ParseLong(const std::string& str, long nMin, long nMax, long* pValue);
+
 int CmdInfo(const Options& opt);
 int CmdConfig(const Options& opt);
+int CmdCapture(const Options& opt);
+int CmdBackground(const Options& opt);
+int CmdVerify(const Options& opt);
 
 }  // namespace cli
 

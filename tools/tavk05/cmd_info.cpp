@@ -1,6 +1,9 @@
 // tavk05 info: what the device is and how the driver will read it.
+#include <unistd.h>
+
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
 
 #include "cli.h"
 
@@ -64,33 +67,119 @@ int CmdInfo(const Options& opt)
 
     unsigned char abyId[64] = {};
     unsigned long nLen = 0;
-    const int nId = sensor.m_pVxd->DevIoCtlGetDevID(abyId, &nLen);
-    if (nId == 0) {
+    const unsigned long nId =
+        sensor.DevIoControl(TAVK05_IOCTL_GET_DEVICE_ID, nullptr, 0, abyId, sizeof abyId, &nLen);
+    if (nId == TAVK05_OK) {
         std::printf("device ID     %s\n", PrintableId(abyId, nLen).c_str());
     } else {
-        std::printf("device ID     (request failed: %d)\n", nId);
+        std::printf("device ID     not available: status %lu (%s)\n", nId, StatusText(nId));
     }
     return EXIT_OK;
 }
 
+namespace {
+
+// A sensor object that is never opened: it loads and saves the settings file
+// exactly as the driver does.
+class ConfigSensor {
+public:
+    ConfigSensor() : m_pSensor(new COberin(nullptr)) { m_pSensor->RetrieveConfig(); }
+    ~ConfigSensor() { Finish(); }
+    COberin* operator->() const { return m_pSensor; }
+
+    // For read-only use: the destructor's write goes to a scratch file instead.
+    void DiscardOnClose()
+    {
+        char szPath[] = "/tmp/tavk05-config-XXXXXX";
+        const int hFile = mkstemp(szPath);
+        if (hFile >= 0) {
+            close(hFile);
+            m_strScratch = szPath;
+            setenv("TAVK05_CONF", szPath, 1);
+        }
+    }
+    // Destroys the sensor, which writes the settings file.
+    void Finish()
+    {
+        delete m_pSensor;
+        m_pSensor = nullptr;
+        if (!m_strScratch.empty()) unlink(m_strScratch.c_str());
+    }
+
+private:
+    COberin* m_pSensor;
+    std::string m_strScratch;
+};
+
+int ConfigShow()
+{
+    const std::string strPath = COberin::ConfigPath();
+    std::FILE* pFile = std::fopen(strPath.c_str(), "r");
+    if (pFile == nullptr) {
+        std::printf("%s: not present\n", strPath.c_str());
+    } else {
+        std::printf("%s:\n", strPath.c_str());
+        char szLine[256];
+        while (std::fgets(szLine, sizeof szLine, pFile) != nullptr) std::fputs(szLine, stdout);
+        std::fclose(pFile);
+    }
+    ConfigSensor sensor;
+    std::printf("the driver reads: brightness %lu, contrast %lu, gain %lu, scan mode %lu\n",
+                sensor->m_nBrightness, sensor->m_nContrast, sensor->m_nGain, sensor->m_nScanMode);
+    sensor.DiscardOnClose();
+    sensor.Finish();
+    return EXIT_OK;
+}
+
+int ConfigSet(const std::vector<std::string>& vecArgs)
+{
+    if (vecArgs.empty()) return Usage("config set needs KEY=N (brightness, contrast, gain, scanmode)");
+    ConfigSensor sensor;
+    // Nothing is written unless every argument is good.
+    auto Refuse = [&sensor](const std::string& strMessage) {
+        sensor.DiscardOnClose();
+        return Usage(strMessage);
+    };
+    for (const std::string& strArg : vecArgs) {
+        const size_t nEq = strArg.find('=');
+        const std::string strKey = strArg.substr(0, nEq);
+        long nValue = 0;
+        if (nEq == std::string::npos || !ParseLong(strArg.substr(nEq + 1), 0, 100, &nValue)) {
+            return Refuse("config set: '" + strArg + "' is not KEY=N with N in 0..100");
+        }
+        // Without an open device a value is stored and 2 reported, so only
+        // the range matters here.
+        if (strKey == "brightness") {
+            sensor->SetBrightnessEx(nValue);
+        } else if (strKey == "contrast") {
+            sensor->SetContrast(nValue);
+        } else if (strKey == "gain") {
+            if (nValue != 1 && nValue != 2 && nValue != 4 && nValue != 8) {
+                return Refuse("config set: gain is 1, 2, 4 or 8");
+            }
+            sensor->SetGainValueEx(nValue);
+        } else if (strKey == "scanmode") {
+            if (nValue > 1) return Refuse("config set: scanmode is 0 (normal) or 1 (adaptive)");
+            sensor->WriteData(1, nValue);
+        } else {
+            return Refuse("config set: unknown key '" + strKey + "'");
+        }
+    }
+    std::printf("%s: brightness %lu, contrast %lu, gain %lu, scan mode %lu\n", COberin::ConfigPath(),
+                sensor->m_nBrightness, sensor->m_nContrast, sensor->m_nGain, sensor->m_nScanMode);
+    sensor.Finish();
+    return EXIT_OK;
+}
+
+}  // namespace
+
 int CmdConfig(const Options& opt)
 {
-    if (opt.vecArgs.size() != 1 || opt.vecArgs[0] != "show") {
-        return Usage("usage: tavk05 config show");
+    if (!opt.vecArgs.empty() && opt.vecArgs[0] == "show" && opt.vecArgs.size() == 1) return ConfigShow();
+    if (!opt.vecArgs.empty() && opt.vecArgs[0] == "set") {
+        return ConfigSet(std::vector<std::string>(opt.vecArgs.begin() + 1, opt.vecArgs.end()));
     }
-    std::FILE* pFile = std::fopen(COberin::ConfigPath(), "r");
-    if (pFile == nullptr) {
-        std::printf("%s: not present; the driver uses brightness 40, contrast 20, gain 1, scan mode 0\n",
-                    COberin::ConfigPath());
-        return EXIT_OK;
-    }
-    std::printf("%s:\n", COberin::ConfigPath());
-    char szLine[256];
-    while (std::fgets(szLine, sizeof szLine, pFile) != nullptr) {
-        std::fputs(szLine, stdout);
-    }
-    std::fclose(pFile);
-    return EXIT_OK;
+    return Usage("usage: tavk05 config show | tavk05 config set KEY=N ...");
 }
 
 }  // namespace cli

@@ -18,7 +18,16 @@ const char kHelp[] =
     "\n"
     "Commands:\n"
     "  info                 device type, firmware, frame geometry, settings, device ID\n"
-    "  config show          the settings file the driver loads at open\n"
+    "  capture -o FILE.png  one finished 600 x 600 image, corner-marked\n"
+    "      --brightness N   0..100     --contrast N   0..100     --gain N   1, 2, 4, 8\n"
+    "      --size WxH       nominal size for the marks: 356x292, 228x292, 356x456,\n"
+    "                       248x292, 260x300 or 600x600 (the image stays 600 x 600)\n"
+    "      --latent         refuse the capture when a latent print is on the glass\n"
+    "      --latent-only    only check the glass for a latent print\n"
+    "  background [-o FILE.png]   capture the background frame used by live view\n"
+    "  verify FILE.png [--size WxH]   check the four corner marks (exit 0 when all hold)\n"
+    "  config show          the settings file and the values the driver reads from it\n"
+    "  config set KEY=N...  brightness, contrast, gain or scanmode, kept in the file\n"
     "\n"
     "Global options:\n"
     "  -d, --device N       device index 0..7 (default 0)\n"
@@ -122,5 +131,8 @@ int main(int argc, char** argv)
     }
     if (strCommand == "info") return cli::CmdInfo(opt);
     if (strCommand == "config") return cli::CmdConfig(opt);
+    if (strCommand == "capture") return cli::CmdCapture(opt);
+    if (strCommand == "background") return cli::CmdBackground(opt);
+    if (strCommand == "verify") return cli::CmdVerify(opt);
     return cli::Usage("unknown command '" + strCommand + "'");
 }

@@ -1,0 +1,233 @@
+// tavk05 capture, background and verify.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "cli.h"
+#include "png_io.h"
+#include "tavk05/mark.h"
+
+namespace cli {
+
+namespace {
+
+const unsigned long kNominalSizes[][2] = {{356, 292}, {228, 292}, {356, 456}, {248, 292}, {260, 300}, {600, 600}};
+
+// Settings given for one capture; they are put back afterwards so that the
+// settings file keeps what the user configured with `config set`.
+struct CaptureSettings {
+    long nBrightness = -1;
+    long nContrast = -1;
+    long nGain = -1;
+    unsigned long nWidth = 0;
+    unsigned long nHeight = 0;
+    int nLatentMode = -1;  // register 0: 0 capture only, 1 check and capture, 2 check only
+};
+
+class SettingsGuard {
+public:
+    explicit SettingsGuard(COberin& sensor)
+        : m_sensor(sensor), m_nBrightness(sensor.m_nBrightness), m_nContrast(sensor.m_nContrast),
+          m_nGain(sensor.m_nGain)
+    {
+    }
+    ~SettingsGuard()
+    {
+        m_sensor.SetBrightness(m_nBrightness);
+        m_sensor.SetContrast(m_nContrast);
+        m_sensor.SetGainValue(m_nGain);
+    }
+
+private:
+    COberin& m_sensor;
+    unsigned long m_nBrightness, m_nContrast, m_nGain;
+};
+
+bool ParseSize(const std::string& str, unsigned long* pWidth, unsigned long* pHeight)
+{
+    unsigned long nW = 0, nH = 0;
+    char chX = 0;
+    char chExtra = 0;
+    if (std::sscanf(str.c_str(), "%lu%c%lu%c", &nW, &chX, &nH, &chExtra) != 3 || (chX != 'x' && chX != 'X')) {
+        return false;
+    }
+    *pWidth = nW;
+    *pHeight = nH;
+    return true;
+}
+
+int ParseCaptureArgs(const Options& opt, std::string* pOutput, CaptureSettings* pSet)
+{
+    const std::vector<std::string>& a = opt.vecArgs;
+    for (size_t i = 0; i < a.size(); ++i) {
+        const std::string& s = a[i];
+        const bool bHasValue = i + 1 < a.size();
+        long nValue = 0;
+        if ((s == "-o" || s == "--output") && bHasValue) {
+            *pOutput = a[++i];
+        } else if (s == "--brightness" && bHasValue && ParseLong(a[++i], 0, 100, &nValue)) {
+            pSet->nBrightness = nValue;
+        } else if (s == "--contrast" && bHasValue && ParseLong(a[++i], 0, 100, &nValue)) {
+            pSet->nContrast = nValue;
+        } else if (s == "--gain" && bHasValue && ParseLong(a[++i], 1, 8, &nValue) && (nValue & (nValue - 1)) == 0) {
+            pSet->nGain = nValue;
+        } else if (s == "--size" && bHasValue) {
+            if (!ParseSize(a[++i], &pSet->nWidth, &pSet->nHeight)) return Usage("--size takes WxH, e.g. 600x600");
+        } else if (s == "--latent") {
+            pSet->nLatentMode = 1;
+        } else if (s == "--latent-only") {
+            pSet->nLatentMode = 2;
+        } else {
+            return Usage("capture: bad or incomplete option '" + s + "'");
+        }
+    }
+    return EXIT_OK;
+}
+
+}  // namespace
+
+bool ParseLong(const std::string& str, long nMin, long nMax, long* pValue)
+{
+    char* pEnd = nullptr;
+    const long n = std::strtol(str.c_str(), &pEnd, 0);
+    if (str.empty() || *pEnd != '\0' || n < nMin || n > nMax) {
+        return false;
+    }
+    *pValue = n;
+    return true;
+}
+
+int CmdCapture(const Options& opt)
+{
+    std::string strOutput;
+    CaptureSettings set;
+    if (const int nUsage = ParseCaptureArgs(opt, &strOutput, &set)) return nUsage;
+    if (strOutput.empty()) return Usage("capture needs -o FILE.png");
+
+    Session session;
+    if (!session.Open(opt.nDevice)) return EXIT_DEVICE;
+    COberin& sensor = *session.Get();
+    SettingsGuard guard(sensor);
+
+    unsigned long nStatus;
+    if (set.nWidth != 0 && (nStatus = sensor.SetImageSize(set.nWidth, set.nHeight)) != 0) {
+        return Fail("SetImageSize", nStatus);
+    }
+    if (set.nBrightness >= 0 && (nStatus = sensor.SetBrightness(set.nBrightness)) != 0) {
+        return Fail("SetBrightness", nStatus);
+    }
+    if (set.nContrast >= 0 && (nStatus = sensor.SetContrast(set.nContrast)) != 0) {
+        return Fail("SetContrast", nStatus);
+    }
+    if (set.nGain >= 0 && (nStatus = sensor.SetGainValue(set.nGain)) != 0) {
+        return Fail("SetGainValue", nStatus);
+    }
+    if (set.nLatentMode >= 0) {
+        // The latent phases run only on units declared latent-capable.
+        sensor.m_pVxd->SetLatentCapable(true);
+        sensor.WriteData(0, static_cast<unsigned long>(set.nLatentMode));
+    }
+
+    std::vector<unsigned char> vecImage(IMG_PIXELS, 255);
+    nStatus = sensor.GetImage(vecImage.data());
+    if (nStatus != TAVK05_OK) {
+        return Fail("GetImage", nStatus);
+    }
+    if (set.nLatentMode == 2) {
+        std::printf("no latent print on the glass\n");
+        return EXIT_OK;
+    }
+    std::string strError;
+    if (!WritePng(strOutput, vecImage.data(), IMG_WIDTH, IMG_HEIGHT, &strError)) {
+        std::fprintf(stderr, "tavk05: %s\n", strError.c_str());
+        return EXIT_IO;
+    }
+    const unsigned long* pNominal = kNominalSizes[sensor.m_nImageSize <= 5 ? sensor.m_nImageSize : 5];
+    std::printf("%s: 600 x 600, marks for %lu x %lu\n", strOutput.c_str(), pNominal[0], pNominal[1]);
+    return EXIT_OK;
+}
+
+int CmdBackground(const Options& opt)
+{
+    std::string strOutput;
+    for (size_t i = 0; i < opt.vecArgs.size(); ++i) {
+        if ((opt.vecArgs[i] == "-o" || opt.vecArgs[i] == "--output") && i + 1 < opt.vecArgs.size()) {
+            strOutput = opt.vecArgs[++i];
+        } else {
+            return Usage("background: bad option '" + opt.vecArgs[i] + "'");
+        }
+    }
+    Session session;
+    if (!session.Open(opt.nDevice)) return EXIT_DEVICE;
+    COberin& sensor = *session.Get();
+    const unsigned long nStatus = sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr);
+    if (nStatus != TAVK05_OK) {
+        return Fail("background capture", nStatus);
+    }
+    const unsigned char* pBackground = sensor.m_ImageProc.m_pBackground;
+    unsigned long long nSum = 0;
+    for (int i = 0; i < IMG_PIXELS; ++i) nSum += pBackground[i];
+    std::printf("background captured: mean grey level %llu\n", nSum / IMG_PIXELS);
+    if (!strOutput.empty()) {
+        std::string strError;
+        if (!WritePng(strOutput, pBackground, IMG_WIDTH, IMG_HEIGHT, &strError)) {
+            std::fprintf(stderr, "tavk05: %s\n", strError.c_str());
+            return EXIT_IO;
+        }
+        std::printf("%s written\n", strOutput.c_str());
+    }
+    return EXIT_OK;
+}
+
+int CmdVerify(const Options& opt)
+{
+    std::string strFile;
+    unsigned long nW = 0, nH = 0;
+    for (size_t i = 0; i < opt.vecArgs.size(); ++i) {
+        const std::string& s = opt.vecArgs[i];
+        if (s == "--size" && i + 1 < opt.vecArgs.size()) {
+            if (!ParseSize(opt.vecArgs[++i], &nW, &nH)) return Usage("--size takes WxH, e.g. 248x292");
+        } else if (strFile.empty() && !s.empty() && s[0] != '-') {
+            strFile = s;
+        } else {
+            return Usage("verify: bad option '" + s + "'");
+        }
+    }
+    if (strFile.empty()) return Usage("verify needs a PNG file");
+
+    std::vector<unsigned char> vecImage;
+    unsigned nWidth = 0, nHeight = 0;
+    std::string strError;
+    if (!ReadPng(strFile, &vecImage, &nWidth, &nHeight, &strError)) {
+        std::fprintf(stderr, "tavk05: %s\n", strError.c_str());
+        return EXIT_IO;
+    }
+    if (nW == 0) {
+        nW = nWidth;
+        nH = nHeight;
+    }
+    // The marks address the buffer as an image of the nominal size, so that
+    // size must fit in the file's pixels.
+    if (nW < 5 || nH < 5 || nW * nH > static_cast<unsigned long>(nWidth) * nHeight) {
+        return Usage("verify: the mark size must be at least 5 x 5 and fit in the image");
+    }
+    struct Corner {
+        const char* pszName;
+        int (*pfnGet)(unsigned char*, int, int);
+    };
+    const Corner aCorners[] = {{"left-top", GetLTWaterM},
+                               {"right-top", GetRTWaterM},
+                               {"left-bottom", GetLBWaterM},
+                               {"right-bottom", GetRBWaterM}};
+    int nHeld = 0;
+    for (const Corner& c : aCorners) {
+        const int bOk = c.pfnGet(vecImage.data(), static_cast<int>(nW), static_cast<int>(nH));
+        nHeld += bOk;
+        std::printf("%-13s %s\n", c.pszName, bOk ? "mark holds" : "MARK MISSING");
+    }
+    std::printf("%s: %d of 4 corner marks hold (mark size %lu x %lu)\n", strFile.c_str(), nHeld, nW, nH);
+    return nHeld == 4 ? EXIT_OK : EXIT_CHECK;
+}
+
+}  // namespace cli
