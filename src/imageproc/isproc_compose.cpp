@@ -9,6 +9,8 @@
 #include <memory>
 #include <new>
 
+#include <emmintrin.h> // SSE2: part of both the x86_64 and the i386 (-msse2) ABI
+
 namespace {
 
 const int SIDE = 600;               // frames and composite are 600 x 600
@@ -80,23 +82,50 @@ void ConvertFrame(const unsigned char* pFrame, const unsigned char* pBackground,
     }
 }
 
+// |a - b| of unsigned bytes, lane by lane.
+inline __m128i AbsDiff(__m128i a, __m128i b)
+{
+    return _mm_or_si128(_mm_subs_epu8(a, b), _mm_subs_epu8(b, a));
+}
+
 // Column activity: for rows and columns 1..598, a pixel counts once when
 // its left and right neighbours, or else its upper and lower neighbours,
-// differ by more than the step.
+// differ by more than the step. Sixteen pixels at a time; the counts
+// (at most 598) are kept in 16-bit lanes.
 void ActivityProfile(const unsigned char* pGrey, int* pActivity)
 {
-    for (int c = 0; c < SIDE; ++c)
-        pActivity[c] = 0;
+    unsigned short nCount[SIDE] = {0};
+    const __m128i vStep = _mm_set1_epi8((char)ACTIVITY_STEP);
+    const __m128i vOne = _mm_set1_epi8(1);
+    const __m128i vZero = _mm_setzero_si128();
+    const int nLastVector = SIDE - 2 - 15; // the last x whose 16 lanes end at column 598
     for (int y = 1; y <= SIDE - 2; ++y) {
         const unsigned char* pUp = pGrey + (y - 1) * SIDE;
         const unsigned char* pMid = pUp + SIDE;
         const unsigned char* pDown = pMid + SIDE;
-        for (int x = 1; x <= SIDE - 2; ++x) {
+        int x = 1;
+        for (; x <= nLastVector; x += 16) {
+            const __m128i vLeft = _mm_loadu_si128((const __m128i*)(pMid + x - 1));
+            const __m128i vRight = _mm_loadu_si128((const __m128i*)(pMid + x + 1));
+            const __m128i vAbove = _mm_loadu_si128((const __m128i*)(pUp + x));
+            const __m128i vBelow = _mm_loadu_si128((const __m128i*)(pDown + x));
+            // A lane is nonzero where a difference exceeds the step.
+            const __m128i vOver = _mm_or_si128(_mm_subs_epu8(AbsDiff(vLeft, vRight), vStep),
+                                               _mm_subs_epu8(AbsDiff(vAbove, vBelow), vStep));
+            const __m128i vHit = _mm_andnot_si128(_mm_cmpeq_epi8(vOver, vZero), vOne);
+            __m128i* pLo = (__m128i*)(nCount + x);
+            __m128i* pHi = (__m128i*)(nCount + x + 8);
+            _mm_storeu_si128(pLo, _mm_add_epi16(_mm_loadu_si128(pLo), _mm_unpacklo_epi8(vHit, vZero)));
+            _mm_storeu_si128(pHi, _mm_add_epi16(_mm_loadu_si128(pHi), _mm_unpackhi_epi8(vHit, vZero)));
+        }
+        for (; x <= SIDE - 2; ++x) {
             const int bAcross = std::abs(pMid[x - 1] - pMid[x + 1]) > ACTIVITY_STEP;
             const int bDown = std::abs(pUp[x] - pDown[x]) > ACTIVITY_STEP;
-            pActivity[x] += bAcross | bDown;
+            nCount[x] = (unsigned short)(nCount[x] + (bAcross | bDown));
         }
     }
+    for (int c = 0; c < SIDE; ++c)
+        pActivity[c] = nCount[c];
 }
 
 // Centred moving average over 11 columns, clipped at the image sides.
@@ -112,60 +141,98 @@ void SmoothProfile(const int* pActivity, int* pSmooth)
     }
 }
 
+// Adds (xIn - yIn) - (xOut - yOut) to nCount column sums, sixteen columns at
+// a time in 16-bit lanes.
+void UpdateColumnDiff(short* pColDiff, int nCount, const unsigned char* pXIn, const unsigned char* pYIn,
+                      const unsigned char* pXOut, const unsigned char* pYOut)
+{
+    const __m128i vZero = _mm_setzero_si128();
+    int k = 0;
+    for (; k + 16 <= nCount; k += 16) {
+        const __m128i vXIn = _mm_loadu_si128((const __m128i*)(pXIn + k));
+        const __m128i vYIn = _mm_loadu_si128((const __m128i*)(pYIn + k));
+        const __m128i vXOut = _mm_loadu_si128((const __m128i*)(pXOut + k));
+        const __m128i vYOut = _mm_loadu_si128((const __m128i*)(pYOut + k));
+        const __m128i vLo = _mm_sub_epi16(
+            _mm_sub_epi16(_mm_unpacklo_epi8(vXIn, vZero), _mm_unpacklo_epi8(vYIn, vZero)),
+            _mm_sub_epi16(_mm_unpacklo_epi8(vXOut, vZero), _mm_unpacklo_epi8(vYOut, vZero)));
+        const __m128i vHi = _mm_sub_epi16(
+            _mm_sub_epi16(_mm_unpackhi_epi8(vXIn, vZero), _mm_unpackhi_epi8(vYIn, vZero)),
+            _mm_sub_epi16(_mm_unpackhi_epi8(vXOut, vZero), _mm_unpackhi_epi8(vYOut, vZero)));
+        __m128i* pLo = (__m128i*)(pColDiff + k);
+        __m128i* pHi = (__m128i*)(pColDiff + k + 8);
+        _mm_storeu_si128(pLo, _mm_add_epi16(_mm_loadu_si128(pLo), vLo));
+        _mm_storeu_si128(pHi, _mm_add_epi16(_mm_loadu_si128(pHi), vHi));
+    }
+    for (; k < nCount; ++k)
+        pColDiff[k] = (short)(pColDiff[k] + (pXIn[k] - pYIn[k]) - (pXOut[k] - pYOut[k]));
+}
+
 // Merges the boxes whose left columns run from nBoxFirst to nBoxLast
 // (each box 21 columns wide, inside the image) for every box row 0..579.
 // The pixel at the box's row centre and at column (box left + nTargetShift)
 // takes the new image's value when the composite's box sum is strictly
 // greater (brighter) than the new image's. All decisions are taken on the
 // composite as it was before this frame, hence the copy of the strip.
-// Box sums are kept as running column sums of the difference composite -
-// new, slid across each box row, so every box costs a constant number of
-// additions. Returns false, with the composite untouched, when the scratch
-// buffers cannot be allocated.
+//
+// Both box sums are kept as one running sum of the difference composite -
+// new: column sums over the box's 21 rows (at most 21 x 255 either way, so
+// 16 bits), updated by one entering and one leaving row per box row, then
+// slid across the row with one entering and one leaving column per box.
+// Every box costs a constant number of additions. Returns false, with the
+// composite untouched, when the strip copy cannot be allocated.
 bool MergeStrip(unsigned char* pComposite, const unsigned char* pNew, int nBoxFirst, int nBoxLast,
                 int nTargetShift)
 {
     const int nBoxes = nBoxLast - nBoxFirst + 1;
     const int nStrip = nBoxes + BOX_SIDE - 1;
     std::unique_ptr<unsigned char[]> pOld(new (std::nothrow) unsigned char[(size_t)nStrip * SIDE]);
-    std::unique_ptr<int[]> pColDiff(new (std::nothrow) int[nStrip]);
-    if (!pOld || !pColDiff)
+    if (!pOld)
         return false;
+    short nColDiff[SIDE] = {0};
+    unsigned char ucTake[SIDE];
 
     for (int y = 0; y < SIDE; ++y)
         std::memcpy(pOld.get() + y * nStrip, pComposite + y * SIDE + nBoxFirst, nStrip);
 
     const unsigned char* pNewStrip = pNew + nBoxFirst;
-    for (int k = 0; k < nStrip; ++k)
-        pColDiff[k] = 0;
     for (int y = 0; y < BOX_SIDE; ++y) {
         const unsigned char* pX = pOld.get() + y * nStrip;
         const unsigned char* pY = pNewStrip + y * SIDE;
         for (int k = 0; k < nStrip; ++k)
-            pColDiff[k] += pX[k] - pY[k];
+            nColDiff[k] = (short)(nColDiff[k] + pX[k] - pY[k]);
     }
 
     for (int i = 0; i <= SIDE - BOX_SIDE; ++i) {
-        if (i > 0) {
-            const unsigned char* pXIn = pOld.get() + (i + BOX_SIDE - 1) * nStrip;
-            const unsigned char* pYIn = pNewStrip + (i + BOX_SIDE - 1) * SIDE;
-            const unsigned char* pXOut = pOld.get() + (i - 1) * nStrip;
-            const unsigned char* pYOut = pNewStrip + (i - 1) * SIDE;
-            for (int k = 0; k < nStrip; ++k)
-                pColDiff[k] += (pXIn[k] - pYIn[k]) - (pXOut[k] - pYOut[k]);
+        if (i > 0)
+            UpdateColumnDiff(nColDiff, nStrip, pOld.get() + (i + BOX_SIDE - 1) * nStrip,
+                             pNewStrip + (i + BOX_SIDE - 1) * SIDE, pOld.get() + (i - 1) * nStrip,
+                             pNewStrip + (i - 1) * SIDE);
+
+        // Slide the box across the row; 0xFF marks a pixel to take.
+        int nBoxDiff = 0;
+        for (int k = 0; k < BOX_SIDE; ++k)
+            nBoxDiff += nColDiff[k];
+        ucTake[0] = nBoxDiff > 0 ? 0xFF : 0;
+        for (int b = 1; b < nBoxes; ++b) {
+            nBoxDiff += nColDiff[b + BOX_SIDE - 1] - nColDiff[b - 1];
+            ucTake[b] = nBoxDiff > 0 ? 0xFF : 0;
         }
+
         const int nRow = (i + BOX_HALF) * SIDE + nBoxFirst + nTargetShift;
         unsigned char* pDst = pComposite + nRow;
         const unsigned char* pSrc = pNew + nRow;
-        int nBoxDiff = 0;
-        for (int k = 0; k < BOX_SIDE; ++k)
-            nBoxDiff += pColDiff[k];
-        for (int b = 0; b < nBoxes; ++b) {
-            if (b > 0)
-                nBoxDiff += pColDiff[b + BOX_SIDE - 1] - pColDiff[b - 1];
-            if (nBoxDiff > 0)
-                pDst[b] = pSrc[b];
+        int b = 0;
+        for (; b + 16 <= nBoxes; b += 16) {
+            const __m128i vTake = _mm_loadu_si128((const __m128i*)(ucTake + b));
+            const __m128i vSrc = _mm_loadu_si128((const __m128i*)(pSrc + b));
+            const __m128i vDst = _mm_loadu_si128((const __m128i*)(pDst + b));
+            _mm_storeu_si128((__m128i*)(pDst + b),
+                             _mm_or_si128(_mm_and_si128(vTake, vSrc), _mm_andnot_si128(vTake, vDst)));
         }
+        for (; b < nBoxes; ++b)
+            if (ucTake[b])
+                pDst[b] = pSrc[b];
     }
     return true;
 }

@@ -253,6 +253,70 @@ TEST_F(Compose, ActivityNeedsNeighbourStepsAbove15)
     }
 }
 
+// Plain model of the finger location on a converted image: activity per column, 11-column
+// mean, first peak column, edges where the mean falls to 30.
+struct Location {
+    int peak, left, right;
+};
+
+Location Locate(const Image& g)
+{
+    int act[600] = {0};
+    for (int y = 1; y <= 598; ++y)
+        for (int x = 1; x <= 598; ++x)
+            if (std::abs(g[y * 600 + x - 1] - g[y * 600 + x + 1]) > 15 ||
+                std::abs(g[(y - 1) * 600 + x] - g[(y + 1) * 600 + x]) > 15)
+                ++act[x];
+    int sm[600];
+    for (int c = 0; c < 600; ++c) {
+        int sum = 0, n = 0;
+        for (int k = std::max(0, c - 5); k <= std::min(599, c + 5); ++k, ++n)
+            sum += act[k];
+        sm[c] = sum / n;
+    }
+    const int p = (int)(std::max_element(sm, sm + 600) - sm);
+    Location loc = {sm[p], 0, 599};
+    for (int c = p; c >= 0; --c)
+        if (sm[c] <= 30) {
+            loc.left = c + 1;
+            break;
+        }
+    for (int c = p; c < 600; ++c)
+        if (sm[c] <= 30) {
+            loc.right = c - 1;
+            break;
+        }
+    return loc;
+}
+
+TEST_F(Compose, LocationMatchesThePixelModel)
+{
+    // Random levels around the activity step over a random part of the frame.
+    std::srand(43);
+    int found = 0, missed = 0;
+    for (int trial = 0; trial < 12; ++trial) {
+        Prepare(255, 3);
+        Image f(360000, 255);
+        const int a = std::rand() % 500, b = a + 10 + std::rand() % 300;
+        const int spread = 3 + std::rand() % 10; // frame levels: converted steps up to 3 x spread
+        for (int y = 0; y < 600; ++y)
+            for (int x = a; x <= std::min(599, b); ++x)
+                f[y * 600 + x] = (unsigned char)(255 - std::rand() % (spread + 1));
+        const Location loc = Locate(Converted(f, 255));
+        const int result = Call(f);
+        if (loc.peak < 50) {
+            EXPECT_EQ(1, result) << trial;
+            ++missed;
+            continue;
+        }
+        ASSERT_EQ(0, result) << trial;
+        ExpectState(1, loc.left, loc.right);
+        ++found;
+    }
+    EXPECT_GT(found, 2);
+    EXPECT_GT(missed, 0);
+}
+
 TEST_F(Compose, PresenceNeedsAProfilePeakOf50)
 {
     // Twelve pairs of dark rows (rows 4..49) make each finger column count 48 rows; one more

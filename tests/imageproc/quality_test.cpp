@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <algorithm>
 #include <cstdlib>
 #include <vector>
 
@@ -207,6 +208,108 @@ TEST(Quality2, RefusesImagesOutsideItsRange)
     Image smallest(3, 3);
     EXPECT_EQ(0, Quality2(smallest));
     ExpectWindow(100, 75);
+}
+
+// Plain model of the gradient-span quality, pixel by pixel.
+struct SpanModel {
+    int quality, winX, winY;
+};
+
+SpanModel Spans(Image& img)
+{
+    const int w = img.w, h = img.h;
+    std::vector<long long> rw(h, 0), cl(w, 0);
+    for (int y = 1; y <= h - 2; ++y)
+        for (int x = 1; x <= w - 2; ++x) {
+            rw[y] += std::abs(img.at(y, x - 1) - img.at(y, x + 1));
+            cl[x] += std::abs(img.at(y - 1, x) - img.at(y + 1, x));
+        }
+    auto smooth = [](std::vector<long long>& v) {
+        const int n = (int)v.size();
+        std::vector<long long> out(n);
+        for (int k = 0; k < n; ++k) {
+            long long sum = 0, count = 0;
+            for (int i = k - 5; i <= k + 5; ++i)
+                if (i >= 0 && i < n) {
+                    sum += v[i];
+                    ++count;
+                }
+            out[k] = sum / count / 600;
+        }
+        v = out;
+    };
+    smooth(rw);
+    smooth(cl);
+    auto span = [](const std::vector<long long>& v, int& from, int& to) {
+        const int n = (int)v.size();
+        from = 0;
+        for (int i = 1; i <= n - 2 && !from; ++i)
+            if (v[i] > 8)
+                from = i;
+        to = n;
+        for (int i = from + 1; i <= n - 1; ++i)
+            if (v[i] <= 7) {
+                to = i;
+                break;
+            }
+    };
+    int t, b, l, r;
+    span(rw, t, b);
+    span(cl, l, r);
+    int cx = l + (r - l) / 2, cy = t + (b - t) / 2;
+    cx = cx == 0 ? 300 : (cx <= 199 ? 200 : (600 - cx <= 199 ? 400 : cx));
+    cy = cy == 0 ? 300 : (cy <= 224 ? 225 : (600 - cy <= 224 ? 375 : cy));
+    return {std::min(100, (r - l) * (b - t) / 1500), cx - 200, cy - 225};
+}
+
+TEST(Quality2, MatchesThePixelModelOnPatchworkImages)
+{
+    // Textured patches of random size, place and amplitude on a random flat level, so that
+    // profile values fall on both sides of the span thresholds; every width class of the
+    // sixteen-pixel loop and the longest columns.
+    std::srand(41);
+    int scored = 0;
+    const int sizes[][2] = {{3, 3}, {16, 9}, {17, 40}, {18, 18}, {33, 600}, {120, 77},
+                            {599, 600}, {600, 600}, {600, 431}, {257, 300}};
+    for (const auto& size : sizes) {
+        for (int trial = 0; trial < 6; ++trial) {
+            Image img(size[0], size[1], (unsigned char)(std::rand() % 256));
+            const int patches = 1 + std::rand() % 4;
+            for (int k = 0; k < patches; ++k) {
+                const int x0 = std::rand() % img.w, y0 = std::rand() % img.h;
+                const int x1 = std::min(img.w - 1, x0 + std::rand() % img.w);
+                const int y1 = std::min(img.h - 1, y0 + std::rand() % img.h);
+                const int amp = trial == 5 ? 255 : 1 + std::rand() % 40;
+                for (int y = y0; y <= y1; ++y)
+                    for (int x = x0; x <= x1; ++x)
+                        img.at(y, x) = (unsigned char)(Texture(y, x) ? amp + std::rand() % 3 : std::rand() % 3);
+            }
+            const SpanModel m = Spans(img);
+            Proc().m_nFingerWinX = Proc().m_nFingerWinY = -1;
+            ASSERT_EQ(m.quality, Quality2(img)) << img.w << "x" << img.h << " " << trial;
+            ASSERT_EQ(m.winX, Proc().m_nFingerWinX) << img.w << "x" << img.h << " " << trial;
+            ASSERT_EQ(m.winY, Proc().m_nFingerWinY) << img.w << "x" << img.h << " " << trial;
+            scored += m.quality > 0 && m.quality < 100;
+        }
+    }
+    EXPECT_GT(scored, 5);
+}
+
+TEST(Quality2, ColumnSumsBeyond16Bits)
+{
+    // Texture of amplitude 220 over rows 0..298 of columns 300..499: each column gathers
+    // about 298 x 220 = 65560, just past 16 bits (65560 mod 65536 would scale to 0, not 109,
+    // and the column span with its centre near 400 would be lost).
+    Image img(600, 600, 0);
+    for (int y = 0; y <= 298; ++y)
+        for (int x = 300; x < 500; ++x)
+            img.at(y, x) = Texture(y, x) ? 220 : 0;
+    const SpanModel m = Spans(img);
+    EXPECT_EQ(m.quality, Quality2(img));
+    EXPECT_EQ(m.winX, Proc().m_nFingerWinX);
+    EXPECT_EQ(m.winY, Proc().m_nFingerWinY);
+    EXPECT_EQ(200, m.winX);
+    EXPECT_GT(m.quality, 0);
 }
 
 TEST(Quality, SparseGridCounts)
