@@ -31,44 +31,6 @@ unsigned long COberin::GetImage_Adaptive(unsigned char* /*pImage*/)
     return TAVK05_E_UNSUPPORTED;
 }
 
-unsigned long COberin::GetImageForRoll(unsigned char* /*pImage*/, unsigned long /*nReserved*/)
-{
-    return TAVK05_E_UNSUPPORTED;
-}
-
-unsigned long COberin::GetLiveImage(unsigned char* /*pImage*/, unsigned long /*nTimeoutMs*/,
-                                    unsigned int /*nReserved*/)
-{
-    return TAVK05_E_UNSUPPORTED;
-}
-
-unsigned long COberin::GetLiveImageEx(unsigned char* /*pImage*/, unsigned long /*nTimeoutMs*/,
-                                      unsigned int /*nReserved*/, unsigned long /*nQualityThreshold*/)
-{
-    return TAVK05_E_UNSUPPORTED;
-}
-
-unsigned long COberin::GetLiveImageEx2(unsigned char* /*pImage*/, unsigned long /*nTimeoutMs*/,
-                                       unsigned int /*nMarkFrames*/, void* /*pReserved*/,
-                                       unsigned long /*nQualityThreshold*/)
-{
-    return TAVK05_E_UNSUPPORTED;
-}
-
-unsigned long COberin::GetLiveImageEx2_Adaptive(unsigned char* /*pImage*/, unsigned long /*nTimeoutMs*/,
-                                                unsigned int /*nMarkFrames*/, void* /*pReserved*/,
-                                                unsigned long /*nQualityThreshold*/)
-{
-    return TAVK05_E_UNSUPPORTED;
-}
-
-unsigned long COberin::GetLiveImageEx2_Normal(unsigned char* /*pImage*/, unsigned long /*nTimeoutMs*/,
-                                              unsigned int /*nMarkFrames*/, void* /*pReserved*/,
-                                              unsigned long /*nQualityThreshold*/)
-{
-    return TAVK05_E_UNSUPPORTED;
-}
-
 unsigned long COberin::DevIoControl(unsigned long /*nCode*/, void* /*pIn*/, unsigned long /*nInLen*/,
                                     void* /*pOut*/, unsigned long /*nOutCap*/, unsigned long* /*pOutLen*/)
 {
@@ -91,46 +53,6 @@ bool COberin::CaptureImageForRoll(unsigned char* /*pImage*/, bool /*bMark*/)
 }
 
 void COberin::DoModify(const unsigned char* /*pSrc*/, unsigned char* /*pDst*/)
-{
-}
-
-void COberin::SmoothImage(int /*nWidth*/, int /*nHeight*/, unsigned char* /*pImage*/, int /*nRadius*/)
-{
-}
-
-void COberin::MedianFilter(unsigned char* /*pImage*/, unsigned long /*nWidth*/, unsigned long /*nHeight*/)
-{
-}
-
-void COberin::DoModifyContrast(unsigned char* /*pFrame*/, unsigned char* /*pOutput*/)
-{
-}
-
-bool COberin::IsNormalFingerprint(unsigned long /*nWidth*/, unsigned long /*nHeight*/,
-                                  unsigned char* /*pImage*/, int /*nCount*/, unsigned long /*nReserved*/,
-                                  bool* /*pChanged*/)
-{
-    return false;
-}
-
-int COberin::GetImageEnhanced(unsigned char* /*pImage*/, unsigned int /*nFirst*/, unsigned int /*nSecond*/,
-                              bool /*bFlag1*/, bool /*bFlag2*/)
-{
-    return TAVK05_E_UNSUPPORTED;
-}
-
-unsigned long COberin::GetAdaptiveImage(unsigned char* /*pImage*/, unsigned int /*nFirst*/,
-                                        unsigned int /*nSecond*/, unsigned long /*nValue*/, bool* /*pMore*/,
-                                        bool /*bFlag1*/, bool /*bFlag2*/, bool /*bFlag3*/)
-{
-    return TAVK05_E_UNSUPPORTED;
-}
-
-void COberin::PrepareAdaptiveImage()
-{
-}
-
-void COberin::UnprepareAdaptiveImage()
 {
 }
 

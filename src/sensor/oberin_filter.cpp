@@ -1,0 +1,307 @@
+// COberin image filters and enhancement: the box mean and median filters,
+// the background-subtracted contrast mapping shared with the live preview,
+// the brightness correction by finger state, and the adaptive scan mode,
+// which this driver does not provide (status 4).
+#include "oberin_filter.h"
+
+#include <climits>
+#include <stdlib.h>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <new>
+
+namespace {
+
+const int kSide = IMG_WIDTH;            // finished images are 600 x 600
+const int kPixels = IMG_PIXELS;
+
+// Firmware versions above this one belong to the large 1800 x 1280 sensor.
+const int kLastOldFirmware = 0x2FFF;
+// Base level of the models 7 and 8 mapping, by firmware.
+const int kBaseNewFirmware = 180;
+const int kBaseOldFirmware = 125;
+
+const int kJitterSpan = 9;              // random() % 9 - 4: jitter of -4..+4
+const int kJitterOffset = 4;
+
+// Finger-state correction.
+const int kStateCountLimit = 20;        // tries after which the state is no longer looked at
+const int kStateDark = 1;
+const int kStateNormal = 2;
+const int kStatePale = 3;
+const unsigned long kBrightnessForDark = 60;
+const unsigned long kBrightnessForPale = 30;
+
+// Adaptive scan mode.
+const unsigned int kAdaptiveTries = 20;
+const unsigned long kAdaptiveLevel = 20;
+
+// A grey-level product formed in double (exact for these operands),
+// truncated toward zero and limited to 0..255. Everything below 1, negative
+// values and NaN included, truncates to 0 or below and so becomes 0.
+inline unsigned char ScaledLevel(int nLevel, double fFactor)
+{
+    const double x = static_cast<double>(nLevel) * fFactor;
+    if (!(x >= 1.0)) return 0;
+    if (x >= 255.0) return 255;
+    return static_cast<unsigned char>(static_cast<int>(x));
+}
+
+// d = background - frame, limited below by 0 (it cannot exceed 255).
+inline int Darkening(unsigned char byBackground, unsigned char byFrame)
+{
+    const int d = static_cast<int>(byBackground) - static_cast<int>(byFrame);
+    return d < 0 ? 0 : d;
+}
+
+// 255 - 3d, limited below by 0.
+inline int Lightness(int d)
+{
+    const int v = 255 - 3 * d;
+    return v < 0 ? 0 : v;
+}
+
+// Box mean of side 2r + 1 over the interior of a w x h image, from the copy
+// pCopy into pImage, with running sums: pBox holds one box sum per output
+// column. TSum must hold 255 x (2r + 1)^2.
+template <typename TSum>
+void BoxMean(const unsigned char* pCopy, unsigned char* pImage, int w, int h, int r, TSum* pBox)
+{
+    const int nSide = 2 * r + 1;
+    const TSum nDivisor = static_cast<TSum>(nSide) * nSide;
+    const int nCols = w - 2 * r;
+
+    // First output row (y = r): column sums over rows 0..2r, slid across.
+    TSum nColumn = 0;
+    for (int x = 0; x < nSide; ++x) {
+        for (int y = 0; y < nSide; ++y) nColumn += pCopy[static_cast<size_t>(y) * w + x];
+    }
+    pBox[0] = nColumn;
+    for (int c = 1; c < nCols; ++c) {
+        TSum nLeaving = 0;
+        TSum nEntering = 0;
+        for (int y = 0; y < nSide; ++y) {
+            const unsigned char* pRow = pCopy + static_cast<size_t>(y) * w;
+            nLeaving += pRow[c - 1];
+            nEntering += pRow[c + 2 * r];
+        }
+        pBox[c] = pBox[c - 1] - nLeaving + nEntering;
+    }
+    unsigned char* pOut = pImage + static_cast<size_t>(r) * w + r;
+    for (int c = 0; c < nCols; ++c) pOut[c] = static_cast<unsigned char>(pBox[c] / nDivisor);
+
+    // Every further row: the entering row minus the leaving row over the
+    // box's columns, itself slid across, is added to each column's sum.
+    for (int y = r + 1; y <= h - r - 1; ++y) {
+        const unsigned char* pEnter = pCopy + static_cast<size_t>(y + r) * w;
+        const unsigned char* pLeave = pCopy + static_cast<size_t>(y - r - 1) * w;
+        TSum nDiff = 0;
+        for (int x = 0; x < nSide; ++x) nDiff += static_cast<TSum>(pEnter[x]) - pLeave[x];
+        pBox[0] += nDiff;
+        for (int c = 1; c < nCols; ++c) {
+            nDiff += (static_cast<TSum>(pEnter[c + 2 * r]) - pLeave[c + 2 * r]) -
+                     (static_cast<TSum>(pEnter[c - 1]) - pLeave[c - 1]);
+            pBox[c] += nDiff;
+        }
+        pOut = pImage + static_cast<size_t>(y) * w + r;
+        for (int c = 0; c < nCols; ++c) pOut[c] = static_cast<unsigned char>(pBox[c] / nDivisor);
+    }
+}
+
+template <typename TSum>
+void SmoothWith(unsigned char* pImage, int w, int h, int r)
+{
+    const size_t nPixels = static_cast<size_t>(w) * static_cast<size_t>(h);
+    std::unique_ptr<unsigned char[]> pCopy(new (std::nothrow) unsigned char[nPixels]);
+    std::unique_ptr<TSum[]> pBox(new (std::nothrow) TSum[static_cast<size_t>(w - 2 * r)]);
+    if (!pCopy || !pBox) return;  // memory short: the image is left as it was
+    std::memcpy(pCopy.get(), pImage, nPixels);
+    BoxMean(pCopy.get(), pImage, w, h, r, pBox.get());
+}
+
+}  // namespace
+
+namespace oberin {
+
+void MapContrast(const COberin& sensor, unsigned char* pFrame, unsigned char* pOutput, FrameUse eUse)
+{
+    // Reseeded for every frame, so that the jitter pattern changes once a
+    // second and not with every frame of a still finger.
+    ::srandom(static_cast<unsigned int>(std::time(nullptr)));
+
+    const CImageProc& proc = sensor.m_ImageProc;
+    if (pFrame == nullptr || pOutput == nullptr || proc.m_pBackground == nullptr) return;
+
+    const int nType = sensor.m_nDeviceType;
+    if (nType == 5 || nType == 6) {
+        // These models are shaded and scaled at capture; the frame is shown as it is.
+        if (pOutput != pFrame) std::memcpy(pOutput, pFrame, kPixels);
+        return;
+    }
+
+    const unsigned char* pBackground = proc.m_pBackground;
+    const bool bKeepPrint = eUse == kFrameKeepsPrint;
+    const double fFactor = sensor.m_fContrastFactor;
+
+    if (proc.m_bContrastTable == 0) {
+        for (int i = 0; i < kPixels; ++i) {
+            const int d = Darkening(pBackground[i], pFrame[i]);
+            if (bKeepPrint) pFrame[i] = static_cast<unsigned char>(d);
+            pOutput[i] = static_cast<unsigned char>(Lightness(d));
+        }
+    } else if (proc.m_bContrastTable == 1 && (nType == 7 || nType == 8)) {
+        const int nFirmware = sensor.m_pVxd != nullptr ? sensor.m_pVxd->GetFirmwareVersion() : 0;
+        const int nBase = nFirmware > kLastOldFirmware ? kBaseNewFirmware : kBaseOldFirmware;
+        unsigned char byMap[256];
+        for (int d = 0; d < 256; ++d) byMap[d] = ScaledLevel(nBase - d, fFactor);
+        for (int i = 0; i < kPixels; ++i) {
+            const int d = Darkening(pBackground[i], pFrame[i]);
+            if (bKeepPrint) pFrame[i] = static_cast<unsigned char>(d);
+            pOutput[i] = byMap[d];
+        }
+    } else if (proc.m_bContrastTable == 1) {
+        // Jittered table levels run from -4 to 259; index = level + 4.
+        unsigned char byScaled[256 + kJitterSpan - 1];
+        for (int v = -kJitterOffset; v < 256 + kJitterOffset; ++v) {
+            byScaled[v + kJitterOffset] = ScaledLevel(v, fFactor);
+        }
+        const unsigned char* pTable = proc.m_ucContrastTable;
+        for (int i = 0; i < kPixels; ++i) {
+            const int d = Darkening(pBackground[i], pFrame[i]);
+            if (bKeepPrint) pFrame[i] = static_cast<unsigned char>(d);
+            const int nJitter = static_cast<int>(::random() % kJitterSpan);  // 0..8, i.e. -4..+4 after the offset
+            pOutput[i] = byScaled[pTable[Lightness(d)] + nJitter];
+        }
+    } else if (bKeepPrint) {
+        // No mapping in force: the output is not written, the frame still
+        // receives the darkening.
+        for (int i = 0; i < kPixels; ++i) pFrame[i] = static_cast<unsigned char>(Darkening(pBackground[i], pFrame[i]));
+    }
+}
+
+}  // namespace oberin
+
+void COberin::SmoothImage(int nWidth, int nHeight, unsigned char* pImage, int nRadius)
+{
+    if (pImage == nullptr || nRadius < 0 || nRadius > (INT_MAX - 1) / 2) return;
+    const int nSide = 2 * nRadius + 1;
+    if (nWidth < nSide || nHeight < nSide) return;  // no interior pixel
+    // 32-bit sums while 255 x side^2 fits, else 64-bit.
+    if (static_cast<long long>(nSide) * nSide * 255 <= INT_MAX) {
+        SmoothWith<int>(pImage, nWidth, nHeight, nRadius);
+    } else {
+        SmoothWith<long long>(pImage, nWidth, nHeight, nRadius);
+    }
+}
+
+void COberin::MedianFilter(unsigned char* pImage, unsigned long nWidth, unsigned long nHeight)
+{
+    if (pImage == nullptr || nWidth < 3 || nHeight < 3) return;
+    const size_t w = nWidth;
+    const size_t nPixels = w * nHeight;
+    std::unique_ptr<unsigned char[]> pScratch(new (std::nothrow) unsigned char[nPixels]);
+    if (!pScratch) return;  // memory short: the image is left as it was
+    std::memcpy(pScratch.get(), pImage, nPixels);
+
+    for (size_t y = 1; y + 1 < nHeight; ++y) {
+        for (size_t x = 1; x + 1 < w; ++x) {
+            unsigned char by[9];
+            int n = 0;
+            for (size_t dy = 0; dy < 3; ++dy) {
+                const unsigned char* pRow = pImage + (y + dy - 1) * w + x - 1;
+                by[n++] = pRow[0];
+                by[n++] = pRow[1];
+                by[n++] = pRow[2];
+            }
+            // Exchange sort, largest first; the fifth is the median.
+            for (int i = 0; i < 8; ++i) {
+                for (int j = i + 1; j < 9; ++j) {
+                    if (by[j] > by[i]) {
+                        const unsigned char t = by[i];
+                        by[i] = by[j];
+                        by[j] = t;
+                    }
+                }
+            }
+            pScratch[y * w + x] = by[4];
+        }
+    }
+    std::memcpy(pImage, pScratch.get(), nPixels);
+}
+
+void COberin::DoModifyContrast(unsigned char* pFrame, unsigned char* pOutput)
+{
+    oberin::MapContrast(*this, pFrame, pOutput, oberin::kFrameKeepsPrint);
+}
+
+bool COberin::IsNormalFingerprint(unsigned long nWidth, unsigned long nHeight, unsigned char* pImage, int nCount,
+                                  unsigned long /*nReserved: not read*/, bool* pChanged)
+{
+    bool bNormal = false;
+    bool bChanged = false;
+    if (nCount < kStateCountLimit) {
+        switch (m_ImageProc.EstimateFingerState(static_cast<int>(nWidth), static_cast<int>(nHeight), pImage)) {
+        case kStateNormal:
+            bNormal = true;
+            break;
+        case kStatePale:
+            SetBrightnessEx(kBrightnessForPale);
+            bChanged = true;
+            break;
+        case kStateDark:
+            SetBrightnessEx(kBrightnessForDark);
+            bChanged = true;
+            break;
+        default:
+            break;  // no estimate: not normal, nothing changed
+        }
+    }
+    if (pChanged != nullptr) *pChanged = bChanged;
+    return bNormal;
+}
+
+int COberin::GetImageEnhanced(unsigned char* pImage, unsigned int nFirst, unsigned int nSecond, bool bFlag1,
+                              bool bFlag2)
+{
+    bool bMore = false;
+    unsigned int nAttempt = 1;
+    int nResult = TAVK05_E_FAILED;
+    PrepareAdaptiveImage();
+    do {
+        if (m_pfnCallback != nullptr) {
+            m_CallbackInfo.nQuality = 0;
+            m_CallbackInfo.nStatus = 0;
+            if (m_pfnCallback(m_pCallbackContext, &m_CallbackInfo) != 0) {
+                UnprepareAdaptiveImage();
+                return 1;  // the host asked to stop
+            }
+        }
+        m_nError = GetAdaptiveImage(pImage, nFirst, nSecond, kAdaptiveLevel, &bMore, bFlag1, bFlag2, true);
+    } while (m_nError == TAVK05_OK && bMore && nAttempt++ <= kAdaptiveTries);
+    UnprepareAdaptiveImage();
+    if (m_nError == TAVK05_OK && !bMore) nResult = TAVK05_OK;
+    return nResult;
+}
+
+unsigned long COberin::GetAdaptiveImage(unsigned char* /*pImage*/, unsigned int /*nFirst*/, unsigned int /*nSecond*/,
+                                        unsigned long /*nValue*/, bool* /*pMore: not written*/, bool /*bFlag1*/,
+                                        bool /*bFlag2*/, bool /*bFlag3*/)
+{
+    return TAVK05_E_UNSUPPORTED;
+}
+
+void COberin::PrepareAdaptiveImage()
+{
+}
+
+void COberin::UnprepareAdaptiveImage()
+{
+}
+
+unsigned long COberin::GetLiveImageEx2_Adaptive(unsigned char* /*pImage*/, unsigned long /*nTimeoutMs*/,
+                                                unsigned int /*nMarkFrames*/, void* /*pReserved*/,
+                                                unsigned long /*nQualityThreshold*/)
+{
+    return TAVK05_E_UNSUPPORTED;
+}
