@@ -74,7 +74,11 @@ enum {
     SLOT_AUTO_TUNING = 25,
     SLOT_CLOSE_DEVICE = 26,
     SLOT_DEV_IO_CONTROL = 27,
-    SLOT_GET_DEVICE_TYPE = 28
+    SLOT_GET_DEVICE_TYPE = 28,
+    /* The sensor class's own operations follow those of the interface. */
+    SLOT_GET_LIVE_IMAGE_EX2_ADAPTIVE = 29,
+    SLOT_GET_LIVE_IMAGE_EX2_NORMAL = 30,
+    SLOT_GET_IMAGE_FOR_ROLL = 33
 };
 
 typedef int (*CreateFn)(struct CreateParam*, void**);
@@ -88,6 +92,10 @@ typedef unsigned long (*OpUInt)(void*, unsigned int);
 typedef unsigned long (*OpBool)(void*, _Bool);
 typedef unsigned long (*OpInfo)(void*, struct DeviceInfo*);
 typedef unsigned long (*OpCallback)(void*, unsigned long, CallbackFn, void*);
+typedef unsigned long (*OpLive)(void*, unsigned char*, unsigned long, unsigned int);
+typedef unsigned long (*OpLiveEx)(void*, unsigned char*, unsigned long, unsigned int, unsigned long);
+typedef unsigned long (*OpLiveEx2)(void*, unsigned char*, unsigned long, unsigned int, void*, unsigned long);
+typedef unsigned long (*OpForRoll)(void*, unsigned char*, unsigned long);
 typedef unsigned long (*OpIoControl)(void*, unsigned long, void*, unsigned long, void*, unsigned long,
                                      unsigned long*);
 
@@ -146,6 +154,45 @@ static void ProbeClosedSensor(void* p)
 {
     EXPECT_EQ(SLOT_GET_DEVICE_TYPE, "GetDeviceType before open", 4, OP(OpVoid, p, SLOT_GET_DEVICE_TYPE)(p));
     EXPECT_EQ(SLOT_GET_ERROR, "GetError of a new sensor", 0, LastError(p));
+}
+
+/* Live capture with the callback of type 1 installed (it always goes on) and
+ * roll mode on, so the loop's own quality is 0 after every frame: threshold
+ * 20 is never reached and a time limit of 0 ms ends the capture with 54 after
+ * one frame, while threshold 0 accepts the first frame. */
+static void ProbeLiveCapture(void* p)
+{
+    static unsigned char abyImage[600 * 600];
+    EXPECT_EQ(SLOT_GET_LIVE_IMAGE_EX2, "GetLiveImageEx2 without image", 3,
+              OP(OpLiveEx2, p, SLOT_GET_LIVE_IMAGE_EX2)(p, NULL, 1000, 0, NULL, 20));
+    EXPECT_EQ(SLOT_GET_LIVE_IMAGE_EX2, "GetError after GetLiveImageEx2", 3, LastError(p));
+    EXPECT_EQ(SLOT_GET_LIVE_IMAGE_EX2, "GetLiveImageEx2 threshold 0", 0,
+              OP(OpLiveEx2, p, SLOT_GET_LIVE_IMAGE_EX2)(p, abyImage, 0, 1, NULL, 0));
+    EXPECT_EQ(SLOT_GET_LIVE_IMAGE, "GetLiveImage without image", 3,
+              OP(OpLive, p, SLOT_GET_LIVE_IMAGE)(p, NULL, 1000, 0));
+    EXPECT_EQ(SLOT_GET_LIVE_IMAGE, "GetLiveImage (threshold 20) times out", 54,
+              OP(OpLive, p, SLOT_GET_LIVE_IMAGE)(p, abyImage, 0, 0));
+    EXPECT_EQ(SLOT_GET_LIVE_IMAGE_EX, "GetLiveImageEx without image", 3,
+              OP(OpLiveEx, p, SLOT_GET_LIVE_IMAGE_EX)(p, NULL, 1000, 0, 20));
+    EXPECT_EQ(SLOT_GET_LIVE_IMAGE_EX, "GetLiveImageEx threshold 0", 0,
+              OP(OpLiveEx, p, SLOT_GET_LIVE_IMAGE_EX)(p, abyImage, 0, 0, 0));
+    EXPECT_EQ(SLOT_GET_LIVE_IMAGE_EX, "GetError after GetLiveImageEx", 0, LastError(p));
+
+    /* Not in the interface, but in the sensor's table: the adaptive live
+     * capture refuses, the normal one checks the image without the lock (and
+     * so without storing its result), the rolled-path grab keeps the status. */
+    EXPECT_EQ(SLOT_GET_LIVE_IMAGE_EX2_ADAPTIVE, "GetLiveImageEx2_Adaptive", 4,
+              OP(OpLiveEx2, p, SLOT_GET_LIVE_IMAGE_EX2_ADAPTIVE)(p, abyImage, 0, 0, NULL, 0));
+    OP(OpULong2, p, SLOT_SET_IMAGE_SIZE)(p, 2, 2);
+    EXPECT_EQ(SLOT_GET_LIVE_IMAGE_EX2_NORMAL, "GetLiveImageEx2_Normal without image", 3,
+              OP(OpLiveEx2, p, SLOT_GET_LIVE_IMAGE_EX2_NORMAL)(p, NULL, 0, 0, NULL, 0));
+    EXPECT_EQ(SLOT_GET_LIVE_IMAGE_EX2_NORMAL, "GetError after GetLiveImageEx2_Normal (device info)", 0,
+              LastError(p));
+    OP(OpULong2, p, SLOT_SET_IMAGE_SIZE)(p, 2, 2);
+    EXPECT_EQ(SLOT_GET_IMAGE_FOR_ROLL, "GetImageForRoll without image", 3,
+              OP(OpForRoll, p, SLOT_GET_IMAGE_FOR_ROLL)(p, NULL, 0));
+    EXPECT_EQ(SLOT_GET_IMAGE_FOR_ROLL, "GetImageForRoll", 0, OP(OpForRoll, p, SLOT_GET_IMAGE_FOR_ROLL)(p, abyImage, 0));
+    EXPECT_EQ(SLOT_GET_IMAGE_FOR_ROLL, "GetError after GetImageForRoll", 2, LastError(p));
 }
 
 static void ProbeOpenSensor(void* p)
@@ -230,6 +277,8 @@ static void ProbeOpenSensor(void* p)
     EXPECT_EQ(SLOT_SET_CALLBACK_FUNCTION, "SetCallBackFunction type 1", 0,
               OP(OpCallback, p, SLOT_SET_CALLBACK_FUNCTION)(p, 1, HostCallback, &nContext));
     EXPECT_EQ(SLOT_SET_CALLBACK_FUNCTION, "GetError after SetCallBackFunction", 2, LastError(p));
+
+    ProbeLiveCapture(p);
 
     /* Control code 0x301 is the one the driver declares unsupported. */
     {
