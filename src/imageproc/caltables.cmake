@@ -1,5 +1,23 @@
-# PLACEHOLDER: zero tables until the calibration generator exists.
-set(_gen ${CMAKE_CURRENT_BINARY_DIR}/caltables_placeholder.cpp)
-file(WRITE ${_gen} "#include \"tavk05/isproc.h\"\nconst unsigned short usXtable[422400] = {0};\nconst unsigned short usYtable[422400] = {0};\nconst unsigned short usXtable1103[435600] = {0};\nconst unsigned short usYtable1103[435600] = {0};\nconst unsigned char pModBuf[360000] = {0};\n")
-add_library(tavk05_caltables OBJECT ${_gen})
+# Compiled-in calibration tables: calibgen (tools/calibgen) computes them
+# from the calibration model into binary files and an assembler file that
+# includes them in .rodata under the global names usXtable, usYtable,
+# usXtable1103, usYtable1103 and pModBuf. They are regenerated whenever the
+# generator (and so the model) changes.
+set(_caldir ${CMAKE_CURRENT_BINARY_DIR}/caltables)
+set(_calbin)
+foreach(_t usXtable usYtable usXtable1103 usYtable1103 pModBuf)
+  list(APPEND _calbin ${_caldir}/${_t}.bin)
+endforeach()
+file(MAKE_DIRECTORY ${_caldir})
+add_custom_command(
+  OUTPUT ${_caldir}/caltables.S ${_calbin}
+  COMMAND $<TARGET_FILE:calibgen> ${_caldir}
+  DEPENDS calibgen
+  COMMENT "Generating the calibration tables"
+  VERBATIM)
+set_source_files_properties(${_caldir}/caltables.S PROPERTIES
+  GENERATED TRUE
+  LANGUAGE ASM
+  OBJECT_DEPENDS "${_calbin}")
+add_library(tavk05_caltables OBJECT ${_caldir}/caltables.S)
 target_link_libraries(tavk05_caltables PUBLIC tavk05_headers)

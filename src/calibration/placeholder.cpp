@@ -1,1 +1,0 @@
-namespace tavk05cal { int nPlaceholder = 0; }
