@@ -1,6 +1,8 @@
 // Parser of the virtual scanner's unit configuration.
 #include "vscanner_config.h"
 
+#include "scene_source.h"
+
 #include <cctype>
 #include <climits>
 
@@ -126,6 +128,7 @@ bool ParseOneKey(const std::string& strKey, bool bHasValue, const std::string& s
                                                 "fail", "unplug", "shortread", "delay", "fps"};
         bool bKnown = false;
         for (const char* psz : apszKnown) bKnown = bKnown || strKey == psz;
+        bKnown = bKnown || IsFingerSceneKey(strKey);
         if (!bKnown) *pError = "unknown key '" + strKey + "'";
         return false;
     }
@@ -150,7 +153,7 @@ bool ParseOneKey(const std::string& strKey, bool bHasValue, const std::string& s
         pKeys->strSerial = strValue;
     } else if (strKey == "scene") {
         if (!IsKnownScene(strValue)) {
-            *pError = "scene: unknown scene '" + strValue + "' (known: pattern, levels)";
+            *pError = "scene: unknown scene '" + strValue + "' (known: pattern, levels, " + SceneKindList() + ")";
             return false;
         }
         pKeys->strScene = strValue;
@@ -187,6 +190,9 @@ bool ParseOneKey(const std::string& strKey, bool bHasValue, const std::string& s
     } else if (strKey == "fps") {
         if (!NumberIn(strKey, strValue, 0, 1000, &n, pError)) return false;
         pKeys->nFps = static_cast<unsigned>(n);
+    } else if (IsFingerSceneKey(strKey)) {
+        if (!CheckFingerSceneKey(strKey, strValue, pError)) return false;
+        pKeys->vecSceneKeys.emplace_back(strKey, strValue);
     } else {
         *pError = "unknown key '" + strKey + "'";
         return false;
@@ -298,6 +304,7 @@ const char* SyntaxText()
            "  levels=V1/V2/...  grey levels 0..255 of the levels scene (selects it)\n"
            "  delay=MS          every read takes at least MS milliseconds more\n"
            "  fps=N             at most N frames a second (0: no pacing)\n"
+           TAVK05_FINGER_SCENE_SYNTAX
            "Faults (counted from when the key is given):\n"
            "  fail=REQ[@N]      request REQ (4, 5, 8, 9, 17, 18, 21, 22) fails with EIO from\n"
            "                    its Nth call on (default: every call)\n"

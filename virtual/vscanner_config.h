@@ -34,6 +34,7 @@ struct UnitKeys {
     std::optional<std::string> strSerial;
     std::optional<std::string> strScene;
     std::optional<std::vector<unsigned char>> vecLevels;
+    std::vector<std::pair<std::string, std::string>> vecSceneKeys;  // finger scene keys
     std::vector<FailRule> vecFail;
     std::optional<unsigned long> nOpenFailFrom;
     std::optional<unsigned long> nUnplugAfter;

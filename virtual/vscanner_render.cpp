@@ -2,6 +2,8 @@
 // model and firmware.
 #include "vscanner_render.h"
 
+#include "scene_source.h"
+
 #include <cstring>
 #include <new>
 
@@ -105,7 +107,7 @@ FrameGeometry GeometryOf(int nDevType, unsigned short wBcdDevice)
 
 bool IsKnownScene(const std::string& strScene)
 {
-    return strScene == "pattern" || strScene == "levels";
+    return strScene == "pattern" || strScene == "levels" || IsFingerScene(strScene);
 }
 
 std::unique_ptr<CFrameSource> MakeFrameSource(const SceneParams& params, std::string* pError)
@@ -119,6 +121,10 @@ std::unique_ptr<CFrameSource> MakeFrameSource(const SceneParams& params, std::st
             return pSource;
         }
         pSource.reset(new (std::nothrow) CLevelsSource(params.vecLevels));
+    } else if (IsFingerScene(params.strScene)) {
+        FingerSceneSettings settings;
+        if (!ParseFingerScene(params.strScene, params.vecSceneKeys, &settings, pError)) return pSource;
+        return MakeFingerSource(settings, pError);
     } else if (pError) {
         *pError = "unknown scene '" + params.strScene + "'";
     }

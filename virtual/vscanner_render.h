@@ -12,6 +12,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tavk05virt {
@@ -51,8 +52,11 @@ struct RenderInput {
 
 // Settings a scene takes from the unit configuration.
 struct SceneParams {
-    std::string strScene;                   // "pattern" (default) or "levels"
+    std::string strScene;                   // "pattern" (default), "levels" or a finger scene
     std::vector<unsigned char> vecLevels;   // grey levels of the "levels" scene
+    // Keys of the finger scenes (seed=, latent=, wait=, latentcheck=; see
+    // scene_source.h), in the order given; a later key overrides an earlier.
+    std::vector<std::pair<std::string, std::string>> vecSceneKeys;
 };
 
 class CFrameSource {

@@ -84,12 +84,22 @@ bool CVirtualUnit::Apply(const UnitKeys& keys, std::string* pError)
 {
     // Everything that can fail comes first, so that a refused key set leaves
     // the unit as it was.
-    const bool bNewScene = keys.strScene || keys.vecLevels || !m_pSource;
+    const bool bNewScene = keys.strScene || keys.vecLevels || !keys.vecSceneKeys.empty() || !m_pSource;
     SceneParams scene = m_scene;
     std::unique_ptr<CFrameSource> pSource;
     if (bNewScene) {
         if (keys.strScene) scene.strScene = *keys.strScene;
         if (keys.vecLevels) scene.vecLevels = *keys.vecLevels;
+        for (const auto& key : keys.vecSceneKeys) {
+            bool bReplaced = false;
+            for (auto& old : scene.vecSceneKeys) {
+                if (old.first == key.first) {
+                    old.second = key.second;
+                    bReplaced = true;
+                }
+            }
+            if (!bReplaced) scene.vecSceneKeys.push_back(key);
+        }
         std::string strError;
         pSource = MakeFrameSource(scene, &strError);
         if (!pSource) {

@@ -1,0 +1,687 @@
+// Scenes of the virtual scanner against the driver's own image algorithms:
+// the latent images pass or fail CImageProc::CheckLatent2 as a live finger,
+// a residue and empty glass should, and the roll scenes drive
+// CImageProc::ImageComposition the way a rolled finger does.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "finger_pattern.h"
+#include "scene_compose.h"
+#include "scene_model.h"
+#include "scene_source.h"
+#include "tavk05/isproc.h"
+#include "tavk05/virtual.h"
+#include "tavk05/vxdinter.h"
+#include "vscanner_render.h"
+
+namespace {
+
+using namespace tavk05virt;
+
+const int kSize = 600;
+const unsigned long kLatentBytes = 1128448;  // a 1288 x 876 frame read as latent image
+
+// One image processor for the whole program: it builds 48 MB of tables.
+CImageProc& Processor()
+{
+    static CImageProc s_proc;
+    return s_proc;
+}
+
+FingerPose Pose(SceneKind eKind, uint32_t nSeed, unsigned long nRead, unsigned long nResidue = 0)
+{
+    SceneConfig config;
+    config.eKind = eKind;
+    config.nSeed = nSeed;
+    config.nResidueReads = nResidue;
+    const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(nSeed);
+    return PoseAt(config, p->Genome(), nRead);
+}
+
+// CheckLatent2 of the latent image of a pose: 1 latent, 0 live.
+int LatentVerdict(const FingerPose& pose, uint32_t nSeed, uint64_t nNoise)
+{
+    const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(nSeed);
+    std::vector<unsigned char> vecGlass(kSize * kSize);
+    ComposeGlass(p.get(), pose, vecGlass.data());
+    std::vector<unsigned char> vecFrame(kLatentBytes, 0xAA);
+    ComposeLatent(p.get(), pose, vecGlass.data(), nNoise, vecFrame.data(), vecFrame.size());
+    std::vector<unsigned char> vecGrey(kLatentWidth * kLatentHeight + 200);
+    Processor().RGBtoGRAY(vecFrame.data(), vecGrey.data(), kLatentWidth, kLatentHeight);
+    return Processor().CheckLatent2(vecGrey.data());
+}
+
+TEST(SceneNames, ParseAndReject)
+{
+    const std::string strList = SceneKindList();
+    size_t nStart = 0;
+    int nCount = 0;
+    while (nStart < strList.size()) {
+        size_t nEnd = strList.find(", ", nStart);
+        if (nEnd == std::string::npos) nEnd = strList.size();
+        const std::string strName = strList.substr(nStart, nEnd - nStart);
+        SceneKind eKind;
+        ASSERT_TRUE(ParseSceneKind(strName, &eKind)) << strName;
+        EXPECT_EQ(strName, SceneKindName(eKind));
+        EXPECT_TRUE(IsFingerScene(strName));
+        ++nCount;
+        nStart = nEnd + 2;
+    }
+    EXPECT_EQ(10, nCount);
+    SceneKind eKind;
+    EXPECT_FALSE(ParseSceneKind("Flat", &eKind));
+    EXPECT_FALSE(ParseSceneKind("", &eKind));
+    EXPECT_FALSE(IsFingerScene("pattern"));
+}
+
+TEST(SceneNames, KeysAndTheirRanges)
+{
+    std::string strError;
+    EXPECT_TRUE(CheckFingerSceneKey("seed", "4294967295", &strError));
+    EXPECT_FALSE(CheckFingerSceneKey("seed", "4294967296", &strError));
+    EXPECT_NE(std::string::npos, strError.find("seed"));
+    EXPECT_FALSE(CheckFingerSceneKey("seed", "-1", &strError));
+    EXPECT_FALSE(CheckFingerSceneKey("wait", "3x", &strError));
+    EXPECT_FALSE(CheckFingerSceneKey("latent", "", &strError));
+    EXPECT_TRUE(CheckFingerSceneKey("latentcheck", "2", &strError));
+    EXPECT_FALSE(CheckFingerSceneKey("latentcheck", "3", &strError));
+    EXPECT_FALSE(CheckFingerSceneKey("colour", "1", &strError));
+    EXPECT_FALSE(IsFingerSceneKey("scene"));
+
+    FingerSceneSettings settings;
+    ASSERT_TRUE(ParseFingerScene("roll-left", {{"seed", "9"}, {"latent", "4"}, {"wait", "2"}, {"seed", "12"},
+                                               {"latentcheck", "1"}},
+                                 &settings, &strError))
+        << strError;
+    EXPECT_EQ(kSceneRollLeft, settings.config.eKind);
+    EXPECT_EQ(12u, settings.config.nSeed);
+    EXPECT_EQ(4u, settings.config.nResidueReads);
+    EXPECT_EQ(2u, settings.config.nWaitReads);
+    EXPECT_EQ(1u, settings.nLatentCheck);
+    EXPECT_FALSE(ParseFingerScene("rolling", {}, &settings, &strError));
+    EXPECT_FALSE(ParseFingerScene("flat", {{"wait", "many"}}, &settings, &strError));
+}
+
+TEST(SceneLatent, LiveFingersPassResidueAndEmptyGlassFail)
+{
+    for (uint32_t nSeed : {1u, 10u, 17u}) {
+        SCOPED_TRACE("seed " + std::to_string(nSeed));
+        for (uint64_t nNoise = 0; nNoise < 3; ++nNoise) {
+            EXPECT_EQ(0, LatentVerdict(Pose(kSceneFlat, nSeed, 0), nSeed, nNoise));
+            EXPECT_EQ(0, LatentVerdict(Pose(kSceneDark, nSeed, 0), nSeed, nNoise));
+            EXPECT_EQ(0, LatentVerdict(Pose(kScenePale, nSeed, 0), nSeed, nNoise));
+            EXPECT_EQ(1, LatentVerdict(Pose(kSceneLatent, nSeed, 0), nSeed, nNoise));
+            EXPECT_EQ(1, LatentVerdict(Pose(kSceneEmpty, nSeed, 0), nSeed, nNoise));
+        }
+    }
+}
+
+TEST(SceneLatent, VerdictFollowsTheFingerThroughTheLiveScenes)
+{
+    const uint32_t nSeed = 4;
+    const SceneKind aeKinds[] = {kScenePlace, kSceneRoll, kSceneRollLeft, kSceneRollFast, kSceneLift};
+    for (SceneKind eKind : aeKinds) {
+        SCOPED_TRACE(SceneKindName(eKind));
+        int nLive = 0;
+        for (unsigned long t = 0; t < 50; t += t < 14 ? 1 : 3) {
+            const FingerPose pose = Pose(eKind, nSeed, t);
+            const int nExpect = IsLiveFinger(pose) ? 0 : 1;
+            ASSERT_EQ(nExpect, LatentVerdict(pose, nSeed, t)) << "read " << t;
+            nLive += 1 - nExpect;
+        }
+        EXPECT_GT(nLive, 1);
+    }
+    // The residue of latent=N stays for N reads, then the scene's finger.
+    for (unsigned long t = 0; t < 6; ++t) {
+        EXPECT_EQ(t < 3 ? 1 : 0, LatentVerdict(Pose(kSceneFlat, nSeed, t, 3), nSeed, t)) << "read " << t;
+    }
+}
+
+TEST(SceneLatent, WindowAndTailOfTheLatentImage)
+{
+    const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(6);
+    std::vector<unsigned char> vecGlass(kSize * kSize);
+    const FingerPose pose = Pose(kSceneFlat, 6, 0);
+    ComposeGlass(p.get(), pose, vecGlass.data());
+    std::vector<unsigned char> vecFrame(kLatentBytes, 0xAA);
+    ComposeLatent(p.get(), pose, vecGlass.data(), 7, vecFrame.data(), vecFrame.size());
+    const size_t nWindow = kLatentWidth * kLatentHeight;
+    EXPECT_TRUE(std::all_of(vecFrame.begin() + nWindow, vecFrame.end(), [](unsigned char v) { return v == 0; }));
+    // Unlit rows stay near the dark level; lit rows are bright on the finger.
+    int nLitMax = 0;
+    int nUnlitMax = 0;
+    for (int c = 80; c < 1134; ++c) {
+        nLitMax = std::max<int>(nLitMax, vecFrame[154 * kLatentWidth + c]);
+        nUnlitMax = std::max<int>(nUnlitMax, vecFrame[180 * kLatentWidth + c]);
+    }
+    EXPECT_GT(nLitMax, 100);
+    EXPECT_LT(nUnlitMax, 40);
+    // A buffer too short for the window gets zeros only.
+    std::vector<unsigned char> vecShort(1000, 0xAA);
+    ComposeLatent(p.get(), pose, vecGlass.data(), 7, vecShort.data(), vecShort.size());
+    EXPECT_TRUE(std::all_of(vecShort.begin(), vecShort.end(), [](unsigned char v) { return v == 0; }));
+}
+
+// Rolled composition over the finished images of a scene.
+struct RollOutcome {
+    int nResult = -1;          // the composition's result that ended the roll
+    int nEndedAt = -1;         // read at which it ended
+    int nDirection = 0;
+    std::vector<int> vecRight;  // right edge after each accepted frame
+    std::vector<int> vecLeft;
+    int nCompositeWidth = 0;   // columns of the composite with ridges
+};
+
+RollOutcome RunRoll(SceneKind eKind, uint32_t nSeed)
+{
+    CImageProc& proc = Processor();
+    const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(nSeed);
+    std::vector<unsigned char> vecFrame(kSize * kSize);
+    // The live path subtracts the background: empty glass.
+    ComposeGlass(nullptr, FingerPose(), proc.m_pBackground);
+    proc.m_bContrastTable = 0;
+    proc.m_nDeviceType = 4;
+    std::vector<unsigned char> vecComposite(kSize * kSize, 255);
+    RollOutcome outcome;
+    SceneConfig config;
+    config.eKind = eKind;
+    config.nSeed = nSeed;
+    EXPECT_EQ(0, proc.ImageComposition(vecFrame.data(), vecComposite.data(), kSize * kSize, 0, 1.0f));
+    for (int t = 0; t < 80; ++t) {
+        ComposeGlass(p.get(), PoseAt(config, p->Genome(), t), vecFrame.data());
+        const int nLeft = proc.m_nRollLeft;
+        const int nRight = proc.m_nRollRight;
+        const int nResult = proc.ImageComposition(vecFrame.data(), vecComposite.data(), kSize * kSize, t + 1, 1.0f);
+        if (nResult != 0) {
+            outcome.nResult = nResult;
+            outcome.nEndedAt = t;
+            break;
+        }
+        outcome.nDirection = proc.m_nRollDirection;
+        if (t == 0 || proc.m_nRollLeft != nLeft || proc.m_nRollRight != nRight) {
+            outcome.vecLeft.push_back(proc.m_nRollLeft);
+            outcome.vecRight.push_back(proc.m_nRollRight);
+        }
+    }
+    int nFirst = kSize;
+    int nLast = -1;
+    for (int x = 0; x < kSize; ++x) {
+        int nDark = 0;
+        for (int y = 100; y < 500; ++y) nDark += vecComposite[y * kSize + x] < 100 ? 1 : 0;
+        if (nDark > 40) {
+            nFirst = std::min(nFirst, x);
+            nLast = x;
+        }
+    }
+    outcome.nCompositeWidth = nLast >= nFirst ? nLast - nFirst + 1 : 0;
+    return outcome;
+}
+
+TEST(SceneRoll, RollTowardHigherColumns)
+{
+    const RollOutcome roll = RunRoll(kSceneRoll, 3);
+    EXPECT_EQ(1, roll.nDirection);
+    ASSERT_GT(roll.vecRight.size(), 20u);
+    // The strip moves steadily to the right, a few columns a frame.
+    for (size_t i = 1; i < roll.vecRight.size(); ++i) {
+        EXPECT_GT(roll.vecRight[i], roll.vecRight[i - 1]);
+        EXPECT_LE(roll.vecRight[i] - roll.vecRight[i - 1], 16);
+        EXPECT_GE(roll.vecLeft[i], roll.vecLeft[i - 1]);
+    }
+    // Lifting the finger completes the rolled image.
+    EXPECT_EQ(1, roll.nResult);
+    EXPECT_GE(roll.nEndedAt, SceneTiming::kRollHold + SceneTiming::kRollReads);
+    // Nail to nail: far wider than a flat contact.
+    const FingerGenome g = MakeGenome(3);
+    EXPECT_GT(roll.nCompositeWidth, 1.5 * 2.0 * g.fContactA);
+}
+
+TEST(SceneRoll, RollTowardLowerColumns)
+{
+    const RollOutcome roll = RunRoll(kSceneRollLeft, 3);
+    EXPECT_EQ(2, roll.nDirection);
+    ASSERT_GT(roll.vecLeft.size(), 20u);
+    for (size_t i = 1; i < roll.vecLeft.size(); ++i) {
+        EXPECT_LT(roll.vecLeft[i], roll.vecLeft[i - 1]);
+        EXPECT_GE(roll.vecLeft[i - 1] - roll.vecLeft[i], 1);
+        EXPECT_LE(roll.vecRight[i], roll.vecRight[i - 1]);
+    }
+    EXPECT_EQ(1, roll.nResult);
+    const FingerGenome g = MakeGenome(3);
+    EXPECT_GT(roll.nCompositeWidth, 1.5 * 2.0 * g.fContactA);
+}
+
+TEST(SceneRoll, FastRollTripsTheSpeedTest)
+{
+    for (uint32_t nSeed : {3u, 11u}) {
+        const RollOutcome roll = RunRoll(kSceneRollFast, nSeed);
+        EXPECT_EQ(2, roll.nResult) << "seed " << nSeed;
+        EXPECT_EQ(SceneTiming::kRollHold, roll.nEndedAt) << "seed " << nSeed;
+    }
+}
+
+TEST(SceneRoll, LiftEndsTheRollHalfWay)
+{
+    const RollOutcome lift = RunRoll(kSceneLift, 3);
+    const RollOutcome roll = RunRoll(kSceneRoll, 3);
+    EXPECT_EQ(1, lift.nResult);
+    EXPECT_EQ(SceneTiming::kRollHold + SceneTiming::kLiftAfter, lift.nEndedAt);
+    ASSERT_FALSE(lift.vecRight.empty());
+    ASSERT_FALSE(roll.vecRight.empty());
+    EXPECT_LT(lift.vecRight.back(), roll.vecRight.back() - 80);
+    EXPECT_LT(lift.nCompositeWidth, roll.nCompositeWidth);
+}
+
+// Reads of a finger source as a unit makes them.
+class ReadScript {
+public:
+    explicit ReadScript(const std::string& strScene, const std::vector<std::pair<std::string, std::string>>& vecKeys)
+    {
+        FingerSceneSettings settings;
+        std::string strError;
+        EXPECT_TRUE(ParseFingerScene(strScene, vecKeys, &settings, &strError)) << strError;
+        m_pSource = MakeFingerSource(settings, &strError);
+        EXPECT_TRUE(m_pSource) << strError;
+        m_in.nDevType = 6;
+        m_in.wBcdDevice = 0x1103;
+        m_in.geometry.nWidth = 1288;
+        m_in.geometry.nHeight = 876;
+        m_in.geometry.nFrameBytes = 1128448;
+        m_vecFrame.resize(m_in.geometry.nFrameBytes);
+    }
+
+    void Start()
+    {
+        ++m_in.nAcquisition;
+        m_in.nReadInAcquisition = 0;
+        m_in.bAcquiring = true;
+    }
+    void Stop() { m_in.bAcquiring = false; }
+
+    // One read; true when it delivered a latent image (the mosaic of a
+    // 1288 x 876 frame reaches far beyond the latent window, which is
+    // followed by zeros).
+    bool ReadIsLatent()
+    {
+        m_pSource->FrameKey(m_in);
+        m_pSource->Render(m_in, m_vecFrame.data());
+        ++m_in.nFrame;
+        ++m_in.nReadInAcquisition;
+        const size_t nWindow = kLatentWidth * kLatentHeight;
+        return std::all_of(m_vecFrame.begin() + nWindow, m_vecFrame.end(), [](unsigned char v) { return v == 0; });
+    }
+
+    // A bracketed single read, as ReadLatent and ReadData of models 5..8 make.
+    bool SingleRead()
+    {
+        Start();
+        const bool b = ReadIsLatent();
+        Stop();
+        return b;
+    }
+
+private:
+    std::unique_ptr<CFrameSource> m_pSource;
+    RenderInput m_in = {};
+    std::vector<unsigned char> m_vecFrame;
+};
+
+TEST(SceneSource, LatentReadsFollowTheDriversOrder)
+{
+    // Capture with latent check: latent reads until one sees a live finger
+    // (the residue stays for 2 reads), then the capture, then again.
+    ReadScript capture("flat", {{"latent", "2"}, {"latentcheck", "1"}});
+    EXPECT_TRUE(capture.SingleRead());
+    EXPECT_TRUE(capture.SingleRead());
+    EXPECT_TRUE(capture.SingleRead());
+    EXPECT_FALSE(capture.SingleRead());
+    EXPECT_TRUE(capture.SingleRead());
+    // A live capture: the latent read passes, then one long acquisition of frames.
+    capture.Start();
+    EXPECT_FALSE(capture.ReadIsLatent());
+    EXPECT_FALSE(capture.ReadIsLatent());
+    EXPECT_FALSE(capture.ReadIsLatent());
+    capture.Stop();
+    EXPECT_TRUE(capture.SingleRead());
+    // Reads outside an acquisition are never latent reads.
+    EXPECT_FALSE(capture.ReadIsLatent());
+
+    // Empty glass never passes: every acquisition stays a latent read, and
+    // only its later reads are frames.
+    ReadScript empty("empty", {{"latentcheck", "1"}});
+    for (int i = 0; i < 4; ++i) EXPECT_TRUE(empty.SingleRead());
+    empty.Start();
+    EXPECT_TRUE(empty.ReadIsLatent());
+    EXPECT_FALSE(empty.ReadIsLatent());
+    empty.Stop();
+
+    // Check only: every acquisition begins with a latent read.
+    ReadScript check("flat", {{"latentcheck", "2"}});
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(check.SingleRead());
+    // Without the key no read is a latent read.
+    ReadScript plain("flat", {});
+    for (int i = 0; i < 3; ++i) EXPECT_FALSE(plain.SingleRead());
+}
+
+TEST(SceneSource, LatentCheckThroughTheDevice)
+{
+    struct Case {
+        const char* pszUnit;
+        int nExpect;
+    };
+    const Case aCases[] = {
+        {"0:model=6,scene=flat,seed=21,latentcheck=2", 0},
+        {"0:model=4,scene=dark,seed=21,latentcheck=2", 0},
+        {"0:model=8,scene=latent,seed=21,latentcheck=2", 1},
+        {"0:model=5,fw=0x3000,scene=empty,latentcheck=2", 1},
+        {"0:model=7,fw=0x1005,scene=roll,seed=21,latentcheck=2", 0},
+    };
+    for (const Case& c : aCases) {
+        SCOPED_TRACE(c.pszUnit);
+        tavk05virt::DetachAll();
+        std::string strError;
+        ASSERT_TRUE(tavk05virt::Attach(c.pszUnit, &strError)) << strError;
+        CVxdInterface vxd;
+        ASSERT_EQ(0, vxd.OpenUSB(0));
+        unsigned long nBytes = 926720;
+        if (vxd.GetDevType() >= 5) nBytes = vxd.GetFirmwareVersion() >= 0x3000 ? 2304000 : 1128448;
+        std::vector<unsigned char> vecFrame(CVxdInterface::TransferLength(nBytes));
+        ASSERT_EQ(0, vxd.ReadLatent(vecFrame.data(), nBytes));
+        std::vector<unsigned char> vecGrey(nBytes + 200);
+        Processor().RGBtoGRAY(vecFrame.data(), vecGrey.data(), kLatentWidth, kLatentHeight);
+        EXPECT_EQ(c.nExpect, Processor().CheckLatent2(vecGrey.data()));
+        vxd.CloseUSB();
+    }
+    tavk05virt::DetachAll();
+}
+
+TEST(SceneSource, SceneKeysThroughTheUnitSyntax)
+{
+    std::string strError;
+    EXPECT_FALSE(tavk05virt::Attach("0:scene=flat,seed=x", &strError));
+    EXPECT_NE(std::string::npos, strError.find("seed"));
+    EXPECT_FALSE(tavk05virt::Attach("0:scene=rolls", &strError));
+    EXPECT_NE(std::string::npos, strError.find("roll-left"));
+    EXPECT_FALSE(tavk05virt::Attach("0:latentcheck", &strError));
+    EXPECT_TRUE(tavk05virt::Attach("0:scene=flat,seed=3,wait=2", &strError)) << strError;
+    // A key given later keeps the scene and changes its setting.
+    EXPECT_TRUE(tavk05virt::Inject(0, "latentcheck=2", &strError)) << strError;
+    EXPECT_NE(std::string::npos, std::string(tavk05virt::Syntax()).find("latentcheck=M"));
+    tavk05virt::DetachAll();
+}
+
+// The driver's single-capture pipeline on one raw frame: mosaic to grey,
+// geometry correction by model and firmware (mirror included), and for
+// models 5 and 6 the shading table and the (v - 90) x 1.55 stretch of a
+// freshly opened device.
+std::vector<unsigned char> Finish(const std::vector<unsigned char>& vecFrame, int nDevType, bool bNewFirmware)
+{
+    CImageProc& proc = Processor();
+    unsigned nWidth = 1280;
+    unsigned nHeight = 676;
+    if (nDevType >= 5) {
+        nWidth = bNewFirmware ? 1800 : 1288;
+        nHeight = bNewFirmware ? 1280 : 876;
+    }
+    std::vector<unsigned char> vecMosaic(vecFrame.begin(), vecFrame.begin() + nWidth * nHeight);
+    std::vector<unsigned char> vecGrey(2340000);
+    proc.RGBtoGRAY2(vecMosaic.data(), vecGrey.data(), nWidth, nHeight);
+    std::vector<unsigned char> vecImage(kSize * kSize, 0);
+    proc.m_nDeviceType = nDevType;
+    if (nDevType == 7 || nDevType == 8) {
+        if (bNewFirmware) {
+            proc.CorrectImageCalcEx(vecGrey.data(), nWidth, nHeight, vecImage.data(), 600, 600, 0, 0);
+        } else {
+            proc.CorrectImageCalc(vecGrey.data(), nWidth, nHeight, vecImage.data(), 600, 600, 0, 0);
+        }
+    } else {
+        proc.CorrectImage(vecGrey.data(), nWidth, nHeight, vecImage.data(), 600, 600, 0, 0);
+    }
+    if (nDevType == 5 || nDevType == 6) {
+        for (int i = 0; i < kSize * kSize; ++i) {
+            const int p = std::min(255, vecImage[i] + pModBuf[i]);
+            const int v = static_cast<int>(std::max(0, p - 90) * 1.55f);
+            vecImage[i] = static_cast<unsigned char>(std::min(255, v));
+        }
+    }
+    return vecImage;
+}
+
+// One bare frame read from unit 0 with the given brightness and gain (a
+// negative brightness: no sensor-option block), with the device type and
+// firmware the transport found.
+struct Frame {
+    std::vector<unsigned char> vecBytes;
+    int nDevType = 0;
+    bool bNewFirmware = false;
+};
+
+Frame ReadFrame(int nExposure, int nGain)
+{
+    Frame frame;
+    CVxdInterface vxd;
+    EXPECT_EQ(0, vxd.OpenUSB(0));
+    if (nExposure >= 0) {
+        EXPECT_EQ(0, vxd.SetGain(static_cast<unsigned char>(nGain)));
+        EXPECT_EQ(0, vxd.SetExposure(static_cast<unsigned char>(nExposure)));
+    }
+    frame.nDevType = vxd.GetDevType();
+    frame.bNewFirmware = vxd.GetFirmwareVersion() > 0x2FFF;
+    unsigned long nBytes = 926720;
+    if (frame.nDevType >= 5) nBytes = frame.bNewFirmware ? 2304000 : 1128448;
+    frame.vecBytes.resize(CVxdInterface::TransferLength(nBytes));
+    EXPECT_EQ(0, vxd.ReadDataEx(frame.vecBytes.data(), nBytes, 3000));
+    vxd.CloseUSB();
+    frame.vecBytes.resize(nBytes);
+    return frame;
+}
+
+std::vector<unsigned char> Finish(const Frame& frame)
+{
+    return Finish(frame.vecBytes, frame.nDevType, frame.bNewFirmware);
+}
+
+// One unit of every raw geometry and correction path the driver can meet.
+const char* const kGeometries[] = {
+    "0:model=4,",             // 1280 x 676, coordinate tables
+    "0:model=5,",             // 1288 x 876, 1103 tables, shading and stretch
+    "0:model=6,",
+    "0:model=8,fw=0x1005,",   // 1288 x 876, interpolation
+    "0:model=7,",             // 1800 x 1280, interpolation of the padded frame
+    "0:product=0x0630,",      // unrecognised product: as types 3 and 4
+};
+
+TEST(SceneRender, FinishedImageShowsTheSceneOnEveryGeometry)
+{
+    const uint32_t nSeed = 7;
+    const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(nSeed);
+    std::vector<unsigned char> vecGlass(kSize * kSize);
+    ComposeGlass(p.get(), Pose(kSceneFlat, nSeed, 0), vecGlass.data());
+    for (const char* pszUnit : kGeometries) {
+        SCOPED_TRACE(pszUnit);
+        tavk05virt::DetachAll();
+        std::string strError;
+        ASSERT_TRUE(tavk05virt::Attach(std::string(pszUnit) + "scene=flat,seed=7", &strError)) << strError;
+        const std::vector<unsigned char> vecImage = Finish(ReadFrame(-1, 0));
+        // Where the finger is, and how it looks, within a few grey levels
+        // (vignetting and noise aside); ridges stay where the scene put them.
+        double fAbs = 0.0;
+        double fXY = 0.0;
+        double fXX = 0.0;
+        double fYY = 0.0;
+        double fMeanX = 0.0;
+        double fMeanY = 0.0;
+        int n = 0;
+        for (int y = 20; y < kSize - 20; ++y) {
+            for (int x = 20; x < kSize - 20; ++x) {
+                const int i = y * kSize + x;
+                fAbs += std::abs(vecImage[i] - vecGlass[i]);
+                fMeanX += vecGlass[i];
+                fMeanY += vecImage[i];
+                ++n;
+            }
+        }
+        fMeanX /= n;
+        fMeanY /= n;
+        for (int y = 20; y < kSize - 20; ++y) {
+            for (int x = 20; x < kSize - 20; ++x) {
+                const int i = y * kSize + x;
+                fXY += (vecGlass[i] - fMeanX) * (vecImage[i] - fMeanY);
+                fXX += (vecGlass[i] - fMeanX) * (vecGlass[i] - fMeanX);
+                fYY += (vecImage[i] - fMeanY) * (vecImage[i] - fMeanY);
+            }
+        }
+        EXPECT_LT(fAbs / n, 12.0);
+        EXPECT_GT(fXY / std::sqrt(fXX * fYY), 0.9);
+    }
+    tavk05virt::DetachAll();
+}
+
+TEST(SceneRender, ExposureBrightensAndGainStretches)
+{
+    for (const char* pszUnit : kGeometries) {
+        SCOPED_TRACE(pszUnit);
+        tavk05virt::DetachAll();
+        std::string strError;
+        ASSERT_TRUE(tavk05virt::Attach(std::string(pszUnit) + "scene=flat,seed=7", &strError)) << strError;
+        // Mean of empty glass (top rows), deviation inside the finger.
+        auto measure = [&](int nExposure, int nGain, double* pfGlass, double* pfSpread, double* pfNoise) {
+            const std::vector<unsigned char> vecImage = Finish(ReadFrame(nExposure, nGain));
+            double fSum = 0.0;
+            double fSquares = 0.0;
+            int n = 0;
+            for (int y = 40; y < 70; ++y) {
+                for (int x = 200; x < 400; ++x) {
+                    fSum += vecImage[y * kSize + x];
+                    fSquares += vecImage[y * kSize + x] * vecImage[y * kSize + x];
+                    ++n;
+                }
+            }
+            *pfGlass = fSum / n;
+            *pfNoise = std::sqrt(std::max(0.0, fSquares / n - *pfGlass * *pfGlass));
+            fSum = 0.0;
+            fSquares = 0.0;
+            n = 0;
+            for (int y = 260; y < 340; ++y) {
+                for (int x = 260; x < 340; ++x) {
+                    fSum += vecImage[y * kSize + x];
+                    fSquares += vecImage[y * kSize + x] * vecImage[y * kSize + x];
+                    ++n;
+                }
+            }
+            *pfSpread = std::sqrt(fSquares / n - (fSum / n) * (fSum / n));
+        };
+        // Power-on values (no sensor-option block yet) are brightness 40, gain 1.
+        double fDefaultGlass, fDefaultSpread, fDefaultNoise;
+        double fFortyGlass, fFortySpread, fFortyNoise;
+        measure(-1, 0, &fDefaultGlass, &fDefaultSpread, &fDefaultNoise);
+        measure(40, 1, &fFortyGlass, &fFortySpread, &fFortyNoise);
+        EXPECT_NEAR(fDefaultGlass, fFortyGlass, 1.5);
+        EXPECT_NEAR(fDefaultSpread, fFortySpread, 2.0);
+        double fDimGlass, fDimSpread, fDimNoise;
+        double fBrightGlass, fBrightSpread, fBrightNoise;
+        double fHighGlass, fHighSpread, fHighNoise;
+        measure(10, 1, &fDimGlass, &fDimSpread, &fDimNoise);
+        measure(60, 1, &fBrightGlass, &fBrightSpread, &fBrightNoise);
+        measure(10, 8, &fHighGlass, &fHighSpread, &fHighNoise);
+        EXPECT_GT(fBrightGlass, fDimGlass + 30.0);
+        EXPECT_GT(fHighSpread, fDimSpread * 1.15);
+        EXPECT_GT(fHighNoise, fDimNoise * 1.5);
+    }
+    tavk05virt::DetachAll();
+}
+
+TEST(SceneRender, LiveViewOfPressedFingersMatchesTheFingerStates)
+{
+    // The live view shows the darkening against empty glass, 255 - 3d
+    // without the contrast table; the driver's finger-state estimate on it
+    // finds the over-pressed finger dark (1), the flat one normal (2) and
+    // the light, dry one pale (3).
+    struct Case {
+        const char* pszScene;
+        int nState;
+    };
+    const Case aCases[] = {{"dark", 1}, {"flat", 2}, {"pale", 3}};
+    for (const char* pszUnit : {"0:model=4,", "0:model=5,", "0:model=7,"}) {
+        tavk05virt::DetachAll();
+        std::string strError;
+        ASSERT_TRUE(tavk05virt::Attach(std::string(pszUnit) + "scene=empty", &strError)) << strError;
+        const std::vector<unsigned char> vecBackground = Finish(ReadFrame(-1, 0));
+        for (const Case& c : aCases) {
+            SCOPED_TRACE(std::string(pszUnit) + c.pszScene);
+            ASSERT_TRUE(tavk05virt::Attach(std::string(pszUnit) + "scene=" + c.pszScene + ",seed=7", &strError));
+            const std::vector<unsigned char> vecFrame = Finish(ReadFrame(-1, 0));
+            std::vector<unsigned char> vecLive(kSize * kSize);
+            for (int i = 0; i < kSize * kSize; ++i) {
+                const int d = std::max(0, vecBackground[i] - vecFrame[i]);
+                vecLive[i] = static_cast<unsigned char>(std::max(0, 255 - 3 * d));
+            }
+            Processor().CheckImageQuality2(kSize, kSize, vecLive.data());
+            EXPECT_EQ(c.nState, Processor().EstimateFingerState(kSize, kSize, vecLive.data()));
+        }
+    }
+    tavk05virt::DetachAll();
+}
+
+TEST(SceneRender, MosaicCarriesEqualGreyInEveryChannel)
+{
+    tavk05virt::DetachAll();
+    std::string strError;
+    ASSERT_TRUE(tavk05virt::Attach("0:model=6,scene=empty", &strError)) << strError;
+    const std::vector<unsigned char> vecFrame = ReadFrame(-1, 0).vecBytes;
+    // Channel means over the middle of the sensor: red a little above
+    // green, blue a little below, their mean the green level.
+    double afSum[3] = {};
+    int anCount[3] = {};
+    for (int y = 300; y < 600; ++y) {
+        for (int x = 400; x < 900; ++x) {
+            const int nChannel = (x + y) % 2 ? 1 : (y % 2 ? 2 : 0);
+            afSum[nChannel] += vecFrame[y * 1288 + x];
+            ++anCount[nChannel];
+        }
+    }
+    const double fRed = afSum[0] / anCount[0];
+    const double fGreen = afSum[1] / anCount[1];
+    const double fBlue = afSum[2] / anCount[2];
+    EXPECT_GT(fRed, fGreen);
+    EXPECT_LT(fBlue, fGreen);
+    EXPECT_LT(fRed - fBlue, 0.08 * fGreen);
+    EXPECT_NEAR((fRed + fBlue) / 2, fGreen, 0.6);
+    // The frame's tail behind the mosaic is zero.
+    EXPECT_TRUE(std::all_of(vecFrame.begin() + 1288 * 876, vecFrame.end(), [](unsigned char v) { return v == 0; }));
+    tavk05virt::DetachAll();
+}
+
+TEST(SceneTimeline, PlaceStartsEmptyAndSettles)
+{
+    const uint32_t nSeed = 2;
+    const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(nSeed);
+    std::vector<unsigned char> vecGlass(kSize * kSize);
+    long nPrevDark = -1;
+    long nSettled = -1;
+    for (unsigned long t = 0; t < 14; ++t) {
+        ComposeGlass(p.get(), Pose(kScenePlace, nSeed, t), vecGlass.data());
+        const long nDark = std::count_if(vecGlass.begin(), vecGlass.end(), [](unsigned char v) { return v < 120; });
+        if (t < SceneTiming::kPlaceEmpty) {
+            EXPECT_EQ(0, nDark) << "read " << t;
+        } else if (t + 1 < SceneTiming::kPlaceEmpty + SceneTiming::kPlaceArrive) {
+            EXPECT_GT(nDark, nPrevDark) << "read " << t;
+        } else if (nSettled < 0) {
+            nSettled = nDark;
+        } else {
+            EXPECT_EQ(nSettled, nDark) << "read " << t;
+        }
+        nPrevDark = nDark;
+    }
+    // Settled, the finger is the flat finger.
+    ComposeGlass(p.get(), Pose(kSceneFlat, nSeed, 0), vecGlass.data());
+    EXPECT_EQ(nSettled, std::count_if(vecGlass.begin(), vecGlass.end(), [](unsigned char v) { return v < 120; }));
+}
+
+}  // namespace
