@@ -280,12 +280,25 @@ static void ProbeOpenSensor(void* p)
 
     ProbeLiveCapture(p);
 
-    /* Control code 0x301 is the one the driver declares unsupported. */
+    /* Control code 0x301 is the one the driver declares unsupported ... */
     {
         unsigned long nOutLen = 0;
         EXPECT_EQ(SLOT_DEV_IO_CONTROL, "DevIoControl(0x301)", 4,
                   OP(OpIoControl, p, SLOT_DEV_IO_CONTROL)(p, 0x301, NULL, 0, NULL, 0, &nOutLen));
+        /* ... and 0x102 one it does not know. */
+        EXPECT_EQ(SLOT_DEV_IO_CONTROL, "DevIoControl(0x102)", 3,
+                  OP(OpIoControl, p, SLOT_DEV_IO_CONTROL)(p, 0x102, NULL, 0, NULL, 0, &nOutLen));
+        EXPECT_EQ(SLOT_DEV_IO_CONTROL, "GetError after DevIoControl(0x102)", 3, LastError(p));
     }
+
+    /* Contrast: out of range is 3; an accepted value shows in the device
+     * information (and is set back so that the settings file keeps 20). */
+    EXPECT_EQ(SLOT_SET_CONTRAST, "SetContrast(101)", 3, OP(OpULong, p, SLOT_SET_CONTRAST)(p, 101));
+    EXPECT_EQ(SLOT_SET_CONTRAST, "SetContrast(55)", 0, OP(OpULong, p, SLOT_SET_CONTRAST)(p, 55));
+    memset(&info, 0, sizeof(info));
+    OP(OpInfo, p, SLOT_GET_DEVICE_INFO)(p, &info);
+    EXPECT_EQ(SLOT_SET_CONTRAST, "Contrast after SetContrast(55)", 55, info.Contrast);
+    EXPECT_EQ(SLOT_SET_CONTRAST, "SetContrast(20)", 0, OP(OpULong, p, SLOT_SET_CONTRAST)(p, 20));
 
     EXPECT_EQ(SLOT_CLOSE_DEVICE, "CloseDevice", 0, OP(OpVoid, p, SLOT_CLOSE_DEVICE)(p));
     EXPECT_EQ(SLOT_CLOSE_DEVICE, "GetError after CloseDevice (LED off)", 0, LastError(p));
