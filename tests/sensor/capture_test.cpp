@@ -421,6 +421,70 @@ TEST_F(CaptureTest, LatentCheckNeedsCapableUnitAndCheckMode)
     }
 }
 
+// Finger scenes: with latentcheck=1 the unit serves the latent exposure at
+// the first read of each capture (the frame at the next one when it showed a
+// live finger), with latentcheck=2 latent exposures only.
+
+TEST_F(CaptureTest, LiveFingerPassesThePreCheckAndIsCaptured)
+{
+    std::unique_ptr<COberin> pSensor = OpenSensor("model=7,fw=0x3000,scene=flat,latentcheck=1");
+    pSensor->m_pVxd->SetLatentCapable(true);
+    Bytes image = Canvas();
+    EXPECT_EQ(pSensor->GetImage(image.data()), 0ul);
+    EXPECT_EQ(StateOf(0).nReads, 2ul);  // the latent exposure, then the frame
+    EXPECT_EQ(RequestsOf(0, VXD_REQ_START_ACQUISITION).size(), 2u);
+
+    // The image is the finished frame that was served last.
+    const Geometry geo = GeometryFor(7, 0x3000);
+    const Bytes raw(pSensor->m_pRawBuf, pSensor->m_pRawBuf + geo.nFrameBytes);
+    Bytes expected = Canvas();
+    Compose(raw, geo, 7, 0x3000, pSensor->m_fContrastFactor, true, 5, &expected);
+    EXPECT_EQ(CountDifferences(image, expected), 0u);
+    int anSeen[256] = {};
+    int nLevels = 0;
+    for (unsigned char by : image) nLevels += anSeen[by]++ == 0;
+    EXPECT_GT(nLevels, 32) << "a finger shows ridges, not a flat image";
+}
+
+TEST_F(CaptureTest, CheckOnlyWithALiveFingerLeavesTheImage)
+{
+    std::unique_ptr<COberin> pSensor = OpenSensor("model=4,scene=flat,latentcheck=2");
+    pSensor->m_pVxd->SetLatentCapable(true);
+    pSensor->WriteData(0, 2);
+    Bytes image = Canvas();
+    EXPECT_EQ(pSensor->GetImage(image.data()), 0ul);
+    EXPECT_EQ(pSensor->GetError(), 0ul);
+    EXPECT_EQ(StateOf(0).nReads, 1ul);
+    EXPECT_TRUE(AllEqual(image, 0, image.size(), kUntouched));
+}
+
+// Residue on the glass rejects the capture; once a finger lies there the
+// next capture goes through.
+TEST_F(CaptureTest, ResidueRejectsUntilAFingerLies)
+{
+    std::unique_ptr<COberin> pSensor = OpenSensor("model=5,scene=flat,latent=1,latentcheck=1");
+    pSensor->m_pVxd->SetLatentCapable(true);
+    ASSERT_EQ(pSensor->SetImageSize(228, 292), 0ul);
+    Bytes image = Canvas();
+    EXPECT_EQ(pSensor->GetImage(image.data()), 57ul);
+    EXPECT_TRUE(AllEqual(image, 0, 228 * 292, 255));
+    EXPECT_TRUE(AllEqual(image, 228 * 292, image.size(), kUntouched));
+    EXPECT_EQ(StateOf(0).nReads, 1ul);
+
+    EXPECT_EQ(pSensor->GetImage(image.data()), 0ul);
+    EXPECT_EQ(StateOf(0).nReads, 3ul);
+    EXPECT_EQ(GetLTWaterM(image.data(), 228, 292), 1);
+    EXPECT_EQ(GetRBWaterM(image.data(), 228, 292), 1);
+
+    // Residue alone never passes.
+    pSensor.reset();
+    pSensor = OpenSensor("model=8,scene=latent,latentcheck=1");
+    pSensor->m_pVxd->SetLatentCapable(true);
+    EXPECT_EQ(pSensor->GetImage(image.data()), 57ul);
+    EXPECT_EQ(pSensor->GetImage(image.data()), 57ul);
+    EXPECT_EQ(StateOf(0).nReads, 2ul);
+}
+
 // CheckLatent hands the grey latent frame to the detector: rows that vary
 // above flat rows 23 to 26 rows below them read as a live finger.
 TEST_F(CaptureTest, CheckLatentBridgesToTheDetector)
