@@ -4,6 +4,8 @@
 // roll mode), ended by the quality threshold, the host or the time limit.
 #include <time.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -127,7 +129,12 @@ unsigned long COberin::GetLiveImageEx2_Normal(unsigned char* pImage, unsigned lo
     unsigned long long nStart = NowMicroseconds();
     unsigned long nResult = TAVK05_E_NO_IMAGE;
 
-    std::unique_ptr<unsigned char[]> pFrame = NewBuffer(static_cast<size_t>(m_nWidth) * m_nHeight);
+    // The frame is always read and composed as 600 x 600, whatever the size
+    // fields say; a size that cannot be had counts as memory short.
+    if (m_nHeight != 0 && m_nWidth > SIZE_MAX / m_nHeight) return TAVK05_E_FAILED;
+    const size_t nFrameBytes =
+        std::max<size_t>(static_cast<size_t>(m_nWidth) * static_cast<size_t>(m_nHeight), kFinishedBytes);
+    std::unique_ptr<unsigned char[]> pFrame = NewBuffer(nFrameBytes);
     if (!pFrame || m_pRawBuf == nullptr) return TAVK05_E_FAILED;
     const unsigned long nThreshold = nQualityThreshold < kQualityMax ? nQualityThreshold : kQualityMax;
     const int nThresholdQ = static_cast<int>(nThreshold);
