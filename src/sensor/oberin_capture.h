@@ -33,8 +33,8 @@ bool CaptureFrame(COberin& sensor, unsigned char* pImage, bool bMark, FrameRead 
 
 // The processing of a frame already in m_pRawBuf: copy of the mosaic, grey
 // conversion, geometry correction by model and firmware, shading and scaling
-// for models 5 and 6, corner marks when bMark. Requires a transport (for the
-// firmware version) and FrameBuffersUsable.
+// for models 5 and 6, corner marks when bMark. Requires FrameBuffersUsable;
+// the firmware version comes from the transport (older firmware without one).
 void FinishFrame(COberin& sensor, unsigned char* pImage, bool bMark);
 
 }  // namespace oberin
