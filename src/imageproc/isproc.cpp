@@ -1,0 +1,108 @@
+// CImageProc: construction and destruction of the processor state -- the
+// background frame, the contrast table, the finger window and the two modify
+// tables that the interpolating geometry correction reads.
+#include "tavk05/isproc.h"
+
+#include <cstring>
+#include <memory>
+#include <new>
+
+namespace {
+
+// Owns a modify table (an array of row pointers, each row its own array)
+// until it is handed over to the processor; frees whatever was allocated if
+// construction stops half way.
+class CTableHolder {
+public:
+    CTableHolder(int nRows, int nEntries) : m_pp(new tagModifyEntry*[nRows]), m_nRows(nRows)
+    {
+        for (int r = 0; r < m_nRows; ++r)
+            m_pp[r] = nullptr;
+        try {
+            for (int r = 0; r < m_nRows; ++r) {
+                m_pp[r] = new tagModifyEntry[nEntries];
+                // The first half of a row is what the table build fills and
+                // what readers see; it starts zeroed, so that the indexes and
+                // weights the build leaves alone in out-of-range entries are
+                // defined. The second half is room that nothing reads or
+                // writes; it is left untouched, which spares the page faults
+                // of 24 MB never used.
+                std::memset(static_cast<void*>(m_pp[r]), 0, sizeof(tagModifyEntry) * static_cast<size_t>(nEntries / 2));
+            }
+        } catch (...) {
+            // The destructor does not run for a half-built holder.
+            Free(m_pp, m_nRows);
+            throw;
+        }
+    }
+    ~CTableHolder() { Free(m_pp, m_nRows); }
+    CTableHolder(const CTableHolder&) = delete;
+    CTableHolder& operator=(const CTableHolder&) = delete;
+
+    tagModifyEntry** Release()
+    {
+        tagModifyEntry** pp = m_pp;
+        m_pp = nullptr;
+        return pp;
+    }
+
+    static void Free(tagModifyEntry** pp, int nRows)
+    {
+        if (pp == nullptr)
+            return;
+        for (int r = 0; r < nRows; ++r)
+            delete[] pp[r];
+        delete[] pp;
+    }
+
+private:
+    tagModifyEntry** m_pp;
+    int m_nRows;
+};
+
+} // namespace
+
+CImageProc::CImageProc()
+    : m_bRollStarted(0), m_nRollCenter(0), m_nRollLeft(0), m_nRollRight(0), m_nRollDirection(0),
+      m_bContrastTable(0), m_pBackground(nullptr), m_nDeviceType(0), m_nFingerWinX(0), m_nFingerWinY(0),
+      m_ppModifyTable(nullptr), m_ppModifyTableEx(nullptr)
+{
+    // A failed allocation throws std::bad_alloc out of here; the sensor's
+    // creation catches it. Everything allocated so far is released by the
+    // holders on the way out.
+    m_bContrastTable = 0;
+
+    std::unique_ptr<unsigned char[]> pBackground(new unsigned char[IMG_PIXELS]);
+    std::memset(pBackground.get(), 255, IMG_PIXELS);
+
+    // Entries 0..254 are the defined default; entry 255 gets the same value
+    // so that no byte of the table is ever indeterminate. Nothing reads the
+    // table before SetContrast has rewritten all of it.
+    std::memset(m_ucContrastTable, 255, sizeof m_ucContrastTable);
+
+    m_bRollStarted = 0;
+    m_nDeviceType = 0;
+
+    CTableHolder table(MODIFY_SIZE, MODIFY_SIZE);
+    CTableHolder tableEx(MODIFY_SIZE_EX, MODIFY_SIZE_EX);
+
+    m_pBackground = pBackground.release();
+    m_ppModifyTable = table.Release();
+    m_ppModifyTableEx = tableEx.Release();
+
+    InitModifyTable();
+    InitModifyTableEx();
+
+    m_nFingerWinX = 100;
+    m_nFingerWinY = 75;
+}
+
+CImageProc::~CImageProc()
+{
+    delete[] m_pBackground;
+    m_pBackground = nullptr;
+    CTableHolder::Free(m_ppModifyTable, MODIFY_SIZE);
+    m_ppModifyTable = nullptr;
+    CTableHolder::Free(m_ppModifyTableEx, MODIFY_SIZE_EX);
+    m_ppModifyTableEx = nullptr;
+}
