@@ -1,1 +1,0 @@
-namespace { int nPlaceholder; } int MarkPlaceholder() { return nPlaceholder; }
