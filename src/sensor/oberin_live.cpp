@@ -157,8 +157,11 @@ unsigned long COberin::GetLiveImageEx2_Normal(unsigned char* pImage, unsigned lo
     // host gives up or time runs out. Each latent read starts and stops
     // acquisition by itself.
     if (m_pVxd != nullptr && m_pVxd->m_bLatentCapable && m_bLatentCheck) {
-        std::unique_ptr<unsigned char[]> pLatent = NewBuffer(m_nFrameBytes);
-        std::unique_ptr<unsigned char[]> pLatentGrey = NewBuffer(m_nFrameBytes);
+        // The conversion reads and writes a whole 1214 x 616 latent frame,
+        // which every model's frame size covers; never take less.
+        const size_t nLatentBytes = std::max<size_t>(m_nFrameBytes, kLatentWidth * kLatentHeight);
+        std::unique_ptr<unsigned char[]> pLatent = NewBuffer(nLatentBytes);
+        std::unique_ptr<unsigned char[]> pLatentGrey = NewBuffer(nLatentBytes);
         if (!pLatent || !pLatentGrey) return TAVK05_E_FAILED;
         bool bLatent = false;
         for (;;) {
