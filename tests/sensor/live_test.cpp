@@ -315,6 +315,31 @@ TEST_F(LiveTest, RolledImageEndsThroughTheFinalCheck)
     }
 }
 
+TEST_F(LiveTest, RollsEitherWayEndWhenTheFingerLeaves)
+{
+    // Toward lower columns, and a finger lifted half way: both complete
+    // when the finger has gone, through the final check.
+    const struct {
+        const char* pszScene;
+        int nDirection;
+    } aCases[] = {{"roll-left", 2}, {"lift", 1}, {"roll", 1}};
+    Open(5, "roll", true);
+    UseHost();
+    m_host.fnReply = ReplyAt(0, TAVK05_CB_START_ROLL);
+    size_t anCalls[3] = {0, 0, 0};
+    for (size_t i = 0; i < 3; ++i) {
+        SCOPED_TRACE(aCases[i].pszScene);
+        Scene(aCases[i].pszScene);
+        EXPECT_EQ(Live(1), 0ul);
+        anCalls[i] = m_host.vecCalls.size();
+        EXPECT_EQ(m_pSensor->m_ImageProc.m_nRollDirection, aCases[i].nDirection);
+        EXPECT_EQ(m_pSensor->m_ImageProc.m_bRollStarted, 0);  // the finger has gone
+        EXPECT_EQ(m_image, Marked(BoxMean3(m_host.vecCalls.back().shown), 600, 600));
+        ExpectOneAcquisition();
+    }
+    EXPECT_LT(anCalls[1] + 10, anCalls[2]);  // lifted 20 frames early
+}
+
 // A faint print: 2 x 2 checks of lo and lo + 6 over rows and columns
 // 100..499 on a plain background. Its own gradients (6) are too weak to count;
 // halved, the lo checks stand out.
