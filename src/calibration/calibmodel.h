@@ -169,7 +169,9 @@ public:
     bool RawToFinal(double dSx, double dSy, double* pdFx, double* pdFy) const;
 
     // Final position of every raw pixel, row-major over RawWidth() x
-    // RawHeight(), kOutside in both arrays where RawToFinal is false.
+    // RawHeight(), kOutside in both arrays where RawToFinal is false; the
+    // positions agree with RawToFinal within 1e-4 pixels. Meant to be run
+    // once per path and cached (20 to 50 ms for a frame).
     void FillRawToFinal(float* pfFx, float* pfFy) const;
 
 private:

@@ -175,7 +175,8 @@ bool CTableModel::Region(double dX, double dY, double* pdU, double* pdV) const
         const double dStepW = (dXu * dFy - dFx * dYu) / dDet;
         dU -= dStepU;
         dV -= dStepW * 0.5 * kLast;
-        if (std::fabs(dStepU) < 1e-9 && std::fabs(dStepW) < 1e-12) {
+        if (std::fabs(dStepU) < 1e-6 && std::fabs(dStepW) < 2e-9) {
+            // Quadratic convergence: what remains is far below 1e-9 pixels.
             *pdU = dU;
             *pdV = dV;
             return dU >= kMarginLow && dU <= kMarginHigh && dV >= kMarginLow && dV <= kMarginHigh;
