@@ -215,24 +215,16 @@ inline unsigned char Weighted(const unsigned char (&aby)[4], const float (&afWei
     return static_cast<unsigned char>(static_cast<int>(fSum));
 }
 
-// One entry: its right-half pixel from the image, then its left-half pixel
-// from the mirrored image.
-template <class G, bool bMirror>
-inline void ResampleEntry(const tagModifyEntry& e, const unsigned char* const* apRow, unsigned char* pDst,
-                          CCropMap<G, bMirror>& crop, CSourceRow<G>& rows)
+// The pixels of an entry's four neighbours in the image (abyRight) and in
+// the mirrored image (abyLeft).
+template <class G>
+inline void Neighbours(const tagModifyEntry& e, const unsigned char* const* apRow, CSourceRow<G>& rows,
+                       unsigned char (&abyRight)[4], unsigned char (&abyLeft)[4])
 {
     const unsigned SW = G::kSrcWidth;
-    if (!Usable<G>(e))
-        return;
-    const size_t nRight = crop(e.nDstRight);
-    const size_t nLeft = crop(e.nDstLeft);
-    if (nRight >= kOutPixels && nLeft >= kOutPixels)
-        return;  // outside the crop window: never seen
     const unsigned i0 = e.nSrcIndex[0];
     unsigned nCol;
     const unsigned nRow = rows.Locate(i0, nCol);
-    unsigned char abyRight[4];
-    unsigned char abyLeft[4];
     if (e.nSrcIndex[1] == i0 + 1 && e.nSrcIndex[2] == i0 + SW + 1 && e.nSrcIndex[3] == i0 + SW && nCol + 1 < SW) {
         // The usual 2 x 2 block inside one row pair.
         const unsigned char* pTop = apRow[nRow];
@@ -257,11 +249,71 @@ inline void ResampleEntry(const tagModifyEntry& e, const unsigned char* const* a
             abyLeft[k] = pRow[SW - 1 - nAt];
         }
     }
+}
+
+// Right and left half of one entry, the right pixel stored first. Doing
+// both halves entry by entry gives the result of a whole right pass
+// followed by a whole left pass as long as the targets lie as the table
+// build places them: right targets right of the canvas centre column, left
+// targets left of it, and the centre pixel only as both targets of one
+// entry. Returns false, with nothing stored, for an entry that breaks
+// this (an edited table); the caller then takes the two passes.
+template <class G, bool bMirror>
+inline bool ResampleEntry(const tagModifyEntry& e, const unsigned char* const* apRow, unsigned char* pDst,
+                          CCropMap<G, bMirror>& crop, CSourceRow<G>& rows)
+{
+    if (!Usable<G>(e))
+        return true;
+    const unsigned nCentre = G::kCanvas / 2;
+    unsigned nRowStart;
+    crop.Row(e.nDstRight, nRowStart);
+    const unsigned nColRight = e.nDstRight - nRowStart;
+    crop.Row(e.nDstLeft, nRowStart);
+    const unsigned nColLeft = e.nDstLeft - nRowStart;
+    if (nColLeft > nCentre || nColRight < nCentre || (nColRight == nCentre && e.nDstLeft != e.nDstRight))
+        return false;
+    const size_t nRight = crop(e.nDstRight);
+    const size_t nLeft = crop(e.nDstLeft);
+    if (nRight >= kOutPixels && nLeft >= kOutPixels)
+        return true;  // outside the crop window: never seen
+    unsigned char abyRight[4];
+    unsigned char abyLeft[4];
+    Neighbours(e, apRow, rows, abyRight, abyLeft);
     const float afWeight[4] = {e.fWeight[0], e.fWeight[1], e.fWeight[2], e.fWeight[3]};
     if (nRight < kOutPixels)
         pDst[nRight] = Weighted(abyRight, afWeight);
     if (nLeft < kOutPixels)
         pDst[nLeft] = Weighted(abyLeft, afWeight);
+    return true;
+}
+
+// The two passes as such, for any placement of the targets: every right
+// pixel in table order, then every left pixel.
+template <class G, bool bMirror>
+void ResampleInTwoPasses(const tagModifyEntry* const* ppTable, const unsigned char* const* apRow, unsigned char* pDst)
+{
+    CCropMap<G, bMirror> crop;
+    CSourceRow<G> rows;
+    for (int nHalf = 0; nHalf < 2; ++nHalf) {
+        for (unsigned r = 0; r < G::kCanvas; ++r) {
+            const tagModifyEntry* const pRow = ppTable[r];
+            if (pRow == nullptr)
+                continue;
+            for (unsigned c = 0; c < G::kCanvas / 2; ++c) {
+                const tagModifyEntry& e = pRow[c];
+                if (!Usable<G>(e))
+                    continue;
+                const size_t nAt = crop(nHalf == 0 ? e.nDstRight : e.nDstLeft);
+                if (nAt >= kOutPixels)
+                    continue;
+                unsigned char abyRight[4];
+                unsigned char abyLeft[4];
+                Neighbours(e, apRow, rows, abyRight, abyLeft);
+                const float afWeight[4] = {e.fWeight[0], e.fWeight[1], e.fWeight[2], e.fWeight[3]};
+                pDst[nAt] = Weighted(nHalf == 0 ? abyRight : abyLeft, afWeight);
+            }
+        }
+    }
 }
 
 const unsigned kPrefetchEntries = 24;
@@ -315,89 +367,145 @@ inline __m128i CropFour(__m128i canvas, unsigned nRowStart, unsigned nOutRow)
     return _mm_or_si128(_mm_and_si128(inside, pos), _mm_andnot_si128(inside, _mm_set1_epi32(-1)));
 }
 
+// Loads four 16-byte records, one per entry, and transposes them: lane k of
+// result i is 32-bit field i of entry k (moved as raw bits).
+inline void LoadFields(const void* p0, const void* p1, const void* p2, const void* p3, __m128i (&aOut)[4])
+{
+    __m128 f0 = _mm_loadu_ps(static_cast<const float*>(p0));
+    __m128 f1 = _mm_loadu_ps(static_cast<const float*>(p1));
+    __m128 f2 = _mm_loadu_ps(static_cast<const float*>(p2));
+    __m128 f3 = _mm_loadu_ps(static_cast<const float*>(p3));
+    _MM_TRANSPOSE4_PS(f0, f1, f2, f3);
+    aOut[0] = _mm_castps_si128(f0);
+    aOut[1] = _mm_castps_si128(f1);
+    aOut[2] = _mm_castps_si128(f2);
+    aOut[3] = _mm_castps_si128(f3);
+}
+
+// The two bytes at each of four addresses, zero-extended into four 32-bit
+// lanes (built in registers: storing four ints and loading them as one
+// vector would stall on the store forwarding).
+inline __m128i Pairs(const unsigned char* p0, const unsigned char* p1, const unsigned char* p2,
+                     const unsigned char* p3)
+{
+    __m128i v = _mm_setzero_si128();
+    v = _mm_insert_epi16(v, static_cast<int>(Load16(p0)), 0);
+    v = _mm_insert_epi16(v, static_cast<int>(Load16(p1)), 2);
+    v = _mm_insert_epi16(v, static_cast<int>(Load16(p2)), 4);
+    return _mm_insert_epi16(v, static_cast<int>(Load16(p3)), 6);
+}
+
+// The low bytes of four 32-bit lanes as four bytes in lane order.
+inline int PackLowBytes(__m128i v)
+{
+    v = _mm_and_si128(v, _mm_set1_epi32(0xFF));
+    v = _mm_packs_epi32(v, v);
+    return _mm_cvtsi128_si32(_mm_packus_epi16(v, v));
+}
+
 // Four consecutive entries at once when all of them are usable 2 x 2
-// blocks inside one source row pair with all targets on one canvas row;
-// false (nothing written) otherwise.
+// blocks in one source row pair, with all targets on one canvas row; false
+// (nothing written) otherwise.
 template <class G, bool bMirror>
 inline bool ResampleFour(const tagModifyEntry* e, const unsigned char* const* apRow, unsigned char* pDst,
                          CCropMap<G, bMirror>& crop, CSourceRow<G>& rows)
 {
     const unsigned SW = G::kSrcWidth;
-    // nSrcRow, nSrcCol, nDstRight and nDstLeft of the four entries, one
-    // field per vector (moved as raw bits through the float shuffles).
-    __m128 f0 = _mm_loadu_ps(reinterpret_cast<const float*>(&e[0].nSrcRow));
-    __m128 f1 = _mm_loadu_ps(reinterpret_cast<const float*>(&e[1].nSrcRow));
-    __m128 f2 = _mm_loadu_ps(reinterpret_cast<const float*>(&e[2].nSrcRow));
-    __m128 f3 = _mm_loadu_ps(reinterpret_cast<const float*>(&e[3].nSrcRow));
-    _MM_TRANSPOSE4_PS(f0, f1, f2, f3);
-    const __m128i srcRow = _mm_castps_si128(f0);
-    const __m128i srcCol = _mm_castps_si128(f1);
-    const __m128i dstRight = _mm_castps_si128(f2);
-    const __m128i dstLeft = _mm_castps_si128(f3);
+    __m128i field[4];  // nSrcRow, nSrcCol, nDstRight, nDstLeft
+    LoadFields(&e[0].nSrcRow, &e[1].nSrcRow, &e[2].nSrcRow, &e[3].nSrcRow, field);
+    __m128i index[4];  // nSrcIndex[0..3]
+    LoadFields(e[0].nSrcIndex, e[1].nSrcIndex, e[2].nSrcIndex, e[3].nSrcIndex, index);
 
-    __m128i ok = _mm_and_si128(LessUnsigned(srcRow, _mm_set1_epi32(G::kMaxRow + 1)),
-                               LessUnsigned(srcCol, _mm_set1_epi32(G::kMaxCol + 1)));
-    // Indexes inside the source and shaped i0, i0 + 1, i0 + SW + 1, i0 + SW.
-    const __m128i limit = _mm_set1_epi32(static_cast<int>(G::kSrcWidth * G::kSrcRows));
-    const __m128i shape = _mm_setr_epi32(0, 1, static_cast<int>(SW + 1), static_cast<int>(SW));
-    for (int k = 0; k < 4; ++k) {
-        const __m128i idx = _mm_loadu_si128(reinterpret_cast<const __m128i*>(e[k].nSrcIndex));
-        const __m128i want = _mm_add_epi32(_mm_shuffle_epi32(idx, 0), shape);
-        ok = _mm_and_si128(ok, _mm_and_si128(LessUnsigned(idx, limit), _mm_cmpeq_epi32(idx, want)));
-    }
+    __m128i ok = _mm_and_si128(LessUnsigned(field[0], _mm_set1_epi32(G::kMaxRow + 1)),
+                               LessUnsigned(field[1], _mm_set1_epi32(G::kMaxCol + 1)));
+    // Shaped i0, i0 + 1, i0 + SW + 1, i0 + SW, the largest inside the source.
+    const __m128i topLeft = index[0];
+    ok = _mm_and_si128(ok, _mm_cmpeq_epi32(index[1], _mm_add_epi32(topLeft, _mm_set1_epi32(1))));
+    ok = _mm_and_si128(ok, _mm_cmpeq_epi32(index[2], _mm_add_epi32(topLeft, _mm_set1_epi32(static_cast<int>(SW + 1)))));
+    ok = _mm_and_si128(ok, _mm_cmpeq_epi32(index[3], _mm_add_epi32(topLeft, _mm_set1_epi32(static_cast<int>(SW)))));
+    ok = _mm_and_si128(ok, LessUnsigned(index[2], _mm_set1_epi32(static_cast<int>(G::kSrcWidth * G::kSrcRows))));
+    // All four blocks on the source row of the first, each with its right
+    // column on that row too.
+    unsigned nCol0;
+    const unsigned nSrcRow = rows.Locate(e[0].nSrcIndex[0], nCol0);
+    const unsigned nSrcRowStart = e[0].nSrcIndex[0] - nCol0;
+    ok = _mm_and_si128(ok, LessUnsigned(_mm_sub_epi32(topLeft, _mm_set1_epi32(static_cast<int>(nSrcRowStart))),
+                                        _mm_set1_epi32(static_cast<int>(SW - 1))));
     // All eight targets on the canvas row of the first one.
     unsigned nRowStart;
-    const unsigned nOutRow = crop.Row(_mm_cvtsi128_si32(dstRight), nRowStart);
+    const unsigned nOutRow = crop.Row(static_cast<unsigned>(_mm_cvtsi128_si32(field[2])), nRowStart);
     const __m128i rowStart = _mm_set1_epi32(static_cast<int>(nRowStart));
     const __m128i canvasWidth = _mm_set1_epi32(G::kCanvas);
-    ok = _mm_and_si128(ok, LessUnsigned(_mm_sub_epi32(dstRight, rowStart), canvasWidth));
-    ok = _mm_and_si128(ok, LessUnsigned(_mm_sub_epi32(dstLeft, rowStart), canvasWidth));
+    const __m128i colRight = _mm_sub_epi32(field[2], rowStart);
+    const __m128i colLeft = _mm_sub_epi32(field[3], rowStart);
+    ok = _mm_and_si128(ok, LessUnsigned(colRight, canvasWidth));
+    ok = _mm_and_si128(ok, LessUnsigned(colLeft, canvasWidth));
+    // The placement that lets both halves be done entry by entry (see
+    // ResampleEntry): left targets up to the centre column, right targets
+    // beyond it or on it together with the left one.
+    const __m128i centre = _mm_set1_epi32(G::kCanvas / 2);
+    ok = _mm_and_si128(ok, LessUnsigned(colLeft, _mm_set1_epi32(G::kCanvas / 2 + 1)));
+    ok = _mm_and_si128(ok, _mm_or_si128(LessUnsigned(centre, colRight),
+                                        _mm_and_si128(_mm_cmpeq_epi32(colRight, centre),
+                                                      _mm_cmpeq_epi32(field[2], field[3]))));
     if (_mm_movemask_epi8(ok) != 0xFFFF)
         return false;
     if (nOutRow >= kOut)
         return true;  // a canvas row outside the crop window: never seen
 
-    const __m128i posRight = CropFour<G, bMirror>(dstRight, nRowStart, nOutRow);
-    const __m128i posLeft = CropFour<G, bMirror>(dstLeft, nRowStart, nOutRow);
+    const __m128i posRight = CropFour<G, bMirror>(field[2], nRowStart, nOutRow);
+    const __m128i posLeft = CropFour<G, bMirror>(field[3], nRowStart, nOutRow);
     const __m128i none = _mm_set1_epi32(-1);
-    if (_mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi32(posRight, none), _mm_cmpeq_epi32(posLeft, none))) == 0xFFFF)
+    const int nRightOutside = _mm_movemask_epi8(_mm_cmpeq_epi32(posRight, none));
+    const int nLeftOutside = _mm_movemask_epi8(_mm_cmpeq_epi32(posLeft, none));
+    if ((nRightOutside & nLeftOutside) == 0xFFFF)
         return true;  // every target outside the window
 
     // Each 16-bit load holds two horizontally adjacent samples, the left
-    // one in the low byte.
-    int anTop[4];
-    int anBottom[4];
-    int anTopMirror[4];
-    int anBottomMirror[4];
-    for (int k = 0; k < 4; ++k) {
-        unsigned nCol;
-        const unsigned nRow = rows.Locate(e[k].nSrcIndex[0], nCol);
-        if (nCol + 1 >= SW)
-            return false;  // the block's right column is on the next row
-        const unsigned char* pTop = apRow[nRow];
-        const unsigned char* pBottom = apRow[nRow + 1];
-        const unsigned nMirror = SW - 2 - nCol;  // mirrored top-right column
-        anTop[k] = static_cast<int>(Load16(pTop + nCol));
-        anBottom[k] = static_cast<int>(Load16(pBottom + nCol));
-        anTopMirror[k] = static_cast<int>(Load16(pTop + nMirror));
-        anBottomMirror[k] = static_cast<int>(Load16(pBottom + nMirror));
-    }
+    // one in the low byte; mirrored reads start one column further left.
+    const unsigned char* const pTop = apRow[nSrcRow];
+    const unsigned char* const pBottom = apRow[nSrcRow + 1];
+    const unsigned char* const pTopMirror = apRow[nSrcRow] + (SW - 2);
+    const unsigned char* const pBottomMirror = apRow[nSrcRow + 1] + (SW - 2);
+    unsigned anCol[4];
+    for (int k = 0; k < 4; ++k)
+        anCol[k] = e[k].nSrcIndex[0] - nSrcRowStart;
+    const __m128i top = Pairs(pTop + anCol[0], pTop + anCol[1], pTop + anCol[2], pTop + anCol[3]);
+    const __m128i bottom = Pairs(pBottom + anCol[0], pBottom + anCol[1], pBottom + anCol[2], pBottom + anCol[3]);
+    const __m128i topMirror =
+        Pairs(pTopMirror - anCol[0], pTopMirror - anCol[1], pTopMirror - anCol[2], pTopMirror - anCol[3]);
+    const __m128i bottomMirror = Pairs(pBottomMirror - anCol[0], pBottomMirror - anCol[1], pBottomMirror - anCol[2],
+                                       pBottomMirror - anCol[3]);
 
     __m128 aw[4] = {_mm_loadu_ps(e[0].fWeight), _mm_loadu_ps(e[1].fWeight), _mm_loadu_ps(e[2].fWeight),
                     _mm_loadu_ps(e[3].fWeight)};
     _MM_TRANSPOSE4_PS(aw[0], aw[1], aw[2], aw[3]);  // aw[k]: weight k of the four entries
 
     const __m128i lowByte = _mm_set1_epi32(0xFF);
-    const __m128i top = _mm_loadu_si128(reinterpret_cast<const __m128i*>(anTop));
-    const __m128i bottom = _mm_loadu_si128(reinterpret_cast<const __m128i*>(anBottom));
-    const __m128i topMirror = _mm_loadu_si128(reinterpret_cast<const __m128i*>(anTopMirror));
-    const __m128i bottomMirror = _mm_loadu_si128(reinterpret_cast<const __m128i*>(anBottomMirror));
     // Right half: top-left and bottom-left are the low bytes.
     const __m128i right = WeightedFour(_mm_and_si128(top, lowByte), _mm_srli_epi32(top, 8),
                                        _mm_srli_epi32(bottom, 8), _mm_and_si128(bottom, lowByte), aw);
     // Left half, mirrored: top-left and bottom-left are the high bytes.
     const __m128i left = WeightedFour(_mm_srli_epi32(topMirror, 8), _mm_and_si128(topMirror, lowByte),
                                       _mm_and_si128(bottomMirror, lowByte), _mm_srli_epi32(bottomMirror, 8), aw);
+
+    if (bMirror && (nRightOutside | nLeftOutside) == 0) {
+        // The usual case: the right targets run leftwards from posRight[0]
+        // and the left ones rightwards from posLeft[0] (the destination is
+        // mirrored). Then each half is one 4-byte store, right before left.
+        const int nRight0 = _mm_cvtsi128_si32(posRight);
+        const int nLeft0 = _mm_cvtsi128_si32(posLeft);
+        const __m128i runRight = _mm_sub_epi32(_mm_set1_epi32(nRight0), _mm_setr_epi32(0, 1, 2, 3));
+        const __m128i runLeft = _mm_add_epi32(_mm_set1_epi32(nLeft0), _mm_setr_epi32(0, 1, 2, 3));
+        if (_mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi32(posRight, runRight), _mm_cmpeq_epi32(posLeft, runLeft))) ==
+            0xFFFF) {
+            const int nRightBytes = PackLowBytes(_mm_shuffle_epi32(right, _MM_SHUFFLE(0, 1, 2, 3)));
+            const int nLeftBytes = PackLowBytes(left);
+            std::memcpy(pDst + nRight0 - 3, &nRightBytes, 4);
+            std::memcpy(pDst + nLeft0, &nLeftBytes, 4);
+            return true;
+        }
+    }
     int anValue[8];
     int anPos[8];
     _mm_storeu_si128(reinterpret_cast<__m128i*>(anValue), _mm_unpacklo_epi32(right, left));
@@ -415,10 +523,12 @@ inline bool ResampleFour(const tagModifyEntry* e, const unsigned char* const* ap
 
 // Both halves of the interpolating correction over the W rows of a modify
 // table: every usable entry produces its right-half pixel from the image and
-// its left-half pixel from the mirrored image. Right and left targets of
-// different entries never coincide; the centre column, targeted by both
+// its left-half pixel from the mirrored image, entry by entry. With the
+// targets placed as the table build places them, right and left targets of
+// different entries never coincide, and the centre column, targeted by both
 // halves of entry 0, keeps the left value as it is stored second -- as if
-// the whole right half had been computed before the left half.
+// the whole right half had been computed before the left half. A table
+// edited otherwise is done in the two passes instead.
 template <class G, bool bMirror>
 void Resample(const tagModifyEntry* const* ppTable, const unsigned char* const* apRow, unsigned char* pDst)
 {
@@ -429,22 +539,38 @@ void Resample(const tagModifyEntry* const* ppTable, const unsigned char* const* 
         const tagModifyEntry* const pRow = ppTable[r];
         if (pRow == nullptr)
             continue;
+        const tagModifyEntry* const pNextRow = r + 1 < G::kCanvas ? ppTable[r + 1] : nullptr;
         unsigned c = 0;
 #if defined(__SSE2__)
         for (; c + 4 <= nEntries; c += 4) {
             // The table is far larger than the caches, and each row is its
-            // own allocation: fetch ahead within the row (the row has room
-            // for W entries, so the address stays inside it).
-            Prefetch(pRow + c + kPrefetchEntries);
-            Prefetch(pRow + c + kPrefetchEntries + 2);
+            // own allocation: fetch ahead within the row, and near its end
+            // the start of the next row.
+            const unsigned nAhead = c + kPrefetchEntries;
+            if (nAhead < nEntries) {
+                Prefetch(pRow + nAhead);
+                Prefetch(pRow + nAhead + 2);
+            } else if (pNextRow != nullptr) {
+                Prefetch(pNextRow + (nAhead - nEntries));
+                Prefetch(pNextRow + (nAhead - nEntries) + 2);
+            }
             if (!ResampleFour(pRow + c, apRow, pDst, crop, rows)) {
-                for (unsigned k = c; k < c + 4; ++k)
-                    ResampleEntry(pRow[k], apRow, pDst, crop, rows);
+                for (unsigned k = c; k < c + 4; ++k) {
+                    if (!ResampleEntry(pRow[k], apRow, pDst, crop, rows)) {
+                        ResampleInTwoPasses<G, bMirror>(ppTable, apRow, pDst);
+                        return;
+                    }
+                }
             }
         }
 #endif
-        for (; c < nEntries; ++c)
-            ResampleEntry(pRow[c], apRow, pDst, crop, rows);
+        for (; c < nEntries; ++c) {
+            if (!ResampleEntry(pRow[c], apRow, pDst, crop, rows)) {
+                // Everything stored so far is stored again, in pass order.
+                ResampleInTwoPasses<G, bMirror>(ppTable, apRow, pDst);
+                return;
+            }
+        }
     }
 }
 

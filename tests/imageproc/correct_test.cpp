@@ -500,3 +500,24 @@ TEST(CorrectImageCalc, SwappedNeighboursAreAddedInStoredOrder)
 }
 
 } // namespace
+
+namespace {
+
+// Targets moved across the centre column: a left pixel written where a
+// later entry writes a right pixel, and the reverse. The left pass comes
+// after the whole right pass, so the left value must win everywhere.
+TEST(CorrectImageCalc, CrossingTargetsKeepThePassOrder)
+{
+    std::unique_ptr<CImageProc> pProc(new CImageProc);
+    for (int t = 0; t < 2; ++t) {
+        tagModifyEntry** pp = t == 0 ? pProc->m_ppModifyTable : pProc->m_ppModifyTableEx;
+        for (int r = 200; r < 260; r += 3) {
+            pp[r][40].nDstLeft = pp[r][45].nDstRight;   // later entry writes it as a right pixel
+            pp[r][60].nDstRight = pp[r][20].nDstLeft;   // earlier entry wrote it as a left pixel
+            pp[r + 1][0].nDstRight = pp[r + 1][7].nDstRight;  // centre entry's right moved away
+        }
+    }
+    ExpectBothVariantsMatch(*pProc, testutil::RandomBytes(1800 * 1280, 82));
+}
+
+} // namespace
