@@ -111,23 +111,6 @@ TEST(Grey, OddSizesFollowTheirVisitingOrder)
     }
 }
 
-TEST(Grey, ExtremeSamplesDoNotOverflow)
-{
-    // Alternating extremes push the sums to 0 and to 765 and everything
-    // in between at the transitions.
-    const int w = 64;
-    const int h = 8;
-    ref::Bytes src(static_cast<size_t>(w) * h);
-    for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x)
-            src[y * w + x] = ((x / 3 + y) % 2) ? 255 : 0;
-    ref::Bytes expected(src.size());
-    ref::RGBtoGRAY(src.data(), expected.data(), w, h);
-    EXPECT_EQ(expected, Convert(&CImageProc::RGBtoGRAY2, src, w, h));
-    const ref::Bytes white(src.size(), 255);
-    EXPECT_EQ(white, Convert(&CImageProc::RGBtoGRAY2, white, w, h, 0));
-}
-
 TEST(Grey, NullBuffersAreIgnored)
 {
     ref::Bytes dst(16, 7);

@@ -120,27 +120,7 @@ TEST(Mark, EachCornerFollowsItsRule)
     }
 }
 
-TEST(Mark, GetAgreesWithTheRuleOnUnmarkedImages)
-{
-    unsigned nSeed = 1000;
-    int nOnes = 0;
-    int nZeros = 0;
-    for (const Size& sz : kSizes) {
-        for (const CornerModel& m : kCorners) {
-            for (int nTrial = 0; nTrial < 20; ++nTrial) {
-                Bytes img = RandomImage(sz.w, sz.h, nSeed++);
-                const int nWant = img[Index(m.anMarked, sz.w, sz.h)] == Expected(m, img, sz.w, sz.h) ? 1 : 0;
-                const Bytes before = img;
-                ASSERT_EQ(nWant, m.pGet(img.data(), sz.w, sz.h)) << m.pszName;
-                ASSERT_EQ(before, img) << "Get modified the image";
-                (nWant ? nOnes : nZeros) += 1;
-            }
-        }
-    }
-    EXPECT_GT(nZeros, 0);
-}
-
-TEST(Mark, CornersAreIndependentOfStampingOrder)
+TEST(Mark, CornersAreIndependentOfStampingOrderAndStampingTwice)
 {
     int anOrder[4] = {0, 1, 2, 3};
     unsigned nSeed = 2000;
@@ -161,19 +141,12 @@ TEST(Mark, CornersAreIndependentOfStampingOrder)
             for (const CornerModel& m : kCorners)
                 masked[Index(m.anMarked, sz.w, sz.h)] = original[Index(m.anMarked, sz.w, sz.h)];
             EXPECT_EQ(original, masked);
+            // Stamping again changes nothing.
+            for (const CornerModel& m : kCorners)
+                m.pSet(img.data(), sz.w, sz.h);
+            EXPECT_EQ(first, img);
         } while (std::next_permutation(anOrder, anOrder + 4));
     }
-}
-
-TEST(Mark, StampingTwiceChangesNothing)
-{
-    Bytes img = RandomImage(260, 300, 3000);
-    for (const CornerModel& m : kCorners)
-        m.pSet(img.data(), 260, 300);
-    const Bytes once = img;
-    for (const CornerModel& m : kCorners)
-        m.pSet(img.data(), 260, 300);
-    EXPECT_EQ(once, img);
 }
 
 TEST(Mark, TamperedSelectorIsDetected)
