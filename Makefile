@@ -11,13 +11,14 @@ all: build
 deps:
 	@scripts/install-deps
 
-build-%: deps
-	@cmake --preset $* >build/configure-$*.log 2>&1 || (mkdir -p build; cmake --preset $*)
+$(addprefix build-,$(TEST_PRESETS)): build-%: deps
+	@mkdir -p build
+	@cmake --preset $* >build/configure-$*.log 2>&1 || (cat build/configure-$*.log; exit 1)
 	cmake --build --preset $* -j$(JOBS)
 
 build: $(addprefix build-,$(BUILD_PRESETS))
 
-test-%: build-%
+$(addprefix test-,$(TEST_PRESETS)): test-%: build-%
 	ctest --preset $* -j$(JOBS)
 
 # The whole suite on both ABIs and under the sanitizers, then the check

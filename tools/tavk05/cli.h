@@ -58,6 +58,8 @@ int CmdConfig(const Options& opt);
 int CmdCapture(const Options& opt);
 int CmdBackground(const Options& opt);
 int CmdVerify(const Options& opt);
+int CmdLive(const Options& opt);
+int CmdRoll(const Options& opt);
 
 }  // namespace cli
 

@@ -26,13 +26,18 @@ const char kHelp[] =
     "      --latent-only    only check the glass for a latent print\n"
     "  background [-o FILE.png]   capture the background frame used by live view\n"
     "  verify FILE.png [--size WxH]   check the four corner marks (exit 0 when all hold)\n"
+    "  live [-o FILE.png]   live view until a frame reaches the quality threshold\n"
+    "      --threshold N    0..100 (default 40)     --timeout MS   (default 20000)\n"
+    "      --background     capture the background first (glass must be empty)\n"
+    "  roll [-o FILE.png]   rolled print: place the finger, then roll it across the glass\n"
+    "                       (models 3, 5, 7); same options, threshold default 20\n"
     "  config show          the settings file and the values the driver reads from it\n"
     "  config set KEY=N...  brightness, contrast, gain or scanmode, kept in the file\n"
     "\n"
     "Global options:\n"
     "  -d, --device N       device index 0..7 (default 0)\n"
     "  --virtual[=UNITS]    use the virtual scanner instead of hardware; UNITS as in\n"
-    "                       TAVK05_VIRTUAL, e.g. '0:model=7,fw=0x3000' (the default)\n"
+    "                       TAVK05_VIRTUAL, default 0:model=7,fw=0x3000,scene=flat\n"
     "  -v, --verbose        more output\n"
     "  -h, --help           this text\n"
     "\n"
@@ -44,7 +49,7 @@ const char kHelp[] =
     "meaning are printed), 2 bad command line, 3 verification failed,\n"
     "4 a file could not be read or written.\n";
 
-const char kDefaultUnits[] = "0:model=7,fw=0x3000";
+const char kDefaultUnits[] = "0:model=7,fw=0x3000,scene=flat";
 
 // Runs this program again with the virtual scanner preloaded: interposing
 // open/ioctl/read must be in place before the driver runs, which only the
@@ -134,5 +139,7 @@ int main(int argc, char** argv)
     if (strCommand == "capture") return cli::CmdCapture(opt);
     if (strCommand == "background") return cli::CmdBackground(opt);
     if (strCommand == "verify") return cli::CmdVerify(opt);
+    if (strCommand == "live") return cli::CmdLive(opt);
+    if (strCommand == "roll") return cli::CmdRoll(opt);
     return cli::Usage("unknown command '" + strCommand + "'");
 }

@@ -1,0 +1,151 @@
+// tavk05 live and roll: live view with a progress line, and rolled prints.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+#include "png_io.h"
+
+namespace cli {
+
+namespace {
+
+struct LiveArgs {
+    std::string strOutput;
+    long nTimeoutMs = 20000;
+    long nThreshold = 40;
+    bool bBackground = false;
+};
+
+// State shared with the driver's callback during one live capture.
+struct Progress {
+    bool bRoll = false;        // ask for rolling once the finger is placed
+    bool bRolling = false;     // rolling has been asked for
+    int nPlacedFrames = 0;     // consecutive frames showing a finger
+    unsigned nFrame = 0;
+    unsigned nLastQuality = 0;
+    bool bTty = false;
+    const char* pszLastState = "";  // for the line-by-line form of the progress
+};
+
+const unsigned kPlacedQuality = 25;  // a finger lies on the glass
+const int kPlacedFrames = 2;         // ... for this many frames in a row
+
+void ShowProgress(Progress& p, const ISensor::tagCallbackInfo& info)
+{
+    char szBar[21];
+    const unsigned nFill = info.nQuality > 100 ? 20 : info.nQuality / 5;
+    for (unsigned i = 0; i < 20; ++i) szBar[i] = i < nFill ? '#' : '.';
+    szBar[20] = '\0';
+    const char* pszState = info.nStatus != 0 ? "read failed" : p.bRolling ? "rolling" : p.bRoll ? "place finger" : "live";
+    if (p.bTty) {
+        std::fprintf(stderr, "\rframe %4u  %-12s  quality [%s] %3u", p.nFrame, pszState, szBar, info.nQuality);
+    } else if (std::strcmp(pszState, p.pszLastState) != 0 || p.nFrame % 100 == 0) {
+        // Not a terminal: one line when the state changes, and now and then.
+        std::fprintf(stderr, "frame %4u  %-12s  quality %3u\n", p.nFrame, pszState, info.nQuality);
+    }
+    p.pszLastState = pszState;
+}
+
+unsigned long Callback(void* pContext, void* pInfo)
+{
+    Progress& p = *static_cast<Progress*>(pContext);
+    const ISensor::tagCallbackInfo& info = *static_cast<const ISensor::tagCallbackInfo*>(pInfo);
+    ++p.nFrame;
+    p.nLastQuality = info.nQuality;
+    ShowProgress(p, info);
+    if (p.bRoll && !p.bRolling && info.nStatus == 0) {
+        p.nPlacedFrames = info.nQuality >= kPlacedQuality ? p.nPlacedFrames + 1 : 0;
+        if (p.nPlacedFrames >= kPlacedFrames) {
+            p.bRolling = true;
+            return TAVK05_CB_START_ROLL;
+        }
+    }
+    return TAVK05_CB_CONTINUE;
+}
+
+int ParseLiveArgs(const char* pszCommand, const Options& opt, LiveArgs* pArgs)
+{
+    const std::vector<std::string>& a = opt.vecArgs;
+    for (size_t i = 0; i < a.size(); ++i) {
+        const std::string& s = a[i];
+        const bool bHasValue = i + 1 < a.size();
+        if ((s == "-o" || s == "--output") && bHasValue) {
+            pArgs->strOutput = a[++i];
+        } else if (s == "--timeout" && bHasValue) {
+            if (!ParseLong(a[++i], 1, 3600000, &pArgs->nTimeoutMs)) return Usage("--timeout takes milliseconds");
+        } else if (s == "--threshold" && bHasValue) {
+            if (!ParseLong(a[++i], 0, 100, &pArgs->nThreshold)) return Usage("--threshold takes 0..100");
+        } else if (s == "--background") {
+            pArgs->bBackground = true;
+        } else {
+            return Usage(std::string(pszCommand) + ": bad or incomplete option '" + s + "'");
+        }
+    }
+    return EXIT_OK;
+}
+
+int RunLive(const Options& opt, bool bRoll)
+{
+    LiveArgs args;
+    if (bRoll) args.nThreshold = 20;
+    if (const int nUsage = ParseLiveArgs(bRoll ? "roll" : "live", opt, &args)) return nUsage;
+
+    Session session;
+    if (!session.Open(opt.nDevice)) return EXIT_DEVICE;
+    COberin& sensor = *session.Get();
+
+    if (args.bBackground) {
+        const unsigned long nStatus = sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr);
+        if (nStatus != TAVK05_OK) return Fail("background capture", nStatus);
+    }
+    if (bRoll) {
+        sensor.WriteData(155, 1);
+        if (sensor.ReadData(155) != 1) {
+            std::fprintf(stderr, "tavk05: device type %lu cannot compose rolled prints\n", sensor.GetDeviceType());
+            return EXIT_DEVICE;
+        }
+    }
+    Progress progress;
+    progress.bRoll = bRoll;
+    progress.bTty = isatty(STDERR_FILENO) != 0;
+    sensor.SetCallBackFunction(1, Callback, &progress);
+
+    std::vector<unsigned char> vecImage(IMG_PIXELS, 255);
+    const unsigned long nStatus = sensor.GetLiveImageEx2(vecImage.data(), static_cast<unsigned long>(args.nTimeoutMs),
+                                                         0, nullptr, static_cast<unsigned long>(args.nThreshold));
+    if (bRoll) sensor.WriteData(155, 0);
+    if (progress.bTty) std::fputc('\n', stderr);
+
+    const int nQuality = sensor.m_ImageProc.CheckImageQuality2(IMG_WIDTH, IMG_HEIGHT, vecImage.data());
+    std::printf("%s ended after %u frames: status %lu (%s), quality %d\n", bRoll ? "rolled capture" : "live view",
+                progress.nFrame, nStatus, StatusText(nStatus), nQuality);
+    // A weak rolled print (57) or a time-out still leaves an image worth keeping.
+    const bool bImage = nStatus == TAVK05_OK || nStatus == TAVK05_E_LATENT || nStatus == TAVK05_E_NO_IMAGE;
+    if (!args.strOutput.empty() && bImage) {
+        std::string strError;
+        if (!WritePng(args.strOutput, vecImage.data(), IMG_WIDTH, IMG_HEIGHT, &strError)) {
+            std::fprintf(stderr, "tavk05: %s\n", strError.c_str());
+            return EXIT_IO;
+        }
+        std::printf("%s written\n", args.strOutput.c_str());
+    }
+    return nStatus == TAVK05_OK ? EXIT_OK : EXIT_DEVICE;
+}
+
+}  // namespace
+
+int CmdLive(const Options& opt)
+{
+    return RunLive(opt, false);
+}
+
+int CmdRoll(const Options& opt)
+{
+    return RunLive(opt, true);
+}
+
+}  // namespace cli
