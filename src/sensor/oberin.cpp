@@ -3,6 +3,7 @@
 #include <new>
 
 #include "tavk05/oberin.h"
+#include "oberin_firmware.h"
 
 namespace {
 
@@ -10,9 +11,6 @@ const unsigned long kDefaultFrameBytes = 926720;
 const unsigned long kDefaultRawWidth = 1280;
 const unsigned long kDefaultRawHeight = 676;
 const float kDefaultContrastFactor = 1.3f;
-
-// Firmware versions above this one belong to the large 1800 x 1280 sensor.
-const int kLastOldFirmware = 0x2FFF;
 
 // Nominal width and height of the image-size codes 0 to 5.
 const unsigned int kImageSizes[6][2] = {
@@ -112,7 +110,7 @@ unsigned long COberin::OpenDevice(unsigned long nIndex, unsigned long /*nReserve
     m_nDeviceType = m_pVxd->GetDevType();
     m_ImageProc.m_nDeviceType = m_nDeviceType;
 
-    const bool bNewFirmware = m_pVxd->GetFirmwareVersion() > kLastOldFirmware;
+    const bool bNewFirmware = oberin::HasNewFirmware(m_pVxd);
     switch (m_nDeviceType) {
     case 5:
     case 6:

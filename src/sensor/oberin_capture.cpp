@@ -2,6 +2,7 @@
 // pre-check, the frame pipeline shared by CaptureImage and
 // CaptureImageForRoll, and the DoModify resampling.
 #include "oberin_capture.h"
+#include "oberin_firmware.h"
 
 #include <climits>
 #include <cstring>
@@ -11,9 +12,6 @@
 #include "tavk05/mark.h"
 
 namespace {
-
-// Firmware versions above this one belong to the large 1800 x 1280 sensor.
-const int kLastOldFirmware = 0x2FFF;
 
 // The frame read's time-out argument (the transport does not use it).
 const unsigned long kReadTimeout = 3000;
@@ -131,8 +129,7 @@ void FinishFrame(COberin& sensor, unsigned char* pImage, bool bMark)
     // The correction's result is not looked at: a refused correction leaves
     // the caller's buffer as it was.
     if (IsModel7Or8(sensor.m_nDeviceType)) {
-        const int nFirmware = sensor.m_pVxd != nullptr ? sensor.m_pVxd->GetFirmwareVersion() : 0;
-        if (nFirmware > kLastOldFirmware) {
+        if (HasNewFirmware(sensor.m_pVxd)) {
             proc.CorrectImageCalcEx(sensor.m_pGreyBuf, w, h, pImage, IMG_WIDTH, IMG_HEIGHT, 0, 0);
         } else {
             proc.CorrectImageCalc(sensor.m_pGreyBuf, w, h, pImage, IMG_WIDTH, IMG_HEIGHT, 0, 0);

@@ -4,11 +4,9 @@
 #include <cmath>
 
 #include "tavk05/oberin.h"
+#include "oberin_firmware.h"
 
 namespace {
-
-// Firmware versions above this one belong to the large 1800 x 1280 sensor.
-const int kLastOldFirmware = 0x2FFF;
 
 const unsigned long kMaxContrast = 100;
 
@@ -25,13 +23,6 @@ const double kBaseOther = 1.0;
 const double kGamma = 0.4;
 const double kSlope = 4.0;
 const double kCentre = 160.0;
-
-bool HasNewFirmware(CVxdInterface* pVxd)
-{
-    // Without a transport (after CloseDevice) the firmware is unknown; it is
-    // then taken as the older one.
-    return pVxd != nullptr && pVxd->GetFirmwareVersion() > kLastOldFirmware;
-}
 
 float ContrastFactor(int nDeviceType, bool bNewFirmware, unsigned long nContrast)
 {
@@ -99,7 +90,7 @@ unsigned long COberin::SetContrast(unsigned long nContrast)
         return m_nError;
     }
     m_nContrast = nContrast;
-    m_fContrastFactor = ContrastFactor(m_nDeviceType, HasNewFirmware(m_pVxd), nContrast);
+    m_fContrastFactor = ContrastFactor(m_nDeviceType, oberin::HasNewFirmware(m_pVxd), nContrast);
     if (m_nDeviceType == 5 || m_nDeviceType == 6) {
         // These models scale in the capture itself and use no table.
         m_ImageProc.m_bContrastTable = 0;

@@ -4,11 +4,9 @@
 #include <cstring>
 
 #include "tavk05/oberin.h"
+#include "oberin_firmware.h"
 
 namespace {
-
-// Firmware versions above this one belong to the large 1800 x 1280 sensor.
-const int kLastOldFirmware = 0x2FFF;
 
 // Value and device-ID blocks of the kernel driver.
 const unsigned long kBlockBytes = VXD_VALUE_BLOCK_BYTES;  // 64
@@ -74,7 +72,7 @@ unsigned long COberin::DevIoControl(unsigned long nCode, void* pIn, unsigned lon
     case TAVK05_IOCTL_BACKGROUND: {
         const unsigned long nBrightness = m_nBrightness;
         const unsigned long nGain = m_nGain;
-        const bool bNewFirmware = m_pVxd != nullptr && m_pVxd->GetFirmwareVersion() > kLastOldFirmware;
+        const bool bNewFirmware = oberin::HasNewFirmware(m_pVxd);
         if (SetBrightness(bNewFirmware ? kBackgroundBrightnessNew : kBackgroundBrightnessOld) != TAVK05_OK) {
             nResult = TAVK05_E_FAILED;  // nothing was captured: settings not restored
             break;

@@ -3,6 +3,7 @@
 // the brightness correction by finger state, and the adaptive scan mode,
 // which this driver does not provide (status 4).
 #include "oberin_filter.h"
+#include "oberin_firmware.h"
 
 #include <climits>
 #include <stdlib.h>
@@ -16,8 +17,6 @@ namespace {
 const int kSide = IMG_WIDTH;            // finished images are 600 x 600
 const int kPixels = IMG_PIXELS;
 
-// Firmware versions above this one belong to the large 1800 x 1280 sensor.
-const int kLastOldFirmware = 0x2FFF;
 // Base level of the models 7 and 8 mapping, by firmware.
 const int kBaseNewFirmware = 180;
 const int kBaseOldFirmware = 125;
@@ -151,8 +150,7 @@ void MapContrast(const COberin& sensor, unsigned char* pFrame, unsigned char* pO
             pOutput[i] = static_cast<unsigned char>(Lightness(d));
         }
     } else if (proc.m_bContrastTable == 1 && (nType == 7 || nType == 8)) {
-        const int nFirmware = sensor.m_pVxd != nullptr ? sensor.m_pVxd->GetFirmwareVersion() : 0;
-        const int nBase = nFirmware > kLastOldFirmware ? kBaseNewFirmware : kBaseOldFirmware;
+        const int nBase = HasNewFirmware(sensor.m_pVxd) ? kBaseNewFirmware : kBaseOldFirmware;
         unsigned char byMap[256];
         for (int d = 0; d < 256; ++d) byMap[d] = ScaledLevel(nBase - d, fFactor);
         for (int i = 0; i < kPixels; ++i) {
