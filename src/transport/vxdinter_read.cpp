@@ -47,6 +47,20 @@ bool SendRequest(int hDevice, unsigned long nRequest)
     return ioctl(hDevice, nRequest, 0UL) >= 0;
 }
 
+// The checks every read makes before it touches the device: a buffer, an
+// open node and a length that can be rounded to whole transfer blocks.
+int CheckRead(const unsigned char* pBuf, int hDevice, unsigned long nBytes, unsigned long* pTransfer)
+{
+    if (pBuf == nullptr) {
+        return VXD_E_INVALID;
+    }
+    if (hDevice < 0) {
+        return VXD_E_NOT_OPEN;
+    }
+    *pTransfer = CVxdInterface::TransferLength(nBytes);
+    return *pTransfer < nBytes ? VXD_E_INVALID : VXD_OK;
+}
+
 }  // namespace
 
 unsigned long CVxdInterface::TransferLength(unsigned long nBytes)
@@ -66,15 +80,9 @@ unsigned long CVxdInterface::TransferLength(unsigned long nBytes)
 
 int CVxdInterface::ReadData(unsigned char* pBuf, unsigned long nBytes, unsigned long /*nTimeout*/)
 {
-    if (pBuf == nullptr) {
-        return VXD_E_INVALID;
-    }
-    if (m_hDevice < 0) {
-        return VXD_E_NOT_OPEN;
-    }
-    const unsigned long nTransfer = TransferLength(nBytes);
-    if (nTransfer < nBytes) {
-        return VXD_E_INVALID;
+    unsigned long nTransfer = 0;
+    if (const int nCheck = CheckRead(pBuf, m_hDevice, nBytes, &nTransfer)) {
+        return nCheck;
     }
     std::memset(pBuf, 0, nTransfer);
     if (!SendRequest(m_hDevice, VXD_REQ_START_ACQUISITION)) {
@@ -122,15 +130,9 @@ int CVxdInterface::ReadData(unsigned char* pBuf, unsigned long nBytes, unsigned 
 
 int CVxdInterface::ReadDataEx(unsigned char* pBuf, unsigned long nBytes, unsigned long /*nTimeout*/)
 {
-    if (pBuf == nullptr) {
-        return VXD_E_INVALID;
-    }
-    if (m_hDevice < 0) {
-        return VXD_E_NOT_OPEN;
-    }
-    const unsigned long nTransfer = TransferLength(nBytes);
-    if (nTransfer < nBytes) {
-        return VXD_E_INVALID;
+    unsigned long nTransfer = 0;
+    if (const int nCheck = CheckRead(pBuf, m_hDevice, nBytes, &nTransfer)) {
+        return nCheck;
     }
     std::memset(pBuf, 0, nTransfer);
     std::unique_ptr<unsigned char[]> pStage(new (std::nothrow) unsigned char[nTransfer]);
@@ -144,15 +146,9 @@ int CVxdInterface::ReadDataEx(unsigned char* pBuf, unsigned long nBytes, unsigne
 
 int CVxdInterface::ReadLatent(unsigned char* pBuf, unsigned long nBytes)
 {
-    if (pBuf == nullptr) {
-        return VXD_E_INVALID;
-    }
-    if (m_hDevice < 0) {
-        return VXD_E_NOT_OPEN;
-    }
-    const unsigned long nTransfer = TransferLength(nBytes);
-    if (nTransfer < nBytes) {
-        return VXD_E_INVALID;
+    unsigned long nTransfer = 0;
+    if (const int nCheck = CheckRead(pBuf, m_hDevice, nBytes, &nTransfer)) {
+        return nCheck;
     }
     if (!SendRequest(m_hDevice, VXD_REQ_START_ACQUISITION)) {
         return VXD_E_REQUEST;

@@ -27,15 +27,6 @@ const unsigned char kUntouched = 0x5A;  // prefill that no capture produces by c
 
 class CaptureTest : public SensorTest {
 protected:
-    // A sensor opened on unit 0 of the given configuration.
-    std::unique_ptr<COberin> OpenSensor(const std::string& strUnit)
-    {
-        AttachUnits("0:" + strUnit);
-        std::unique_ptr<COberin> pSensor(new COberin(nullptr));
-        EXPECT_EQ(pSensor->OpenDevice(0, 0), 0ul);
-        tavk05virt::ClearLog(0);
-        return pSensor;
-    }
 
     static Bytes Canvas() { return Bytes(IMG_PIXELS, kUntouched); }
 

@@ -17,14 +17,6 @@ using tavk05virt::Request;
 
 class DevIoTest : public SensorTest {
 protected:
-    std::unique_ptr<COberin> OpenSensor(const std::string& strUnit)
-    {
-        AttachUnits("0:" + strUnit);
-        std::unique_ptr<COberin> pSensor(new COberin(nullptr));
-        EXPECT_EQ(pSensor->OpenDevice(0, 0), 0ul);
-        tavk05virt::ClearLog(0);
-        return pSensor;
-    }
 
     static Bytes Numbered(size_t n, unsigned char byFirst)
     {

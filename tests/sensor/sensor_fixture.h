@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -98,6 +99,17 @@ protected:
     {
         std::string strError;
         ASSERT_TRUE(tavk05virt::Attach(strUnits, &strError)) << strUnits << ": " << strError;
+    }
+
+    // A sensor opened on unit 0 of the given configuration, its requests so
+    // far forgotten.
+    std::unique_ptr<COberin> OpenSensor(const std::string& strUnit)
+    {
+        AttachUnits("0:" + strUnit);
+        std::unique_ptr<COberin> pSensor(new COberin(nullptr));
+        EXPECT_EQ(pSensor->OpenDevice(0, 0), 0ul);
+        tavk05virt::ClearLog(0);
+        return pSensor;
     }
 
     tavk05virt::UnitState StateOf(int nIndex)

@@ -9,32 +9,11 @@
 #include <vector>
 
 #include "tavk05/virtual.h"
+#include "virtual_unit_test.h"
 #include "tavk05/vxdinter.h"
 
-class TransportTest : public ::testing::Test {
+class TransportTest : public VirtualUnitTest {
 protected:
-    void SetUp() override { tavk05virt::DetachAll(); }
-    void TearDown() override { tavk05virt::DetachAll(); }
-
-    static void AttachUnits(const std::string& strUnits)
-    {
-        std::string strError;
-        ASSERT_TRUE(tavk05virt::Attach(strUnits, &strError)) << strUnits << ": " << strError;
-    }
-
-    static void Inject(int nIndex, const std::string& strKeys)
-    {
-        std::string strError;
-        ASSERT_TRUE(tavk05virt::Inject(nIndex, strKeys, &strError)) << strKeys << ": " << strError;
-    }
-
-    static tavk05virt::UnitState State(int nIndex = 0)
-    {
-        tavk05virt::UnitState state = {};
-        EXPECT_TRUE(tavk05virt::GetState(nIndex, &state));
-        return state;
-    }
-
     // Request numbers the unit received, in order.
     static std::vector<unsigned long> RequestNumbers(int nIndex = 0)
     {

@@ -10,31 +10,10 @@
 #include <string>
 
 #include "tavk05/virtual.h"
+#include "virtual_unit_test.h"
 
-class VirtualTest : public ::testing::Test {
+class VirtualTest : public VirtualUnitTest {
 protected:
-    void SetUp() override { tavk05virt::DetachAll(); }
-    void TearDown() override { tavk05virt::DetachAll(); }
-
-    static void AttachUnits(const std::string& strUnits)
-    {
-        std::string strError;
-        ASSERT_TRUE(tavk05virt::Attach(strUnits, &strError)) << strUnits << ": " << strError;
-    }
-
-    static void Inject(int nIndex, const std::string& strKeys)
-    {
-        std::string strError;
-        ASSERT_TRUE(tavk05virt::Inject(nIndex, strKeys, &strError)) << strKeys << ": " << strError;
-    }
-
-    static tavk05virt::UnitState State(int nIndex = 0)
-    {
-        tavk05virt::UnitState state = {};
-        EXPECT_TRUE(tavk05virt::GetState(nIndex, &state));
-        return state;
-    }
-
     static int OpenNode(int nIndex)
     {
         const std::string strPath = "/dev/tavk05" + std::to_string(nIndex);

@@ -1,0 +1,37 @@
+// Base fixture of the tests that run on virtual units: every test starts and
+// ends with no unit attached, and attaching or injecting must succeed.
+#ifndef TAVK05_TESTS_VIRTUAL_UNIT_TEST_H
+#define TAVK05_TESTS_VIRTUAL_UNIT_TEST_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tavk05/virtual.h"
+
+class VirtualUnitTest : public ::testing::Test {
+protected:
+    void SetUp() override { tavk05virt::DetachAll(); }
+    void TearDown() override { tavk05virt::DetachAll(); }
+
+    static void AttachUnits(const std::string& strUnits)
+    {
+        std::string strError;
+        ASSERT_TRUE(tavk05virt::Attach(strUnits, &strError)) << strUnits << ": " << strError;
+    }
+
+    static void Inject(int nIndex, const std::string& strKeys)
+    {
+        std::string strError;
+        ASSERT_TRUE(tavk05virt::Inject(nIndex, strKeys, &strError)) << strKeys << ": " << strError;
+    }
+
+    static tavk05virt::UnitState State(int nIndex = 0)
+    {
+        tavk05virt::UnitState state = {};
+        EXPECT_TRUE(tavk05virt::GetState(nIndex, &state)) << "unit " << nIndex;
+        return state;
+    }
+};
+
+#endif
