@@ -8,6 +8,8 @@
 
 #include "tavk05/isproc.h"
 #include "tavk05/mark.h"
+#include "tavk05/oberin.h"
+#include "tavk05/virtual.h"
 
 namespace {
 
@@ -103,6 +105,24 @@ int main()
         SetLBWaterM(vecOut.data(), 600, 600);
         SetRBWaterM(vecOut.data(), 600, 600);
         Print(path.pszName, Fnv(vecOut.data(), vecOut.size()));
+    }
+    pProc.reset();
+
+    // Whole captures through the sensor on virtual units of every model: the
+    // frames the virtual scanner renders and the driver's processing.
+    const char* const apszUnits[] = {"model=3", "model=4", "model=5", "model=6", "model=7,fw=0x2000",
+                                     "model=8,fw=0x3000", "product=0x0630"};
+    for (const char* pszUnit : apszUnits) {
+        if (!tavk05virt::Attach(std::string("0:scene=flat,seed=4,") + pszUnit)) return 1;
+        ISensor* pSensor = nullptr;
+        if (CreateISensor(nullptr, &pSensor) != 0 || pSensor->OpenDevice(0, 0) != 0) return 1;
+        pSensor->SetContrast(35);
+        std::memset(vecOut.data(), 0, vecOut.size());
+        char szName[64];
+        std::snprintf(szName, sizeof szName, "capture-%s", pszUnit);
+        Print(szName, pSensor->GetImage(vecOut.data()) == 0 ? Fnv(vecOut.data(), vecOut.size()) : 0);
+        DestroyISensor(pSensor);
+        tavk05virt::DetachAll();
     }
     return 0;
 }
