@@ -83,6 +83,13 @@ bool NeedsMode(int nFlags)
     return (nFlags & O_CREAT) != 0;
 }
 
+// The mode argument of an open that creates a file; the variadic argument is
+// only there (and only read) when the flags ask for one.
+mode_t ModeArgument(int nFlags, va_list ap)
+{
+    return NeedsMode(nFlags) ? static_cast<mode_t>(va_arg(ap, unsigned int)) : 0;
+}
+
 int SysOpenAt(int dirfd, const char* pszPath, int nFlags, mode_t mode)
 {
     return static_cast<int>(syscall(SYS_openat, dirfd, pszPath, nFlags, mode));
@@ -121,13 +128,10 @@ int RealClose(int fd)
 
 int VirtOpen(const char* pszPath, int nFlags, ...)
 {
-    mode_t mode = 0;
-    if (NeedsMode(nFlags)) {
-        va_list ap;
-        va_start(ap, nFlags);
-        mode = static_cast<mode_t>(va_arg(ap, unsigned int));
-        va_end(ap);
-    }
+    va_list ap;
+    va_start(ap, nFlags);
+    const mode_t mode = ModeArgument(nFlags, ap);
+    va_end(ap);
     return OpenCommon(pszPath, nFlags, [&] {
         const OpenFn pfn = Next<OpenFn>(g_pOpen, "open");
         return pfn ? pfn(pszPath, nFlags, mode) : SysOpenAt(AT_FDCWD, pszPath, nFlags, mode);
@@ -136,13 +140,10 @@ int VirtOpen(const char* pszPath, int nFlags, ...)
 
 int VirtOpen64(const char* pszPath, int nFlags, ...)
 {
-    mode_t mode = 0;
-    if (NeedsMode(nFlags)) {
-        va_list ap;
-        va_start(ap, nFlags);
-        mode = static_cast<mode_t>(va_arg(ap, unsigned int));
-        va_end(ap);
-    }
+    va_list ap;
+    va_start(ap, nFlags);
+    const mode_t mode = ModeArgument(nFlags, ap);
+    va_end(ap);
     return OpenCommon(pszPath, nFlags, [&] {
         const OpenFn pfn = Next<OpenFn>(g_pOpen64, "open64");
         return pfn ? pfn(pszPath, nFlags, mode) : SysOpenAt(AT_FDCWD, pszPath, nFlags | O_LARGEFILE, mode);
@@ -151,13 +152,10 @@ int VirtOpen64(const char* pszPath, int nFlags, ...)
 
 int VirtOpenAt(int dirfd, const char* pszPath, int nFlags, ...)
 {
-    mode_t mode = 0;
-    if (NeedsMode(nFlags)) {
-        va_list ap;
-        va_start(ap, nFlags);
-        mode = static_cast<mode_t>(va_arg(ap, unsigned int));
-        va_end(ap);
-    }
+    va_list ap;
+    va_start(ap, nFlags);
+    const mode_t mode = ModeArgument(nFlags, ap);
+    va_end(ap);
     return OpenCommon(pszPath, nFlags, [&] {
         const OpenAtFn pfn = Next<OpenAtFn>(g_pOpenAt, "openat");
         return pfn ? pfn(dirfd, pszPath, nFlags, mode) : SysOpenAt(dirfd, pszPath, nFlags, mode);
@@ -166,13 +164,10 @@ int VirtOpenAt(int dirfd, const char* pszPath, int nFlags, ...)
 
 int VirtOpenAt64(int dirfd, const char* pszPath, int nFlags, ...)
 {
-    mode_t mode = 0;
-    if (NeedsMode(nFlags)) {
-        va_list ap;
-        va_start(ap, nFlags);
-        mode = static_cast<mode_t>(va_arg(ap, unsigned int));
-        va_end(ap);
-    }
+    va_list ap;
+    va_start(ap, nFlags);
+    const mode_t mode = ModeArgument(nFlags, ap);
+    va_end(ap);
     return OpenCommon(pszPath, nFlags, [&] {
         const OpenAtFn pfn = Next<OpenAtFn>(g_pOpenAt64, "openat64");
         return pfn ? pfn(dirfd, pszPath, nFlags, mode) : SysOpenAt(dirfd, pszPath, nFlags | O_LARGEFILE, mode);
