@@ -110,8 +110,16 @@ void GradientProfiles(const unsigned char* pImage, int nWidth, int nHeight, int*
 // null image are refused: the result is 0 and the window is left as it was.
 int CImageProc::CheckImageQuality2(int nWidth, int nHeight, unsigned char* pImage)
 {
-    if (pImage == nullptr || nWidth < 3 || nHeight < 3 || nWidth > PROFILE_MAX || nHeight > PROFILE_MAX)
+    if (pImage == nullptr || nWidth < 0 || nHeight < 0 || nWidth > PROFILE_MAX || nHeight > PROFILE_MAX)
         return 0;
+    if (nWidth < 3 || nHeight < 3) {
+        // No pixel has both neighbours, so both profiles stay empty: the
+        // spans are those of a uniform image, the centres fall back to the
+        // middle and the area is below one quality point.
+        m_nFingerWinX = 300 - 200;
+        m_nFingerWinY = 300 - 225;
+        return 0;
+    }
 
     int nRow[PROFILE_MAX] = {0};
     int nCol[PROFILE_MAX] = {0};

@@ -6,13 +6,18 @@
 // is only right for two-digit brightness and contrast and a one-digit gain;
 // other widths make some reads land on a digit or on the '=' sign. That
 // behaviour is relied on by existing installations and is kept as it is.
+#include <dirent.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "tavk05/oberin.h"
@@ -27,16 +32,102 @@ const long kContrastOffset = 33;
 const long kGainOffset = 50;
 const long kScanModeOffset = 67;
 
-// Reads one decimal number at nOffset into *pnValue; no number leaves it.
-void ReadValueAt(FILE* pFile, long nOffset, unsigned long* pnValue)
+// How far the reader may look into the file: a value is found behind at most
+// this many bytes of white space, and no more digits than make a number
+// saturate are read. Whatever a file holds, reading it costs a few pages.
+const long kReadLimit = 64 * 1024;
+const int kMaxDigits = 32;
+
+// Symbolic links followed from the settings path to the file it names.
+const int kMaxLinks = 40;
+
+// An owned descriptor, closed when it goes out of scope.
+class CFileDesc {
+public:
+    explicit CFileDesc(int fd = -1) : m_fd(fd) {}
+    ~CFileDesc() { Reset(-1); }
+    CFileDesc(const CFileDesc&) = delete;
+    CFileDesc& operator=(const CFileDesc&) = delete;
+    int Get() const { return m_fd; }
+    bool Valid() const { return m_fd >= 0; }
+    void Reset(int fd)
+    {
+        if (m_fd >= 0) ::close(m_fd);
+        m_fd = fd;
+    }
+    // Closes the descriptor and reports whether the close succeeded.
+    bool Close()
+    {
+        const int fd = m_fd;
+        m_fd = -1;
+        return fd < 0 || ::close(fd) == 0;
+    }
+
+private:
+    int m_fd;
+};
+
+// Byte-wise access to the first kReadLimit bytes of an open file, fetched a
+// block at a time as the parser asks for them.
+class CPrefixReader {
+public:
+    explicit CPrefixReader(int fd) : m_fd(fd) {}
+    // The byte at nPos, or -1 past the end of the file or of the limit.
+    int At(long nPos)
+    {
+        if (nPos < 0 || nPos >= kReadLimit) return -1;
+        if (nPos < m_nBlockStart || nPos >= m_nBlockStart + m_nBlockLen) {
+            m_nBlockStart = nPos - nPos % static_cast<long>(sizeof(m_aby));
+            m_nBlockLen = 0;
+            ssize_t nGot;
+            do {
+                nGot = ::pread(m_fd, m_aby, sizeof(m_aby), m_nBlockStart);
+            } while (nGot < 0 && errno == EINTR);
+            if (nGot > 0) m_nBlockLen = nGot;
+            if (nPos >= m_nBlockStart + m_nBlockLen) return -1;
+        }
+        return m_aby[nPos - m_nBlockStart];
+    }
+
+private:
+    int m_fd;
+    long m_nBlockStart = 0;
+    long m_nBlockLen = 0;
+    unsigned char m_aby[512];
+};
+
+bool IsSpace(int c)
 {
-    if (std::fseek(pFile, nOffset, SEEK_SET) != 0) {
-        return;
+    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+// Reads one decimal number at nOffset into *pnValue as "%d" would: white
+// space skipped, an optional sign, digits; a value too large for a long
+// saturates as the C library's conversion does and is then narrowed to int.
+// No number leaves *pnValue as it was.
+void ReadValueAt(CPrefixReader& reader, long nOffset, unsigned long* pnValue)
+{
+    long nPos = nOffset;
+    while (IsSpace(reader.At(nPos))) ++nPos;
+    bool bNegative = false;
+    int c = reader.At(nPos);
+    if (c == '+' || c == '-') {
+        bNegative = (c == '-');
+        c = reader.At(++nPos);
     }
-    int nValue = 0;
-    if (std::fscanf(pFile, "%d", &nValue) == 1) {
-        *pnValue = static_cast<unsigned long>(static_cast<long>(nValue));
+    if (c < '0' || c > '9') return;
+    unsigned long long nMagnitude = 0;
+    const unsigned long long nLimit = bNegative ? static_cast<unsigned long long>(LONG_MAX) + 1ULL
+                                                : static_cast<unsigned long long>(LONG_MAX);
+    for (int nDigits = 0; c >= '0' && c <= '9' && nDigits < kMaxDigits; ++nDigits) {
+        nMagnitude = nMagnitude * 10 + static_cast<unsigned long long>(c - '0');
+        if (nMagnitude > nLimit) nMagnitude = nLimit;
+        c = reader.At(++nPos);
     }
+    const long nLong = bNegative ? (nMagnitude == nLimit ? LONG_MIN : -static_cast<long>(nMagnitude))
+                                 : static_cast<long>(nMagnitude);
+    const int nValue = static_cast<int>(nLong);
+    *pnValue = static_cast<unsigned long>(static_cast<long>(nValue));
 }
 
 bool WriteAll(int fd, const char* p, size_t n)
@@ -53,45 +144,141 @@ bool WriteAll(int fd, const char* p, size_t n)
     return true;
 }
 
-// Creates a fresh temporary file beside strTarget; -1 when the directory
-// does not allow it. The mode is that of a file made by fopen (0666 less the
-// umask).
-int CreateTempBeside(const std::string& strTarget, std::string* pstrTemp)
+std::string DirectoryOf(const std::string& strPath)
 {
-    for (unsigned nTry = 0; nTry < 16; ++nTry) {
-        *pstrTemp = strTarget + ".tmp." + std::to_string(static_cast<long>(::getpid())) + "." +
-                    std::to_string(nTry);
-        const int fd = ::open(pstrTemp->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (fd >= 0) {
-            return fd;
+    const size_t nSlash = strPath.rfind('/');
+    if (nSlash == std::string::npos) return ".";
+    if (nSlash == 0) return "/";
+    return strPath.substr(0, nSlash);
+}
+
+std::string BaseNameOf(const std::string& strPath)
+{
+    const size_t nSlash = strPath.rfind('/');
+    return nSlash == std::string::npos ? strPath : strPath.substr(nSlash + 1);
+}
+
+// Follows symbolic links from strPath to the name of the file they lead to
+// (which need not exist yet). False for a loop or an unreadable link.
+bool ResolveLinks(std::string strPath, std::string* pstrTarget)
+{
+    for (int nHop = 0; nHop <= kMaxLinks; ++nHop) {
+        struct stat st;
+        if (::lstat(strPath.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
+            *pstrTarget = strPath;
+            return true;
         }
-        if (errno != EEXIST) {
-            return -1;
+        char szLink[PATH_MAX];
+        const ssize_t nLen = ::readlink(strPath.c_str(), szLink, sizeof(szLink) - 1);
+        if (nLen <= 0) return false;
+        szLink[nLen] = '\0';
+        if (szLink[0] == '/') {
+            strPath = szLink;
+        } else {
+            strPath = DirectoryOf(strPath) + "/" + szLink;
         }
     }
-    return -1;
+    return false;
+}
+
+// Temporaries of this file are named "<name>.tmp.<pid>.<n>". A process
+// killed between creating and renaming one leaves it behind; those of
+// processes that no longer exist are removed before the next save.
+std::string TempName(const std::string& strTarget, unsigned nTry)
+{
+    return strTarget + ".tmp." + std::to_string(static_cast<long>(::getpid())) + "." + std::to_string(nTry);
+}
+
+void RemoveStaleTemporaries(const std::string& strTarget)
+{
+    const std::string strDir = DirectoryOf(strTarget);
+    const std::string strPrefix = BaseNameOf(strTarget) + ".tmp.";
+    DIR* pDir = ::opendir(strDir.c_str());
+    if (pDir == nullptr) return;
+    while (const struct dirent* pEntry = ::readdir(pDir)) {
+        const char* pszName = pEntry->d_name;
+        if (std::strncmp(pszName, strPrefix.c_str(), strPrefix.size()) != 0) continue;
+        char* pEnd = nullptr;
+        errno = 0;
+        const long nPid = std::strtol(pszName + strPrefix.size(), &pEnd, 10);
+        if (errno != 0 || nPid <= 0 || nPid > INT_MAX || *pEnd != '.') continue;
+        char* pEndTry = nullptr;
+        std::strtoul(pEnd + 1, &pEndTry, 10);
+        if (pEndTry == pEnd + 1 || *pEndTry != '\0') continue;
+        if (::kill(static_cast<pid_t>(nPid), 0) == 0 || errno != ESRCH) continue;  // still alive
+        const std::string strStale = strDir + "/" + pszName;
+        struct stat st;
+        if (::lstat(strStale.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid()) {
+            ::unlink(strStale.c_str());
+        }
+    }
+    ::closedir(pDir);
 }
 
 // Gives the new file the permissions and, where allowed, the owner of the
 // file it replaces, so that a file an administrator opened up for other users
 // stays open after the replacement.
-void CopyAttributes(const std::string& strTarget, int fd)
+void CopyAttributes(const struct stat& stOld, int fd)
 {
-    struct stat st;
-    if (::stat(strTarget.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        return;
-    }
-    if (::fchown(fd, st.st_uid, st.st_gid) != 0) {
+    if (::fchown(fd, stOld.st_uid, stOld.st_gid) != 0) {
         // Only a privileged process may give a file away; keep our own.
     }
-    ::fchmod(fd, st.st_mode & 07777);
+    ::fchmod(fd, stOld.st_mode & 07777);
+}
+
+// Writes szText to a new file in the target's directory and renames it over
+// the target, so that a crash leaves either the old or the new file, never
+// half of one. The new file is made unnamed (O_TMPFILE) where the system
+// offers that, and gets a name only for the instant before the rename.
+// False when the directory does not allow a new file.
+bool ReplaceAtomically(const std::string& strTarget, const struct stat* pOld, const char* pszText, size_t nBytes,
+                       bool bUnnamedAllowed = true)
+{
+    const std::string strDir = DirectoryOf(strTarget);
+    CFileDesc fd(bUnnamedAllowed ? ::open(strDir.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666) : -1);
+    const bool bUnnamed = fd.Valid();
+    std::string strTemp;
+    if (!bUnnamed) {
+        for (unsigned nTry = 0; nTry < 16 && !fd.Valid(); ++nTry) {
+            strTemp = TempName(strTarget, nTry);
+            fd.Reset(::open(strTemp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666));
+            if (!fd.Valid() && errno != EEXIST) return false;
+        }
+        if (!fd.Valid()) return false;
+    }
+    if (pOld != nullptr) CopyAttributes(*pOld, fd.Get());
+    bool bDone = WriteAll(fd.Get(), pszText, nBytes) && ::fsync(fd.Get()) == 0;
+    if (bDone && bUnnamed) {
+        // Give the finished file a name; linkat through /proc needs no privilege.
+        const std::string strProc = "/proc/self/fd/" + std::to_string(fd.Get());
+        bDone = false;
+        for (unsigned nTry = 0; nTry < 16; ++nTry) {
+            strTemp = TempName(strTarget, nTry);
+            if (::linkat(AT_FDCWD, strProc.c_str(), AT_FDCWD, strTemp.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+                bDone = true;
+                break;
+            }
+            if (errno != EEXIST) break;
+        }
+        if (!bDone) {
+            // No /proc to name it through: use a named temporary instead.
+            fd.Reset(-1);
+            return ReplaceAtomically(strTarget, pOld, pszText, nBytes, false);
+        }
+    }
+    bDone = fd.Close() && bDone;
+    if (bDone && std::rename(strTemp.c_str(), strTarget.c_str()) == 0) return true;
+    if (!strTemp.empty()) ::unlink(strTemp.c_str());
+    return true;  // the directory allowed a new file; the old one stays as it was
 }
 
 }  // namespace
 
 const char* COberin::ConfigPath()
 {
-    const char* pszPath = std::getenv("TAVK05_CONF");
+    // A privileged process (set-user-ID and the like) ignores the variable:
+    // otherwise whoever runs it could have any file replaced by the settings.
+    const char* pszPath = ::secure_getenv("TAVK05_CONF");
     if (pszPath != nullptr && *pszPath != '\0') {
         return pszPath;
     }
@@ -100,27 +287,35 @@ const char* COberin::ConfigPath()
 
 void COberin::RetrieveConfig()
 {
-    FILE* pFile = std::fopen(ConfigPath(), "r");
-    if (pFile == nullptr) {
+    // Opening without blocking keeps a FIFO at the path from stalling
+    // OpenDevice. Only a regular file is read: anything else that opens
+    // (a directory, a FIFO, a device) gives no numbers, like an empty file.
+    CFileDesc fd(::open(ConfigPath(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd.Valid()) {
         m_nBrightness = 40;
         m_nContrast = 20;
         m_nGain = 1;
         m_nScanMode = 0;
         return;
     }
-    ReadValueAt(pFile, kBrightnessOffset, &m_nBrightness);
-    ReadValueAt(pFile, kContrastOffset, &m_nContrast);
-    ReadValueAt(pFile, kGainOffset, &m_nGain);
-    ReadValueAt(pFile, kScanModeOffset, &m_nScanMode);
-    std::fclose(pFile);
+    struct stat st;
+    if (::fstat(fd.Get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        return;
+    }
+    CPrefixReader reader(fd.Get());
+    ReadValueAt(reader, kBrightnessOffset, &m_nBrightness);
+    ReadValueAt(reader, kContrastOffset, &m_nContrast);
+    ReadValueAt(reader, kGainOffset, &m_nGain);
+    ReadValueAt(reader, kScanModeOffset, &m_nScanMode);
 }
 
-// Writes the four lines to a temporary file in the same directory and
-// renames it over the settings file, so that a crash leaves either the old
-// or the new file, never half of one. When the directory does not allow a
-// new file but the settings file itself is writable, the file is rewritten
-// in place. When neither works, or a write fails, the old file is left as it
-// was and nothing is reported.
+// Saves the four lines. The save changes a file only where opening it for
+// writing would have succeeded, and only a regular file: a device node, FIFO,
+// socket or directory at the path is left alone, as is a file this process
+// may not write. A symbolic link is followed and the file it names is
+// updated. Where the directory allows a new file the update is atomic
+// (temporary file and rename, mode and owner kept); where only the file
+// itself is writable it is rewritten in place. Failures are not reported.
 void COberin::SaveConfig()
 {
     char szText[160];
@@ -137,28 +332,28 @@ void COberin::SaveConfig()
     const size_t nBytes = static_cast<size_t>(nLen);
 
     try {
-        const std::string strTarget = ConfigPath();
-        std::string strTemp;
-        const int fd = CreateTempBeside(strTarget, &strTemp);
-        if (fd >= 0) {
-            CopyAttributes(strTarget, fd);
-            const bool bWritten = WriteAll(fd, szText, nBytes) && ::fsync(fd) == 0;
-            const bool bClosed = ::close(fd) == 0;
-            if (!(bWritten && bClosed && std::rename(strTemp.c_str(), strTarget.c_str()) == 0)) {
-                // Short of space, or the target cannot be replaced (a
-                // directory, say): the old file stays as it was.
-                ::unlink(strTemp.c_str());
-            }
+        std::string strTarget;
+        if (!ResolveLinks(ConfigPath(), &strTarget)) return;
+        struct stat st;
+        if (::lstat(strTarget.c_str(), &st) != 0) {
+            if (errno != ENOENT) return;
+            // A new file: only where its directory allows one.
+            RemoveStaleTemporaries(strTarget);
+            ReplaceAtomically(strTarget, nullptr, szText, nBytes);
             return;
         }
+        if (!S_ISREG(st.st_mode)) return;
+        CFileDesc fd(::open(strTarget.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC));
+        struct stat stOpen;
+        if (!fd.Valid() || ::fstat(fd.Get(), &stOpen) != 0 || !S_ISREG(stOpen.st_mode)) return;
+        RemoveStaleTemporaries(strTarget);
+        if (ReplaceAtomically(strTarget, &stOpen, szText, nBytes)) return;
+        // The directory is not ours but the file is writable: rewrite it in
+        // place, new text first, then cut off what is left of the old.
+        if (::pwrite(fd.Get(), szText, nBytes, 0) == static_cast<ssize_t>(nBytes)) {
+            if (::ftruncate(fd.Get(), static_cast<off_t>(nBytes)) == 0) ::fsync(fd.Get());
+        }
     } catch (...) {
-        // No memory for the path strings: fall through to the direct write.
+        // No memory for the path strings: nothing is written.
     }
-
-    FILE* pFile = std::fopen(ConfigPath(), "w+");
-    if (pFile == nullptr) {
-        return;
-    }
-    std::fwrite(szText, 1, nBytes, pFile);
-    std::fclose(pFile);
 }

@@ -11,8 +11,9 @@ namespace cli {
 bool WritePng(const std::string& strPath, const unsigned char* pPixels, unsigned nWidth, unsigned nHeight,
               std::string* pError);
 
-// Reads an 8-bit grey image (other formats are converted to 8-bit grey);
-// false with a message in *pError on failure.
+// Reads a 600 x 600 8-bit grey image from a regular file; anything else
+// (another size or format, a corrupt or truncated file) gives false with a
+// message in *pError. Never allocates more than the one image.
 bool ReadPng(const std::string& strPath, std::vector<unsigned char>* pPixels, unsigned* pWidth, unsigned* pHeight,
              std::string* pError);
 

@@ -1,0 +1,304 @@
+// The settings file on hostile paths: what the save may change and what the
+// reader may read, whatever the path names.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <random>
+
+#include "sensor_fixture.h"
+
+namespace {
+
+using sensortest::ReadFile;
+using sensortest::SensorTest;
+using sensortest::SettingsText;
+using sensortest::WriteFile;
+
+const uid_t kNobody = 65534;
+
+// Run as "TAVK05_SAVE_ONCE=1 test_sensor", the program only lets one sensor
+// save its settings and exits: the privileged-process test runs a
+// set-user-ID copy of itself that way.
+struct SaveOnceMode {
+    SaveOnceMode()
+    {
+        if (std::getenv("TAVK05_SAVE_ONCE") == nullptr) return;
+        {
+            COberin sensor(nullptr);
+            sensor.m_nBrightness = 77;
+        }
+        std::fflush(nullptr);
+        ::_exit(0);
+    }
+} g_saveOnceMode;
+
+class SettingsPathTest : public SensorTest {
+protected:
+    void SetUp() override
+    {
+        SensorTest::SetUp();
+        std::string strTemplate = m_strDir + "/settings-path-XXXXXX";
+        ASSERT_NE(::mkdtemp(&strTemplate[0]), nullptr);
+        m_strPriv = strTemplate;
+        ::chmod(m_strPriv.c_str(), 0777);
+    }
+
+    void TearDown() override
+    {
+        std::system(("rm -rf '" + m_strPriv + "'").c_str());
+        SensorTest::TearDown();
+    }
+
+    // Points the sensor at strPath and lets a sensor with these values save.
+    static void SaveTo(const std::string& strPath, int nBrightness = 42)
+    {
+        ::setenv("TAVK05_CONF", strPath.c_str(), 1);
+        COberin sensor(nullptr);
+        sensor.m_nBrightness = static_cast<unsigned long>(nBrightness);
+        sensor.SaveConfig();
+    }
+
+    // Runs SaveTo in a child process with the identity of nobody.
+    static void SaveAsNobody(const std::string& strPath)
+    {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            if (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) ::_exit(3);
+            SaveTo(strPath);
+            ::_exit(0);
+        }
+        int nStatus = 0;
+        ASSERT_EQ(::waitpid(pid, &nStatus, 0), pid);
+        ASSERT_TRUE(WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0);
+    }
+
+    static ino_t InodeOf(const std::string& strPath)
+    {
+        struct stat st = {};
+        return ::lstat(strPath.c_str(), &st) == 0 ? st.st_ino : 0;
+    }
+
+    // Names in the private directory other than those given.
+    std::vector<std::string> Entries()
+    {
+        std::vector<std::string> vec;
+        DIR* pDir = ::opendir(m_strPriv.c_str());
+        while (pDir != nullptr) {
+            const dirent* pEntry = ::readdir(pDir);
+            if (pEntry == nullptr) break;
+            const std::string strName = pEntry->d_name;
+            if (strName != "." && strName != "..") vec.push_back(strName);
+        }
+        if (pDir != nullptr) ::closedir(pDir);
+        std::sort(vec.begin(), vec.end());
+        return vec;
+    }
+
+    std::string m_strPriv;
+};
+
+// The reader behaves as fscanf("%d") at the four offsets would, on files of
+// every shape, while reading only a bounded prefix.
+void ReferenceRead(const std::string& strPath, unsigned long anValues[4])
+{
+    FILE* pFile = std::fopen(strPath.c_str(), "r");
+    if (pFile == nullptr) return;
+    const long anOffsets[4] = {15, 33, 50, 67};
+    for (int i = 0; i < 4; ++i) {
+        int nValue = 0;
+        if (std::fseek(pFile, anOffsets[i], SEEK_SET) == 0 && std::fscanf(pFile, "%d", &nValue) == 1) {
+            anValues[i] = static_cast<unsigned long>(static_cast<long>(nValue));
+        }
+    }
+    std::fclose(pFile);
+}
+
+TEST_F(SettingsPathTest, ReaderMatchesTheFormattedReadOnAnyText)
+{
+    std::mt19937 rng(1234);
+    const std::string strAlphabet = "0123456789          \n\t+-=xB";
+    const std::string strFile = m_strPriv + "/read.conf";
+    ::setenv("TAVK05_CONF", strFile.c_str(), 1);
+    COberin sensor(nullptr);
+    for (int nCase = 0; nCase < 400; ++nCase) {
+        std::string strText;
+        if (nCase < 4) {
+            // Long runs of digits across every offset, of both signs.
+            strText = std::string(nCase, ' ') + (nCase % 2 ? "-" : "") + std::string(200 + 40 * nCase, '9');
+        } else {
+            const size_t nLen = rng() % 120;
+            for (size_t i = 0; i < nLen; ++i) strText += strAlphabet[rng() % strAlphabet.size()];
+        }
+        WriteFile(strFile, strText);
+        unsigned long anExpected[4] = {11, 22, 33, 44};
+        ReferenceRead(strFile, anExpected);
+        sensor.m_nBrightness = 11, sensor.m_nContrast = 22, sensor.m_nGain = 33, sensor.m_nScanMode = 44;
+        sensor.RetrieveConfig();
+        const unsigned long anGot[4] = {sensor.m_nBrightness, sensor.m_nContrast, sensor.m_nGain,
+                                        sensor.m_nScanMode};
+        for (int i = 0; i < 4; ++i) EXPECT_EQ(anGot[i], anExpected[i]) << "value " << i << " of '" << strText << "'";
+        ::unlink(strFile.c_str());
+    }
+}
+
+// Entries that are not regular files are neither read nor replaced: the
+// reader finds no numbers (and does not block on a FIFO without a writer),
+// the save leaves the entry as it was.
+TEST_F(SettingsPathTest, NonRegularEntriesAreLeftAlone)
+{
+    const std::string strFifo = m_strPriv + "/fifo";
+    const std::string strNode = m_strPriv + "/null";
+    const std::string strDir = m_strPriv + "/dir";
+    ASSERT_EQ(::mkfifo(strFifo.c_str(), 0666), 0);
+    ASSERT_EQ(::mkdir(strDir.c_str(), 0755), 0);
+    const bool bNode = ::mknod(strNode.c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0;  // a private /dev/null
+    for (const std::string& strPath : {strFifo, strNode, strDir}) {
+        if (strPath == strNode && !bNode) continue;
+        struct stat stBefore = {};
+        ASSERT_EQ(::lstat(strPath.c_str(), &stBefore), 0);
+        ::setenv("TAVK05_CONF", strPath.c_str(), 1);
+        COberin sensor(nullptr);
+        sensor.m_nGain = 8;
+        sensor.RetrieveConfig();
+        EXPECT_EQ(sensor.m_nGain, 8ul) << strPath;
+        sensor.SaveConfig();
+        struct stat stAfter = {};
+        ASSERT_EQ(::lstat(strPath.c_str(), &stAfter), 0);
+        EXPECT_EQ(stAfter.st_ino, stBefore.st_ino) << strPath;
+        EXPECT_EQ(stAfter.st_mode & S_IFMT, stBefore.st_mode & S_IFMT) << strPath;
+    }
+    std::vector<std::string> vecExpected = {"dir", "fifo"};
+    if (bNode) vecExpected.push_back("null");
+    EXPECT_EQ(Entries(), vecExpected);
+}
+
+// A link is followed: the file it names is updated and the link stays, also
+// through a relative link and a link to a file not made yet.
+TEST_F(SettingsPathTest, SymbolicLinksUpdateTheFileTheyName)
+{
+    ASSERT_EQ(::mkdir((m_strPriv + "/etc").c_str(), 0755), 0);
+    WriteFile(m_strPriv + "/etc/real.conf", SettingsText(10, 20, 2, 0));
+    ASSERT_EQ(::symlink("etc/real.conf", (m_strPriv + "/rel.conf").c_str()), 0);
+    ASSERT_EQ(::symlink((m_strPriv + "/rel.conf").c_str(), (m_strPriv + "/abs.conf").c_str()), 0);
+    ASSERT_EQ(::symlink("etc/new.conf", (m_strPriv + "/dangling.conf").c_str()), 0);
+
+    SaveTo(m_strPriv + "/abs.conf", 55);
+    std::string strText;
+    ASSERT_TRUE(ReadFile(m_strPriv + "/etc/real.conf", &strText));
+    EXPECT_EQ(strText, SettingsText(55, 20, 2, 0));
+    SaveTo(m_strPriv + "/dangling.conf", 66);
+    ASSERT_TRUE(ReadFile(m_strPriv + "/etc/new.conf", &strText));
+    EXPECT_EQ(strText, SettingsText(66, 20, 2, 0));
+
+    struct stat st = {};
+    for (const char* pszLink : {"/rel.conf", "/abs.conf", "/dangling.conf"}) {
+        ASSERT_EQ(::lstat((m_strPriv + pszLink).c_str(), &st), 0);
+        EXPECT_TRUE(S_ISLNK(st.st_mode)) << pszLink;
+    }
+    EXPECT_EQ(Entries(), (std::vector<std::string>{"abs.conf", "dangling.conf", "etc", "rel.conf"}));
+}
+
+// Permissions decide as an open for writing would: a file the process may not
+// write stays as it was even in a writable directory; a writable file in a
+// directory that is not the process's is rewritten in place.
+TEST_F(SettingsPathTest, PermissionsOfFileAndDirectoryDecide)
+{
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
+    const std::string strLocked = m_strPriv + "/locked.conf";
+    WriteFile(strLocked, SettingsText(10, 20, 2, 0));
+    ASSERT_EQ(::chmod(strLocked.c_str(), 0644), 0);  // root's, in a directory anyone may write
+    const ino_t nLockedInode = InodeOf(strLocked);
+    SaveAsNobody(strLocked);
+    std::string strText;
+    ASSERT_TRUE(ReadFile(strLocked, &strText));
+    EXPECT_EQ(strText, SettingsText(10, 20, 2, 0));
+    EXPECT_EQ(InodeOf(strLocked), nLockedInode);
+
+    const std::string strShared = m_strPriv + "/etc";
+    ASSERT_EQ(::mkdir(strShared.c_str(), 0755), 0);  // not writable by nobody
+    const std::string strOpen = strShared + "/open.conf";
+    WriteFile(strOpen, std::string(100, '#'));
+    ASSERT_EQ(::chmod(strOpen.c_str(), 0666), 0);
+    const ino_t nOpenInode = InodeOf(strOpen);
+    SaveAsNobody(strOpen);
+    ASSERT_TRUE(ReadFile(strOpen, &strText));
+    EXPECT_EQ(strText, SettingsText(42, 20, 2, 0));
+    EXPECT_EQ(InodeOf(strOpen), nOpenInode);
+
+    EXPECT_EQ(Entries(), (std::vector<std::string>{"etc", "locked.conf"}));
+}
+
+// A process killed while saving leaves a complete file; a temporary it may
+// have left is removed by the next save, while those of live processes stay.
+TEST_F(SettingsPathTest, KillDuringSaveLeavesACompleteFileAndNoTemporaries)
+{
+    const std::string strFile = m_strPriv + "/kill.conf";
+    SaveTo(strFile, 10);
+    std::mt19937 rng(99);
+    for (int nTrial = 0; nTrial < 50; ++nTrial) {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            for (int n = 0;; n ^= 1) SaveTo(strFile, n ? 10 : 99);
+        }
+        ::usleep(200 + rng() % 3000);
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+        std::string strText;
+        ASSERT_TRUE(ReadFile(strFile, &strText));
+        ASSERT_TRUE(strText == SettingsText(10, 20, 2, 0) || strText == SettingsText(99, 20, 2, 0))
+            << "trial " << nTrial << ": '" << strText << "'";
+    }
+    // A leftover of a process that is gone, one of this live process.
+    const pid_t pidGone = ::fork();
+    if (pidGone == 0) ::_exit(0);
+    ::waitpid(pidGone, nullptr, 0);
+    WriteFile(strFile + ".tmp." + std::to_string(pidGone) + ".0", "stale");
+    WriteFile(strFile + ".tmp." + std::to_string(::getpid()) + ".7", "live");
+    SaveTo(strFile, 10);
+    EXPECT_EQ(Entries(), (std::vector<std::string>{"kill.conf", "kill.conf.tmp." + std::to_string(::getpid()) + ".7"}));
+}
+
+// A privileged process (here set-user-ID to nobody, run by root) ignores
+// TAVK05_CONF: the file it names stays as it was even though the process
+// could write it.
+TEST_F(SettingsPathTest, PrivilegedProcessIgnoresTheVariable)
+{
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to make a set-user-ID program";
+    struct statvfs vfs = {};
+    if (::statvfs(m_strPriv.c_str(), &vfs) != 0 || (vfs.f_flag & ST_NOSUID)) {
+        GTEST_SKIP() << "the build tree is mounted nosuid";
+    }
+    char szSelf[4096];
+    const ssize_t nLen = ::readlink("/proc/self/exe", szSelf, sizeof(szSelf) - 1);
+    ASSERT_GT(nLen, 0);
+    szSelf[nLen] = '\0';
+    const std::string strProgram = m_strPriv + "/suid-host";
+    ASSERT_EQ(std::system(("cp '" + std::string(szSelf) + "' '" + strProgram + "'").c_str()), 0);
+    ASSERT_EQ(::chown(strProgram.c_str(), kNobody, kNobody), 0);
+    ASSERT_EQ(::chmod(strProgram.c_str(), 04755), 0);
+
+    const std::string strVictim = m_strPriv + "/victim";
+    WriteFile(strVictim, "precious\n");
+    ASSERT_EQ(::chmod(strVictim.c_str(), 0666), 0);
+    const std::string strCommand = "TAVK05_SAVE_ONCE=1 TAVK05_CONF='" + strVictim + "' '" + strProgram +
+                                   "' >/dev/null 2>&1";
+    EXPECT_EQ(std::system(strCommand.c_str()), 0);
+    std::string strText;
+    ASSERT_TRUE(ReadFile(strVictim, &strText));
+    EXPECT_EQ(strText, "precious\n");
+    // The same program without privilege does write it: the test can see a save.
+    ASSERT_EQ(::chmod(strProgram.c_str(), 0755), 0);
+    EXPECT_EQ(std::system(strCommand.c_str()), 0);
+    ASSERT_TRUE(ReadFile(strVictim, &strText));
+    EXPECT_EQ(strText, SettingsText(77, 20, 2, 0));
+}
+
+}  // namespace
