@@ -5,9 +5,11 @@
 #ifndef TAVK05_MARK_H
 #define TAVK05_MARK_H
 
-#include "isensor.h"
+#include "status.h"
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 TAVK05_API void SetLTWaterM(unsigned char* pImage, int nWidth, int nHeight);
 TAVK05_API void SetRTWaterM(unsigned char* pImage, int nWidth, int nHeight);
 TAVK05_API void SetLBWaterM(unsigned char* pImage, int nWidth, int nHeight);
@@ -16,6 +18,8 @@ TAVK05_API int GetLTWaterM(unsigned char* pImage, int nWidth, int nHeight);
 TAVK05_API int GetRTWaterM(unsigned char* pImage, int nWidth, int nHeight);
 TAVK05_API int GetLBWaterM(unsigned char* pImage, int nWidth, int nHeight);
 TAVK05_API int GetRBWaterM(unsigned char* pImage, int nWidth, int nHeight);
+#ifdef __cplusplus
 }
+#endif
 
 #endif

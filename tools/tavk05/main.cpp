@@ -8,6 +8,7 @@
 #include <string>
 
 #include "cli.h"
+#include "tavk05/version.h"
 
 namespace {
 
@@ -35,11 +36,12 @@ const char kHelp[] =
     "  config set KEY=N...  brightness, contrast, gain or scanmode, kept in the file\n"
     "\n"
     "Global options:\n"
-    "  -d, --device N       device index 0..7 (default 0)\n"
+    "  -d, --device N       device index 0..7 (default 0); also -dN, --device=N\n"
     "  --virtual[=UNITS]    use the virtual scanner instead of hardware; UNITS as in\n"
     "                       TAVK05_VIRTUAL, default 0:model=7,fw=0x3000,scene=flat\n"
     "  -v, --verbose        more output\n"
     "  -h, --help           this text\n"
+    "  --version            the version of libtavk05 in use\n"
     "\n"
     "Environment:\n"
     "  TAVK05_CONF          settings file instead of /etc/tavk05rf.conf\n"
@@ -64,12 +66,17 @@ int ReexecVirtual(char** argv, const std::string& strUnits)
     }
     szSelf[nLen] = '\0';
     std::string strLib;
-    if (const char* pszLib = std::getenv("TAVK05_VIRTUAL_LIB")) {
+    if (const char* pszLib = ::secure_getenv("TAVK05_VIRTUAL_LIB")) {
         strLib = pszLib;
     } else {
+        // Beside the command in the build tree, or where the packages put
+        // it relative to the installed command.
         std::string strDir(szSelf);
         strDir.erase(strDir.rfind('/'));
-        strLib = strDir + "/../lib/libtavk05-virtual.so";
+        for (const char* pszRel : {"/../lib/libtavk05-virtual.so", "/" TAVK05_VIRTUAL_REL}) {
+            strLib = strDir + pszRel;
+            if (access(strLib.c_str(), R_OK) == 0) break;
+        }
     }
     if (access(strLib.c_str(), R_OK) != 0) {
         std::fprintf(stderr, "tavk05: virtual scanner library %s not found\n", strLib.c_str());
@@ -116,9 +123,20 @@ int main(int argc, char** argv)
         } else if (strArg == "--virtual" || strArg.rfind("--virtual=", 0) == 0) {
             bVirtual = true;
             if (strArg.size() > 10) strUnits = strArg.substr(10);
-        } else if (strArg == "-d" || strArg == "--device") {
-            if (i + 1 >= argc || !ParseIndex(argv[++i], &opt.nDevice)) {
-                return cli::Usage("device index must be 0..7");
+        } else if (strArg == "--version") {
+            // The version of the library this command runs with.
+            std::printf("tavk05 %s\n", Tavk05GetVersion());
+            return cli::EXIT_OK;
+        } else if (strArg == "-d" || strArg == "--device" || strArg.rfind("--device=", 0) == 0 ||
+                   (strArg.size() > 2 && strArg.compare(0, 2, "-d") == 0)) {
+            const char* pszIndex = nullptr;
+            if (strArg == "-d" || strArg == "--device") {
+                pszIndex = i + 1 < argc ? argv[++i] : "";
+            } else {
+                pszIndex = argv[i] + (strArg[1] == 'd' ? 2 : 9);
+            }
+            if (!ParseIndex(pszIndex, &opt.nDevice)) {
+                return cli::Usage(std::string("device index must be 0..7, not '") + pszIndex + "'");
             }
         } else if (strCommand.empty()) {
             if (!strArg.empty() && strArg[0] == '-') return cli::Usage("unknown option '" + strArg + "'");
