@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 BUILD_PRESETS := x86_64 i386
 TEST_PRESETS := x86_64 i386 x86_64-asan
 
-.PHONY: all deps build test demo bench clean $(addprefix build-,$(TEST_PRESETS)) $(addprefix test-,$(TEST_PRESETS))
+.PHONY: all deps build test demo bench deb deb-check clean $(addprefix build-,$(TEST_PRESETS)) $(addprefix test-,$(TEST_PRESETS))
 
 all: build
 
@@ -22,15 +22,26 @@ $(addprefix test-,$(TEST_PRESETS)): test-%: build-%
 	ctest --preset $* -j$(JOBS)
 
 # The whole suite on both ABIs and under the sanitizers, then the check
-# that both ABIs compute identical images.
+# that both ABIs compute identical images, then the Debian packages built and
+# used by hosts.
 test: $(addprefix test-,$(TEST_PRESETS))
 	@scripts/cross-abi-check
+	@scripts/make-deb
+	@scripts/deb-check
 
 demo: build
 	@scripts/demo
 
 bench: build-x86_64
 	build/x86_64/bin/bench_tavk05 --benchmark_counters_tabular=true $(BENCH_ARGS)
+
+# Debian packages for amd64 and i386 in build/deb, checked by lintian.
+deb: deps
+	@scripts/make-deb
+
+# The packages unpacked and used by C and C++ hosts on the virtual scanner.
+deb-check: deb
+	@scripts/deb-check
 
 clean:
 	rm -rf build
