@@ -10,3 +10,21 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT "-m32")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-m32")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "-m32")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+
+# libpng and zlib for the command: the 32-bit libraries of the multiarch
+# runtime packages (libpng16-16:i386, zlib1g:i386) with the headers of the
+# 64-bit -dev packages, which are the same for both architectures.
+foreach(_lib PNG:libpng16.so.16:/usr/include/libpng16 ZLIB:libz.so.1:/usr/include)
+  string(REPLACE ":" ";" _parts ${_lib})
+  list(GET _parts 0 _name)
+  list(GET _parts 1 _file)
+  list(GET _parts 2 _include)
+  if(EXISTS /usr/lib/i386-linux-gnu/${_file} AND NOT EXISTS /usr/lib/i386-linux-gnu/${_file}.so)
+    set(${_name}_LIBRARY /usr/lib/i386-linux-gnu/${_file} CACHE FILEPATH "")
+    if(_name STREQUAL PNG)
+      set(PNG_PNG_INCLUDE_DIR ${_include} CACHE PATH "")
+    else()
+      set(ZLIB_INCLUDE_DIR ${_include} CACHE PATH "")
+    endif()
+  endif()
+endforeach()

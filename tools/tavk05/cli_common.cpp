@@ -1,6 +1,8 @@
 // Status texts, error reporting and the sensor session of the tavk05 command.
 #include "cli.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 
 namespace cli {
@@ -42,6 +44,10 @@ bool Session::Open(unsigned long nIndex)
     m_pSensor = static_cast<COberin*>(pSensor);
     const unsigned long nStatus = m_pSensor->OpenDevice(nIndex, 0);
     if (nStatus != TAVK05_OK) {
+        // The sensor writes its settings when it is destroyed; a sensor that
+        // never opened holds construction values, so it is given the file's
+        // own first: a failed open never changes the technician's settings.
+        if (access(COberin::ConfigPath(), F_OK) == 0) m_pSensor->RetrieveConfig();
         char szWhat[64];
         std::snprintf(szWhat, sizeof szWhat, "opening /dev/tavk05%lu", nIndex);
         Fail(szWhat, nStatus);

@@ -73,7 +73,13 @@ int ParseCaptureArgs(const Options& opt, std::string* pOutput, CaptureSettings* 
         } else if (s == "--gain" && bHasValue && ParseLong(a[++i], 1, 8, &nValue) && (nValue & (nValue - 1)) == 0) {
             pSet->nGain = nValue;
         } else if (s == "--size" && bHasValue) {
-            if (!ParseSize(a[++i], &pSet->nWidth, &pSet->nHeight)) return Usage("--size takes WxH, e.g. 600x600");
+            const bool bNominal = ParseSize(a[++i], &pSet->nWidth, &pSet->nHeight);
+            bool bKnown = false;
+            for (const auto& size : kNominalSizes) bKnown |= size[0] == pSet->nWidth && size[1] == pSet->nHeight;
+            if (!bNominal || !bKnown) {
+                return Usage("capture: --size must be one of 356x292, 228x292, 356x456, 248x292, 260x300, 600x600, not '" +
+                             a[i] + "'");
+            }
         } else if (s == "--latent") {
             pSet->nLatentMode = 1;
         } else if (s == "--latent-only") {

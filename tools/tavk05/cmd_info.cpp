@@ -131,9 +131,21 @@ int ConfigShow()
     return EXIT_OK;
 }
 
+// The file text the sensor writes for these values.
+std::string SettingsText(const COberin& sensor)
+{
+    char szText[160];
+    std::snprintf(szText, sizeof szText, "Brightness  =  %d\nContrast    =  %d\nGain        =  %d\nScanMode    =  %d\n",
+                  static_cast<int>(sensor.m_nBrightness), static_cast<int>(sensor.m_nContrast),
+                  static_cast<int>(sensor.m_nGain), static_cast<int>(sensor.m_nScanMode));
+    return szText;
+}
+
 int ConfigSet(const std::vector<std::string>& vecArgs)
 {
-    if (vecArgs.empty()) return Usage("config set needs KEY=N (brightness, contrast, gain, scanmode)");
+    if (vecArgs.empty()) {
+        return Usage("config set needs KEY=N: brightness=0..100, contrast=0..100, gain=1|2|4|8, scanmode=0");
+    }
     ConfigSensor sensor;
     // Nothing is written unless every argument is good.
     auto Refuse = [&sensor](const std::string& strMessage) {
@@ -143,31 +155,52 @@ int ConfigSet(const std::vector<std::string>& vecArgs)
     for (const std::string& strArg : vecArgs) {
         const size_t nEq = strArg.find('=');
         const std::string strKey = strArg.substr(0, nEq);
+        const std::string strValue = nEq == std::string::npos ? "" : strArg.substr(nEq + 1);
         long nValue = 0;
-        if (nEq == std::string::npos || !ParseLong(strArg.substr(nEq + 1), 0, 100, &nValue)) {
-            return Refuse("config set: '" + strArg + "' is not KEY=N with N in 0..100");
-        }
         // Without an open device a value is stored and 2 reported, so only
         // the range matters here.
-        if (strKey == "brightness") {
-            sensor->SetBrightnessEx(nValue);
-        } else if (strKey == "contrast") {
-            sensor->SetContrast(nValue);
+        if (strKey == "brightness" || strKey == "contrast") {
+            if (!ParseLong(strValue, 0, 100, &nValue)) {
+                return Refuse("config set: " + strKey + " must be 0..100, not '" + strValue + "'");
+            }
+            if (strKey == "brightness") {
+                sensor->SetBrightnessEx(nValue);
+            } else {
+                sensor->SetContrast(nValue);
+            }
         } else if (strKey == "gain") {
-            if (nValue != 1 && nValue != 2 && nValue != 4 && nValue != 8) {
-                return Refuse("config set: gain is 1, 2, 4 or 8");
+            if (!ParseLong(strValue, 1, 8, &nValue) || (nValue != 1 && nValue != 2 && nValue != 4 && nValue != 8)) {
+                return Refuse("config set: gain must be 1, 2, 4 or 8, not '" + strValue + "'");
             }
             sensor->SetGainValueEx(nValue);
         } else if (strKey == "scanmode") {
-            if (nValue > 1) return Refuse("config set: scanmode is 0 (normal) or 1 (adaptive)");
+            if (strValue == "1") {
+                return Refuse("config set: scanmode 1 (adaptive capture) is not provided by this driver; "
+                              "every capture would fail with status 4. Use scanmode=0");
+            }
+            if (!ParseLong(strValue, 0, 0, &nValue)) return Refuse("config set: scanmode must be 0, not '" + strValue + "'");
             sensor->WriteData(1, nValue);
         } else {
-            return Refuse("config set: unknown key '" + strKey + "'");
+            return Refuse("config set: unknown key '" + strKey + "' (brightness, contrast, gain, scanmode)");
         }
     }
-    std::printf("%s: brightness %lu, contrast %lu, gain %lu, scan mode %lu\n", COberin::ConfigPath(),
-                sensor->m_nBrightness, sensor->m_nContrast, sensor->m_nGain, sensor->m_nScanMode);
+    const std::string strWanted = SettingsText(*sensor.operator->());
     sensor.Finish();
+    // The sensor reports nothing when it cannot write the file: read it back.
+    const std::string strPath = COberin::ConfigPath();
+    std::string strHave;
+    if (std::FILE* pFile = std::fopen(strPath.c_str(), "r")) {
+        char szBuf[256];
+        const size_t nRead = std::fread(szBuf, 1, sizeof szBuf, pFile);
+        strHave.assign(szBuf, nRead);
+        std::fclose(pFile);
+    }
+    if (strHave != strWanted) {
+        std::fprintf(stderr, "tavk05: the settings file %s could not be written (not a regular file, or no "
+                             "permission); the settings are unchanged\n", strPath.c_str());
+        return EXIT_IO;
+    }
+    std::printf("%s:\n%s", strPath.c_str(), strWanted.c_str());
     return EXIT_OK;
 }
 
