@@ -1,4 +1,6 @@
 // tavk05 info: what the device is and how the driver will read it.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -113,16 +115,23 @@ private:
 
 int ConfigShow()
 {
+    // Shown as the driver sees it: only a regular file, only its start (a
+    // FIFO at the path must not hang the command, a huge file not flood it).
     const std::string strPath = COberin::ConfigPath();
-    std::FILE* pFile = std::fopen(strPath.c_str(), "r");
-    if (pFile == nullptr) {
+    const int hFile = open(strPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat st;
+    if (hFile < 0) {
         std::printf("%s: not present\n", strPath.c_str());
+    } else if (fstat(hFile, &st) != 0 || !S_ISREG(st.st_mode)) {
+        std::printf("%s: not a regular file\n", strPath.c_str());
     } else {
         std::printf("%s:\n", strPath.c_str());
-        char szLine[256];
-        while (std::fgets(szLine, sizeof szLine, pFile) != nullptr) std::fputs(szLine, stdout);
-        std::fclose(pFile);
+        char szText[512];
+        const ssize_t nRead = read(hFile, szText, sizeof szText);
+        if (nRead > 0) std::fwrite(szText, 1, static_cast<size_t>(nRead), stdout);
+        if (st.st_size > static_cast<off_t>(sizeof szText)) std::printf("\n[... %lld bytes in all]\n", static_cast<long long>(st.st_size));
     }
+    if (hFile >= 0) close(hFile);
     ConfigSensor sensor;
     std::printf("the driver reads: brightness %lu, contrast %lu, gain %lu, scan mode %lu\n",
                 sensor->m_nBrightness, sensor->m_nContrast, sensor->m_nGain, sensor->m_nScanMode);
