@@ -3,7 +3,9 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace cli {
 
@@ -22,6 +24,23 @@ int Usage(const std::string& strMessage)
 {
     std::fprintf(stderr, "tavk05: %s\nTry 'tavk05 --help'.\n", strMessage.c_str());
     return EXIT_USAGE;
+}
+
+// Says why a device node could not be opened, as the system sees it, and
+// what usually helps.
+void ExplainOpenFailure(const char* pszNode)
+{
+    if (access(pszNode, F_OK) != 0) {
+        std::fprintf(stderr, "tavk05: %s does not exist: is the scanner plugged in and its kernel driver "
+                             "loaded? ('tavk05 --virtual' uses the virtual scanner)\n", pszNode);
+    } else if (access(pszNode, R_OK) != 0) {
+        std::fprintf(stderr, "tavk05: %s: %s: the scanner's udev rule gives the node to the user at the seat "
+                             "and to the plugdev group (add yourself with 'adduser $USER plugdev', then log in "
+                             "again)\n", pszNode, std::strerror(errno));
+    } else {
+        std::fprintf(stderr, "tavk05: %s exists and is readable, but the driver could not open it: is another "
+                             "program using the scanner?\n", pszNode);
+    }
 }
 
 Session::Session() = default;
@@ -51,6 +70,7 @@ bool Session::Open(unsigned long nIndex)
         char szWhat[64];
         std::snprintf(szWhat, sizeof szWhat, "opening /dev/tavk05%lu", nIndex);
         Fail(szWhat, nStatus);
+        ExplainOpenFailure(szWhat + 8);
         return false;
     }
     return true;
