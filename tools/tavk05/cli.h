@@ -50,6 +50,12 @@ private:
     COberin* m_pSensor = nullptr;
 };
 
+// Whether an image can be written to strPath, found out before the device is
+// touched, so that a capture is never lost to a bad output path; prints why
+// not. A regular file or a new one in a writable directory qualifies; the
+// check leaves no file behind.
+bool OutputWritable(const std::string& strPath);
+
 // Parses a whole number in [nMin, nMax] (decimal or 0x hex).
 bool ParseLong(const std::string& str, long nMin, long nMax, long* pValue);
 

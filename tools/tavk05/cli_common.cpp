@@ -1,6 +1,8 @@
 // Status texts, error reporting and the sensor session of the tavk05 command.
 #include "cli.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -41,6 +43,29 @@ void ExplainOpenFailure(const char* pszNode)
         std::fprintf(stderr, "tavk05: %s exists and is readable, but the driver could not open it: is another "
                              "program using the scanner?\n", pszNode);
     }
+}
+
+bool OutputWritable(const std::string& strPath)
+{
+    int hFile = open(strPath.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    bool bCreated = false;
+    if (hFile < 0 && errno == ENOENT) {
+        hFile = open(strPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        bCreated = hFile >= 0;
+    }
+    if (hFile < 0) {
+        std::fprintf(stderr, "tavk05: cannot write %s: %s\n", strPath.c_str(), std::strerror(errno));
+        return false;
+    }
+    struct stat st;
+    const bool bRegular = fstat(hFile, &st) == 0 && S_ISREG(st.st_mode);
+    close(hFile);
+    if (bCreated) unlink(strPath.c_str());
+    if (!bRegular) {
+        std::fprintf(stderr, "tavk05: cannot write %s: not a regular file\n", strPath.c_str());
+        return false;
+    }
+    return true;
 }
 
 Session::Session() = default;

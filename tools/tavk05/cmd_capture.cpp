@@ -110,6 +110,7 @@ int CmdCapture(const Options& opt)
     CaptureSettings set;
     if (const int nUsage = ParseCaptureArgs(opt, &strOutput, &set)) return nUsage;
     if (strOutput.empty()) return Usage("capture needs -o FILE.png");
+    if (!OutputWritable(strOutput)) return EXIT_IO;
 
     Session session;
     if (!session.Open(opt.nDevice)) return EXIT_DEVICE;
@@ -164,6 +165,7 @@ int CmdBackground(const Options& opt)
             return Usage("background: bad option '" + opt.vecArgs[i] + "'");
         }
     }
+    if (!strOutput.empty() && !OutputWritable(strOutput)) return EXIT_IO;
     Session session;
     if (!session.Open(opt.nDevice)) return EXIT_DEVICE;
     COberin& sensor = *session.Get();

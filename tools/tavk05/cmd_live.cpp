@@ -93,6 +93,7 @@ int RunLive(const Options& opt, bool bRoll)
     LiveArgs args;
     if (bRoll) args.nThreshold = 20;
     if (const int nUsage = ParseLiveArgs(bRoll ? "roll" : "live", opt, &args)) return nUsage;
+    if (!args.strOutput.empty() && !OutputWritable(args.strOutput)) return EXIT_IO;
 
     Session session;
     if (!session.Open(opt.nDevice)) return EXIT_DEVICE;
