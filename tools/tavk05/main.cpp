@@ -12,28 +12,43 @@
 
 namespace {
 
-const char kHelp[] =
+const char kHelpHead[] =
     "Usage: tavk05 [GLOBAL OPTIONS] COMMAND [ARGS]\n"
     "\n"
     "Drive a TAVK05 fingerprint scanner (/dev/tavk05N) through libtavk05.\n"
     "\n"
-    "Commands:\n"
-    "  info                 device type, firmware, frame geometry, settings, device ID\n"
-    "  capture -o FILE.png  one finished 600 x 600 image, corner-marked\n"
-    "      --brightness N   0..100     --contrast N   0..100     --gain N   1, 2, 4, 8\n"
-    "      --size WxH       nominal size for the marks: 356x292, 228x292, 356x456,\n"
-    "                       248x292, 260x300 or 600x600 (the image stays 600 x 600)\n"
-    "      --latent         refuse the capture when a latent print is on the glass\n"
-    "      --latent-only    only check the glass for a latent print\n"
-    "  background [-o FILE.png]   capture the background frame used by live view\n"
-    "  verify FILE.png [--size WxH]   check the four corner marks (exit 0 when all hold)\n"
-    "  live [-o FILE.png]   live view until a frame reaches the quality threshold\n"
-    "      --threshold N    0..100 (default 40)     --timeout MS   (default 20000)\n"
-    "      --background     capture the background first (glass must be empty)\n"
-    "  roll [-o FILE.png]   rolled print: place the finger, then roll it across the glass\n"
-    "                       (models 3, 5, 7); same options, threshold default 20\n"
-    "  config show          the settings file and the values the driver reads from it\n"
-    "  config set KEY=N...  brightness, contrast, gain or scanmode, kept in the file\n"
+    "Commands ('tavk05 help COMMAND' or 'tavk05 COMMAND --help' for one):\n";
+
+// Each command's part of the help, shown in the whole text and alone.
+struct CommandHelp {
+    const char* pszName;
+    const char* pszText;
+};
+const CommandHelp kCommandHelp[] = {
+    {"info", "  info                 device type, firmware, frame geometry, settings, device ID\n"},
+    {"capture",
+     "  capture -o FILE.png  one finished 600 x 600 image, corner-marked\n"
+     "      --brightness N   0..100     --contrast N   0..100     --gain N   1, 2, 4, 8\n"
+     "      --size WxH       nominal size for the marks: 356x292, 228x292, 356x456,\n"
+     "                       248x292, 260x300 or 600x600 (the image stays 600 x 600)\n"
+     "      --latent         refuse the capture when a latent print is on the glass\n"
+     "      --latent-only    only check the glass for a latent print\n"},
+    {"background", "  background [-o FILE.png]   capture the background frame used by live view\n"},
+    {"verify", "  verify FILE.png [--size WxH]   check the four corner marks (exit 0 when all hold)\n"},
+    {"live",
+     "  live [-o FILE.png]   live view until a frame reaches the quality threshold\n"
+     "      --threshold N    0..100 (default 40)     --timeout MS   (default 20000)\n"
+     "      --background     capture the background first (glass must be empty)\n"},
+    {"roll",
+     "  roll [-o FILE.png]   rolled print: place the finger, then roll it across the glass\n"
+     "                       (models 3, 5, 7); same options as live, threshold default 20\n"},
+    {"config",
+     "  config show          the settings file and the values the driver reads from it\n"
+     "  config set KEY=N...  kept in the file: brightness=0..100, contrast=0..100,\n"
+     "                       gain=1|2|4|8, scanmode=0\n"},
+};
+
+const char kHelpTail[] =
     "\n"
     "Global options:\n"
     "  -d, --device N       device index 0..7 (default 0); also -dN, --device=N\n"
@@ -50,6 +65,27 @@ const char kHelp[] =
     "Exit status: 0 success, 1 a driver operation failed (its status code and\n"
     "meaning are printed), 2 bad command line, 3 verification failed,\n"
     "4 a file could not be read or written.\n";
+
+// The whole help, or one command's part of it; a usage error for an unknown
+// command.
+int Help(const std::string& strCommand)
+{
+    if (strCommand.empty()) {
+        std::fputs(kHelpHead, stdout);
+        for (const CommandHelp& help : kCommandHelp) std::fputs(help.pszText, stdout);
+        std::fputs(kHelpTail, stdout);
+        return cli::EXIT_OK;
+    }
+    for (const CommandHelp& help : kCommandHelp) {
+        if (strCommand == help.pszName) {
+            std::printf("Usage: tavk05 [GLOBAL OPTIONS] %s\n%s", help.pszName, help.pszText);
+            return cli::EXIT_OK;
+        }
+    }
+    std::string strKnown;
+    for (const CommandHelp& help : kCommandHelp) strKnown += std::string(strKnown.empty() ? "" : ", ") + help.pszName;
+    return cli::Usage("no command '" + strCommand + "' (commands: " + strKnown + ")");
+}
 
 const char kDefaultUnits[] = "0:model=7,fw=0x3000,scene=flat";
 
@@ -116,8 +152,7 @@ int main(int argc, char** argv)
     for (int i = 1; i < argc; ++i) {
         const std::string strArg = argv[i];
         if (strArg == "-h" || strArg == "--help") {
-            std::fputs(kHelp, stdout);
-            return cli::EXIT_OK;
+            return Help(strCommand);
         } else if (strArg == "-v" || strArg == "--verbose") {
             opt.bVerbose = true;
         } else if (strArg == "--virtual" || strArg.rfind("--virtual=", 0) == 0) {
@@ -152,6 +187,7 @@ int main(int argc, char** argv)
     if (strCommand.empty()) {
         return cli::Usage("no command given");
     }
+    if (strCommand == "help") return Help(opt.vecArgs.empty() ? "" : opt.vecArgs[0]);
     if (strCommand == "info") return cli::CmdInfo(opt);
     if (strCommand == "config") return cli::CmdConfig(opt);
     if (strCommand == "capture") return cli::CmdCapture(opt);
@@ -159,5 +195,5 @@ int main(int argc, char** argv)
     if (strCommand == "verify") return cli::CmdVerify(opt);
     if (strCommand == "live") return cli::CmdLive(opt);
     if (strCommand == "roll") return cli::CmdRoll(opt);
-    return cli::Usage("unknown command '" + strCommand + "'");
+    return Help(strCommand);
 }
