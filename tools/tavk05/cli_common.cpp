@@ -47,6 +47,13 @@ void ExplainOpenFailure(const char* pszNode)
 
 bool OutputWritable(const std::string& strPath)
 {
+    if (strPath == "-") {
+        if (isatty(STDOUT_FILENO)) {
+            std::fprintf(stderr, "tavk05: will not write a PNG to a terminal: redirect standard output\n");
+            return false;
+        }
+        return true;
+    }
     int hFile = open(strPath.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     bool bCreated = false;
     if (hFile < 0 && errno == ENOENT) {

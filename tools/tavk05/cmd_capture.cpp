@@ -151,7 +151,8 @@ int CmdCapture(const Options& opt)
         return EXIT_IO;
     }
     const unsigned long* pNominal = kNominalSizes[sensor.m_nImageSize <= 5 ? sensor.m_nImageSize : 5];
-    std::printf("%s: 600 x 600, marks for %lu x %lu\n", strOutput.c_str(), pNominal[0], pNominal[1]);
+    std::fprintf(strOutput == "-" ? stderr : stdout, "%s: 600 x 600, marks for %lu x %lu\n", strOutput.c_str(),
+                 pNominal[0], pNominal[1]);
     return EXIT_OK;
 }
 
@@ -176,14 +177,14 @@ int CmdBackground(const Options& opt)
     const unsigned char* pBackground = sensor.m_ImageProc.m_pBackground;
     unsigned long long nSum = 0;
     for (int i = 0; i < IMG_PIXELS; ++i) nSum += pBackground[i];
-    std::printf("background captured: mean grey level %llu\n", nSum / IMG_PIXELS);
+    std::fprintf(strOutput == "-" ? stderr : stdout, "background captured: mean grey level %llu\n", nSum / IMG_PIXELS);
     if (!strOutput.empty()) {
         std::string strError;
         if (!WritePng(strOutput, pBackground, IMG_WIDTH, IMG_HEIGHT, &strError)) {
             std::fprintf(stderr, "tavk05: %s\n", strError.c_str());
             return EXIT_IO;
         }
-        std::printf("%s written\n", strOutput.c_str());
+        std::fprintf(strOutput == "-" ? stderr : stdout, "%s written\n", strOutput.c_str());
     }
     return EXIT_OK;
 }

@@ -1,4 +1,7 @@
 // tavk05 live and roll: live view with a progress line, and rolled prints.
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -8,6 +11,7 @@
 
 #include "cli.h"
 #include "png_io.h"
+#include "term_picture.h"
 
 namespace cli {
 
@@ -18,10 +22,32 @@ struct LiveArgs {
     long nTimeoutMs = 20000;
     long nThreshold = 40;
     bool bBackground = false;
+    bool bNoPicture = false;
 };
+
+// Set by Ctrl-C; the next callback stops the acquisition.
+volatile sig_atomic_t g_bInterrupted = 0;
+
+void OnInterrupt(int)
+{
+    g_bInterrupted = 1;
+}
+
+const long kPictureIntervalMs = 66;  // at most 15 pictures a second
+
+long long NowMs()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
 
 // State shared with the driver's callback during one live capture.
 struct Progress {
+    const unsigned char* pImage = nullptr;  // the frame as the driver delivers it
+    bool bPicture = false;     // draw the picture on the terminal
+    int nPictureRows = 0;      // text rows of the last picture drawn
+    long long nLastPictureMs = -kPictureIntervalMs;
     bool bRoll = false;        // ask for rolling once the finger is placed
     bool bRolling = false;     // rolling has been asked for
     int nPlacedFrames = 0;     // consecutive frames showing a finger
@@ -41,8 +67,22 @@ void ShowProgress(Progress& p, const ISensor::tagCallbackInfo& info)
     for (unsigned i = 0; i < 20; ++i) szBar[i] = i < nFill ? '#' : '.';
     szBar[20] = '\0';
     const char* pszState = info.nStatus != 0 ? "read failed" : p.bRolling ? "rolling" : p.bRoll ? "place finger" : "live";
+    if (p.bPicture && NowMs() - p.nLastPictureMs >= kPictureIntervalMs) {
+        // Redraw the picture over the last one, fitted to the terminal.
+        struct winsize ws = {};
+        if (ioctl(STDERR_FILENO, TIOCGWINSZ, &ws) != 0 || ws.ws_col == 0) ws.ws_col = 80, ws.ws_row = 24;
+        int nRows = 0;
+        const std::string strPicture =
+            RenderHalfBlocks(p.pImage, IMG_WIDTH, IMG_HEIGHT, ws.ws_col, ws.ws_row > 3 ? ws.ws_row - 3 : 1, &nRows);
+        if (p.nPictureRows > 0) std::fprintf(stderr, "\r\x1b[%dA", p.nPictureRows);
+        std::fputs(strPicture.c_str(), stderr);
+        p.nPictureRows = nRows;
+        p.nLastPictureMs = NowMs();
+    }
     if (p.bTty) {
-        std::fprintf(stderr, "\rframe %4u  %-12s  quality [%s] %3u", p.nFrame, pszState, szBar, info.nQuality);
+        std::fprintf(stderr, "\rframe %4u  %-12s  quality [%s] %3u\x1b[K", p.nFrame, pszState, szBar,
+                     info.nQuality);
+        std::fflush(stderr);
     } else if (std::strcmp(pszState, p.pszLastState) != 0 || p.nFrame % 100 == 0) {
         // Not a terminal: one line when the state changes, and now and then.
         std::fprintf(stderr, "frame %4u  %-12s  quality %3u\n", p.nFrame, pszState, info.nQuality);
@@ -57,6 +97,7 @@ unsigned long Callback(void* pContext, void* pInfo)
     ++p.nFrame;
     p.nLastQuality = info.nQuality;
     ShowProgress(p, info);
+    if (g_bInterrupted) return TAVK05_CB_STOP;
     if (p.bRoll && !p.bRolling && info.nStatus == 0) {
         p.nPlacedFrames = info.nQuality >= kPlacedQuality ? p.nPlacedFrames + 1 : 0;
         if (p.nPlacedFrames >= kPlacedFrames) {
@@ -76,11 +117,17 @@ int ParseLiveArgs(const char* pszCommand, const Options& opt, LiveArgs* pArgs)
         if ((s == "-o" || s == "--output") && bHasValue) {
             pArgs->strOutput = a[++i];
         } else if (s == "--timeout" && bHasValue) {
-            if (!ParseLong(a[++i], 1, 3600000, &pArgs->nTimeoutMs)) return Usage("--timeout takes milliseconds");
+            if (!ParseLong(a[++i], 1, 3600000, &pArgs->nTimeoutMs)) {
+                return Usage("--timeout takes milliseconds 1..3600000, not '" + a[i] + "'");
+            }
         } else if (s == "--threshold" && bHasValue) {
-            if (!ParseLong(a[++i], 0, 100, &pArgs->nThreshold)) return Usage("--threshold takes 0..100");
+            if (!ParseLong(a[++i], 0, 100, &pArgs->nThreshold)) {
+                return Usage("--threshold takes 0..100, not '" + a[i] + "'");
+            }
         } else if (s == "--background") {
             pArgs->bBackground = true;
+        } else if (s == "--no-picture") {
+            pArgs->bNoPicture = true;
         } else {
             return Usage(std::string(pszCommand) + ": bad or incomplete option '" + s + "'");
         }
@@ -110,20 +157,37 @@ int RunLive(const Options& opt, bool bRoll)
             return EXIT_DEVICE;
         }
     }
+    std::vector<unsigned char> vecImage(IMG_PIXELS, 255);
     Progress progress;
     progress.bRoll = bRoll;
     progress.bTty = isatty(STDERR_FILENO) != 0;
+    progress.bPicture = progress.bTty && !args.bNoPicture;
+    progress.pImage = vecImage.data();
     sensor.SetCallBackFunction(1, Callback, &progress);
 
-    std::vector<unsigned char> vecImage(IMG_PIXELS, 255);
+    // Ctrl-C ends the acquisition through the callback, so the driver stops
+    // the device and the terminal is put back in order below.
+    struct sigaction saInterrupt = {}, saOld = {};
+    saInterrupt.sa_handler = OnInterrupt;
+    sigemptyset(&saInterrupt.sa_mask);
+    sigaction(SIGINT, &saInterrupt, &saOld);
+    if (progress.bPicture) std::fputs("\x1b[?25l", stderr);  // no cursor over the picture
     const unsigned long nStatus = sensor.GetLiveImageEx2(vecImage.data(), static_cast<unsigned long>(args.nTimeoutMs),
                                                          0, nullptr, static_cast<unsigned long>(args.nThreshold));
     if (bRoll) sensor.WriteData(155, 0);
+    if (progress.bPicture) std::fputs("\x1b[0m\x1b[?25h", stderr);
     if (progress.bTty) std::fputc('\n', stderr);
+    sigaction(SIGINT, &saOld, nullptr);
+    if (g_bInterrupted) {
+        std::fprintf(stderr, "tavk05: interrupted after %u frames; acquisition stopped, nothing written\n",
+                     progress.nFrame);
+        return 130;
+    }
 
+    std::FILE* pInfo = args.strOutput == "-" ? stderr : stdout;
     const int nQuality = sensor.m_ImageProc.CheckImageQuality2(IMG_WIDTH, IMG_HEIGHT, vecImage.data());
-    std::printf("%s ended after %u frames: status %lu (%s), quality %d\n", bRoll ? "rolled capture" : "live view",
-                progress.nFrame, nStatus, StatusText(nStatus), nQuality);
+    std::fprintf(pInfo, "%s ended after %u frames: status %lu (%s), quality %d\n",
+                 bRoll ? "rolled capture" : "live view", progress.nFrame, nStatus, StatusText(nStatus), nQuality);
     // A weak rolled print (57) or a time-out still leaves an image worth keeping.
     const bool bImage = nStatus == TAVK05_OK || nStatus == TAVK05_E_LATENT || nStatus == TAVK05_E_NO_IMAGE;
     if (!args.strOutput.empty() && bImage) {
@@ -132,7 +196,7 @@ int RunLive(const Options& opt, bool bRoll)
             std::fprintf(stderr, "tavk05: %s\n", strError.c_str());
             return EXIT_IO;
         }
-        std::printf("%s written\n", args.strOutput.c_str());
+        std::fprintf(pInfo, "%s written\n", args.strOutput.c_str());
     }
     return nStatus == TAVK05_OK ? EXIT_OK : EXIT_DEVICE;
 }

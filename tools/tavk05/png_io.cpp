@@ -32,7 +32,8 @@ using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 bool WritePng(const std::string& strPath, const unsigned char* pPixels, unsigned nWidth, unsigned nHeight,
               std::string* pError)
 {
-    FilePtr pFile(std::fopen(strPath.c_str(), "wb"));
+    // "-" is standard output.
+    FilePtr pFile(strPath == "-" ? ::fdopen(::dup(STDOUT_FILENO), "wb") : std::fopen(strPath.c_str(), "wb"));
     if (!pFile) {
         *pError = strPath + ": " + std::strerror(errno);
         return false;
