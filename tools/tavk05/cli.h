@@ -59,6 +59,13 @@ bool OutputWritable(const std::string& strPath);
 // Parses a whole number in [nMin, nMax] (decimal or 0x hex).
 bool ParseLong(const std::string& str, long nMin, long nMax, long* pValue);
 
+// Guided capture. TakeBackground asks for clear glass, takes the background
+// frame the live conversion subtracts and refuses one that shows a finger;
+// WaitForFinger asks for the finger and watches live frames until one shows
+// it, or the time-out. Both return an exit status (EXIT_OK to go on).
+int TakeBackground(COberin& sensor);
+int WaitForFinger(COberin& sensor, long nTimeoutMs);
+
 int CmdInfo(const Options& opt);
 int CmdConfig(const Options& opt);
 int CmdCapture(const Options& opt);

@@ -17,6 +17,8 @@ const unsigned long kNominalSizes[][2] = {{356, 292}, {228, 292}, {356, 456}, {2
 // Settings given for one capture; they are put back afterwards so that the
 // settings file keeps what the user configured with `config set`.
 struct CaptureSettings {
+    bool bNow = false;         // one frame at once, no guidance
+    long nTimeoutMs = 20000;   // wait for the finger at most this long
     long nBrightness = -1;
     long nContrast = -1;
     long nGain = -1;
@@ -80,6 +82,12 @@ int ParseCaptureArgs(const Options& opt, std::string* pOutput, CaptureSettings* 
                 return Usage("capture: --size must be one of 356x292, 228x292, 356x456, 248x292, 260x300, 600x600, not '" +
                              a[i] + "'");
             }
+        } else if (s == "--now") {
+            pSet->bNow = true;
+        } else if (s == "--timeout" && bHasValue) {
+            if (!ParseLong(a[++i], 1, 3600000, &pSet->nTimeoutMs)) {
+                return Usage("--timeout takes milliseconds 1..3600000, not '" + a[i] + "'");
+            }
         } else if (s == "--latent") {
             pSet->nLatentMode = 1;
         } else if (s == "--latent-only") {
@@ -136,6 +144,12 @@ int CmdCapture(const Options& opt)
         sensor.WriteData(0, static_cast<unsigned long>(set.nLatentMode));
     }
 
+    // Guided: clear glass for the background, then wait for the finger; with
+    // --now (or when only the glass is checked) one frame is taken at once.
+    if (!set.bNow && set.nLatentMode != 2) {
+        if (const int nExit = TakeBackground(sensor)) return nExit;
+        if (const int nExit = WaitForFinger(sensor, set.nTimeoutMs)) return nExit;
+    }
     std::vector<unsigned char> vecImage(IMG_PIXELS, 255);
     nStatus = sensor.GetImage(vecImage.data());
     if (nStatus != TAVK05_OK) {

@@ -21,7 +21,6 @@ struct LiveArgs {
     std::string strOutput;
     long nTimeoutMs = 20000;
     long nThreshold = 40;
-    bool bBackground = false;
     bool bNoPicture = false;
 };
 
@@ -102,6 +101,7 @@ unsigned long Callback(void* pContext, void* pInfo)
         p.nPlacedFrames = info.nQuality >= kPlacedQuality ? p.nPlacedFrames + 1 : 0;
         if (p.nPlacedFrames >= kPlacedFrames) {
             p.bRolling = true;
+            if (!p.bTty) std::fprintf(stderr, "Roll the finger across the glass now.\n");
             return TAVK05_CB_START_ROLL;
         }
     }
@@ -125,7 +125,7 @@ int ParseLiveArgs(const char* pszCommand, const Options& opt, LiveArgs* pArgs)
                 return Usage("--threshold takes 0..100, not '" + a[i] + "'");
             }
         } else if (s == "--background") {
-            pArgs->bBackground = true;
+            // Accepted from older scripts: the background is always taken now.
         } else if (s == "--no-picture") {
             pArgs->bNoPicture = true;
         } else {
@@ -134,6 +134,71 @@ int ParseLiveArgs(const char* pszCommand, const Options& opt, LiveArgs* pArgs)
     }
     return EXIT_OK;
 }
+
+// Quality above which a frame is taken to show a finger: the background must
+// stay below it, and the guided capture waits for a live frame above it.
+const int kFingerQuality = 25;
+
+// Ctrl-C during a wait for the finger stops it; the live callback's stop.
+unsigned long WaitCallback(void* pContext, void* pInfo)
+{
+    Progress& p = *static_cast<Progress*>(pContext);
+    const ISensor::tagCallbackInfo& info = *static_cast<const ISensor::tagCallbackInfo*>(pInfo);
+    ++p.nFrame;
+    p.nLastQuality = info.nQuality;
+    if (p.bTty) {
+        std::fprintf(stderr, "\rwaiting for the finger: frame %4u, quality %3u\x1b[K", p.nFrame, info.nQuality);
+        std::fflush(stderr);
+    }
+    return g_bInterrupted ? TAVK05_CB_STOP : TAVK05_CB_CONTINUE;
+}
+
+}  // namespace
+
+int TakeBackground(COberin& sensor)
+{
+    std::fprintf(stderr, "Keep the glass clear: taking the background...\n");
+    const unsigned long nStatus = sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr);
+    if (nStatus != TAVK05_OK) return Fail("background capture", nStatus);
+    const int nQuality = sensor.m_ImageProc.CheckImageQuality2(IMG_WIDTH, IMG_HEIGHT, sensor.m_ImageProc.m_pBackground);
+    if (nQuality >= kFingerQuality) {
+        std::fprintf(stderr, "tavk05: something lies on the glass (background quality %d, at most %d expected): "
+                             "lift the finger, clean the glass and try again\n", nQuality, kFingerQuality - 1);
+        return EXIT_DEVICE;
+    }
+    return EXIT_OK;
+}
+
+int WaitForFinger(COberin& sensor, long nTimeoutMs)
+{
+    std::fprintf(stderr, "Place your finger on the glass.\n");
+    Progress progress;
+    progress.bTty = isatty(STDERR_FILENO) != 0;
+    std::vector<unsigned char> vecImage(IMG_PIXELS, 255);
+    sensor.SetCallBackFunction(1, WaitCallback, &progress);
+    struct sigaction saInterrupt = {}, saOld = {};
+    saInterrupt.sa_handler = OnInterrupt;
+    sigemptyset(&saInterrupt.sa_mask);
+    sigaction(SIGINT, &saInterrupt, &saOld);
+    const unsigned long nStatus = sensor.GetLiveImageEx2(vecImage.data(), static_cast<unsigned long>(nTimeoutMs), 0,
+                                                         nullptr, kFingerQuality);
+    sigaction(SIGINT, &saOld, nullptr);
+    sensor.SetCallBackFunction(1, nullptr, nullptr);
+    if (progress.bTty) std::fputc('\n', stderr);
+    if (g_bInterrupted) {
+        std::fprintf(stderr, "tavk05: interrupted while waiting for the finger; nothing captured\n");
+        return 130;
+    }
+    if (nStatus == TAVK05_E_NO_IMAGE) {
+        std::fprintf(stderr, "tavk05: no finger on the glass within %ld ms (best quality %u, %d needed)\n",
+                     nTimeoutMs, progress.nLastQuality, kFingerQuality);
+        return EXIT_DEVICE;
+    }
+    if (nStatus != TAVK05_OK) return Fail("waiting for the finger", nStatus);
+    return EXIT_OK;
+}
+
+namespace {
 
 int RunLive(const Options& opt, bool bRoll)
 {
@@ -146,10 +211,11 @@ int RunLive(const Options& opt, bool bRoll)
     if (!session.Open(opt.nDevice)) return EXIT_DEVICE;
     COberin& sensor = *session.Get();
 
-    if (args.bBackground) {
-        const unsigned long nStatus = sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr);
-        if (nStatus != TAVK05_OK) return Fail("background capture", nStatus);
-    }
+    // The live conversion subtracts the background: without one the glass's
+    // own shading would look like ridges.
+    if (const int nExit = TakeBackground(sensor)) return nExit;
+    std::fprintf(stderr, bRoll ? "Place your finger on the glass; roll it across when asked.\n"
+                               : "Place your finger on the glass.\n");
     if (bRoll) {
         sensor.WriteData(155, 1);
         if (sensor.ReadData(155) != 1) {

@@ -27,7 +27,10 @@ struct CommandHelp {
 const CommandHelp kCommandHelp[] = {
     {"info", "  info                 device type, firmware, frame geometry, settings, device ID\n"},
     {"capture",
-     "  capture -o FILE.png  one finished 600 x 600 image, corner-marked\n"
+     "  capture -o FILE.png  one finished 600 x 600 image, corner-marked: asks for clear\n"
+     "                       glass (background), waits for the finger, then captures\n"
+     "      --now            one frame at once, without the guidance\n"
+     "      --timeout MS     wait for the finger at most MS (default 20000)\n"
      "      --brightness N   0..100     --contrast N   0..100     --gain N   1, 2, 4, 8\n"
      "      --size WxH       nominal size for the marks: 356x292, 228x292, 356x456,\n"
      "                       248x292, 260x300 or 600x600 (the image stays 600 x 600)\n"
@@ -38,7 +41,8 @@ const CommandHelp kCommandHelp[] = {
     {"live",
      "  live [-o FILE.png]   live view until a frame reaches the quality threshold\n"
      "      --threshold N    0..100 (default 40)     --timeout MS   (default 20000)\n"
-     "      --background     capture the background first (glass must be empty)\n"},
+     "      --no-picture     no picture on the terminal, only the progress line\n"
+     "                       (the background is taken first: keep the glass clear)\n"},
     {"roll",
      "  roll [-o FILE.png]   rolled print: place the finger, then roll it across the glass\n"
      "                       (models 3, 5, 7); same options as live, threshold default 20\n"},
