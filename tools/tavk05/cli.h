@@ -27,6 +27,11 @@ struct Options {
 // Meaning of a driver status code, in words.
 const char* StatusText(unsigned long nStatus);
 
+// With -v every driver call is shown with its status on standard error:
+// Traced("GetImage", sensor.GetImage(p)) gives the status back unchanged.
+extern bool g_bVerbose;
+unsigned long Traced(const char* pszCall, unsigned long nStatus);
+
 // Prints "tavk05: WHAT failed: status N (meaning)" and returns EXIT_DEVICE.
 int Fail(const char* pszWhat, unsigned long nStatus);
 
@@ -67,6 +72,7 @@ int TakeBackground(COberin& sensor);
 int WaitForFinger(COberin& sensor, long nTimeoutMs);
 
 int CmdInfo(const Options& opt);
+int CmdList(const Options& opt);
 int CmdConfig(const Options& opt);
 int CmdCapture(const Options& opt);
 int CmdBackground(const Options& opt);

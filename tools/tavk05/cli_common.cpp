@@ -16,6 +16,14 @@ const char* StatusText(unsigned long nStatus)
     return Tavk05StatusText(nStatus);
 }
 
+bool g_bVerbose = false;
+
+unsigned long Traced(const char* pszCall, unsigned long nStatus)
+{
+    if (g_bVerbose) std::fprintf(stderr, "tavk05: %s = %lu (%s)\n", pszCall, nStatus, StatusText(nStatus));
+    return nStatus;
+}
+
 int Fail(const char* pszWhat, unsigned long nStatus)
 {
     std::fprintf(stderr, "tavk05: %s failed: status %lu (%s)\n", pszWhat, nStatus, StatusText(nStatus));
@@ -93,7 +101,7 @@ bool Session::Open(unsigned long nIndex)
         return false;
     }
     m_pSensor = static_cast<COberin*>(pSensor);
-    const unsigned long nStatus = m_pSensor->OpenDevice(nIndex, 0);
+    const unsigned long nStatus = Traced("OpenDevice", m_pSensor->OpenDevice(nIndex, 0));
     if (nStatus != TAVK05_OK) {
         // The sensor writes its settings when it is destroyed; a sensor that
         // never opened holds construction values, so it is given the file's

@@ -126,16 +126,16 @@ int CmdCapture(const Options& opt)
     SettingsGuard guard(sensor);
 
     unsigned long nStatus;
-    if (set.nWidth != 0 && (nStatus = sensor.SetImageSize(set.nWidth, set.nHeight)) != 0) {
+    if (set.nWidth != 0 && (nStatus = Traced("SetImageSize", sensor.SetImageSize(set.nWidth, set.nHeight))) != 0) {
         return Fail("SetImageSize", nStatus);
     }
-    if (set.nBrightness >= 0 && (nStatus = sensor.SetBrightness(set.nBrightness)) != 0) {
+    if (set.nBrightness >= 0 && (nStatus = Traced("SetBrightness", sensor.SetBrightness(set.nBrightness))) != 0) {
         return Fail("SetBrightness", nStatus);
     }
-    if (set.nContrast >= 0 && (nStatus = sensor.SetContrast(set.nContrast)) != 0) {
+    if (set.nContrast >= 0 && (nStatus = Traced("SetContrast", sensor.SetContrast(set.nContrast))) != 0) {
         return Fail("SetContrast", nStatus);
     }
-    if (set.nGain >= 0 && (nStatus = sensor.SetGainValue(set.nGain)) != 0) {
+    if (set.nGain >= 0 && (nStatus = Traced("SetGainValue", sensor.SetGainValue(set.nGain))) != 0) {
         return Fail("SetGainValue", nStatus);
     }
     if (set.nLatentMode >= 0) {
@@ -151,7 +151,7 @@ int CmdCapture(const Options& opt)
         if (const int nExit = WaitForFinger(sensor, set.nTimeoutMs)) return nExit;
     }
     std::vector<unsigned char> vecImage(IMG_PIXELS, 255);
-    nStatus = sensor.GetImage(vecImage.data());
+    nStatus = Traced("GetImage", sensor.GetImage(vecImage.data()));
     if (nStatus != TAVK05_OK) {
         return Fail("GetImage", nStatus);
     }
@@ -184,7 +184,8 @@ int CmdBackground(const Options& opt)
     Session session;
     if (!session.Open(opt.nDevice)) return EXIT_DEVICE;
     COberin& sensor = *session.Get();
-    const unsigned long nStatus = sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr);
+    const unsigned long nStatus =
+        Traced("DevIoControl(background)", sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr));
     if (nStatus != TAVK05_OK) {
         return Fail("background capture", nStatus);
     }

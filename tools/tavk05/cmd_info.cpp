@@ -40,6 +40,36 @@ std::string PrintableId(const unsigned char* pBlock, unsigned long nLen)
 
 }  // namespace
 
+int CmdList(const Options& opt)
+{
+    if (!opt.vecArgs.empty()) return Usage("list takes no arguments");
+    ISensor* pSensor = nullptr;
+    if (CreateISensor(nullptr, &pSensor) != 0 || pSensor == nullptr) return Fail("CreateISensor", TAVK05_E_CREATE);
+    COberin& sensor = *static_cast<COberin*>(pSensor);
+    // The sensor writes the settings file when destroyed: it holds the
+    // file's own values, so listing never changes them.
+    if (access(COberin::ConfigPath(), F_OK) == 0) sensor.RetrieveConfig();
+    int nFound = 0;
+    for (unsigned long nIndex = 0; nIndex <= 7; ++nIndex) {
+        if (Traced("OpenDevice", sensor.OpenDevice(nIndex, 0)) != TAVK05_OK) continue;
+        if (nFound++ == 0) std::printf("%-14s %-5s %-9s %s\n", "device", "type", "firmware", "device ID");
+        unsigned char abyId[64] = {};
+        unsigned long nLen = 0;
+        const bool bId =
+            sensor.DevIoControl(TAVK05_IOCTL_GET_DEVICE_ID, nullptr, 0, abyId, sizeof abyId, &nLen) == TAVK05_OK;
+        std::printf("/dev/tavk05%-3lu %-5lu 0x%04X    %s\n", nIndex, sensor.GetDeviceType(),
+                    static_cast<unsigned>(sensor.m_pVxd->GetFirmwareVersion()),
+                    bId ? PrintableId(abyId, nLen).c_str() : "(not available)");
+        sensor.CloseDevice();
+    }
+    DestroyISensor(pSensor);
+    if (nFound == 0) {
+        std::fprintf(stderr, "tavk05: no scanner found at /dev/tavk050 to /dev/tavk057\n");
+        return EXIT_DEVICE;
+    }
+    return EXIT_OK;
+}
+
 int CmdInfo(const Options& opt)
 {
     if (!opt.vecArgs.empty()) {
@@ -70,7 +100,8 @@ int CmdInfo(const Options& opt)
     unsigned char abyId[64] = {};
     unsigned long nLen = 0;
     const unsigned long nId =
-        sensor.DevIoControl(TAVK05_IOCTL_GET_DEVICE_ID, nullptr, 0, abyId, sizeof abyId, &nLen);
+        Traced("DevIoControl(device ID)",
+               sensor.DevIoControl(TAVK05_IOCTL_GET_DEVICE_ID, nullptr, 0, abyId, sizeof abyId, &nLen));
     if (nId == TAVK05_OK) {
         std::printf("device ID     %s\n", PrintableId(abyId, nLen).c_str());
     } else {

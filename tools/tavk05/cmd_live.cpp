@@ -158,7 +158,8 @@ unsigned long WaitCallback(void* pContext, void* pInfo)
 int TakeBackground(COberin& sensor)
 {
     std::fprintf(stderr, "Keep the glass clear: taking the background...\n");
-    const unsigned long nStatus = sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr);
+    const unsigned long nStatus =
+        Traced("DevIoControl(background)", sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr));
     if (nStatus != TAVK05_OK) return Fail("background capture", nStatus);
     const int nQuality = sensor.m_ImageProc.CheckImageQuality2(IMG_WIDTH, IMG_HEIGHT, sensor.m_ImageProc.m_pBackground);
     if (nQuality >= kFingerQuality) {
@@ -180,8 +181,8 @@ int WaitForFinger(COberin& sensor, long nTimeoutMs)
     saInterrupt.sa_handler = OnInterrupt;
     sigemptyset(&saInterrupt.sa_mask);
     sigaction(SIGINT, &saInterrupt, &saOld);
-    const unsigned long nStatus = sensor.GetLiveImageEx2(vecImage.data(), static_cast<unsigned long>(nTimeoutMs), 0,
-                                                         nullptr, kFingerQuality);
+    const unsigned long nStatus = Traced("GetLiveImageEx2", sensor.GetLiveImageEx2(vecImage.data(),
+                                         static_cast<unsigned long>(nTimeoutMs), 0, nullptr, kFingerQuality));
     sigaction(SIGINT, &saOld, nullptr);
     sensor.SetCallBackFunction(1, nullptr, nullptr);
     if (progress.bTty) std::fputc('\n', stderr);
@@ -238,8 +239,9 @@ int RunLive(const Options& opt, bool bRoll)
     sigemptyset(&saInterrupt.sa_mask);
     sigaction(SIGINT, &saInterrupt, &saOld);
     if (progress.bPicture) std::fputs("\x1b[?25l", stderr);  // no cursor over the picture
-    const unsigned long nStatus = sensor.GetLiveImageEx2(vecImage.data(), static_cast<unsigned long>(args.nTimeoutMs),
-                                                         0, nullptr, static_cast<unsigned long>(args.nThreshold));
+    const unsigned long nStatus =
+        Traced("GetLiveImageEx2", sensor.GetLiveImageEx2(vecImage.data(), static_cast<unsigned long>(args.nTimeoutMs),
+                                                         0, nullptr, static_cast<unsigned long>(args.nThreshold)));
     if (bRoll) sensor.WriteData(155, 0);
     if (progress.bPicture) std::fputs("\x1b[0m\x1b[?25h", stderr);
     if (progress.bTty) std::fputc('\n', stderr);

@@ -25,6 +25,7 @@ struct CommandHelp {
     const char* pszText;
 };
 const CommandHelp kCommandHelp[] = {
+    {"list", "  list                 every scanner present: node, type, firmware, device ID\n"},
     {"info", "  info                 device type, firmware, frame geometry, settings, device ID\n"},
     {"capture",
      "  capture -o FILE.png  one finished 600 x 600 image, corner-marked: asks for clear\n"
@@ -58,7 +59,7 @@ const char kHelpTail[] =
     "  -d, --device N       device index 0..7 (default 0); also -dN, --device=N\n"
     "  --virtual[=UNITS]    use the virtual scanner instead of hardware; UNITS as in\n"
     "                       TAVK05_VIRTUAL, default 0:model=7,fw=0x3000,scene=flat\n"
-    "  -v, --verbose        more output\n"
+    "  -v, --verbose        show each driver call with its status\n"
     "  -h, --help           this text\n"
     "  --version            the version of libtavk05 in use\n"
     "\n"
@@ -192,6 +193,8 @@ int main(int argc, char** argv)
         return cli::Usage("no command given");
     }
     if (strCommand == "help") return Help(opt.vecArgs.empty() ? "" : opt.vecArgs[0]);
+    cli::g_bVerbose = opt.bVerbose;
+    if (strCommand == "list") return cli::CmdList(opt);
     if (strCommand == "info") return cli::CmdInfo(opt);
     if (strCommand == "config") return cli::CmdConfig(opt);
     if (strCommand == "capture") return cli::CmdCapture(opt);
