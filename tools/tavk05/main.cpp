@@ -124,6 +124,11 @@ int ReexecVirtual(char** argv, const std::string& strUnits)
         return cli::EXIT_IO;
     }
     setenv("TAVK05_VIRTUAL", strUnits.c_str(), 1);
+    // Libraries the user preloads stay preloaded, after the virtual scanner.
+    if (const char* pszPreload = std::getenv("LD_PRELOAD"); pszPreload != nullptr && *pszPreload != '\0') {
+        strLib += ':';
+        strLib += pszPreload;
+    }
     setenv("LD_PRELOAD", strLib.c_str(), 1);
     setenv("TAVK05_CLI_VIRTUAL", "1", 1);
     execv(szSelf, argv);
