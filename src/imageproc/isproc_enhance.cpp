@@ -62,6 +62,30 @@ void BoxMean17(const unsigned char* pSrc, unsigned char* pDst, int* pColSum)
     }
 }
 
+// Adds the grey-level counts of pImage[0 .. n - 1] to anHist. Four partial
+// counts in turn let consecutive equal levels be counted without waiting on
+// each other; each stretch is short enough for 32-bit counts.
+void CountLevels(const unsigned char* pImage, long long n, long long (&anHist)[256])
+{
+    const long long nStretch = 1LL << 30;
+    for (long long nDone = 0; nDone < n; nDone += nStretch) {
+        const unsigned char* p = pImage + nDone;
+        const size_t nCount = static_cast<size_t>(n - nDone < nStretch ? n - nDone : nStretch);
+        unsigned anPart[4][256] = {{0}};
+        size_t i = 0;
+        for (; i + 4 <= nCount; i += 4) {
+            ++anPart[0][p[i]];
+            ++anPart[1][p[i + 1]];
+            ++anPart[2][p[i + 2]];
+            ++anPart[3][p[i + 3]];
+        }
+        for (; i < nCount; ++i)
+            ++anPart[0][p[i]];
+        for (int g = 0; g < 256; ++g)
+            anHist[g] += static_cast<long long>(anPart[0][g]) + anPart[1][g] + anPart[2][g] + anPart[3][g];
+    }
+}
+
 } // namespace
 
 // Spreads the darkest fifth of the grey levels over 0..254 and turns
@@ -74,8 +98,7 @@ void CImageProc::Histoequal(unsigned char* pImage, int nWidth, int nHeight)
     const long long nPixels = (long long)nWidth * nHeight;
 
     long long nHist[256] = {0};
-    for (long long i = 0; i < nPixels; ++i)
-        ++nHist[pImage[i]];
+    CountLevels(pImage, nPixels, nHist);
 
     const double dScale = 1280.0 / (double)nPixels;
     unsigned char ucMap[256];
