@@ -4,6 +4,7 @@
 // which this driver does not provide (status 4).
 #include "oberin_filter.h"
 #include "oberin_firmware.h"
+#include "live_jitter.h"
 #include "imageproc/kernels.h"
 
 #include <climits>
@@ -21,9 +22,6 @@ const int kPixels = IMG_PIXELS;
 // Base level of the models 7 and 8 mapping, by firmware.
 const int kBaseNewFirmware = 180;
 const int kBaseOldFirmware = 125;
-
-const int kJitterSpan = 9;              // random() % 9 - 4: jitter of -4..+4
-const int kJitterOffset = 4;
 
 // Finger-state correction.
 const int kStateCountLimit = 20;        // tries after which the state is no longer looked at
@@ -128,7 +126,9 @@ void MapContrast(const COberin& sensor, unsigned char* pFrame, unsigned char* pO
 {
     // Reseeded for every frame, so that the jitter pattern changes once a
     // second and not with every frame of a still finger.
-    ::srandom(static_cast<unsigned int>(std::time(nullptr)));
+    // The jitter is drawn from a private copy of the generator seeded alike.
+    const unsigned int nSeed = static_cast<unsigned int>(std::time(nullptr));
+    ::srandom(nSeed);
 
     const CImageProc& proc = sensor.m_ImageProc;
     if (pFrame == nullptr || pOutput == nullptr || proc.m_pBackground == nullptr) return;
@@ -166,12 +166,12 @@ void MapContrast(const COberin& sensor, unsigned char* pFrame, unsigned char* pO
             byScaled[v + kJitterOffset] = ScaledLevel(v, fFactor);
         }
         const unsigned char* pTable = proc.m_ucContrastTable;
-        for (int i = 0; i < kPixels; ++i) {
-            const int d = Darkening(pBackground[i], pFrame[i]);
-            if (bKeepPrint) pFrame[i] = static_cast<unsigned char>(d);
-            const int nJitter = static_cast<int>(::random() % kJitterSpan);  // 0..8, i.e. -4..+4 after the offset
-            pOutput[i] = byScaled[pTable[Lightness(d)] + nJitter];
+        // What is shown for each darkening d and jitter draw.
+        unsigned char abyShown[256 * kJitterSpan];
+        for (int d = 0; d < 256; ++d) {
+            for (int j = 0; j < kJitterSpan; ++j) abyShown[d * kJitterSpan + j] = byScaled[pTable[Lightness(d)] + j];
         }
+        MapJittered(nSeed, pBackground, pFrame, pOutput, static_cast<size_t>(kPixels), bKeepPrint, abyShown);
     } else if (bKeepPrint) {
         // No mapping in force: the output is not written, the frame still
         // receives the darkening.

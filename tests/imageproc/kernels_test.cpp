@@ -2,9 +2,11 @@
 // over a grid of lengths and misalignments, and on the extreme levels where
 // sums and orderings are tightest.
 #include "imageproc/kernels.h"
+#include "sensor/live_jitter.h"
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <random>
 #include <vector>
 
@@ -55,6 +57,54 @@ TEST_P(RowKernelTest, VectorPartEqualsPlainLoopAndLeavesRestUntouched)
 
 INSTANTIATE_TEST_SUITE_P(Sse2, RowKernelTest, ::testing::ValuesIn(kRowKernels),
                          [](const ::testing::TestParamInfo<RowKernel>& info) { return info.param.pszName; });
+
+TEST(LiveJitterKernel, VectorPartEqualsPlainLoop)
+{
+    typedef oberin::CLiveJitter J;
+    std::mt19937 gen(11);
+    for (size_t n : {0u, 15u, 16u, 17u, 100u, 1024u}) {
+        // A history that follows the generator's recurrence: random values
+        // carried on by one block of the plain loop.
+        std::vector<uint32_t> start(2 * J::kHistory);
+        std::vector<unsigned char> unused(J::kHistory);
+        for (size_t i = 0; i < J::kHistory; ++i)
+            start[i] = static_cast<uint32_t>(gen());
+        J::Extend(start.data(), unused.data(), 0, J::kHistory);
+        std::vector<uint32_t> plain(start.begin() + J::kHistory, start.end());
+        plain.resize(J::kHistory + n);
+        std::vector<uint32_t> vec(plain);
+        std::vector<unsigned char> plainOut(n + 1, 0x5A), vecOut(n + 1, 0x5A);
+        J::Extend(plain.data(), plainOut.data(), 0, n);
+        const size_t nDone = J::ExtendSse2(vec.data(), vecOut.data(), n);
+        ASSERT_EQ(nDone, n - n % 16);
+        for (size_t k = 0; k < nDone; ++k) {
+            ASSERT_EQ(vec[J::kHistory + k], plain[J::kHistory + k]) << n << " " << k;
+            ASSERT_EQ(vecOut[k], plainOut[k]) << n << " " << k;
+        }
+        ASSERT_EQ(vecOut[nDone], 0x5A);
+    }
+}
 #endif
+
+// The private generator gives what random() % 9 gives after srandom, for
+// seeds at the edges of the signed and unsigned ranges and random ones, in
+// blocks of every kind of length.
+TEST(LiveJitter, EqualsRandomAfterSrandomOnManySeeds)
+{
+    std::vector<unsigned> seeds = {0u, 1u, 2u, 127773u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu, 1795000000u};
+    std::mt19937 gen(3);
+    for (int k = 0; k < 24; ++k)
+        seeds.push_back(static_cast<unsigned>(gen()));
+    for (unsigned nSeed : seeds) {
+        oberin::CLiveJitter jitter(nSeed);
+        ::srandom(nSeed);
+        for (size_t n : {1u, 16u, 37u, 1024u, 5u, 1000u}) {
+            unsigned char aby[oberin::CLiveJitter::kBlock];
+            jitter.Next(aby, n);
+            for (size_t i = 0; i < n; ++i)
+                ASSERT_EQ(aby[i], ::random() % oberin::kJitterSpan) << "seed " << nSeed << " at " << i;
+        }
+    }
+}
 
 } // namespace
