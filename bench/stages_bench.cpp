@@ -8,6 +8,8 @@
 // preview with table and jitter at most 0.6 ms.
 #include <benchmark/benchmark.h>
 
+#include "random_bytes.h"
+
 #include <cstring>
 #include <random>
 #include <vector>
@@ -29,14 +31,7 @@ const int kMosaicWidth = 1800;
 const int kMosaicHeight = 1280;
 const int kRepetitions = 5;
 
-Bytes Random(size_t n, unsigned nSeed)
-{
-    std::mt19937 gen(nSeed);
-    Bytes bytes(n);
-    for (unsigned char& by : bytes)
-        by = static_cast<unsigned char>(gen() >> 24);
-    return bytes;
-}
+using benchinput::Random;
 
 COberin& Sensor()
 {
