@@ -70,6 +70,7 @@ void MapJittered(unsigned int nSeed, const unsigned char* pBackground, unsigned 
     CLiveJitter jitter(nSeed);
     unsigned char abyJitter[CLiveJitter::kBlock];
     unsigned char abyDark[CLiveJitter::kBlock];
+    uint16_t anAt[CLiveJitter::kBlock];  // d x 9 + draw
     for (size_t nStart = 0; nStart < n; nStart += CLiveJitter::kBlock) {
         const size_t nCount = n - nStart < CLiveJitter::kBlock ? n - nStart : CLiveJitter::kBlock;
         jitter.Next(abyJitter, nCount);
@@ -77,20 +78,29 @@ void MapJittered(unsigned int nSeed, const unsigned char* pBackground, unsigned 
         unsigned char* pIn = pFrame + nStart;
         size_t i = 0;
 #if defined(__SSE2__)
-        // The darkening, saturated at 0, 16 pixels at a time.
+        // The darkening, saturated at 0, and the table index, 16 pixels at a time.
+        const __m128i zero = _mm_setzero_si128();
+        const __m128i span = _mm_set1_epi16(kJitterSpan);
         for (; i + 16 <= nCount; i += 16) {
             const __m128i d = _mm_subs_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pBg + i)),
                                             _mm_loadu_si128(reinterpret_cast<const __m128i*>(pIn + i)));
+            const __m128i j = _mm_loadu_si128(reinterpret_cast<const __m128i*>(abyJitter + i));
             _mm_storeu_si128(reinterpret_cast<__m128i*>(abyDark + i), d);
+            const __m128i lo = _mm_add_epi16(_mm_mullo_epi16(_mm_unpacklo_epi8(d, zero), span), _mm_unpacklo_epi8(j, zero));
+            const __m128i hi = _mm_add_epi16(_mm_mullo_epi16(_mm_unpackhi_epi8(d, zero), span), _mm_unpackhi_epi8(j, zero));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(anAt + i), lo);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(anAt + i + 8), hi);
         }
 #endif
-        for (; i < nCount; ++i)
+        for (; i < nCount; ++i) {
             abyDark[i] = static_cast<unsigned char>(pBg[i] > pIn[i] ? pBg[i] - pIn[i] : 0);
+            anAt[i] = static_cast<uint16_t>(abyDark[i] * kJitterSpan + abyJitter[i]);
+        }
         if (bKeepPrint)
             std::memcpy(pIn, abyDark, nCount);
         unsigned char* pOut = pOutput + nStart;
         for (i = 0; i < nCount; ++i)
-            pOut[i] = abyShown[abyDark[i] * kJitterSpan + abyJitter[i]];
+            pOut[i] = abyShown[anAt[i]];
     }
 }
 
