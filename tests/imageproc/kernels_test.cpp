@@ -1,11 +1,13 @@
 // Every vector kernel against its plain loop, bit for bit, on random rows
 // over a grid of lengths and misalignments, and on the extreme levels where
 // sums and orderings are tightest.
+#include "imageproc/correct_geometry.h"
 #include "imageproc/kernels.h"
 #include "sensor/live_jitter.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <random>
 #include <vector>
@@ -57,6 +59,24 @@ TEST_P(RowKernelTest, VectorPartEqualsPlainLoopAndLeavesRestUntouched)
 
 INSTANTIATE_TEST_SUITE_P(Sse2, RowKernelTest, ::testing::ValuesIn(kRowKernels),
                          [](const ::testing::TestParamInfo<RowKernel>& info) { return info.param.pszName; });
+
+// The mirror's kernel swaps outer blocks; std::reverse of the middle it
+// leaves must complete the reversal.
+TEST(ReverseKernel, OuterBlocksAndPlainMiddleReverseTheRow)
+{
+    std::mt19937 gen(5);
+    for (size_t n : {0u, 1u, 31u, 32u, 33u, 47u, 64u, 600u, 1801u}) {
+        std::vector<unsigned char> row(n);
+        for (unsigned char& by : row)
+            by = static_cast<unsigned char>(gen());
+        std::vector<unsigned char> expected(row.rbegin(), row.rend());
+        const size_t nDone = imageproc::ReverseOuterSse2(row.data(), n);
+        ASSERT_LE(2 * nDone, n);
+        ASSERT_LT(n - 2 * nDone, 32u) << n;
+        std::reverse(row.begin() + static_cast<long>(nDone), row.end() - static_cast<long>(nDone));
+        ASSERT_EQ(row, expected) << n;
+    }
+}
 
 TEST(LiveJitterKernel, VectorPartEqualsPlainLoop)
 {
