@@ -10,6 +10,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "random_bytes.h"
+
 #include <cstring>
 #include <memory>
 #include <random>
@@ -25,14 +27,7 @@ CImageProc& Proc()
     return proc;
 }
 
-Bytes Random(size_t n, unsigned nSeed)
-{
-    std::mt19937 gen(nSeed);
-    Bytes bytes(n);
-    for (unsigned char& by : bytes)
-        by = static_cast<unsigned char>(gen() >> 24);
-    return bytes;
-}
+using benchinput::Random;
 
 void SizeArgs(benchmark::internal::Benchmark* b)
 {

@@ -1,6 +1,7 @@
 // CImageProc: construction and destruction of the processor state -- the
 // background frame, the contrast table, the finger window and the two modify
 // tables that the interpolating geometry correction reads.
+#include "imageproc/modify_tables.h"
 #include "tavk05/isproc.h"
 
 #include <cstring>
@@ -20,14 +21,11 @@ public:
             m_pp[r] = nullptr;
         try {
             for (int r = 0; r < m_nRows; ++r) {
+                // The first half of a row is what the table build fills,
+                // every byte of it, and what readers see. The second half is
+                // room that nothing reads or writes; it is left untouched,
+                // which spares the page faults of 24 MB never used.
                 m_pp[r] = new tagModifyEntry[nEntries];
-                // The first half of a row is what the table build fills and
-                // what readers see; it starts zeroed, so that the indexes and
-                // weights the build leaves alone in out-of-range entries are
-                // defined. The second half is room that nothing reads or
-                // writes; it is left untouched, which spares the page faults
-                // of 24 MB never used.
-                std::memset(static_cast<void*>(m_pp[r]), 0, sizeof(tagModifyEntry) * static_cast<size_t>(nEntries / 2));
             }
         } catch (...) {
             // The destructor does not run for a half-built holder.
@@ -90,8 +88,8 @@ CImageProc::CImageProc()
     m_ppModifyTable = table.Release();
     m_ppModifyTableEx = tableEx.Release();
 
-    InitModifyTable();
-    InitModifyTableEx();
+    // InitModifyTable and InitModifyTableEx on rows not yet written.
+    imageproc::BuildFreshModifyTables(m_ppModifyTable, m_ppModifyTableEx);
 
     m_nFingerWinX = 100;
     m_nFingerWinY = 75;

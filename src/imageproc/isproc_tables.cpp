@@ -7,6 +7,7 @@
 // The arithmetic is fixed to the bit: single-precision coefficients; a, b,
 // the row coordinate and the column coordinate evaluated in double and then
 // rounded to float; floor in double; fractions and weights in float.
+#include "imageproc/modify_tables.h"
 #include "tavk05/isproc.h"
 
 #include <cmath>
@@ -36,7 +37,11 @@ const ModifyParams kTable = {MODIFY_SIZE, -5.3583e-05f, 0.81343f, 7.4524e-05f, 0
 const ModifyParams kTableEx = {MODIFY_SIZE_EX, -1.1357385e-05f, 0.4958448f, 5.20432e-05f, 0.3598727f,
                                1700, 1299, 850, 849};
 
-void BuildModifyTable(tagModifyEntry* const* ppTable, const ModifyParams& p)
+// With bFresh the rows are new and uninitialised: the indexes and weights
+// of entries without source neighbours, which a rebuild leaves as they are,
+// are set to 0 here rather than by clearing the rows beforehand, so that
+// each entry is written once.
+void BuildModifyTable(tagModifyEntry* const* ppTable, const ModifyParams& p, bool bFresh)
 {
     if (ppTable == nullptr)
         return;
@@ -70,8 +75,16 @@ void BuildModifyTable(tagModifyEntry* const* ppTable, const ModifyParams& p)
             e.nSrcCol = iy;
             e.nDstRight = nDstCentre + static_cast<unsigned>(j);
             e.nDstLeft = nDstCentre - static_cast<unsigned>(j);
-            if (!bRowInside || iy < 0 || iy > p.nMaxCol)
-                continue;  // no source neighbours: indexes and weights stay as they are
+            if (!bRowInside || iy < 0 || iy > p.nMaxCol) {
+                // No source neighbours: indexes and weights stay as they are.
+                if (bFresh) {
+                    for (int k = 0; k < 4; ++k) {
+                        e.nSrcIndex[k] = 0;
+                        e.fWeight[k] = 0.0f;
+                    }
+                }
+                continue;
+            }
             const float fc = y - static_cast<float>(iy);
             const float fColNear = 1.0f - fc;
             const unsigned nTopLeft = nRowBase + static_cast<unsigned>(iy);
@@ -89,12 +102,22 @@ void BuildModifyTable(tagModifyEntry* const* ppTable, const ModifyParams& p)
 
 } // namespace
 
+namespace imageproc {
+
+void BuildFreshModifyTables(tagModifyEntry* const* ppTable, tagModifyEntry* const* ppTableEx)
+{
+    BuildModifyTable(ppTable, kTable, true);
+    BuildModifyTable(ppTableEx, kTableEx, true);
+}
+
+} // namespace imageproc
+
 void CImageProc::InitModifyTable()
 {
-    BuildModifyTable(m_ppModifyTable, kTable);
+    BuildModifyTable(m_ppModifyTable, kTable, false);
 }
 
 void CImageProc::InitModifyTableEx()
 {
-    BuildModifyTable(m_ppModifyTableEx, kTableEx);
+    BuildModifyTable(m_ppModifyTableEx, kTableEx, false);
 }

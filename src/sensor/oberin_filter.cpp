@@ -4,6 +4,8 @@
 // which this driver does not provide (status 4).
 #include "oberin_filter.h"
 #include "oberin_firmware.h"
+#include "live_jitter.h"
+#include "imageproc/kernels.h"
 
 #include <climits>
 #include <stdlib.h>
@@ -20,9 +22,6 @@ const int kPixels = IMG_PIXELS;
 // Base level of the models 7 and 8 mapping, by firmware.
 const int kBaseNewFirmware = 180;
 const int kBaseOldFirmware = 125;
-
-const int kJitterSpan = 9;              // random() % 9 - 4: jitter of -4..+4
-const int kJitterOffset = 4;
 
 // Finger-state correction.
 const int kStateCountLimit = 20;        // tries after which the state is no longer looked at
@@ -127,7 +126,9 @@ void MapContrast(const COberin& sensor, unsigned char* pFrame, unsigned char* pO
 {
     // Reseeded for every frame, so that the jitter pattern changes once a
     // second and not with every frame of a still finger.
-    ::srandom(static_cast<unsigned int>(std::time(nullptr)));
+    // The jitter is drawn from a private copy of the generator seeded alike.
+    const unsigned int nSeed = static_cast<unsigned int>(std::time(nullptr));
+    ::srandom(nSeed);
 
     const CImageProc& proc = sensor.m_ImageProc;
     if (pFrame == nullptr || pOutput == nullptr || proc.m_pBackground == nullptr) return;
@@ -165,12 +166,12 @@ void MapContrast(const COberin& sensor, unsigned char* pFrame, unsigned char* pO
             byScaled[v + kJitterOffset] = ScaledLevel(v, fFactor);
         }
         const unsigned char* pTable = proc.m_ucContrastTable;
-        for (int i = 0; i < kPixels; ++i) {
-            const int d = Darkening(pBackground[i], pFrame[i]);
-            if (bKeepPrint) pFrame[i] = static_cast<unsigned char>(d);
-            const int nJitter = static_cast<int>(::random() % kJitterSpan);  // 0..8, i.e. -4..+4 after the offset
-            pOutput[i] = byScaled[pTable[Lightness(d)] + nJitter];
+        // What is shown for each darkening d and jitter draw.
+        unsigned char abyShown[256 * kJitterSpan];
+        for (int d = 0; d < 256; ++d) {
+            for (int j = 0; j < kJitterSpan; ++j) abyShown[d * kJitterSpan + j] = byScaled[pTable[Lightness(d)] + j];
         }
+        MapJittered(nSeed, pBackground, pFrame, pOutput, static_cast<size_t>(kPixels), bKeepPrint, abyShown);
     } else if (bKeepPrint) {
         // No mapping in force: the output is not written, the frame still
         // receives the darkening.
@@ -185,6 +186,10 @@ void COberin::SmoothImage(int nWidth, int nHeight, unsigned char* pImage, int nR
     if (pImage == nullptr || nRadius < 0 || nRadius > (INT_MAX - 1) / 2) return;
     const int nSide = 2 * nRadius + 1;
     if (nWidth < nSide || nHeight < nSide) return;  // no interior pixel
+    if (nRadius == 1) {
+        imageproc::Mean3x3(pImage, static_cast<size_t>(nWidth), static_cast<size_t>(nHeight));
+        return;
+    }
     // 32-bit sums while 255 x side^2 fits, else 64-bit.
     if (static_cast<long long>(nSide) * nSide * 255 <= INT_MAX) {
         SmoothWith<int>(pImage, nWidth, nHeight, nRadius);
@@ -195,37 +200,8 @@ void COberin::SmoothImage(int nWidth, int nHeight, unsigned char* pImage, int nR
 
 void COberin::MedianFilter(unsigned char* pImage, unsigned long nWidth, unsigned long nHeight)
 {
-    if (pImage == nullptr || nWidth < 3 || nHeight < 3) return;
-    const size_t w = nWidth;
-    const size_t nPixels = w * nHeight;
-    std::unique_ptr<unsigned char[]> pScratch(new (std::nothrow) unsigned char[nPixels]);
-    if (!pScratch) return;  // memory short: the image is left as it was
-    std::memcpy(pScratch.get(), pImage, nPixels);
-
-    for (size_t y = 1; y + 1 < nHeight; ++y) {
-        for (size_t x = 1; x + 1 < w; ++x) {
-            unsigned char by[9];
-            int n = 0;
-            for (size_t dy = 0; dy < 3; ++dy) {
-                const unsigned char* pRow = pImage + (y + dy - 1) * w + x - 1;
-                by[n++] = pRow[0];
-                by[n++] = pRow[1];
-                by[n++] = pRow[2];
-            }
-            // Exchange sort, largest first; the fifth is the median.
-            for (int i = 0; i < 8; ++i) {
-                for (int j = i + 1; j < 9; ++j) {
-                    if (by[j] > by[i]) {
-                        const unsigned char t = by[i];
-                        by[i] = by[j];
-                        by[j] = t;
-                    }
-                }
-            }
-            pScratch[y * w + x] = by[4];
-        }
-    }
-    std::memcpy(pImage, pScratch.get(), nPixels);
+    if (pImage == nullptr) return;
+    imageproc::Median3x3(pImage, nWidth, nHeight);
 }
 
 void COberin::DoModifyContrast(unsigned char* pFrame, unsigned char* pOutput)

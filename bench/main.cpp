@@ -1,0 +1,71 @@
+// The benchmark program's entry: every benchmark on the console as usual,
+// then, for the stages measured side by side with OpenCV (the benchmarks
+// named Stage/<stage>/ours and Stage/<stage>/opencv), one table of the two
+// medians and their ratio. Without OpenCV the table shows ours alone.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+class CRatioReporter : public benchmark::ConsoleReporter {
+public:
+    CRatioReporter() : benchmark::ConsoleReporter(OO_Tabular) {}
+
+    void ReportRuns(const std::vector<Run>& runs) override
+    {
+        benchmark::ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            if (run.error_occurred)
+                continue;
+            const std::string strName = run.run_name.function_name;
+            // With repetitions only the median counts; a single run counts as such.
+            if (strName.rfind("Stage/", 0) != 0 ||
+                (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median"))
+                continue;
+            const size_t nSide = strName.rfind('/');
+            const std::string strStage = strName.substr(6, nSide - 6);
+            const double dMicros = run.GetAdjustedCPUTime() * benchmark::GetTimeUnitMultiplier(benchmark::kMicrosecond) /
+                                   benchmark::GetTimeUnitMultiplier(run.time_unit);
+            if (m_stages.find(strStage) == m_stages.end())
+                m_order.push_back(strStage);
+            (strName.compare(nSide + 1, std::string::npos, "ours") == 0 ? m_stages[strStage].first
+                                                                         : m_stages[strStage].second) = dMicros;
+        }
+    }
+
+    void PrintRatios() const
+    {
+        if (m_order.empty())
+            return;
+        std::printf("\n%-28s %12s %12s %8s\n", "stage (median, us)", "ours", "opencv", "ratio");
+        for (const std::string& strStage : m_order) {
+            const std::pair<double, double>& t = m_stages.at(strStage);
+            if (t.second > 0.0)
+                std::printf("%-28s %12.1f %12.1f %8.2f\n", strStage.c_str(), t.first, t.second, t.first / t.second);
+            else
+                std::printf("%-28s %12.1f %12s %8s\n", strStage.c_str(), t.first, "-", "-");
+        }
+    }
+
+private:
+    std::vector<std::string> m_order;
+    std::map<std::string, std::pair<double, double>> m_stages;  // ours, opencv (0 when absent)
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    CRatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    reporter.PrintRatios();
+    benchmark::Shutdown();
+    return 0;
+}

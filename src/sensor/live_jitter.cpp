@@ -1,0 +1,107 @@
+// The live preview's jitter from a private copy of the C library
+// generator's state; the sequence is described in live_jitter.h.
+#include "live_jitter.h"
+
+#include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+namespace oberin {
+
+namespace {
+
+const size_t kDegree = 31;
+const size_t kSeparation = 3;
+const size_t kDiscarded = 310;  // values srandom draws and drops
+
+} // namespace
+
+CLiveJitter::CLiveJitter(unsigned int nSeed)
+{
+    uint32_t r[kDiscarded + kHistory];
+    // 16807 x r mod (2^31 - 1) without overflow, on the seed taken as a
+    // signed 32-bit value, as the C library computes it.
+    int32_t nWord = static_cast<int32_t>(nSeed == 0 ? 1u : nSeed);
+    r[0] = static_cast<uint32_t>(nWord);
+    for (size_t i = 1; i < kDegree; ++i) {
+        const int64_t nHi = nWord / 127773;
+        const int64_t nLo = nWord % 127773;
+        int64_t nNext = 16807 * nLo - 2836 * nHi;
+        if (nNext < 0)
+            nNext += 2147483647;
+        nWord = static_cast<int32_t>(nNext);
+        r[i] = static_cast<uint32_t>(nWord);
+    }
+    for (size_t i = kDegree; i < kDegree + kSeparation; ++i)
+        r[i] = r[i - kDegree];
+    for (size_t i = kDegree + kSeparation; i < kDiscarded + kHistory; ++i)
+        r[i] = r[i - kDegree] + r[i - kSeparation];
+    std::memcpy(m_anHistory, r + kDiscarded, sizeof m_anHistory);
+}
+
+void CLiveJitter::Extend(uint32_t* a, unsigned char* pOut, size_t nFrom, size_t n)
+{
+    for (size_t k = nFrom; k < n; ++k) {
+        const size_t j = kHistory + k;
+        a[j] = a[j - kDegree] + a[j - kSeparation];
+        pOut[k] = static_cast<unsigned char>((a[j] >> 1) % kJitterSpan);
+    }
+}
+
+void CLiveJitter::Next(unsigned char* pOut, size_t n)
+{
+    if (n > kBlock)
+        n = kBlock;
+    uint32_t a[kHistory + kBlock];
+    std::memcpy(a, m_anHistory, sizeof m_anHistory);
+    size_t nDone = 0;
+#if defined(__SSE2__)
+    nDone = ExtendSse2(a, pOut, n);
+#endif
+    Extend(a, pOut, nDone, n);
+    std::memcpy(m_anHistory, a + n, sizeof m_anHistory);
+}
+
+void MapJittered(unsigned int nSeed, const unsigned char* pBackground, unsigned char* pFrame,
+                 unsigned char* pOutput, size_t n, bool bKeepPrint, const unsigned char (&abyShown)[256 * kJitterSpan])
+{
+    CLiveJitter jitter(nSeed);
+    unsigned char abyJitter[CLiveJitter::kBlock];
+    unsigned char abyDark[CLiveJitter::kBlock];
+    uint16_t anAt[CLiveJitter::kBlock];  // d x 9 + draw
+    for (size_t nStart = 0; nStart < n; nStart += CLiveJitter::kBlock) {
+        const size_t nCount = n - nStart < CLiveJitter::kBlock ? n - nStart : CLiveJitter::kBlock;
+        jitter.Next(abyJitter, nCount);
+        const unsigned char* pBg = pBackground + nStart;
+        unsigned char* pIn = pFrame + nStart;
+        size_t i = 0;
+#if defined(__SSE2__)
+        // The darkening, saturated at 0, and the table index, 16 pixels at a time.
+        const __m128i zero = _mm_setzero_si128();
+        const __m128i span = _mm_set1_epi16(kJitterSpan);
+        for (; i + 16 <= nCount; i += 16) {
+            const __m128i d = _mm_subs_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pBg + i)),
+                                            _mm_loadu_si128(reinterpret_cast<const __m128i*>(pIn + i)));
+            const __m128i j = _mm_loadu_si128(reinterpret_cast<const __m128i*>(abyJitter + i));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(abyDark + i), d);
+            const __m128i lo = _mm_add_epi16(_mm_mullo_epi16(_mm_unpacklo_epi8(d, zero), span), _mm_unpacklo_epi8(j, zero));
+            const __m128i hi = _mm_add_epi16(_mm_mullo_epi16(_mm_unpackhi_epi8(d, zero), span), _mm_unpackhi_epi8(j, zero));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(anAt + i), lo);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(anAt + i + 8), hi);
+        }
+#endif
+        for (; i < nCount; ++i) {
+            abyDark[i] = static_cast<unsigned char>(pBg[i] > pIn[i] ? pBg[i] - pIn[i] : 0);
+            anAt[i] = static_cast<uint16_t>(abyDark[i] * kJitterSpan + abyJitter[i]);
+        }
+        if (bKeepPrint)
+            std::memcpy(pIn, abyDark, nCount);
+        unsigned char* pOut = pOutput + nStart;
+        for (i = 0; i < nCount; ++i)
+            pOut[i] = abyShown[anAt[i]];
+    }
+}
+
+} // namespace oberin
