@@ -168,6 +168,21 @@ void ClearLog(int nIndex)
     }
 }
 
+bool GetSession(int nIndex, SessionStatus* pStatus)
+{
+    if (!ValidIndex(nIndex) || pStatus == nullptr) {
+        return false;
+    }
+    Registry& reg = TheRegistry();
+    std::lock_guard<std::mutex> lock(reg.mutex);
+    const CVirtualUnit* pUnit = reg.apUnits[nIndex].get();
+    if (pUnit == nullptr) {
+        return false;
+    }
+    pUnit->GetSession(pStatus);
+    return true;
+}
+
 const char* Syntax()
 {
     return SyntaxText();

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "tavk05/oberin.h"
 #include "virtual/virtual_fixture.h"
 
 extern "C" {
@@ -483,3 +484,240 @@ TEST_F(VirtualTest, ConcurrentUseKeepsCountsExact)
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------
+// Recorded sessions.
+
+namespace session {
+
+std::string ReadFileBytes(const std::string& strPath)
+{
+    std::string str;
+    FILE* pFile = std::fopen(strPath.c_str(), "rb");
+    if (pFile == nullptr) return str;
+    char ach[65536];
+    std::size_t n;
+    while ((n = std::fread(ach, 1, sizeof ach, pFile)) > 0) str.append(ach, n);
+    std::fclose(pFile);
+    return str;
+}
+
+// A host session through the real driver: open, brightness, one capture,
+// close. The settings file is removed first so that every run starts alike.
+std::vector<unsigned char> HostCapture(unsigned long nBrightness, unsigned long* pStatus)
+{
+    if (const char* pszConf = std::getenv("TAVK05_CONF")) std::remove(pszConf);
+    std::vector<unsigned char> vecImage(360000, 0x5A);
+    COberin sensor(nullptr);
+    *pStatus = sensor.OpenDevice(0, 0);
+    if (*pStatus == 0) *pStatus = sensor.SetBrightness(nBrightness);
+    if (*pStatus == 0) *pStatus = sensor.GetImage(vecImage.data());
+    sensor.CloseDevice();
+    return vecImage;
+}
+
+tavk05virt::SessionStatus Session(int nIndex = 0)
+{
+    tavk05virt::SessionStatus status;
+    EXPECT_TRUE(tavk05virt::GetSession(nIndex, &status));
+    return status;
+}
+
+}  // namespace session
+
+class SessionTest : public VirtualTest, public ::testing::WithParamInterface<const char*> {};
+
+// A virtual unit's session, recorded and played back to the same host,
+// gives the host the same images bit for bit.
+TEST_P(SessionTest, ReplayGivesTheRecordedImagesBitForBit)
+{
+    const std::string strFile = TempPath("session");
+    AttachUnits(std::string("0:record=") + strFile + ",virtual," + GetParam());
+    unsigned long nStatus = 0;
+    const std::vector<unsigned char> vecRecorded = session::HostCapture(60, &nStatus);
+    ASSERT_EQ(0ul, nStatus);
+    const unsigned long nEvents = session::Session().nRecorded;
+    EXPECT_TRUE(session::Session().bRecording);
+    EXPECT_GT(nEvents, 5ul);
+
+    AttachUnits("0:replay=" + strFile);
+    const std::vector<unsigned char> vecReplayed = session::HostCapture(60, &nStatus);
+    EXPECT_EQ(0ul, nStatus);
+    EXPECT_TRUE(vecRecorded == vecReplayed);
+    const tavk05virt::SessionStatus status = session::Session();
+    EXPECT_TRUE(status.bReplaying);
+    EXPECT_FALSE(status.bDiverged) << status.strDivergence;
+    EXPECT_EQ(nEvents, status.nReplayEvents);
+    EXPECT_EQ(nEvents, status.nReplayed);
+    std::remove(strFile.c_str());
+}
+
+INSTANTIATE_TEST_SUITE_P(Units, SessionTest,
+                         ::testing::Values("model=7,scene=flat,seed=5", "model=4,levels=90/110", "model=5"));
+
+// Runs fn with standard error going to a file; returns what was written.
+template <typename Fn>
+std::string CaptureStderr(Fn fn)
+{
+    const std::string strPath = VirtualTest::TempPath("stderr");
+    std::fflush(stderr);
+    const int fdSaved = dup(2);
+    const int fd = open(strPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(fd, 2);
+    close(fd);
+    fn();
+    std::fflush(stderr);
+    dup2(fdSaved, 2);
+    close(fdSaved);
+    const std::string str = session::ReadFileBytes(strPath);
+    std::remove(strPath.c_str());
+    return str;
+}
+
+TEST_F(VirtualTest, DivergingHostIsToldWhereAndEverythingAfterFails)
+{
+    const std::string strFile = TempPath("diverge");
+    AttachUnits("0:model=6,record=" + strFile + ",virtual");
+    unsigned long nStatus = 0;
+    session::HostCapture(60, &nStatus);
+    ASSERT_EQ(0ul, nStatus);
+
+    AttachUnits("0:replay=" + strFile);
+    const std::string strErr = CaptureStderr([&] { session::HostCapture(70, &nStatus); });
+    EXPECT_NE(0ul, nStatus);
+    const tavk05virt::SessionStatus status = session::Session();
+    ASSERT_TRUE(status.bDiverged);
+    EXPECT_NE(std::string::npos, status.strDivergence.find("expected request 5 on descriptor 1 with byte 2 = "))
+        << status.strDivergence;
+    EXPECT_NE(std::string::npos, strErr.find("diverges at " + status.strDivergence)) << strErr;
+    EXPECT_NE(std::string::npos, strErr.find(strFile)) << strErr;
+    EXPECT_EQ(1u, std::count(strErr.begin(), strErr.end(), '\n')) << strErr;  // reported once
+
+    // A host that goes on past the end of a recording diverges there.
+    AttachUnits("0:replay=" + strFile);
+    session::HostCapture(60, &nStatus);
+    EXPECT_EQ(0ul, nStatus);
+    CaptureStderr([&] { EXPECT_EQ(-1, OpenNode(0)); });
+    EXPECT_NE(std::string::npos, session::Session().strDivergence.find("expected the end of the recording, got open"))
+        << session::Session().strDivergence;
+    std::remove(strFile.c_str());
+}
+
+// record= without virtual passes through to the real node: here there is
+// none, and the failed open is what the recording keeps.
+TEST_F(VirtualTest, RecordingTheRealNodeKeepsWhatItAnswered)
+{
+    const std::string strFile = TempPath("real");
+    AttachUnits("0:record=" + strFile);
+    errno = 0;
+    EXPECT_EQ(-1, OpenNode(0));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(1ul, session::Session().nRecorded);
+    AttachUnits("0:replay=" + strFile);
+    errno = 0;
+    EXPECT_EQ(-1, OpenNode(0));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_FALSE(session::Session().bDiverged);
+    std::remove(strFile.c_str());
+}
+
+// A recording put together byte by byte.
+class Recording {
+public:
+    Recording() : m_str("TAVK05S\x1a", 8) { Put(1, 4).Put(0, 4); }
+    Recording& Event(int nKind, int nFlags, unsigned nHandle, unsigned nRequest, unsigned nErrno,
+                     unsigned long long nAsked, unsigned nLength, const std::string& strData = "")
+    {
+        Put(nKind, 1).Put(nFlags, 1).Put(0, 2).Put(nHandle, 4).Put(nRequest, 4).Put(nErrno, 4).Put(nAsked, 8);
+        Put(nLength, 4);
+        m_str += strData;
+        return *this;
+    }
+    Recording& Raw(const std::string& str)
+    {
+        m_str += str;
+        return *this;
+    }
+    Recording& Put(unsigned long long n, int nBytes)
+    {
+        for (int i = 0; i < nBytes; ++i) m_str += static_cast<char>((n >> (8 * i)) & 0xFF);
+        return *this;
+    }
+    std::string Bytes(std::size_t nCut = 0) const { return m_str.substr(0, m_str.size() - nCut); }
+
+private:
+    std::string m_str;
+};
+
+void WriteBytes(const std::string& strPath, const std::string& strBytes)
+{
+    FILE* pFile = std::fopen(strPath.c_str(), "wb");
+    ASSERT_NE(nullptr, pFile);
+    ASSERT_EQ(strBytes.size(), std::fwrite(strBytes.data(), 1, strBytes.size(), pFile));
+    std::fclose(pFile);
+}
+
+// open, start, a frame, the same frame again (stored once), device ID, close.
+Recording SmallSession()
+{
+    return Recording()
+        .Event(1, 0, 1, 0, 0, 0, 0)
+        .Event(3, 0, 1, 21, 0, 0, 0)
+        .Event(4, 0, 1, 0, 0, 20, 16, "ABCDEFGHIJKLMNOP")
+        .Event(4, 1, 1, 0, 0, 8, 8)
+        .Event(3, 0, 1, 9, 0, 0, 64, std::string(64, 'i'))
+        .Event(2, 0, 1, 0, 0, 0, 0);
+}
+
+TEST_F(VirtualTest, HandMadeRecordingPlaysBack)
+{
+    const std::string strFile = TempPath("small");
+    WriteBytes(strFile, SmallSession().Bytes());
+    AttachUnits("0:replay=" + strFile);
+    const int fd = OpenNode(0);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(0, ioctl(fd, 21, 0));
+    char sz[20] = {};
+    EXPECT_EQ(16, read(fd, sz, 20));
+    EXPECT_EQ(std::string("ABCDEFGHIJKLMNOP"), sz);
+    std::memset(sz, 0, sizeof sz);
+    EXPECT_EQ(8, read(fd, sz, 8));
+    EXPECT_EQ(std::string("ABCDEFGH"), sz);
+    unsigned char aby[64] = {};
+    EXPECT_EQ(0, ioctl(fd, 9, aby));
+    EXPECT_EQ(std::vector<unsigned char>(64, 'i'), std::vector<unsigned char>(aby, aby + 64));
+    EXPECT_EQ(0, close(fd));
+    EXPECT_EQ(6ul, session::Session().nReplayed);
+    EXPECT_FALSE(session::Session().bDiverged);
+    std::remove(strFile.c_str());
+}
+
+TEST_F(VirtualTest, HostileRecordingsAreRefused)
+{
+    const std::string strOpen = Recording().Event(1, 0, 1, 0, 0, 0, 0).Bytes().substr(16);
+    const struct {
+        std::string strBytes;
+        const char* pszMention;
+    } aCases[] = {
+        {"", "not a session recording"},
+        {"TAVK05X" + SmallSession().Bytes().substr(7), "not a session recording"},
+        {Recording().Bytes().substr(0, 8) + std::string("\x02\0\0\0\0\0\0\0", 8), "version 2"},
+        {SmallSession().Bytes(10), "cut short"},
+        {SmallSession().Bytes(28 + 92 + 28 + 2), "declares 16 bytes, the file holds 14"},
+        {Recording().Raw(strOpen).Event(4, 0, 1, 0, 0, ~0ull, ~0u).Bytes(), "read of 4294967295 of"},
+        {Recording().Raw(strOpen).Event(4, 0, 1, 0, 0, 60u << 20, 60u << 20).Bytes(), "declares 62914560 bytes"},
+        {Recording().Raw(strOpen).Event(9, 0, 1, 0, 0, 0, 0).Bytes(), "unknown event kind 9"},
+        {Recording().Raw(strOpen).Event(3, 0, 1, 5, 0, 0, 3, "abc").Bytes(), "request 5 with a block of 3"},
+        {Recording().Raw(strOpen).Event(4, 1, 1, 0, 0, 8, 8).Bytes(), "repeats no earlier frame"},
+        {Recording().Raw(strOpen).Event(3, 0, 2, 21, 0, 0, 0).Bytes(), "descriptor 2 was never opened"},
+        {Recording().Event(1, 0, 3, 0, 0, 0, 0).Bytes(), "descriptor 3 out of order"},
+    };
+    const std::string strFile = TempPath("hostile");
+    for (const auto& c : aCases) {
+        WriteBytes(strFile, c.strBytes);
+        std::string strError;
+        EXPECT_FALSE(tavk05virt::Attach("0:replay=" + strFile, &strError)) << c.pszMention;
+        EXPECT_NE(std::string::npos, strError.find(c.pszMention)) << strError;
+    }
+    std::remove(strFile.c_str());
+}
