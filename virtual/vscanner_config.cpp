@@ -102,15 +102,43 @@ bool ParseWithFrom(const std::string& strKey, const std::string& strValue, unsig
     return NumberIn(strKey, strValue.substr(0, nAt), nMin, nMax, pValue, pError);
 }
 
-// A file name of record= or replay=: not empty and not one of the nodes the
-// virtual scanner answers for.
-bool ParsePath(const std::string& strKey, const std::string& strValue, std::string* pPath, std::string* pError)
+// record=FILE and replay=FILE: not one of the nodes the virtual scanner
+// answers for.
+bool ParseSessionFile(const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError)
 {
     if (DeviceIndexOfPath(strValue.c_str()) >= 0) {
         *pError = strKey + ": '" + strValue + "' is a scanner node, not a recording file";
         return false;
     }
-    *pPath = strValue;
+    (strKey == "record" ? pKeys->strRecord : pKeys->strReplay) = strValue;
+    return true;
+}
+
+// clearfaults, replug and virtual.
+bool ParseFlag(const std::string& strKey, const std::string&, UnitKeys* pKeys, std::string*)
+{
+    (strKey == "clearfaults" ? pKeys->bClearFaults : strKey == "replug" ? pKeys->bReplug : pKeys->bRecordVirtual) =
+        true;
+    return true;
+}
+
+// openfail[=N] and readfail[=N]: from the Nth call on, 1 without a value.
+bool ParseFaultFrom(const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError)
+{
+    unsigned long n = 1;
+    if (!strValue.empty() && !NumberIn(strKey, strValue, 1, ULONG_MAX, &n, pError)) return false;
+    (strKey == "openfail" ? pKeys->nOpenFailFrom : pKeys->nReadFailFrom) = n;
+    return true;
+}
+
+// fw=, product= and vendor=: 16-bit fields of the device descriptor.
+bool ParseDescriptorWord(const std::string& strKey, const std::string& strValue, UnitKeys* pKeys,
+                         std::string* pError)
+{
+    unsigned long n = 0;
+    if (!NumberIn(strKey, strValue, 0, 0xFFFF, &n, pError)) return false;
+    (strKey == "fw" ? pKeys->wFirmware : strKey == "product" ? pKeys->wProduct : pKeys->wVendor) =
+        static_cast<unsigned short>(n);
     return true;
 }
 
@@ -132,27 +160,9 @@ const KeySpec kKeys[] = {
          pKeys->nModel = static_cast<int>(n);
          return true;
      }},
-    {"fw", kNeedsValue,
-     [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
-         unsigned long n = 0;
-         if (!NumberIn(strKey, strValue, 0, 0xFFFF, &n, pError)) return false;
-         pKeys->wFirmware = static_cast<unsigned short>(n);
-         return true;
-     }},
-    {"product", kNeedsValue,
-     [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
-         unsigned long n = 0;
-         if (!NumberIn(strKey, strValue, 0, 0xFFFF, &n, pError)) return false;
-         pKeys->wProduct = static_cast<unsigned short>(n);
-         return true;
-     }},
-    {"vendor", kNeedsValue,
-     [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
-         unsigned long n = 0;
-         if (!NumberIn(strKey, strValue, 0, 0xFFFF, &n, pError)) return false;
-         pKeys->wVendor = static_cast<unsigned short>(n);
-         return true;
-     }},
+    {"fw", kNeedsValue, ParseDescriptorWord},
+    {"product", kNeedsValue, ParseDescriptorWord},
+    {"vendor", kNeedsValue, ParseDescriptorWord},
     {"serial", kNeedsValue,
      [](const std::string&, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
          if (strValue.size() > kMaxSerial) {
@@ -219,20 +229,8 @@ const KeySpec kKeys[] = {
          pKeys->vecFail.push_back(FailRule{n, nFrom});
          return true;
      }},
-    {"openfail", kOptionalValue,
-     [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
-         unsigned long n = 1;
-         if (!strValue.empty() && !NumberIn(strKey, strValue, 1, ULONG_MAX, &n, pError)) return false;
-         pKeys->nOpenFailFrom = n;
-         return true;
-     }},
-    {"readfail", kOptionalValue,
-     [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
-         unsigned long n = 1;
-         if (!strValue.empty() && !NumberIn(strKey, strValue, 1, ULONG_MAX, &n, pError)) return false;
-         pKeys->nReadFailFrom = n;
-         return true;
-     }},
+    {"openfail", kOptionalValue, ParseFaultFrom},
+    {"readfail", kOptionalValue, ParseFaultFrom},
     {"shortread", kNeedsValue,
      [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
          unsigned long n = 0;
@@ -248,35 +246,11 @@ const KeySpec kKeys[] = {
          pKeys->nUnplugAfter = n;
          return true;
      }},
-    {"clearfaults", kNoValue,
-     [](const std::string&, const std::string&, UnitKeys* pKeys, std::string*) {
-         pKeys->bClearFaults = true;
-         return true;
-     }},
-    {"replug", kNoValue,
-     [](const std::string&, const std::string&, UnitKeys* pKeys, std::string*) {
-         pKeys->bReplug = true;
-         return true;
-     }},
-    {"record", kNeedsValue,
-     [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
-         std::string strPath;
-         if (!ParsePath(strKey, strValue, &strPath, pError)) return false;
-         pKeys->strRecord = strPath;
-         return true;
-     }},
-    {"virtual", kNoValue,
-     [](const std::string&, const std::string&, UnitKeys* pKeys, std::string*) {
-         pKeys->bRecordVirtual = true;
-         return true;
-     }},
-    {"replay", kNeedsValue,
-     [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
-         std::string strPath;
-         if (!ParsePath(strKey, strValue, &strPath, pError)) return false;
-         pKeys->strReplay = strPath;
-         return true;
-     }},
+    {"clearfaults", kNoValue, ParseFlag},
+    {"replug", kNoValue, ParseFlag},
+    {"record", kNeedsValue, ParseSessionFile},
+    {"virtual", kNoValue, ParseFlag},
+    {"replay", kNeedsValue, ParseSessionFile},
 };
 
 bool ParseOneKey(const std::string& strKey, bool bHasValue, const std::string& strValue, UnitKeys* pKeys,

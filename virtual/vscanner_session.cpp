@@ -25,7 +25,7 @@ const unsigned char kFlagRepeat = 1;
 // (its largest transfer is 2,304,000 bytes), low enough that a hostile file
 // cannot make the player index without end.
 const std::uint64_t kMaxReadBytes = 64u << 20;
-const std::size_t kMaxEvents = 4000000;
+const std::size_t kMaxEvents = 1000000;
 const int kMaxErrno = 4095;
 
 void Put32(unsigned char* p, std::uint32_t n)
@@ -370,7 +370,11 @@ int CSessionReplay::Request(unsigned long nHandle, unsigned long nRequest, unsig
     }
     const RequestInfo* pInfo = FindRequest(nRequest);
     const bool bIn = pInfo != nullptr && pInfo->eUse == kBlockIn;
-    if (bIn && pEv->nLength > 0 && pBlock != nullptr && nBlock == pEv->nLength) {
+    if (pEv->nLength > 0 && (pBlock == nullptr || nBlock != pEv->nLength)) {
+        Diverge(Describe(*pEv) + " with a block", strGot + " without one");
+        return -EIO;
+    }
+    if (bIn && pEv->nLength > 0) {
         unsigned char abyRecorded[128];
         if (nBlock > sizeof abyRecorded || !ReadAt(m_fd, abyRecorded, nBlock, pEv->nData)) {
             Diverge("the recorded block", "a recording file that changed since it was loaded");
@@ -388,15 +392,9 @@ int CSessionReplay::Request(unsigned long nHandle, unsigned long nRequest, unsig
         ++m_nNext;
         return -pEv->nErrno;
     }
-    if (!bIn && pEv->nLength > 0) {
-        if (pBlock == nullptr || nBlock != pEv->nLength) {
-            Diverge(Describe(*pEv) + " with a block", strGot + " without one");
-            return -EIO;
-        }
-        if (!ReadAt(m_fd, pBlock, nBlock, pEv->nData)) {
-            Diverge("the recorded block", "a recording file that changed since it was loaded");
-            return -EIO;
-        }
+    if (!bIn && pEv->nLength > 0 && !ReadAt(m_fd, pBlock, nBlock, pEv->nData)) {
+        Diverge("the recorded block", "a recording file that changed since it was loaded");
+        return -EIO;
     }
     ++m_nNext;
     return 0;

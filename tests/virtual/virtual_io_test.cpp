@@ -448,6 +448,9 @@ TEST_F(VirtualTest, HandMadeRecordingPlaysBackAndHostileOnesAreRefused)
     RunScript("replay=" + strFile, "open:fd n21:0 r20:16 r8:8 i9:0 close:0");
     EXPECT_EQ(6ul, Session().nReplayed);
     EXPECT_FALSE(Session().bDiverged);
+    RunScript("replay=" + strFile, "open:fd n21:0 r20:16 r8:8 n9:EIO r8:EIO");
+    EXPECT_NE(std::string::npos, Session().strDivergence.find("event 5 of 6: expected request 9 on descriptor 1 with "
+                                                              "a block, got request 9 on descriptor 1 without one"));
 
     const Recording opened = Recording().Event(1, 0, 1, 0, 0, 0);
     const std::pair<std::string, const char*> aCases[] = {
