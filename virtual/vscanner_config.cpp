@@ -146,13 +146,13 @@ enum ValueUse { kNoValue, kOptionalValue, kNeedsValue };
 
 // One configuration key: its name, whether it takes a value, and the one
 // place where that value is parsed into the key set.
-struct KeySpec {
+struct KeyDef {
     const char* pszName;
     ValueUse eValue;
     bool (*pfnParse)(const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError);
 };
 
-const KeySpec kKeys[] = {
+const KeyDef kKeys[] = {
     {"model", kNeedsValue,
      [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
          unsigned long n = 0;
@@ -256,17 +256,17 @@ const KeySpec kKeys[] = {
 bool ParseOneKey(const std::string& strKey, bool bHasValue, const std::string& strValue, UnitKeys* pKeys,
                  std::string* pError)
 {
-    for (const KeySpec& spec : kKeys) {
-        if (strKey != spec.pszName) continue;
-        if (spec.eValue == kNoValue && bHasValue) {
+    for (const KeyDef& def : kKeys) {
+        if (strKey != def.pszName) continue;
+        if (def.eValue == kNoValue && bHasValue) {
             *pError = strKey + " takes no value";
             return false;
         }
-        if (spec.eValue != kNoValue && strValue.empty() && (bHasValue || spec.eValue == kNeedsValue)) {
+        if (def.eValue != kNoValue && strValue.empty() && (bHasValue || def.eValue == kNeedsValue)) {
             *pError = "key '" + strKey + "' needs a value";
             return false;
         }
-        return spec.pfnParse(strKey, strValue, pKeys, pError);
+        return def.pfnParse(strKey, strValue, pKeys, pError);
     }
     // The finger scenes parse their own keys.
     if (IsFingerSceneKey(strKey)) {
