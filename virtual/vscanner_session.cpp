@@ -88,7 +88,8 @@ std::string OnDescriptor(unsigned long nHandle)
 
 // ---- Recorder ----
 
-CSessionRecorder::CSessionRecorder(int fd, const std::string& strPath) : m_fd(fd), m_strPath(strPath), m_nEvents(0)
+CSessionRecorder::CSessionRecorder(int fd, const std::string& strPath)
+    : m_fd(fd), m_strPath(strPath), m_bStarted(false), m_nEvents(0)
 {
 }
 
@@ -99,24 +100,18 @@ CSessionRecorder::~CSessionRecorder()
 
 std::unique_ptr<CSessionRecorder> CSessionRecorder::Create(const std::string& strPath, std::string* pError)
 {
-    // Opened without O_TRUNC and emptied only once it is known to be a
-    // regular file, so that record= cannot wipe a device or follow a link.
+    // Opened without O_TRUNC, and emptied only by the first event once it is
+    // known to be a regular file: record= cannot wipe a device or follow a
+    // link, and a process that inherits the configuration but never uses
+    // the unit (a shell in front of the host) leaves the file alone.
     const int fd = RealOpen(strPath.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
     if (fd < 0) {
         *pError = "record: cannot create '" + strPath + "': " + std::strerror(errno);
         return nullptr;
     }
     struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || ftruncate(fd, 0) != 0) {
-        *pError = "record: '" + strPath + "' is not a regular file that can be written";
-        RealClose(fd);
-        return nullptr;
-    }
-    unsigned char abyHeader[kHeaderBytes] = {};
-    std::memcpy(abyHeader, kMagic, sizeof kMagic);
-    Put32(abyHeader + 8, kVersion);
-    if (!WriteAll(fd, abyHeader, sizeof abyHeader)) {
-        *pError = "record: cannot write '" + strPath + "': " + std::strerror(errno);
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        *pError = "record: '" + strPath + "' is not a regular file";
         RealClose(fd);
         return nullptr;
     }
@@ -128,6 +123,17 @@ void CSessionRecorder::Write(EventKind eKind, unsigned char byFlags, unsigned lo
                              std::size_t nWritten)
 {
     if (!m_strError.empty()) return;
+    if (!m_bStarted) {
+        unsigned char abyHeader[kHeaderBytes] = {};
+        std::memcpy(abyHeader, kMagic, sizeof kMagic);
+        Put32(abyHeader + 8, kVersion);
+        if (ftruncate(m_fd, 0) != 0 || lseek(m_fd, 0, SEEK_SET) != 0 || !WriteAll(m_fd, abyHeader, kHeaderBytes)) {
+            m_strError = "writing '" + m_strPath + "' failed: " + std::strerror(errno);
+            std::fprintf(stderr, "tavk05-virtual: record: %s; nothing recorded\n", m_strError.c_str());
+            return;
+        }
+        m_bStarted = true;
+    }
     unsigned char abyHead[kHeadBytes] = {};
     abyHead[0] = eKind;
     abyHead[1] = byFlags;

@@ -35,8 +35,9 @@ enum EventKind : unsigned char { kEventOpen = 1, kEventClose = 2, kEventRequest 
 // the error for the unit's session status.
 class CSessionRecorder {
 public:
-    // Creates or empties FILE (a regular file; symbolic links are not
-    // followed); null with a message when it cannot.
+    // Opens FILE, creating it when missing (a regular file; symbolic links
+    // are not followed); null with a message when it cannot. The file is
+    // emptied when the first event is written.
     static std::unique_ptr<CSessionRecorder> Create(const std::string& strPath, std::string* pError);
     ~CSessionRecorder();
     CSessionRecorder(const CSessionRecorder&) = delete;
@@ -60,6 +61,7 @@ private:
 
     const int m_fd;
     const std::string m_strPath;
+    bool m_bStarted;  // the file was emptied and its header written
     std::vector<unsigned char> m_vecLastRead;
     unsigned long m_nEvents;
     std::string m_strError;

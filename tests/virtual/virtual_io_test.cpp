@@ -390,7 +390,9 @@ TEST_F(VirtualTest, DivergingHostIsToldWhereAndEverythingAfterFails)
     EXPECT_NE(std::string::npos, strErr.find(strFile + "' diverges at " + status.strDivergence)) << strErr;
     EXPECT_EQ(1, std::count(strErr.begin(), strErr.end(), '\n')) << strErr;  // told once
 
-    // A host that goes on past the end of a recording diverges there.
+    // A recorder never used leaves the file as it was; a host that goes on
+    // past the end of a recording diverges there.
+    AttachUnits("0:record=" + strFile + ",virtual");
     AttachUnits("0:replay=" + strFile);
     HostCapture(60, &nStatus);
     EXPECT_EQ(0ul, nStatus);
