@@ -21,6 +21,23 @@ bool ValidIndex(int nIndex)
     return nIndex >= 0 && nIndex < kUnitCount;
 }
 
+// Runs fn on unit nIndex under the registry lock; false when there is none.
+template <typename Fn>
+bool WithUnit(int nIndex, Fn fn)
+{
+    if (!ValidIndex(nIndex)) {
+        return false;
+    }
+    Registry& reg = TheRegistry();
+    std::lock_guard<std::mutex> lock(reg.mutex);
+    CVirtualUnit* pUnit = reg.apUnits[nIndex].get();
+    if (pUnit == nullptr) {
+        return false;
+    }
+    fn(*pUnit);
+    return true;
+}
+
 // Reads TAVK05_VIRTUAL once the library is loaded. A unit with a syntax error
 // is reported on one line and left out; the others are attached.
 __attribute__((constructor)) void LoadFromEnvironment()
@@ -132,40 +149,24 @@ bool Inject(int nIndex, const std::string& strKeys, std::string* pError)
 
 bool GetState(int nIndex, UnitState* pState)
 {
-    if (!ValidIndex(nIndex) || pState == nullptr) {
-        return false;
-    }
-    Registry& reg = TheRegistry();
-    std::lock_guard<std::mutex> lock(reg.mutex);
-    const CVirtualUnit* pUnit = reg.apUnits[nIndex].get();
-    if (pUnit == nullptr) {
-        return false;
-    }
-    pUnit->GetState(pState);
-    return true;
+    return pState != nullptr && WithUnit(nIndex, [&](CVirtualUnit& unit) { unit.GetState(pState); });
 }
 
 std::vector<Request> RequestLog(int nIndex)
 {
-    if (!ValidIndex(nIndex)) {
-        return std::vector<Request>();
-    }
-    Registry& reg = TheRegistry();
-    std::lock_guard<std::mutex> lock(reg.mutex);
-    const CVirtualUnit* pUnit = reg.apUnits[nIndex].get();
-    return pUnit != nullptr ? pUnit->Log() : std::vector<Request>();
+    std::vector<Request> vec;
+    WithUnit(nIndex, [&](CVirtualUnit& unit) { vec = unit.Log(); });
+    return vec;
 }
 
 void ClearLog(int nIndex)
 {
-    if (!ValidIndex(nIndex)) {
-        return;
-    }
-    Registry& reg = TheRegistry();
-    std::lock_guard<std::mutex> lock(reg.mutex);
-    if (CVirtualUnit* pUnit = reg.apUnits[nIndex].get()) {
-        pUnit->ClearLog();
-    }
+    WithUnit(nIndex, [](CVirtualUnit& unit) { unit.ClearLog(); });
+}
+
+bool GetSession(int nIndex, SessionStatus* pStatus)
+{
+    return pStatus != nullptr && WithUnit(nIndex, [&](CVirtualUnit& unit) { unit.GetSession(pStatus); });
 }
 
 const char* Syntax()

@@ -6,13 +6,14 @@
 #include <cctype>
 #include <climits>
 
+#include "vscanner_registry.h"
 #include "vscanner_render.h"
+#include "vscanner_requests.h"
 
 namespace tavk05virt {
 
 namespace {
 
-const unsigned long kRequests[] = {4, 5, 8, 9, 17, 18, 21, 22};
 const std::size_t kMaxSerial = 32;
 const std::size_t kMaxLevels = 64;
 
@@ -101,103 +102,184 @@ bool ParseWithFrom(const std::string& strKey, const std::string& strValue, unsig
     return NumberIn(strKey, strValue.substr(0, nAt), nMin, nMax, pValue, pError);
 }
 
+// record=FILE and replay=FILE: not one of the nodes the virtual scanner
+// answers for.
+bool ParseSessionFile(const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError)
+{
+    if (DeviceIndexOfPath(strValue.c_str()) >= 0) {
+        *pError = strKey + ": '" + strValue + "' is a scanner node, not a recording file";
+        return false;
+    }
+    (strKey == "record" ? pKeys->strRecord : pKeys->strReplay) = strValue;
+    return true;
+}
+
+// clearfaults, replug and virtual.
+bool ParseFlag(const std::string& strKey, const std::string&, UnitKeys* pKeys, std::string*)
+{
+    (strKey == "clearfaults" ? pKeys->bClearFaults : strKey == "replug" ? pKeys->bReplug : pKeys->bRecordVirtual) =
+        true;
+    return true;
+}
+
+// openfail[=N] and readfail[=N]: from the Nth call on, 1 without a value.
+bool ParseFaultFrom(const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError)
+{
+    unsigned long n = 1;
+    if (!strValue.empty() && !NumberIn(strKey, strValue, 1, ULONG_MAX, &n, pError)) return false;
+    (strKey == "openfail" ? pKeys->nOpenFailFrom : pKeys->nReadFailFrom) = n;
+    return true;
+}
+
+// fw=, product= and vendor=: 16-bit fields of the device descriptor.
+bool ParseDescriptorWord(const std::string& strKey, const std::string& strValue, UnitKeys* pKeys,
+                         std::string* pError)
+{
+    unsigned long n = 0;
+    if (!NumberIn(strKey, strValue, 0, 0xFFFF, &n, pError)) return false;
+    (strKey == "fw" ? pKeys->wFirmware : strKey == "product" ? pKeys->wProduct : pKeys->wVendor) =
+        static_cast<unsigned short>(n);
+    return true;
+}
+
+enum ValueUse { kNoValue, kOptionalValue, kNeedsValue };
+
+// One configuration key: its name, whether it takes a value, and the one
+// place where that value is parsed into the key set.
+struct KeyDef {
+    const char* pszName;
+    ValueUse eValue;
+    bool (*pfnParse)(const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError);
+};
+
+const KeyDef kKeys[] = {
+    {"model", kNeedsValue,
+     [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
+         unsigned long n = 0;
+         if (!NumberIn(strKey, strValue, 3, 8, &n, pError)) return false;
+         pKeys->nModel = static_cast<int>(n);
+         return true;
+     }},
+    {"fw", kNeedsValue, ParseDescriptorWord},
+    {"product", kNeedsValue, ParseDescriptorWord},
+    {"vendor", kNeedsValue, ParseDescriptorWord},
+    {"serial", kNeedsValue,
+     [](const std::string&, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
+         if (strValue.size() > kMaxSerial) {
+             *pError = "serial: longer than " + std::to_string(kMaxSerial) + " characters";
+             return false;
+         }
+         for (const char c : strValue) {
+             if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_' && c != '.') {
+                 *pError = "serial: '" + strValue + "' may hold only letters, digits, '-', '_' and '.'";
+                 return false;
+             }
+         }
+         pKeys->strSerial = strValue;
+         return true;
+     }},
+    {"scene", kNeedsValue,
+     [](const std::string&, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
+         if (!IsKnownScene(strValue)) {
+             *pError = "scene: unknown scene '" + strValue + "' (known: pattern, levels, " + SceneKindList() + ")";
+             return false;
+         }
+         pKeys->strScene = strValue;
+         return true;
+     }},
+    {"levels", kNeedsValue,
+     [](const std::string&, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
+         std::vector<unsigned char> vec;
+         for (const std::string& strLevel : Split(strValue, '/')) {
+             unsigned long n = 0;
+             if (!NumberIn("levels", strLevel, 0, 255, &n, pError)) return false;
+             vec.push_back(static_cast<unsigned char>(n));
+         }
+         if (vec.size() > kMaxLevels) {
+             *pError = "levels: more than " + std::to_string(kMaxLevels) + " values";
+             return false;
+         }
+         pKeys->vecLevels = vec;
+         if (!pKeys->strScene) pKeys->strScene = "levels";
+         return true;
+     }},
+    {"delay", kNeedsValue,
+     [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
+         unsigned long n = 0;
+         if (!NumberIn(strKey, strValue, 0, 60000, &n, pError)) return false;
+         pKeys->nDelayMs = static_cast<unsigned>(n);
+         return true;
+     }},
+    {"fps", kNeedsValue,
+     [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
+         unsigned long n = 0;
+         if (!NumberIn(strKey, strValue, 0, 1000, &n, pError)) return false;
+         pKeys->nFps = static_cast<unsigned>(n);
+         return true;
+     }},
+    {"fail", kNeedsValue,
+     [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
+         unsigned long n = 0;
+         unsigned long nFrom = 0;
+         if (!ParseWithFrom(strKey, strValue, 0, ULONG_MAX, &n, &nFrom, pError)) return false;
+         if (FindRequest(n) == nullptr) {
+             *pError = "fail: request " + std::to_string(n) + " is none the unit answers (" + RequestList() + ")";
+             return false;
+         }
+         pKeys->vecFail.push_back(FailRule{n, nFrom});
+         return true;
+     }},
+    {"openfail", kOptionalValue, ParseFaultFrom},
+    {"readfail", kOptionalValue, ParseFaultFrom},
+    {"shortread", kNeedsValue,
+     [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
+         unsigned long n = 0;
+         unsigned long nFrom = 0;
+         if (!ParseWithFrom(strKey, strValue, 0, ULONG_MAX, &n, &nFrom, pError)) return false;
+         pKeys->shortRead = ShortRead{n, nFrom};
+         return true;
+     }},
+    {"unplug", kNeedsValue,
+     [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
+         unsigned long n = 0;
+         if (!NumberIn(strKey, strValue, 0, ULONG_MAX, &n, pError)) return false;
+         pKeys->nUnplugAfter = n;
+         return true;
+     }},
+    {"clearfaults", kNoValue, ParseFlag},
+    {"replug", kNoValue, ParseFlag},
+    {"record", kNeedsValue, ParseSessionFile},
+    {"virtual", kNoValue, ParseFlag},
+    {"replay", kNeedsValue, ParseSessionFile},
+};
+
 bool ParseOneKey(const std::string& strKey, bool bHasValue, const std::string& strValue, UnitKeys* pKeys,
                  std::string* pError)
 {
-    unsigned long n = 0;
-    unsigned long nFrom = 0;
-    // Keys that take no value, or an optional one.
-    if (strKey == "clearfaults" || strKey == "replug") {
-        if (bHasValue) {
+    for (const KeyDef& def : kKeys) {
+        if (strKey != def.pszName) continue;
+        if (def.eValue == kNoValue && bHasValue) {
             *pError = strKey + " takes no value";
             return false;
         }
-        (strKey == "clearfaults" ? pKeys->bClearFaults : pKeys->bReplug) = true;
-        return true;
+        if (def.eValue != kNoValue && strValue.empty() && (bHasValue || def.eValue == kNeedsValue)) {
+            *pError = "key '" + strKey + "' needs a value";
+            return false;
+        }
+        return def.pfnParse(strKey, strValue, pKeys, pError);
     }
-    if (strKey == "openfail" || strKey == "readfail") {
-        n = 1;
-        if (bHasValue && !NumberIn(strKey, strValue, 1, ULONG_MAX, &n, pError)) return false;
-        (strKey == "openfail" ? pKeys->nOpenFailFrom : pKeys->nReadFailFrom) = n;
-        return true;
-    }
-    if (!bHasValue || strValue.empty()) {
-        *pError = "key '" + strKey + "' needs a value";
-        // Still tell an unknown key apart from a known one without a value.
-        static const char* const apszKnown[] = {"model", "fw", "product", "vendor", "serial", "scene", "levels",
-                                                "fail", "unplug", "shortread", "delay", "fps"};
-        bool bKnown = false;
-        for (const char* psz : apszKnown) bKnown = bKnown || strKey == psz;
-        bKnown = bKnown || IsFingerSceneKey(strKey);
-        if (!bKnown) *pError = "unknown key '" + strKey + "'";
-        return false;
-    }
-    if (strKey == "model") {
-        if (!NumberIn(strKey, strValue, 3, 8, &n, pError)) return false;
-        pKeys->nModel = static_cast<int>(n);
-    } else if (strKey == "fw" || strKey == "product" || strKey == "vendor") {
-        if (!NumberIn(strKey, strValue, 0, 0xFFFF, &n, pError)) return false;
-        const unsigned short w = static_cast<unsigned short>(n);
-        (strKey == "fw" ? pKeys->wFirmware : strKey == "product" ? pKeys->wProduct : pKeys->wVendor) = w;
-    } else if (strKey == "serial") {
-        if (strValue.size() > kMaxSerial) {
-            *pError = "serial: longer than " + std::to_string(kMaxSerial) + " characters";
+    // The finger scenes parse their own keys.
+    if (IsFingerSceneKey(strKey)) {
+        if (strValue.empty()) {
+            *pError = "key '" + strKey + "' needs a value";
             return false;
         }
-        for (const char c : strValue) {
-            if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_' && c != '.') {
-                *pError = "serial: '" + strValue + "' may hold only letters, digits, '-', '_' and '.'";
-                return false;
-            }
-        }
-        pKeys->strSerial = strValue;
-    } else if (strKey == "scene") {
-        if (!IsKnownScene(strValue)) {
-            *pError = "scene: unknown scene '" + strValue + "' (known: pattern, levels, " + SceneKindList() + ")";
-            return false;
-        }
-        pKeys->strScene = strValue;
-    } else if (strKey == "levels") {
-        std::vector<unsigned char> vec;
-        for (const std::string& strLevel : Split(strValue, '/')) {
-            if (!NumberIn("levels", strLevel, 0, 255, &n, pError)) return false;
-            vec.push_back(static_cast<unsigned char>(n));
-        }
-        if (vec.size() > kMaxLevels) {
-            *pError = "levels: more than " + std::to_string(kMaxLevels) + " values";
-            return false;
-        }
-        pKeys->vecLevels = vec;
-        if (!pKeys->strScene) pKeys->strScene = "levels";
-    } else if (strKey == "fail") {
-        if (!ParseWithFrom(strKey, strValue, 0, ULONG_MAX, &n, &nFrom, pError)) return false;
-        bool bKnown = false;
-        for (const unsigned long nRequest : kRequests) bKnown = bKnown || n == nRequest;
-        if (!bKnown) {
-            *pError = "fail: request " + std::to_string(n) + " is none the unit answers (4, 5, 8, 9, 17, 18, 21, 22)";
-            return false;
-        }
-        pKeys->vecFail.push_back(FailRule{n, nFrom});
-    } else if (strKey == "unplug") {
-        if (!NumberIn(strKey, strValue, 0, ULONG_MAX, &n, pError)) return false;
-        pKeys->nUnplugAfter = n;
-    } else if (strKey == "shortread") {
-        if (!ParseWithFrom(strKey, strValue, 0, ULONG_MAX, &n, &nFrom, pError)) return false;
-        pKeys->shortRead = ShortRead{n, nFrom};
-    } else if (strKey == "delay") {
-        if (!NumberIn(strKey, strValue, 0, 60000, &n, pError)) return false;
-        pKeys->nDelayMs = static_cast<unsigned>(n);
-    } else if (strKey == "fps") {
-        if (!NumberIn(strKey, strValue, 0, 1000, &n, pError)) return false;
-        pKeys->nFps = static_cast<unsigned>(n);
-    } else if (IsFingerSceneKey(strKey)) {
         if (!CheckFingerSceneKey(strKey, strValue, pError)) return false;
         pKeys->vecSceneKeys.emplace_back(strKey, strValue);
-    } else {
-        *pError = "unknown key '" + strKey + "'";
-        return false;
+        return true;
     }
-    return true;
+    *pError = "unknown key '" + strKey + "'";
+    return false;
 }
 
 }  // namespace
@@ -228,6 +310,10 @@ bool ParseKeys(const std::string& strKeys, UnitKeys* pKeys, std::string* pError)
     }
     if (pKeys->strScene && *pKeys->strScene == "levels" && !pKeys->vecLevels) {
         *pError = "scene=levels needs levels=V1/V2/...";
+        return false;
+    }
+    if (pKeys->bRecordVirtual && !pKeys->strRecord) {
+        *pError = "virtual goes with record=FILE";
         return false;
     }
     return true;
@@ -315,6 +401,15 @@ const char* SyntaxText()
            "                    and reads fail with ENODEV, opens with ENOENT\n"
            "  clearfaults       removes all faults given so far (and a pending unplug)\n"
            "  replug            brings a vanished unit back\n"
+           "Sessions (FILE may not hold ',' or ';'):\n"
+           "  record=FILE       passes everything through to the real /dev/tavk05N and writes\n"
+           "                    every open, close, request (with its block and result) and\n"
+           "                    read (with its frame) to FILE\n"
+           "  virtual           with record=: the unit answers itself (as configured) and\n"
+           "                    its session is recorded\n"
+           "  replay=FILE       plays a recorded session back: the host must send the same\n"
+           "                    requests; the first divergence is reported on standard error\n"
+           "                    and every call after it fails with EIO\n"
            "Examples: 0:model=7,fw=0x3000  1:model=4,fail=22@2;2:model=6,unplug=10\n";
 }
 

@@ -44,6 +44,9 @@ struct UnitKeys {
     std::optional<unsigned> nFps;
     bool bClearFaults = false;
     bool bReplug = false;
+    std::optional<std::string> strRecord;  // session recording file
+    bool bRecordVirtual = false;           // record the unit's own answers, not the real node
+    std::optional<std::string> strReplay;  // session to play back
 };
 
 // Parses "key=value,..." (may be empty). False with a message on error.

@@ -112,16 +112,28 @@ int OpenCommon(const char* pszPath, int nFlags, NextOpen pfnNext)
 
 namespace tavk05virt {
 
-int RealOpenReadOnly(const char* pszPath, int nFlags)
+int RealOpen(const char* pszPath, int nFlags, mode_t mode)
 {
     const OpenFn pfn = Next<OpenFn>(g_pOpen, "open");
-    return pfn ? pfn(pszPath, O_RDONLY | nFlags) : SysOpenAt(AT_FDCWD, pszPath, O_RDONLY | nFlags, 0);
+    return pfn ? pfn(pszPath, nFlags, mode) : SysOpenAt(AT_FDCWD, pszPath, nFlags, mode);
 }
 
 int RealClose(int fd)
 {
     const CloseFn pfn = Next<CloseFn>(g_pClose, "close");
     return pfn ? pfn(fd) : static_cast<int>(syscall(SYS_close, fd));
+}
+
+int RealIoctl(int fd, unsigned long nRequest, void* pArg)
+{
+    const IoctlFn pfn = Next<IoctlFn>(g_pIoctl, "ioctl");
+    return pfn ? pfn(fd, nRequest, pArg) : static_cast<int>(syscall(SYS_ioctl, fd, nRequest, pArg));
+}
+
+ssize_t RealRead(int fd, void* pBuf, size_t nBytes)
+{
+    const ReadFn pfn = Next<ReadFn>(g_pRead, "read");
+    return pfn ? pfn(fd, pBuf, nBytes) : syscall(SYS_read, fd, pBuf, nBytes);
 }
 
 }  // namespace tavk05virt
@@ -237,8 +249,7 @@ int VirtIoctl(int fd, unsigned long nRequest, ...)
     if (tavk05virt::MaybeVirtualFd(fd) && tavk05virt::VirtualIoctl(fd, nRequest, pArg, &nResult)) {
         return nResult;
     }
-    const IoctlFn pfn = Next<IoctlFn>(g_pIoctl, "ioctl");
-    return pfn ? pfn(fd, nRequest, pArg) : static_cast<int>(syscall(SYS_ioctl, fd, nRequest, pArg));
+    return tavk05virt::RealIoctl(fd, nRequest, pArg);
 }
 
 ssize_t VirtRead(int fd, void* pBuf, size_t nBytes)
@@ -247,8 +258,7 @@ ssize_t VirtRead(int fd, void* pBuf, size_t nBytes)
     if (tavk05virt::MaybeVirtualFd(fd) && tavk05virt::VirtualRead(fd, pBuf, nBytes, &nResult)) {
         return nResult;
     }
-    const ReadFn pfn = Next<ReadFn>(g_pRead, "read");
-    return pfn ? pfn(fd, pBuf, nBytes) : syscall(SYS_read, fd, pBuf, nBytes);
+    return tavk05virt::RealRead(fd, pBuf, nBytes);
 }
 
 ssize_t VirtReadChk(int fd, void* pBuf, size_t nBytes, size_t nBufLen)

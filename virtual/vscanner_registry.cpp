@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <string>
 #include <thread>
 
 namespace tavk05virt {
@@ -59,17 +60,22 @@ CVirtualUnit* UnitOf(Registry& reg, const FdEntry& entry)
     return reg.apUnits[entry.nIndex].get();
 }
 
-// A fresh descriptor for a virtual open: an anonymous memory file, unique
-// so its identity can be checked; /dev/null where memfd is missing.
-int NewDescriptor(int nFlags, FdEntry* pEntry)
+// A fresh descriptor for an open of unit nIndex: the real node for a unit
+// that passes through to it; else an anonymous memory file, unique so its
+// identity can be checked, or /dev/null where memfd is missing.
+int NewDescriptor(int nIndex, bool bPassThrough, int nFlags, FdEntry* pEntry)
 {
     const bool bCloexec = (nFlags & O_CLOEXEC) != 0;
-    int fd = memfd_create("tavk05-virtual", bCloexec ? MFD_CLOEXEC : 0);
+    int fd = -1;
+    if (bPassThrough) {
+        const std::string strNode = "/dev/tavk05" + std::to_string(nIndex);
+        fd = RealOpen(strNode.c_str(), nFlags, 0);
+    } else {
+        fd = memfd_create("tavk05-virtual", bCloexec ? MFD_CLOEXEC : 0);
+        if (fd < 0) fd = RealOpen("/dev/null", O_RDONLY | (bCloexec ? O_CLOEXEC : 0), 0);
+    }
     if (fd < 0) {
-        fd = RealOpenReadOnly("/dev/null", bCloexec ? O_CLOEXEC : 0);
-        if (fd < 0) {
-            return -1;
-        }
+        return -1;
     }
     struct stat st;
     if (fstat(fd, &st) != 0) {
@@ -135,18 +141,16 @@ bool VirtualOpen(int nIndex, int nFlags, int* pResult)
         if (pUnit == nullptr) {
             return false;  // no virtual unit here: the real node is asked
         }
-        const int nError = pUnit->CheckOpen();
-        if (nError != 0) {
-            *pResult = -1;
-            errno = nError;
-            return true;
-        }
         FdEntry entry;
         entry.nIndex = nIndex;
         entry.nGeneration = reg.anGeneration[nIndex];
-        const int fd = NewDescriptor(nFlags, &entry);
-        if (fd < 0) {
+        int nError = pUnit->CheckOpen();
+        const int fd = nError == 0 ? NewDescriptor(nIndex, pUnit->PassThrough(), nFlags, &entry) : -1;
+        if (nError == 0 && fd < 0) nError = errno;
+        entry.nHandle = pUnit->Opened(nError);
+        if (nError != 0) {
             *pResult = -1;
+            errno = nError;
             return true;
         }
         // A stale entry under the same number (closed behind the interposers'
@@ -155,7 +159,6 @@ bool VirtualOpen(int nIndex, int nFlags, int* pResult)
             MarkFd(fd, false);
         }
         MarkFd(fd, true);
-        pUnit->Opened();
         *pResult = fd;
         return true;
     } catch (...) {
@@ -176,7 +179,7 @@ bool VirtualClose(int fd, int* pResult)
                 return false;
             }
             if (CVirtualUnit* pUnit = UnitOf(reg, *pEntry)) {
-                pUnit->Closed();
+                pUnit->Closed(pEntry->nHandle);
             }
             reg.mapFds.erase(fd);
             MarkFd(fd, false);
@@ -198,7 +201,7 @@ bool VirtualIoctl(int fd, unsigned long nRequest, void* pArg, int* pResult)
             return false;
         }
         CVirtualUnit* pUnit = UnitOf(reg, *pEntry);
-        const int nResult = pUnit != nullptr ? pUnit->Ioctl(nRequest, pArg) : -ENODEV;
+        const int nResult = pUnit != nullptr ? pUnit->Ioctl(pEntry->nHandle, fd, nRequest, pArg) : -ENODEV;
         if (nResult < 0) {
             *pResult = -1;
             errno = -nResult;
@@ -219,6 +222,7 @@ bool VirtualRead(int fd, void* pBuf, size_t nBytes, ssize_t* pResult)
         Registry& reg = TheRegistry();
         CVirtualUnit::Clock::time_point tDue;
         unsigned long nGeneration = 0;
+        unsigned long nHandle = 0;
         int nIndex = 0;
         {
             std::lock_guard<std::mutex> lock(reg.mutex);
@@ -228,7 +232,7 @@ bool VirtualRead(int fd, void* pBuf, size_t nBytes, ssize_t* pResult)
             }
             CVirtualUnit* pUnit = UnitOf(reg, *pEntry);
             if (pUnit == nullptr || pUnit->Vanished()) {
-                if (pUnit != nullptr) pUnit->Read(pBuf, nBytes);  // counted; fails at once
+                if (pUnit != nullptr) pUnit->Read(pEntry->nHandle, fd, pBuf, nBytes);  // counted; fails at once
                 *pResult = -1;
                 errno = ENODEV;
                 return true;
@@ -236,6 +240,7 @@ bool VirtualRead(int fd, void* pBuf, size_t nBytes, ssize_t* pResult)
             tDue = pUnit->ReserveRead(CVirtualUnit::Clock::now());
             nGeneration = pEntry->nGeneration;
             nIndex = pEntry->nIndex;
+            nHandle = pEntry->nHandle;
         }
         // Pacing waits outside the lock, like a device that is still exposing.
         if (tDue > CVirtualUnit::Clock::now()) {
@@ -244,7 +249,7 @@ bool VirtualRead(int fd, void* pBuf, size_t nBytes, ssize_t* pResult)
         std::lock_guard<std::mutex> lock(reg.mutex);
         CVirtualUnit* pUnit =
             reg.anGeneration[nIndex] == nGeneration ? reg.apUnits[nIndex].get() : nullptr;
-        const ssize_t nResult = pUnit != nullptr ? pUnit->Read(pBuf, nBytes) : -ENODEV;
+        const ssize_t nResult = pUnit != nullptr ? pUnit->Read(nHandle, fd, pBuf, nBytes) : -ENODEV;
         if (nResult < 0) {
             *pResult = -1;
             errno = static_cast<int>(-nResult);

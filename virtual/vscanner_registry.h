@@ -16,11 +16,13 @@ namespace tavk05virt {
 enum { kUnitCount = 8 };
 
 // A descriptor handed out for a unit. The descriptor is a real one (a memfd,
-// so that its identity can be checked: a descriptor that libc closed behind
-// the interposers' back and the kernel reused is recognised as not ours).
+// or the real node for a unit that passes through to it, so that its
+// identity can be checked: a descriptor that libc closed behind the
+// interposers' back and the kernel reused is recognised as not ours).
 struct FdEntry {
     int nIndex;
     unsigned long nGeneration;  // generation of the unit it was opened on
+    unsigned long nHandle;      // the unit's number for this open (see CVirtualUnit::Opened)
     dev_t dev;
     ino_t ino;
 };
@@ -56,8 +58,10 @@ bool VirtualIoctl(int fd, unsigned long nRequest, void* pArg, int* pResult);
 bool VirtualRead(int fd, void* pBuf, size_t nBytes, ssize_t* pResult);
 
 // The C library's own functions (resolved by the interposers).
-int RealOpenReadOnly(const char* pszPath, int nFlags);
+int RealOpen(const char* pszPath, int nFlags, mode_t mode);
 int RealClose(int fd);
+int RealIoctl(int fd, unsigned long nRequest, void* pArg);
+ssize_t RealRead(int fd, void* pBuf, size_t nBytes);
 
 }  // namespace tavk05virt
 

@@ -6,6 +6,9 @@
 #include <cstring>
 #include <new>
 
+#include "vscanner_registry.h"
+#include "vscanner_requests.h"
+
 namespace tavk05virt {
 
 namespace {
@@ -21,23 +24,6 @@ unsigned short DefaultFirmware(int nModel)
     if (nModel <= 4) return 0x1004;
     if (nModel <= 6) return 0x1103;
     return 0x3000;
-}
-
-// Size of the argument block of each request the kernel driver answers;
-// -1 for a request it does not know.
-long BlockSize(unsigned long nRequest)
-{
-    switch (nRequest) {
-    case 4: return 18;
-    case 5: return 128;
-    case 8: return 2;
-    case 9:
-    case 17:
-    case 18: return 64;
-    case 21:
-    case 22: return 0;
-    default: return -1;
-    }
 }
 
 }  // namespace
@@ -74,7 +60,9 @@ CVirtualUnit::CVirtualUnit(int nIndex)
       m_nFrameCapacity(0),
       m_bFrameValid(false),
       m_nFrameKey(0),
-      m_frameGeometry()
+      m_frameGeometry(),
+      m_bPassThrough(false),
+      m_nHandles(0)
 {
     m_scene.strScene = "pattern";
     m_pSource = MakeFrameSource(m_scene, nullptr);
@@ -103,6 +91,20 @@ bool CVirtualUnit::Apply(const UnitKeys& keys, std::string* pError)
         std::string strError;
         pSource = MakeFrameSource(scene, &strError);
         if (!pSource) {
+            if (pError) *pError = strError;
+            return false;
+        }
+    }
+    std::unique_ptr<CSessionReplay> pReplay;
+    std::unique_ptr<CSessionRecorder> pRecorder;
+    {
+        std::string strError;
+        if (keys.strReplay) pReplay = CSessionReplay::Load(*keys.strReplay, m_nIndex, &strError);
+        // Created last: a refused key set leaves no file behind.
+        if ((!keys.strReplay || pReplay) && keys.strRecord) {
+            pRecorder = CSessionRecorder::Create(*keys.strRecord, &strError);
+        }
+        if (!strError.empty()) {
             if (pError) *pError = strError;
             return false;
         }
@@ -166,6 +168,17 @@ bool CVirtualUnit::Apply(const UnitKeys& keys, std::string* pError)
         m_bUnplugPending = m_nUnplugAfter > 0;
         if (m_nUnplugAfter == 0) m_bVanished = true;
     }
+    if (pReplay) {
+        m_pReplay = std::move(pReplay);
+        m_bPassThrough = false;
+    }
+    if (pRecorder) {
+        m_pRecorder = std::move(pRecorder);
+        m_bPassThrough = !keys.bRecordVirtual && !m_pReplay;
+    }
+    if (keys.strReplay || keys.strRecord) {
+        m_nHandles = 0;  // descriptors are numbered from the session's start
+    }
     if (keys.nDelayMs) m_nDelayMs = *keys.nDelayMs;
     if (keys.nFps) {
         m_nFps = *keys.nFps;
@@ -176,6 +189,9 @@ bool CVirtualUnit::Apply(const UnitKeys& keys, std::string* pError)
 
 int CVirtualUnit::CheckOpen()
 {
+    if (m_pReplay) {
+        return m_pReplay->Open(m_nHandles + 1);
+    }
     if (m_bVanished) {
         return ENOENT;  // the node went away with the device
     }
@@ -185,16 +201,24 @@ int CVirtualUnit::CheckOpen()
     return 0;
 }
 
-void CVirtualUnit::Opened()
+unsigned long CVirtualUnit::Opened(int nErrno)
 {
-    ++m_nOpenCount;
-    ++m_nOpenFds;
+    unsigned long nHandle = 0;
+    if (nErrno == 0) {
+        ++m_nOpenCount;
+        ++m_nOpenFds;
+        nHandle = ++m_nHandles;
+    }
+    if (m_pRecorder) m_pRecorder->Open(nHandle, nErrno);
+    return nHandle;
 }
 
-void CVirtualUnit::Closed()
+void CVirtualUnit::Closed(unsigned long nHandle)
 {
     ++m_nCloseCount;
     if (m_nOpenFds > 0) --m_nOpenFds;
+    if (m_pReplay) m_pReplay->Close(nHandle);
+    if (m_pRecorder) m_pRecorder->Close(nHandle);
 }
 
 void CVirtualUnit::CountOperation()
@@ -247,20 +271,40 @@ void CVirtualUnit::DeviceIdBlock(unsigned char* pBlock) const
     std::memcpy(pBlock, sz, sizeof sz);
 }
 
-int CVirtualUnit::Ioctl(unsigned long nRequest, void* pArg)
+int CVirtualUnit::Answer(int fd, unsigned long nRequest, void* pArg)
+{
+    if (m_bPassThrough) {
+        return RealIoctl(fd, nRequest, pArg) < 0 ? -errno : 0;
+    }
+    unsigned char* pBlock = static_cast<unsigned char*>(pArg);
+    switch (nRequest) {
+    case 4: DescriptorBlock(pBlock); break;
+    case 9: DeviceIdBlock(pBlock); break;
+    case 17: std::memcpy(pBlock, m_abyValue, sizeof m_abyValue); break;
+    default: break;
+    }
+    return 0;
+}
+
+int CVirtualUnit::Ioctl(unsigned long nHandle, int fd, unsigned long nRequest, void* pArg)
 {
     ++m_nRequests;
-    if (m_bVanished) {
-        AddLog(nRequest, nullptr, 0, true);
-        return -ENODEV;
-    }
-    const long nBlock = BlockSize(nRequest);
+    const RequestInfo* pInfo = FindRequest(nRequest);
+    const std::size_t nBlock = pInfo != nullptr ? pInfo->nBlock : 0;
+    unsigned char* pBlock = nBlock > 0 ? static_cast<unsigned char*>(pArg) : nullptr;
+    // The block as it arrived, for the log, the state and the recorder.
+    unsigned char abyArrived[128];
+    if (pBlock != nullptr) std::memcpy(abyArrived, pBlock, nBlock);
+    bool bLogBlock = false;
     int nResult = 0;
-    if (nBlock < 0) {
-        AddLog(nRequest, nullptr, 0, true);
+    if (m_pReplay) {
+        nResult = m_pReplay->Request(nHandle, nRequest, pBlock, nBlock);
+        bLogBlock = pBlock != nullptr;
+    } else if (m_bVanished) {
+        nResult = -ENODEV;
+    } else if (pInfo == nullptr && !m_bPassThrough) {
         nResult = -EINVAL;
-    } else if (nBlock > 0 && pArg == nullptr) {
-        AddLog(nRequest, nullptr, 0, true);
+    } else if (nBlock > 0 && pBlock == nullptr) {
         nResult = -EFAULT;
     } else {
         bool bFail = false;
@@ -270,30 +314,32 @@ int CVirtualUnit::Ioctl(unsigned long nRequest, void* pArg)
                 bFail = state.nCalls >= state.nFrom;
             }
         }
-        AddLog(nRequest, pArg, static_cast<size_t>(nBlock), bFail);
-        unsigned char* pBlock = static_cast<unsigned char*>(pArg);
-        if (bFail) {
-            nResult = -EIO;
-        } else {
-            switch (nRequest) {
-            case 4: DescriptorBlock(pBlock); break;
-            case 5: std::memcpy(m_abyOption, pBlock, sizeof m_abyOption); break;
-            case 8:
-                m_bLedOn = pBlock[0] != 0;
-                m_byLedSelector = pBlock[1];
-                break;
-            case 9: DeviceIdBlock(pBlock); break;
-            case 17: std::memcpy(pBlock, m_abyValue, sizeof m_abyValue); break;
-            case 18: std::memcpy(m_abyValue, pBlock, sizeof m_abyValue); break;
-            case 21:
-                m_bAcquiring = true;
-                ++m_nAcquisitions;
-                m_nReadInAcquisition = 0;
-                break;
-            case 22: m_bAcquiring = false; break;
-            default: break;
-            }
+        bLogBlock = pBlock != nullptr;
+        nResult = bFail ? -EIO : Answer(fd, nRequest, pArg);
+    }
+    AddLog(nRequest, bLogBlock ? abyArrived : nullptr, nBlock, nResult != 0);
+    if (nResult == 0) {
+        switch (nRequest) {
+        case 5: std::memcpy(m_abyOption, abyArrived, sizeof m_abyOption); break;
+        case 8:
+            m_bLedOn = abyArrived[0] != 0;
+            m_byLedSelector = abyArrived[1];
+            break;
+        case 18: std::memcpy(m_abyValue, abyArrived, sizeof m_abyValue); break;
+        case 21:
+            m_bAcquiring = true;
+            ++m_nAcquisitions;
+            m_nReadInAcquisition = 0;
+            break;
+        case 22: m_bAcquiring = false; break;
+        default: break;
         }
+    }
+    if (m_pRecorder) {
+        // Blocks to the device as they arrived; blocks back only when filled.
+        const unsigned char* pKeep = nullptr;
+        if (pBlock != nullptr) pKeep = pInfo->eUse == kBlockIn ? abyArrived : (nResult == 0 ? pBlock : nullptr);
+        m_pRecorder->Request(nHandle, nRequest, pKeep, nBlock, -nResult);
     }
     CountOperation();
     return nResult;
@@ -336,17 +382,30 @@ bool CVirtualUnit::EnsureFrame(const RenderInput& in)
     return true;
 }
 
-ssize_t CVirtualUnit::Read(void* pBuf, size_t nBytes)
+ssize_t CVirtualUnit::Read(unsigned long nHandle, int fd, void* pBuf, size_t nBytes)
 {
     ++m_nReads;
     m_nLastReadBytes = nBytes;
-    if (m_bVanished) {
-        return -ENODEV;
+    ssize_t nResult = 0;
+    if (m_pReplay) {
+        nResult = m_pReplay->Read(nHandle, pBuf, nBytes);
+    } else if (m_bVanished) {
+        nResult = -ENODEV;
+    } else if (m_readFail.Hit()) {
+        nResult = -EIO;
+    } else if (m_bPassThrough) {
+        nResult = RealRead(fd, pBuf, nBytes);
+        if (nResult < 0) nResult = -errno;
+    } else {
+        nResult = RenderRead(pBuf, nBytes);
     }
-    if (m_readFail.Hit()) {
-        CountOperation();
-        return -EIO;
-    }
+    if (m_pRecorder) m_pRecorder->Read(nHandle, nBytes, nResult, pBuf);
+    CountOperation();
+    return nResult;
+}
+
+ssize_t CVirtualUnit::RenderRead(void* pBuf, size_t nBytes)
+{
     RenderInput in;
     in.nIndex = m_nIndex;
     in.nModel = m_nModel;
@@ -367,11 +426,9 @@ ssize_t CVirtualUnit::Read(void* pBuf, size_t nBytes)
         nDeliver = m_nShortBytes;
     }
     if (nDeliver > 0 && pBuf == nullptr) {
-        CountOperation();
         return -EFAULT;
     }
     if (!EnsureFrame(in)) {
-        CountOperation();
         return -ENOMEM;
     }
     if (nDeliver > 0) {
@@ -379,7 +436,6 @@ ssize_t CVirtualUnit::Read(void* pBuf, size_t nBytes)
     }
     ++m_nFrames;
     ++m_nReadInAcquisition;
-    CountOperation();
     return static_cast<ssize_t>(nDeliver);
 }
 
@@ -400,6 +456,17 @@ void CVirtualUnit::GetState(UnitState* pState) const
     std::memcpy(pState->abyOption, m_abyOption, sizeof m_abyOption);
     std::memcpy(pState->abyValue, m_abyValue, sizeof m_abyValue);
     DeviceIdBlock(pState->abyDeviceId);
+}
+
+void CVirtualUnit::GetSession(SessionStatus* pStatus) const
+{
+    *pStatus = SessionStatus();
+    if (m_pRecorder) {
+        pStatus->bRecording = m_pRecorder->Error().empty();
+        pStatus->nRecorded = m_pRecorder->Events();
+        pStatus->strRecordError = m_pRecorder->Error();
+    }
+    if (m_pReplay) m_pReplay->GetStatus(pStatus);
 }
 
 std::vector<Request> CVirtualUnit::Log() const

@@ -15,6 +15,7 @@
 #include "tavk05/virtual.h"
 #include "vscanner_config.h"
 #include "vscanner_render.h"
+#include "vscanner_session.h"
 
 namespace tavk05virt {
 
@@ -27,24 +28,34 @@ public:
     // Applies a key set. Checks first and changes nothing when it fails.
     bool Apply(const UnitKeys& keys, std::string* pError);
 
+    // A unit given record= without virtual: opens, requests and reads go to
+    // the real node /dev/tavk05N (the registry opens it).
+    bool PassThrough() const { return m_bPassThrough; }
+
     // 0 when an open may go ahead, else the errno to fail it with.
     int CheckOpen();
-    void Opened();
-    void Closed();
+    // The outcome of an open (0 or its errno); returns the number the unit
+    // gives the descriptor (1, 2, ... for the successful opens since the
+    // unit's session began), which the other calls on it pass back as
+    // nHandle. fd is the descriptor itself (the real node's when passing
+    // through).
+    unsigned long Opened(int nErrno);
+    void Closed(unsigned long nHandle);
 
     // A control request: 0, or -errno.
-    int Ioctl(unsigned long nRequest, void* pArg);
+    int Ioctl(unsigned long nHandle, int fd, unsigned long nRequest, void* pArg);
 
     // When a read arriving now may deliver its frame (pacing by delay= and
     // fps=); reserves that frame slot.
     Clock::time_point ReserveRead(Clock::time_point tNow);
     // One read: the byte count, or -errno.
-    ssize_t Read(void* pBuf, size_t nBytes);
+    ssize_t Read(unsigned long nHandle, int fd, void* pBuf, size_t nBytes);
 
     bool Vanished() const { return m_bVanished; }
     void GetState(UnitState* pState) const;
     std::vector<Request> Log() const;
     void ClearLog() { m_dequeLog.clear(); }
+    void GetSession(SessionStatus* pStatus) const;
 
 private:
     struct FailState {
@@ -70,6 +81,8 @@ private:
     void DeviceIdBlock(unsigned char* pBlock) const;
     void DescriptorBlock(unsigned char* pBlock) const;
     bool EnsureFrame(const RenderInput& in);
+    int Answer(int fd, unsigned long nRequest, void* pArg);
+    ssize_t RenderRead(void* pBuf, size_t nBytes);
 
     const int m_nIndex;
     // Identity.
@@ -121,6 +134,12 @@ private:
     FrameGeometry m_frameGeometry;
 
     std::deque<Request> m_dequeLog;
+
+    // Session: recorded, played back, or passed through to the real node.
+    std::unique_ptr<CSessionRecorder> m_pRecorder;
+    std::unique_ptr<CSessionReplay> m_pReplay;
+    bool m_bPassThrough;
+    unsigned long m_nHandles;
 };
 
 }  // namespace tavk05virt

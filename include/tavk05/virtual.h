@@ -49,6 +49,18 @@ struct UnitState {
     unsigned long nLastReadBytes;      // byte count the last read asked for
 };
 
+// Recording or playback of a unit's session (keys record= and replay=).
+struct SessionStatus {
+    bool bRecording;              // record= is writing the session
+    unsigned long nRecorded;      // events written so far
+    std::string strRecordError;   // why the recorder stopped writing (empty while it writes)
+    bool bReplaying;              // replay= answers the unit's calls
+    unsigned long nReplayed;      // events played back so far
+    unsigned long nReplayEvents;  // events in the recording
+    bool bDiverged;               // the host left the recording
+    std::string strDivergence;    // where and how (empty until then)
+};
+
 // Adds or replaces units; returns false (and changes nothing) on a syntax
 // error, with a description in *pError when given.
 TAVK05_VIRTUAL_API bool Attach(const std::string& strUnits, std::string* pError = nullptr);
@@ -60,6 +72,7 @@ TAVK05_VIRTUAL_API bool Inject(int nIndex, const std::string& strKeys, std::stri
 TAVK05_VIRTUAL_API bool GetState(int nIndex, UnitState* pState);
 TAVK05_VIRTUAL_API std::vector<Request> RequestLog(int nIndex);
 TAVK05_VIRTUAL_API void ClearLog(int nIndex);
+TAVK05_VIRTUAL_API bool GetSession(int nIndex, SessionStatus* pStatus);
 // The syntax help text (keys, values, examples).
 TAVK05_VIRTUAL_API const char* Syntax();
 
