@@ -35,27 +35,19 @@ Bytes Convert(const CImageProc& p, const Bytes& frame, float fContrast)
     return g;
 }
 
-long long BoxSum(const std::vector<long long>& sat, int i, int c)
-{
-    return sat[(i + 21) * 601 + c + 21] - sat[i * 601 + c + 21] - sat[(i + 21) * 601 + c] + sat[i * 601 + c];
-}
-
 // Merge of the new pixels y into the composite x at seam s; only boxes that
 // lie wholly inside the image decide a pixel.
 void Merge(Bytes& x, const Bytes& y, int s, int nDirection)
 {
-    std::vector<long long> sx(601 * 601, 0), sy(601 * 601, 0);
-    for (int r = 0; r < 600; ++r)
-        for (int c = 0; c < 600; ++c) {
-            sx[(r + 1) * 601 + c + 1] = x[r * 600 + c] + sx[r * 601 + c + 1] + sx[(r + 1) * 601 + c] - sx[r * 601 + c];
-            sy[(r + 1) * 601 + c + 1] = y[r * 600 + c] + sy[r * 601 + c + 1] + sy[(r + 1) * 601 + c] - sy[r * 601 + c];
-        }
+    const std::vector<long long> sx = testutil::SummedArea(x), sy = testutil::SummedArea(y);
     // Rightward, columns s..569 are decided by the boxes centred on them;
     // leftward, columns 0..s-11 by the boxes that start at them.
-    const int nFirst = nDirection == 1 ? s : 0, nEnd = nDirection == 1 ? 570 : s - 10, nShift = nDirection == 1 ? 10 : 0;
+    const int nFirst = nDirection == 1 ? s : 0, nEnd = nDirection == 1 ? 570 : s - 10,
+              nShift = nDirection == 1 ? 10 : 0;
     for (int c = nFirst; c < nEnd; ++c)
         for (int i = 0; i <= 579 && c - nShift >= 0 && c - nShift + 20 <= 599; ++i)
-            if (BoxSum(sx, i, c - nShift) > BoxSum(sy, i, c - nShift))
+            if (testutil::AreaSum(sx, i, c - nShift, i + 20, c - nShift + 20) >
+                testutil::AreaSum(sy, i, c - nShift, i + 20, c - nShift + 20))
                 x[(i + 10) * 600 + c] = y[(i + 10) * 600 + c];
     for (int r = 0; r < 600; ++r)
         for (int c = nDirection == 1 ? std::max(s, 0) : 0; c < (nDirection == 1 ? 600 : std::min(s, 600)); ++c)
@@ -132,7 +124,8 @@ Bytes Frame(int a, int b, const CImageProc& p, std::mt19937& gen, int nDepth, in
     Bytes f(p.m_pBackground, p.m_pBackground + kPixels);
     for (int y = 0; y < nRows; ++y)
         for (int x = a; x <= b && y % 4 < 2; ++x)
-            f[y * 600 + x] = static_cast<unsigned char>(std::max(0, f[y * 600 + x] - nDepth - (nDepth > 20 ? static_cast<int>(gen() % 27) : 0)));
+            f[y * 600 + x] = static_cast<unsigned char>(
+                std::max(0, f[y * 600 + x] - nDepth - (nDepth > 20 ? static_cast<int>(gen() % 27) : 0)));
     for (int k = 0; k < nDots; ++k)
         for (int x : {a - 8, b + 8})
             if (x >= 0 && x < 600)
@@ -163,7 +156,8 @@ protected:
         const Outcome want = Predict(*m_pProc, frame, m_comp, nFrame, fContrast);
         const int nAfterModel = std::rand();
         std::srand(static_cast<unsigned>(nFrame + 99));
-        const int nResult = m_pProc->ImageComposition(const_cast<unsigned char*>(frame.data()), m_comp.data(), kPixels, nFrame, fContrast);
+        const int nResult = m_pProc->ImageComposition(const_cast<unsigned char*>(frame.data()), m_comp.data(), kPixels,
+                                                      nFrame, fContrast);
         EXPECT_EQ(nAfterModel, std::rand()) << "one draw a pixel, only with the table";
         EXPECT_EQ(want.nResult, nResult);
         EXPECT_EQ(want.bStarted, m_pProc->m_bRollStarted);
@@ -202,7 +196,8 @@ TEST_F(Compose, RandomRollsMatchTheModel)
             const int nDepth = n == 1 && nRoll % 7 == 3 ? 5 + nRoll % 2 : 85;
             const int nRows = n == 1 && nRoll % 7 == 4 ? 48 + 4 * (nRoll % 2) : 600;
             const int nStarted = m_pProc->m_bRollStarted;
-            const int nResult = Call(Frame(a, b, *m_pProc, gen, nDepth, nRows, gen() % 3 == 0 ? 8 + gen() % 4 : 0), n, fContrast);
+            const int nResult =
+                Call(Frame(a, b, *m_pProc, gen, nDepth, nRows, gen() % 3 == 0 ? 8 + gen() % 4 : 0), n, fContrast);
             nMerged += nStarted && nResult == 0;
             if (nResult != 0)
                 break;
@@ -226,8 +221,8 @@ TEST_F(Compose, StepsNearTheSidesMatchTheModel)
     std::mt19937 gen(29);
     const struct {
         int nDirection, nLeft, nRight, a, b;
-    } steps[] = {{1, 560, 580, 565, 580}, {1, 560, 580, 563, 580}, {2, 10, 20, 0, 6},   {2, 10, 20, 0, 7},
-                 {1, 540, 560, 565, 585}, {2, 20, 20, 0, 15},     {1, 0, 0, 0, 150},  {1, 0, 18, 0, 150},
+    } steps[] = {{1, 560, 580, 565, 580}, {1, 560, 580, 563, 580}, {2, 10, 20, 0, 6},      {2, 10, 20, 0, 7},
+                 {1, 540, 560, 565, 585}, {2, 20, 20, 0, 15},      {1, 0, 0, 0, 150},      {1, 0, 18, 0, 150},
                  {2, 599, 599, 450, 599}, {2, 591, 599, 450, 599}, {1, 95, 205, 115, 215}, {2, 395, 505, 375, 485}};
     for (int nSetup : {0, 1, 2}) {
         for (const auto& s : steps) {
@@ -237,7 +232,8 @@ TEST_F(Compose, StepsNearTheSidesMatchTheModel)
                 const Bytes y = nSetup == 1 ? frame : Convert(*m_pProc, frame, 1.7f);
                 for (int i = 0; i < kPixels; ++i) {
                     const int nCol = i % 600, nNew = y[i];
-                    const int anComp[4] = {static_cast<int>(gen() % 256), nNew + 1, nNew - 1, nNew + (nCol % 21 == 0) - (nCol % 21 == 1)};
+                    const int anComp[4] = {static_cast<int>(gen() % 256), nNew + 1, nNew - 1,
+                                           nNew + (nCol % 21 == 0) - (nCol % 21 == 1)};
                     m_comp[i] = static_cast<unsigned char>(std::max(0, std::min(255, anComp[nComp])));
                 }
                 Rolling(s.nDirection, s.nLeft, s.nRight);
@@ -250,4 +246,4 @@ TEST_F(Compose, StepsNearTheSidesMatchTheModel)
     EXPECT_EQ(0, m_pProc->ImageComposition(nullptr, nullptr, 0, -4, 1.0f));
 }
 
-} // namespace
+}  // namespace

@@ -28,9 +28,15 @@ const Corner kCorners[4] = {{SetLTWaterM, GetLTWaterM, true, true},
                             {SetLBWaterM, GetLBWaterM, false, true},
                             {SetRBWaterM, GetRBWaterM, false, false}};
 
-long At(int w, int r, int c) { return static_cast<long>(r) * w + c; }
+long At(int w, int r, int c)
+{
+    return static_cast<long>(r) * w + c;
+}
 
-long CornerAt(const Corner& k, int w, int h) { return At(w, k.bTop ? 0 : h - 1, k.bLeft ? 0 : w - 1); }
+long CornerAt(const Corner& k, int w, int h)
+{
+    return At(w, k.bTop ? 0 : h - 1, k.bLeft ? 0 : w - 1);
+}
 
 Bytes RandomImage(int w, int h, std::mt19937& gen)
 {
@@ -167,4 +173,4 @@ TEST(Mark, OutOfRangeArgumentsAreLeftAlone)
     EXPECT_EQ(Bytes(16, 50), img);
 }
 
-} // namespace
+}  // namespace
