@@ -57,7 +57,13 @@ void Merge(Bytes& x, const Bytes& y, int s, int nDirection)
 
 Outcome Predict(const CImageProc& p, const Bytes& frame, const Bytes& comp, int nFrame, float fContrast)
 {
-    Outcome o = {0, p.m_bRollStarted, p.m_nRollLeft, p.m_nRollRight, p.m_nRollCenter, p.m_nRollDirection, comp};
+    Outcome o = {0,
+                 p.m_bRollStarted,
+                 p.m_nRollLeft,
+                 p.m_nRollRight,
+                 p.m_nRollCenter,
+                 p.m_nRollDirection,
+                 Bytes(comp.begin(), comp.begin() + kPixels)};
     if (nFrame <= 0) {
         o.bStarted = o.nLeft = o.nRight = o.nCenter = 0;
         return o;
@@ -136,7 +142,7 @@ Bytes Frame(int a, int b, const CImageProc& p, std::mt19937& gen, int nDepth, in
 class Compose : public ::testing::Test {
 protected:
     std::unique_ptr<CImageProc> m_pProc{new CImageProc};
-    Bytes m_comp = Bytes(kPixels, 77);
+    Bytes m_comp = Bytes(kPixels + 40000, 77);  // a size past 360000: the bytes beyond stay
     int m_anResults[3] = {0, 0, 0};
 
     // Device type, background level, and the contrast table for nSetup 2 and 3.
@@ -156,8 +162,8 @@ protected:
         const Outcome want = Predict(*m_pProc, frame, m_comp, nFrame, fContrast);
         const int nAfterModel = std::rand();
         std::srand(static_cast<unsigned>(nFrame + 99));
-        const int nResult = m_pProc->ImageComposition(const_cast<unsigned char*>(frame.data()), m_comp.data(), kPixels,
-                                                      nFrame, fContrast);
+        const int nResult = m_pProc->ImageComposition(const_cast<unsigned char*>(frame.data()), m_comp.data(),
+                                                      kPixels + 40000 * (nFrame % 2), nFrame, fContrast);
         EXPECT_EQ(nAfterModel, std::rand()) << "one draw a pixel, only with the table";
         EXPECT_EQ(want.nResult, nResult);
         EXPECT_EQ(want.bStarted, m_pProc->m_bRollStarted);
@@ -166,12 +172,13 @@ protected:
         EXPECT_EQ(want.nCenter, m_pProc->m_nRollCenter);
         EXPECT_EQ(want.nDirection, m_pProc->m_nRollDirection);
         EXPECT_EQ("", testutil::FirstDifference(want.comp.data(), m_comp.data(), kPixels, 600));
+        EXPECT_EQ(40000, std::count(m_comp.begin() + kPixels, m_comp.end(), 77));
         ++m_anResults[nResult];
         return nResult;
     }
     void Rolling(int nDirection, int nLeft, int nRight)
     {
-        m_pProc->m_bRollStarted = 1;
+        m_pProc->m_bRollStarted = nDirection != 0;
         m_pProc->m_nRollDirection = nDirection;
         m_pProc->m_nRollLeft = nLeft;
         m_pProc->m_nRollRight = nRight;
@@ -211,7 +218,8 @@ TEST_F(Compose, RandomRollsMatchTheModel)
     EXPECT_GT(nMerged, 20);
 }
 
-// Single steps from a given state: seams at and past the ends of the strip
+// Single steps from a given state: first frames centred at 299 and 300,
+// seams at and past the ends of the strip
 // (570 and 569 rightward, 10 and 11 leftward), narrow strips, seams so close
 // to a side that boxes would leave the image, and composites equal to the
 // new pixels plus or minus one (take all or nothing) or plus a pattern
@@ -223,8 +231,9 @@ TEST_F(Compose, StepsNearTheSidesMatchTheModel)
         int nDirection, nLeft, nRight, a, b;
     } steps[] = {{1, 560, 580, 565, 580}, {1, 560, 580, 563, 580}, {2, 10, 20, 0, 6},      {2, 10, 20, 0, 7},
                  {1, 540, 560, 565, 585}, {2, 20, 20, 0, 15},      {1, 0, 0, 0, 150},      {1, 0, 18, 0, 150},
-                 {2, 599, 599, 450, 599}, {2, 591, 599, 450, 599}, {1, 95, 205, 115, 215}, {2, 395, 505, 375, 485}};
-    for (int nSetup : {0, 1, 2}) {
+                 {2, 599, 599, 450, 599}, {2, 591, 599, 450, 599}, {1, 95, 205, 115, 215}, {2, 395, 505, 375, 485},
+                 {0, 0, 0, 200, 398},     {0, 0, 0, 200, 400}};
+    for (int nSetup : {0, 1}) {
         for (const auto& s : steps) {
             for (int nComp = 0; nComp < 4; ++nComp) {
                 Setup(nSetup, 250, gen);

@@ -80,7 +80,7 @@ void ModelCalc(const CImageProc& proc, bool bEx, const unsigned char* pSrc, unsi
                 const tagModifyEntry& e = pp[r][c];
                 if (e.nSrcRow < 0 || e.nSrcRow > H - 1 || e.nSrcCol < 0 || e.nSrcCol > (W - 1) / 2)
                     continue;
-                if (*std::max_element(e.nSrcIndex, e.nSrcIndex + 4) >= W * H)
+                if (*std::max_element(e.nSrcIndex, e.nSrcIndex + 4) >= static_cast<unsigned long>(W * H))
                     continue;
                 float f = 0.0f;
                 for (int k = 0; k < 4; ++k)

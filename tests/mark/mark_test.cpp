@@ -87,9 +87,9 @@ TEST(Mark, EachCornerTakesThePixelItsSelectorNames)
 }
 
 // Get on unmarked images, on marked ones after tampering with a selector,
-// and with another width: 1 exactly when Set would change nothing. All orders of stamping give one image that
-// differs from the original at most in its four corners and that a second
-// stamping leaves alone (the left-bottom default reads the right-top corner
+// and with another width: 1 exactly when Set would change nothing. All
+// orders of stamping give one image, which differs from the original at most
+// in its four corners (the left-bottom default reads the right-top corner
 // when h = w - 1, so those sizes keep the standard order).
 TEST(Mark, GetTellsWhetherSetWouldChangeTheImage)
 {
@@ -134,25 +134,6 @@ TEST(Mark, GetTellsWhetherSetWouldChangeTheImage)
     }
     EXPECT_GT(anAnswers[0], 1000);
     EXPECT_GT(anAnswers[1], 1000);
-}
-
-TEST(Mark, WorkedValuesAndUniformImages)
-{
-    Bytes img(600 * 600, 9);
-    img[1] = 17;
-    img[600] = 25;
-    img[602] = 201;  // s = 2: pixel (1, 2)
-    SetLTWaterM(img.data(), 600, 600);
-    EXPECT_EQ(201, img[0]);
-    img[1] = 15;  // s = 0: (15 + 25) / 2
-    SetLTWaterM(img.data(), 600, 600);
-    EXPECT_EQ(20, img[0]);
-    for (int v : {0, 5, 128, 255}) {
-        Bytes flat(356 * 292, static_cast<unsigned char>(v));
-        for (const Corner& k : kCorners)
-            k.pSet(flat.data(), 356, 292);
-        EXPECT_EQ(Bytes(356 * 292, static_cast<unsigned char>(v)), flat);
-    }
 }
 
 // Null images and sizes below 4 are left alone and never verify.
