@@ -145,7 +145,8 @@ protected:
     Bytes m_comp = Bytes(kPixels + 40000, 77);  // a size past 360000: the bytes beyond stay
     int m_anResults[3] = {0, 0, 0};
 
-    // Device type, background level, and the contrast table for nSetup 2 and 3.
+    // Device type, background (flat at an even level, noisy below an odd one), and the contrast table for
+    // nSetup 2 and 3.
     void Setup(int nSetup, int nBackground, std::mt19937& gen)
     {
         const int anDevice[5] = {3, 5, 7, 3, 6};
@@ -154,7 +155,7 @@ protected:
         for (int g = 0; g < 256; ++g)
             m_pProc->m_ucContrastTable[g] = static_cast<unsigned char>(g / 2 + 100);
         for (int i = 0; i < kPixels; ++i)
-            m_pProc->m_pBackground[i] = static_cast<unsigned char>(nBackground - gen() % 3);
+            m_pProc->m_pBackground[i] = static_cast<unsigned char>(nBackground - (nBackground % 2 ? gen() % 3 : 0));
     }
     int Call(const Bytes& frame, int nFrame, float fContrast = 1.0f)
     {

@@ -126,8 +126,9 @@ TEST(Quality, MatchesTheModelsOnAGridOfSizes)
 {
     std::mt19937 gen(41);
     std::set<int> qualities;
-    const int anSizes[][2] = {{1, 1},   {2, 600},  {600, 2}, {3, 3},    {4, 5},     {5, 5},     {16, 9},    {20, 22},
-                              {17, 40}, {33, 600}, {56, 40}, {120, 77}, {257, 300}, {599, 600}, {600, 431}, {600, 600}};
+    const int anSizes[][2] = {{1, 1},    {1, 600},   {2, 600},   {600, 2},   {3, 3},    {4, 5},
+                              {5, 5},    {16, 9},    {20, 22},   {17, 40},   {33, 600}, {56, 40},
+                              {120, 77}, {257, 300}, {599, 600}, {600, 431}, {600, 600}};
     for (const auto& s : anSizes) {
         for (int nTrial = 0; nTrial < 8; ++nTrial) {
             Image img = Patchwork(s[0], s[1], gen, nTrial < 6 ? 40 : 255);
@@ -140,20 +141,20 @@ TEST(Quality, MatchesTheModelsOnAGridOfSizes)
 
 // Textured squares swept across the borders at which the finger window is
 // pulled in (centres 199/200 and 400/401 across, 224/225 and 375/376 down),
-// profiles of exactly 8 and 7 (amplitudes around 9), column sums past 16
-// bits, and squares past 32 bits.
+// profiles of exactly 8 and 7 (amplitudes around 9), qualities around the
+// limit of 100, column sums past 16 bits, and squares past 32 bits.
 TEST(Quality, StructuredImagesAtTheThresholds)
 {
     for (int nAt = -8; nAt <= 8; ++nAt) {
-        for (int nCase = 0; nCase < 5; ++nCase) {
+        for (int nCase = 0; nCase < 6; ++nCase) {
             Image img(600, 600);
-            const int x0 = nCase == 0 ? 150 + nAt : (nCase == 1 ? 350 + nAt : 250);
-            const int y0 = nCase == 2 ? 175 + nAt : (nCase == 3 ? 325 + nAt : 250);
+            const int x0 = nCase == 0 ? 150 + nAt : (nCase == 1 ? 350 + nAt : (nCase == 5 ? 100 : 250));
+            const int y0 = nCase == 2 ? 175 + nAt : (nCase == 3 ? 325 + nAt : (nCase == 5 ? 100 : 250));
+            const int nW = nCase == 5 ? 383 + nAt : 100, nH = nCase == 5 ? 384 : 100;  // case 5: qualities 99..103
             for (int y = 0; y < 600; ++y)
                 for (int x = 0; x < 600; ++x)
-                    img.at(y, x) = nCase < 4
-                                       ? (x >= x0 && x < x0 + 100 && y >= y0 && y < y0 + 100) * 255 * Texture(y, x)
-                                       : (y / 2) % 2 * (x < 100 || x >= 500 ? 0 : (x < 200 ? 255 : 9 + nAt / 4));
+                    img.at(y, x) = nCase != 4 ? (x >= x0 && x < x0 + nW && y >= y0 && y < y0 + nH) * 255 * Texture(y, x)
+                                              : (y / 2) % 2 * (x < 100 || x >= 500 ? 0 : (x < 200 ? 255 : 9 + nAt / 4));
             ExpectQualityMatches(img, "case " + std::to_string(nCase) + " at " + std::to_string(nAt));
         }
     }
