@@ -139,27 +139,20 @@ TEST(Mirror, MatchesTheModelForEveryRowLength)
 
 // ------------------------------------------------------------- lookup
 
-struct LookupCase {
-    unsigned long nSrcW, nSrcH, nOutW, nOutH, nOffX, nOffY;
-    int nResult;
-};
-
-class LookupBounds : public ::testing::TestWithParam<LookupCase> {};
-
-TEST_P(LookupBounds, RefusesOutputsThatDoNotFitTheSource)
+// Outputs that do not fit the source (the offsets count, a zero size wraps
+// around) are refused and leave the destination as it was.
+TEST(CorrectImage, RefusesOutputsThatDoNotFitTheSource)
 {
-    const LookupCase& c = GetParam();
-    Bytes src(1280 * 676, 9), dst(kOut, 77);
-    EXPECT_EQ(c.nResult, testutil::SharedProc().CorrectImage(src.data(), c.nSrcW, c.nSrcH, dst.data(), c.nOutW, c.nOutH,
-                                                             c.nOffX, c.nOffY));
-    EXPECT_EQ(c.nResult == 0, dst == Bytes(kOut, 77));
+    const unsigned long anCases[][7] = {{600, 676, 601, 600, 0, 0, 0},    {600, 676, 600, 600, 0, 0, 1},
+                                        {1280, 676, 600, 600, 681, 0, 0}, {1280, 676, 600, 600, 680, 76, 1},
+                                        {1280, 676, 600, 600, 0, 77, 0},  {1280, 676, 0, 600, 0, 0, 0}};
+    for (const auto& c : anCases) {
+        Bytes src(1280 * 676, 9), dst(kOut, 77);
+        EXPECT_EQ(static_cast<int>(c[6]),
+                  testutil::SharedProc().CorrectImage(src.data(), c[0], c[1], dst.data(), c[2], c[3], c[4], c[5]));
+        EXPECT_EQ(c[6] == 0, dst == Bytes(kOut, 77));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, LookupBounds,
-    ::testing::Values(LookupCase{600, 676, 601, 600, 0, 0, 0}, LookupCase{600, 676, 600, 600, 0, 0, 1},
-                      LookupCase{1280, 676, 600, 600, 681, 0, 0}, LookupCase{1280, 676, 600, 600, 680, 76, 1},
-                      LookupCase{1280, 676, 600, 600, 0, 77, 0}, LookupCase{1280, 676, 0, 600, 0, 0, 0}));
 
 // Every device type, another output size (only its own window is
 // mirrored) and a destination inside the source (read as it was).
@@ -341,77 +334,63 @@ tagModifyEntry** TableOf(const CImageProc& proc, const Shape& s)
     return s.nSide == 660 ? proc.m_ppModifyTable : proc.m_ppModifyTableEx;
 }
 
-TEST(ModifyTable, EntriesFollowTheirArithmeticAndTellingFigures)
-{
-    for (const Shape& s : kShapes) {
-        tagModifyEntry** pp = TableOf(testutil::SharedProc(), s);
-        long nValid = 0;
-        int nLastTailRow = -1, nRow0Valid = 0, nMaxRow = 0, nMaxRowAt = -1, nRowsAtLimit = 0;
-        unsigned nMaxThird = 0;
-        for (int r = 0; r < s.nSide; ++r) {
-            for (int c = 0; c < s.nSide / 2; ++c) {
-                const tagModifyEntry want = ModelEntry(s, r, c, pp[r][c]);
-                ASSERT_EQ(0, std::memcmp(&want, &pp[r][c], sizeof want)) << s.nSide << " row " << r << " entry " << c;
-                const bool bValid = Valid(s, want);
-                ASSERT_FALSE(bValid && c > 0 && !Valid(s, pp[r][c - 1])) << "valid entries form a prefix of their row";
-                nValid += bValid;
-                nRow0Valid += r == 0 && bValid;
-                if (bValid && want.nSrcRow == s.nMaxRow)
-                    nMaxThird = std::max(nMaxThird, want.nSrcIndex[2]);
-            }
-            if (pp[r][0].nSrcRow <= s.nMaxRow && pp[r][s.nSide / 2 - 1].nSrcCol > s.nMaxCol)
-                nLastTailRow = r;
-            if (pp[r][0].nSrcRow > nMaxRow)
-                nMaxRow = pp[r][0].nSrcRow, nMaxRowAt = r;
-            nRowsAtLimit += pp[r][0].nSrcRow == s.nMaxRow;
-        }
-        EXPECT_EQ(s.nValid, nValid);
-        EXPECT_EQ(s.nLastTailRow, nLastTailRow);
-        EXPECT_EQ(s.nRow0Valid, nRow0Valid);
-        if (s.nSide == 660) {
-            EXPECT_EQ(846, nMaxRow);  // row 659: every row has valid entries
-            EXPECT_EQ(659, nMaxRowAt);
-        } else {
-            EXPECT_EQ(1, nRowsAtLimit);  // row 635 only; rows 636..649 lie below the source
-            EXPECT_EQ(2211675u, nMaxThird);  // its lower neighbours fall below 1700 x 1300
-        }
-    }
-}
-
-// A rebuild writes every field of the valid entries again and leaves the
-// indexes and weights of the others as they are.
-TEST(ModifyTable, RebuildRestoresValidEntriesOnly)
+// A fresh processor: its defaults, and its tables entry by entry with their
+// telling figures. Then a rebuild over scrambled tables writes every field
+// of the valid entries again and leaves the indexes and weights of the
+// others as they are.
+TEST(ModifyTable, FreshAndRebuiltTablesFollowTheirArithmetic)
 {
     std::unique_ptr<CImageProc> pProc(new CImageProc);
-    for (const Shape& s : kShapes) {
-        tagModifyEntry** pp = TableOf(*pProc, s);
-        for (int r = 0; r < s.nSide; ++r)
-            for (int c = 0; c < s.nSide / 2; ++c)
-                std::memset(static_cast<void*>(&pp[r][c]), 0xA5, sizeof(tagModifyEntry));
-        (s.nSide == 660) ? pProc->InitModifyTable() : pProc->InitModifyTableEx();
-        for (int r = 0; r < s.nSide; ++r) {
-            for (int c = 0; c < s.nSide / 2; ++c) {
-                tagModifyEntry want = ModelEntry(s, r, c, pp[r][c]);
-                if (!Valid(s, want)) {
-                    std::memset(want.nSrcIndex, 0xA5, sizeof want.nSrcIndex);
-                    std::memset(want.fWeight, 0xA5, sizeof want.fWeight);
+    const CImageProc& p = *pProc;
+    EXPECT_EQ(
+        std::vector<int>({0, 0, 0, 100, 75}),
+        std::vector<int>({p.m_bContrastTable, p.m_bRollStarted, p.m_nDeviceType, p.m_nFingerWinX, p.m_nFingerWinY}));
+    EXPECT_EQ(IMG_PIXELS, std::count(p.m_pBackground, p.m_pBackground + IMG_PIXELS, 255));
+    EXPECT_EQ(256, std::count(p.m_ucContrastTable, p.m_ucContrastTable + 256, 255));
+    for (int nPass : {0, 1}) {
+        for (const Shape& s : kShapes) {
+            tagModifyEntry** pp = TableOf(p, s);
+            for (int r = 0; r < s.nSide && nPass == 1; ++r)
+                std::memset(static_cast<void*>(pp[r]), 0xA5, sizeof(tagModifyEntry) * (s.nSide / 2));
+            if (nPass == 1)
+                (s.nSide == 660) ? pProc->InitModifyTable() : pProc->InitModifyTableEx();
+            long nValid = 0;
+            int nLastTailRow = -1, nRow0Valid = 0, nMaxRow = 0, nMaxRowAt = -1, nRowsAtLimit = 0;
+            unsigned nMaxThird = 0;
+            for (int r = 0; r < s.nSide; ++r) {
+                for (int c = 0; c < s.nSide / 2; ++c) {
+                    tagModifyEntry want = ModelEntry(s, r, c, pp[r][c]);
+                    const bool bValid = Valid(s, want);
+                    if (nPass == 1 && !bValid) {
+                        std::memset(want.nSrcIndex, 0xA5, sizeof want.nSrcIndex);
+                        std::memset(want.fWeight, 0xA5, sizeof want.fWeight);
+                    }
+                    ASSERT_EQ(0, std::memcmp(&want, &pp[r][c], sizeof want))
+                        << s.nSide << " row " << r << " entry " << c;
+                    ASSERT_FALSE(bValid && c > 0 && !Valid(s, pp[r][c - 1])) << "valid entries form a prefix of a row";
+                    nValid += bValid;
+                    nRow0Valid += r == 0 && bValid;
+                    if (bValid && want.nSrcRow == s.nMaxRow)
+                        nMaxThird = std::max(nMaxThird, want.nSrcIndex[2]);
                 }
-                ASSERT_EQ(0, std::memcmp(&want, &pp[r][c], sizeof want)) << s.nSide << " row " << r << " entry " << c;
+                if (pp[r][0].nSrcRow <= s.nMaxRow && pp[r][s.nSide / 2 - 1].nSrcCol > s.nMaxCol)
+                    nLastTailRow = r;
+                if (pp[r][0].nSrcRow > nMaxRow)
+                    nMaxRow = pp[r][0].nSrcRow, nMaxRowAt = r;
+                nRowsAtLimit += pp[r][0].nSrcRow == s.nMaxRow;
+            }
+            EXPECT_EQ(s.nValid, nValid);
+            EXPECT_EQ(s.nLastTailRow, nLastTailRow);
+            EXPECT_EQ(s.nRow0Valid, nRow0Valid);
+            if (s.nSide == 660) {
+                EXPECT_EQ(846, nMaxRow);  // row 659: every row has valid entries
+                EXPECT_EQ(659, nMaxRowAt);
+            } else {
+                EXPECT_EQ(1, nRowsAtLimit);  // row 635 only; rows 636..649 lie below the source
+                EXPECT_EQ(2211675u, nMaxThird);  // its lower neighbours fall below 1700 x 1300
             }
         }
     }
-}
-
-TEST(ImageProcState, FreshObjectDefaults)
-{
-    std::unique_ptr<CImageProc> pProc(new CImageProc);
-    EXPECT_EQ(0, pProc->m_bContrastTable);
-    EXPECT_EQ(0, pProc->m_bRollStarted);
-    EXPECT_EQ(0, pProc->m_nDeviceType);
-    EXPECT_EQ(100, pProc->m_nFingerWinX);
-    EXPECT_EQ(75, pProc->m_nFingerWinY);
-    EXPECT_EQ(IMG_PIXELS, std::count(pProc->m_pBackground, pProc->m_pBackground + IMG_PIXELS, 255));
-    EXPECT_EQ(256, std::count(pProc->m_ucContrastTable, pProc->m_ucContrastTable + 256, 255));
 }
 
 }  // namespace
