@@ -220,6 +220,7 @@ TEST_F(Compose, RandomRollsMatchTheModel)
 }
 
 // Single steps from a given state: first frames centred at 299 and 300,
+// mean edge moves of 90 and 91 (leftward too, by a right edge running away),
 // seams at and past the ends of the strip
 // (570 and 569 rightward, 10 and 11 leftward), narrow strips, seams so close
 // to a side that boxes would leave the image, and composites equal to the
@@ -230,10 +231,11 @@ TEST_F(Compose, StepsNearTheSidesMatchTheModel)
     std::mt19937 gen(29);
     const struct {
         int nDirection, nLeft, nRight, a, b;
-    } steps[] = {{1, 560, 580, 565, 580}, {1, 560, 580, 563, 580}, {2, 10, 20, 0, 6},      {2, 10, 20, 0, 7},
-                 {1, 540, 560, 565, 585}, {2, 20, 20, 0, 15},      {1, 0, 0, 0, 150},      {1, 0, 18, 0, 150},
-                 {2, 599, 599, 450, 599}, {2, 591, 599, 450, 599}, {1, 95, 205, 115, 215}, {2, 395, 505, 375, 485},
-                 {0, 0, 0, 200, 398},     {0, 0, 0, 200, 400}};
+    } steps[] = {{1, 560, 580, 565, 580}, {1, 560, 580, 563, 580}, {2, 10, 20, 0, 6},       {2, 10, 20, 0, 7},
+                 {1, 540, 560, 565, 585}, {2, 20, 20, 0, 15},      {1, 0, 0, 0, 150},       {1, 0, 18, 0, 150},
+                 {2, 599, 599, 450, 599}, {2, 591, 599, 450, 599}, {1, 95, 205, 115, 215},  {2, 395, 505, 375, 485},
+                 {0, 0, 0, 200, 398},     {0, 0, 0, 200, 400},     {2, 295, 355, 300, 530}, {2, 295, 355, 300, 532},
+                 {1, 95, 205, 190, 291},  {1, 95, 205, 191, 291}};
     for (int nSetup : {0, 1}) {
         for (const auto& s : steps) {
             for (int nComp = 0; nComp < 4; ++nComp) {
@@ -249,6 +251,16 @@ TEST_F(Compose, StepsNearTheSidesMatchTheModel)
                 Rolling(s.nDirection, s.nLeft, s.nRight);
                 Call(frame, 4, 1.7f);
             }
+        }
+    }
+    // First frames of faint fingers on a flat background: steps of exactly 15 and 18 after conversion, and
+    // profiles peaking at 46 and 50.
+    for (int nSetup : {0, 1}) {
+        for (const auto& f :
+             {std::make_pair(5, 600), std::make_pair(6, 600), std::make_pair(85, 48), std::make_pair(85, 52)}) {
+            Setup(nSetup, 250, gen);
+            Rolling(0, 0, 0);
+            Call(Frame(100, 300, *m_pProc, gen, f.first, f.second), 1);
         }
     }
     EXPECT_GT(m_anResults[0], 50);

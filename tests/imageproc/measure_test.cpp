@@ -163,6 +163,10 @@ TEST(Quality, StructuredImagesAtTheThresholds)
         for (int x = 300; x < 500; ++x)
             deep.at(y, x) = static_cast<unsigned char>(220 * Texture(y, x));
     ExpectQualityMatches(deep, "column sums past 16 bits");
+    Image thin(1, 600);
+    for (int y = 0; y < 600; ++y)
+        thin.at(y, 0) = static_cast<unsigned char>(255 * Texture(y, 0));
+    ExpectQualityMatches(thin, "one column");
     Image wide(2000, 2000);
     for (size_t i = 1; i < wide.px.size(); i += 2)
         wide.px[i] = 255;
