@@ -1,414 +1,396 @@
-// Geometry correction and the left-right mirror: refusal rules, table choice
-// by device type, and bit-exact agreement of every path (usual and other
-// output sizes, overlapping buffers, short and narrow sources, edited
-// modify tables) with the plain reference that works on full scratch
-// copies and a canvas.
+// From mosaic to corrected image: the grey conversion, the mirror, the
+// table lookup and the interpolating corrections against plain models on
+// random and structured inputs (the vector paths must match them bit for
+// bit), and the modify tables against their defining arithmetic.
 #include "imageproc_reference.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
+#include <cstring>
 #include <memory>
-#include <random>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace {
 
+using ref::Bytes;
 const size_t kOut = 360000;
 
-typedef int (CImageProc::*CorrectOp)(unsigned char*, unsigned long, unsigned long, unsigned char*, unsigned long,
-                                     unsigned long, unsigned long, unsigned long);
+// ------------------------------------------------------------- models
 
-std::string Diff(const ref::Bytes& a, const ref::Bytes& b)
+int Grey(const unsigned char* p, int w, int x, int y)
 {
-    return testutil::FirstDifference(a.data(), b.data(), std::min(a.size(), b.size()), 600);
+    const int tl = p[y * w + x], tr = p[y * w + x + 1], bl = p[(y + 1) * w + x], br = p[(y + 1) * w + x + 1];
+    return (x + y) % 2 == 0 ? (tl + br + (tr + bl) / 2) / 3 : (tr + bl + (tl + br) / 2) / 3;
 }
 
-// One interpolating variant against the reference on the processor's own
-// tables. A pixel the reference computes has the same value whatever its
-// canvas held before (runs with fills 0 and 255); such pixels must match.
-// Any other pixel must keep the destination's earlier content -- moved by
-// the final mirror when the output size is not the usual one. Returns the
-// number of pixels no entry computes.
-long ExpectMatch(CImageProc& proc, bool bEx, const ref::Bytes& src, unsigned long w, unsigned long h,
-                 unsigned long nOutW, unsigned long nOutH)
+// Rows top to bottom; the last column and the last row copied.
+Bytes ModelGrey(const Bytes& src, int w, int h)
 {
-    const ref::Bytes before = testutil::RandomBytes(kOut, 80);
-    ref::Bytes kept = before;
-    if (nOutW != 600 || nOutH != 600)
-        ref::Mirror(kept.data(), static_cast<int>(nOutW), static_cast<int>(nOutH));
-    ref::Bytes fill0(kOut, 0), fill255(kOut, 255), actual = before;
-    unsigned char* pSrc = const_cast<unsigned char*>(src.data());
-    if (bEx) {
-        ref::CorrectImageCalcEx(proc, pSrc, w, h, fill0.data(), nOutW, nOutH, 0);
-        ref::CorrectImageCalcEx(proc, pSrc, w, h, fill255.data(), nOutW, nOutH, 255);
-        EXPECT_EQ(1, proc.CorrectImageCalcEx(pSrc, w, h, actual.data(), nOutW, nOutH, 0, 0));
-    } else {
-        ref::CorrectImageCalc(proc, pSrc, fill0.data(), nOutW, nOutH, 0);
-        ref::CorrectImageCalc(proc, pSrc, fill255.data(), nOutW, nOutH, 255);
-        EXPECT_EQ(1, proc.CorrectImageCalc(pSrc, w, h, actual.data(), nOutW, nOutH, 0, 0));
+    Bytes dst(src.size(), 255);
+    for (int y = 0; y < h - 1; ++y) {
+        for (int x = 0; x < w - 1; ++x)
+            dst[y * w + x] = static_cast<unsigned char>(Grey(src.data(), w, x, y));
+        dst[y * w + w - 1] = src[y * w + w - 1];
     }
+    std::copy(src.end() - w, src.end(), dst.end() - w);
+    return dst;
+}
+
+void ModelMirror(unsigned char* p, long w, long h)
+{
+    for (long y = 0; y < h; ++y)
+        std::reverse(p + y * w, p + y * w + w);
+}
+
+void ModelLookup(int nType, const unsigned char* pSrc, unsigned long w, unsigned char* pDst, unsigned long nOutW,
+                 unsigned long nOutH)
+{
+    const bool b1103 = nType >= 5 && nType <= 8;
+    const unsigned short* pX = b1103 ? usXtable1103 : usXtable;
+    const unsigned short* pY = b1103 ? usYtable1103 : usYtable;
+    const int nPos0 = b1103 ? 10 * 660 + 25 : 21 * 660 + 26;
+    for (int y = 0; y < 600; ++y)
+        for (int x = 0; x < 600; ++x)
+            pDst[y * 600 + x] = pSrc[pY[nPos0 + y * 660 + x] * w + pX[nPos0 + y * 660 + x]];
+    ModelMirror(pDst, nOutW, nOutH);
+}
+
+// Interpolation on the processor's own tables: scratch copy (padded for Ex)
+// and its mirror, the right pass, the left pass, the crop, the mirror. An
+// entry is used when it passes the range test and all its neighbours lie in
+// the copy. The canvas starts at byFill.
+void ModelCalc(const CImageProc& proc, bool bEx, const unsigned char* pSrc, unsigned long w, unsigned long h,
+               unsigned char* pDst, unsigned long nOutW, unsigned long nOutH, unsigned char byFill)
+{
+    const long W = bEx ? 1700 : 1288, H = bEx ? 1300 : 876, nSide = bEx ? 650 : 660;
+    Bytes copy(W * H, 0), mirror(W * H), canvas(nSide * nSide, byFill);
+    if (bEx) {
+        for (unsigned long i = 0; i < h && i + 10 < 1300; ++i)
+            std::memcpy(&copy[(i + 10) * W], pSrc + i * w + 50, W);
+    } else {
+        std::memcpy(copy.data(), pSrc, W * H);
+    }
+    for (long r = 0; r < H; ++r)
+        std::reverse_copy(&copy[r * W], &copy[r * W] + W, &mirror[r * W]);
+    tagModifyEntry* const* pp = bEx ? proc.m_ppModifyTableEx : proc.m_ppModifyTable;
+    for (const Bytes* pImg : {&copy, &mirror}) {
+        for (long r = 0; r < nSide; ++r) {
+            for (long c = 0; c < nSide / 2; ++c) {
+                const tagModifyEntry& e = pp[r][c];
+                if (e.nSrcRow < 0 || e.nSrcRow > H - 1 || e.nSrcCol < 0 || e.nSrcCol > (W - 1) / 2)
+                    continue;
+                if (*std::max_element(e.nSrcIndex, e.nSrcIndex + 4) >= static_cast<unsigned long>(W * H))
+                    continue;
+                float f = 0.0f;
+                for (int k = 0; k < 4; ++k)
+                    f = f + static_cast<float>((*pImg)[e.nSrcIndex[k]]) * e.fWeight[k];
+                canvas[pImg == &copy ? e.nDstRight : e.nDstLeft] = static_cast<unsigned char>(static_cast<int>(f));
+            }
+        }
+    }
+    const long nCrop = bEx ? 10 * 650 + 26 : 30 * 660 + 30;
+    for (long y = 0; y < 600; ++y)
+        std::memcpy(pDst + y * 600, &canvas[nCrop + y * nSide], 600);
+    ModelMirror(pDst, nOutW, nOutH);
+}
+
+// ---------------------------------------------------------- grey, mirror
+
+// Random, uniform and saturated mosaics: the frame sizes in use and small
+// sizes of every remainder. The two orders of visit give the same image on
+// even sizes, the only ones in use.
+TEST(Grey, MatchesTheModelOnAGridOfSizes)
+{
+    ASSERT_EQ(Bytes({35, 45, 55, 40, 50, 60, 70, 80}), ModelGrey({10, 20, 30, 40, 50, 60, 70, 80}, 4, 2));
+    std::vector<std::pair<int, int>> sizes = {{1280, 676}, {1288, 876}, {1800, 1280}, {1214, 616}};
+    for (int w = 1; w <= 70; ++w)
+        for (int h : {1, 2, 3, 4, 5, 8})
+            sizes.push_back({w, h});
+    unsigned nSeed = 1;
+    for (const auto& s : sizes) {
+        const int w = s.first, h = s.second;
+        for (int nKind = 0; nKind < 3; ++nKind) {
+            Bytes src = testutil::RandomBytes(static_cast<size_t>(w) * h, nSeed++);
+            if (nKind > 0)
+                std::fill(src.begin(), src.end(), nKind == 1 ? src[0] : 255);
+            Bytes dst(src.size(), 0x5A), dst2(src.size(), 0xA5);
+            testutil::SharedProc().RGBtoGRAY(src.data(), dst.data(), w, h);
+            const Bytes want = ModelGrey(src, w, h);
+            ASSERT_EQ("", testutil::FirstDifference(want.data(), dst.data(), want.size(), w)) << w << " x " << h;
+            if (w % 2 == 0 && h % 2 == 0) {
+                testutil::SharedProc().RGBtoGRAY2(src.data(), dst2.data(), w, h);
+                ASSERT_EQ("", testutil::FirstDifference(want.data(), dst2.data(), want.size(), w)) << w << " x " << h;
+            }
+        }
+    }
+}
+
+TEST(Mirror, MatchesTheModelForEveryRowLength)
+{
+    for (int w = 1; w <= 72; ++w) {
+        const int nW = w == 71 ? 600 : (w == 72 ? 1288 : w);
+        Bytes img = testutil::RandomBytes(static_cast<size_t>(nW) * 3, w), want = img;
+        ModelMirror(want.data(), nW, 3);
+        EXPECT_EQ(1, testutil::SharedProc().RotateRightImage(img.data(), nW, 3));
+        ASSERT_EQ(want, img) << nW;
+    }
+}
+
+// ------------------------------------------------------------- lookup
+
+// Outputs that do not fit the source (the offsets count, a zero size wraps
+// around) are refused and leave the destination as it was.
+TEST(CorrectImage, RefusesOutputsThatDoNotFitTheSource)
+{
+    const unsigned long anCases[][7] = {{600, 676, 601, 600, 0, 0, 0},    {600, 676, 600, 600, 0, 0, 1},
+                                        {1280, 676, 600, 600, 681, 0, 0}, {1280, 676, 600, 600, 680, 76, 1},
+                                        {1280, 676, 600, 600, 0, 77, 0},  {1280, 676, 0, 600, 0, 0, 0}};
+    for (const auto& c : anCases) {
+        Bytes src(1280 * 676, 9), dst(kOut, 77);
+        EXPECT_EQ(static_cast<int>(c[6]),
+                  testutil::SharedProc().CorrectImage(src.data(), c[0], c[1], dst.data(), c[2], c[3], c[4], c[5]));
+        EXPECT_EQ(c[6] == 0, dst == Bytes(kOut, 77));
+    }
+}
+
+// Every device type, another output size (only its own window is
+// mirrored) and a destination inside the source (read as it was).
+TEST(CorrectImage, MatchesTheModel)
+{
+    CImageProc& proc = testutil::SharedProc();
+    unsigned nSeed = 30;
+    for (int nType : {0, 3, 4, 5, 6, 7, 8, 9}) {
+        for (unsigned long nOut : {600ul, 599ul, 300ul}) {
+            const unsigned long w = nType >= 5 && nType <= 8 ? 1288 : 1280, h = w == 1288 ? 876 : 676;
+            const unsigned long nOutH = nOut == 600 ? 600 : nOut - 10;
+            Bytes src = testutil::RandomBytes(w * h, nSeed++), want(kOut, 1), got(kOut, 2);
+            ModelLookup(nType, src.data(), w, want.data(), nOut, nOutH);
+            proc.m_nDeviceType = nType;
+            EXPECT_EQ(1, proc.CorrectImage(src.data(), w, h, got.data(), nOut, nOutH, 0, 0));
+            EXPECT_EQ("", testutil::FirstDifference(want.data(), got.data(), kOut, 600)) << nType << " " << nOut;
+            if (nOut == 600 && nType == 3) {
+                want = src;
+                ModelLookup(nType, want.data(), w, want.data() + w * 100, 600, 600);
+                EXPECT_EQ(1, proc.CorrectImage(src.data(), w, h, src.data() + w * 100, 600, 600, 0, 0));
+                EXPECT_EQ(want, src);
+            }
+        }
+    }
+    proc.m_nDeviceType = 0;
+}
+
+// ------------------------------------------------------- interpolation
+
+// One variant against the model. A pixel the model computes is the same
+// whatever its canvas held (fills 0 and 255) and must match; any other
+// pixel keeps the destination's earlier content, moved by the mirror.
+// Returns the number of pixels no entry computes.
+long ExpectCalcMatches(CImageProc& proc, bool bEx, const Bytes& src, unsigned long w, unsigned long h,
+                       unsigned long nOutW = 600, unsigned long nOutH = 600, unsigned char* pDst = nullptr)
+{
+    const Bytes before = pDst ? Bytes(pDst, pDst + kOut) : testutil::RandomBytes(kOut, 80);
+    Bytes kept = before, fill0(kOut), fill255(kOut), got = before;
+    ModelMirror(kept.data(), nOutW, nOutH);
+    ModelCalc(proc, bEx, src.data(), w, h, fill0.data(), nOutW, nOutH, 0);
+    ModelCalc(proc, bEx, src.data(), w, h, fill255.data(), nOutW, nOutH, 255);
+    unsigned char* pSrc = const_cast<unsigned char*>(src.data());
+    unsigned char* pOut = pDst ? pDst : got.data();
+    EXPECT_EQ(1, bEx ? proc.CorrectImageCalcEx(pSrc, w, h, pOut, nOutW, nOutH, 0, 0)
+                     : proc.CorrectImageCalc(pSrc, w, h, pOut, nOutW, nOutH, 0, 0));
     long nSkipped = 0;
     for (size_t i = 0; i < kOut; ++i) {
         const bool bComputed = fill0[i] == fill255[i];
-        const unsigned char byWant = bComputed ? fill0[i] : kept[i];
         nSkipped += bComputed ? 0 : 1;
-        if (actual[i] != byWant) {
-            ADD_FAILURE() << (bEx ? "Ex" : "standard") << " table, source " << w << " x " << h << ", output " << nOutW
-                          << " x " << nOutH << ": first difference at " << i << (bComputed ? " (computed) " : " (kept) ")
-                          << int(byWant) << " vs " << int(actual[i]);
+        if (pOut[i] != (bComputed ? fill0[i] : kept[i])) {
+            ADD_FAILURE() << (bEx ? "Ex" : "standard") << " source " << w << " x " << h << " output " << nOutW << " x "
+                          << nOutH << ": first difference at " << i << (bComputed ? " (computed)" : " (kept)");
             break;
         }
     }
     return nSkipped;
 }
 
-// Both variants, the usual and another output size.
-void ExpectBothVariantsMatch(CImageProc& proc, const ref::Bytes& src)
-{
-    for (bool bEx : {false, true}) {
-        ExpectMatch(proc, bEx, src, bEx ? 1800 : 1288, bEx ? 1280 : 876, 600, 600);
-        ExpectMatch(proc, bEx, src, bEx ? 1800 : 1288, bEx ? 1280 : 876, 500, 400);
-    }
-}
-
-// ---------------------------------------------------------------- mirror
-
-TEST(Mirror, ThreeByOneAndNull)
-{
-    unsigned char ab[3] = {1, 2, 3};
-    EXPECT_EQ(1, testutil::SharedProc().RotateRightImage(ab, 3, 1));
-    EXPECT_EQ(3, ab[0]);
-    EXPECT_EQ(2, ab[1]);
-    EXPECT_EQ(1, ab[2]);
-    EXPECT_EQ(0, testutil::SharedProc().RotateRightImage(nullptr, 600, 600));
-}
-
-TEST(Mirror, MatchesReferenceForEveryRowLength)
-{
-    unsigned nSeed = 7;
-    std::vector<int> widths;
-    for (int w = 1; w <= 70; ++w)
-        widths.push_back(w);
-    widths.push_back(600);
-    widths.push_back(1288);
-    for (int w : widths) {
-        for (int h : {1, 3}) {
-            ref::Bytes img = testutil::RandomBytes(static_cast<size_t>(w) * h, nSeed++);
-            ref::Bytes expected = img;
-            ref::Mirror(expected.data(), w, h);
-            EXPECT_EQ(1, testutil::SharedProc().RotateRightImage(img.data(), w, h));
-            EXPECT_EQ(expected, img) << w << " x " << h;
-        }
-    }
-}
-
-// ---------------------------------------------------------------- lookup
-
-TEST(CorrectImage, RefusalRules)
+TEST(CorrectImageCalc, MatchesTheModelAndComputesEveryPixel)
 {
     CImageProc& proc = testutil::SharedProc();
-    ref::Bytes src(1280 * 676, 9);
-    ref::Bytes dst(kOut, 77);
-    const ref::Bytes untouched = dst;
-
-    EXPECT_EQ(0, proc.CorrectImage(nullptr, 1280, 676, dst.data(), 600, 600, 0, 0));
-    EXPECT_EQ(0, proc.CorrectImage(src.data(), 1280, 676, nullptr, 600, 600, 0, 0));
-    // Output width 601 does not fit a source 600 wide; 600 does.
-    EXPECT_EQ(0, proc.CorrectImage(src.data(), 600, 676, dst.data(), 601, 600, 0, 0));
-    // The offsets count in the check: 600 + 680 - 1 < 1280, 600 + 681 - 1 is not.
-    EXPECT_EQ(0, proc.CorrectImage(src.data(), 1280, 676, dst.data(), 600, 600, 681, 0));
-    EXPECT_EQ(0, proc.CorrectImage(src.data(), 1280, 676, dst.data(), 600, 600, 0, 77));
-    // A zero output size wraps around in the unsigned check.
-    EXPECT_EQ(0, proc.CorrectImage(src.data(), 1280, 676, dst.data(), 0, 600, 0, 0));
-    EXPECT_EQ(untouched, dst);
-
-    EXPECT_EQ(1, proc.CorrectImage(src.data(), 1280, 676, dst.data(), 600, 600, 680, 76));
-    EXPECT_EQ(1, proc.CorrectImage(src.data(), 600, 676, dst.data(), 600, 600, 0, 0));
+    const Bytes src = testutil::RandomBytes(1800 * 1300, 51);
+    for (bool bEx : {false, true}) {
+        EXPECT_EQ(0, ExpectCalcMatches(proc, bEx, src, bEx ? 1800 : 1288, bEx ? 1280 : 876));
+        ExpectCalcMatches(proc, bEx, src, bEx ? 1800 : 1288, bEx ? 1280 : 876, 320, 500);
+        // The destination inside the source: every read sees the source as it was.
+        Bytes buf = src;
+        ExpectCalcMatches(proc, bEx, src, bEx ? 1800 : 1288, bEx ? 1280 : 876, 600, 600, buf.data() + 1800 * 20);
+    }
+    // Padded sources: short ones leave zero rows, a row 1290 and below falls outside the padded
+    // image, and a source only 1700 wide is read as if it went on with zeros.
+    for (unsigned long h : {1280ul, 1000ul, 700ul, 1290ul, 1300ul})
+        ExpectCalcMatches(proc, true, src, h == 700 ? 1760 : 1800, h);
+    Bytes narrow = testutil::RandomBytes(1700 * 1280 + 100, 66);
+    std::fill(narrow.end() - 100, narrow.end(), 0);
+    Bytes want(kOut), got(kOut);
+    ModelCalc(proc, true, narrow.data(), 1700, 1280, want.data(), 600, 600, 0);
+    std::unique_ptr<unsigned char[]> pExact(new unsigned char[1700 * 1280]);
+    std::copy(narrow.begin(), narrow.end() - 100, pExact.get());
+    EXPECT_EQ(1, proc.CorrectImageCalcEx(pExact.get(), 1700, 1280, got.data(), 600, 600, 0, 0));
+    EXPECT_EQ(want, got);
 }
 
-// Every coordinate of the read regions addresses a pixel of the image size
-// the table pair serves.
-TEST(CorrectImage, TablesStayInsideTheirImages)
+// The tables are public and used as stored. A private processor's tables,
+// edited in scattered entries and read by the model too: neighbours
+// anywhere, weights summing beyond 1 (the low 8 bits count), a neighbour
+// outside the source or a row out of range (skipped), the four terms in
+// another order, and targets across the centre column (the whole left pass
+// comes after the right pass).
+TEST(CorrectImageCalc, FollowsEditedTables)
 {
-    struct Pair {
-        const unsigned short* pX;
-        const unsigned short* pY;
-        int nTop, nLeft, nWidth, nHeight;
-    };
-    const Pair pairs[] = {{usXtable, usYtable, 21, 26, 1280, 676}, {usXtable1103, usYtable1103, 10, 25, 1288, 876}};
-    for (const Pair& p : pairs) {
-        int nOutside = 0;
-        for (int y = 0; y < 600; ++y) {
-            for (int x = 0; x < 600; ++x) {
-                const int nPos = (p.nTop + y) * 660 + p.nLeft + x;
-                nOutside += (p.pX[nPos] >= p.nWidth || p.pY[nPos] >= p.nHeight) ? 1 : 0;
+    std::unique_ptr<CImageProc> pProc(new CImageProc);
+    std::mt19937 gen(77);
+    for (bool bEx : {false, true}) {
+        const int nSide = bEx ? 650 : 660;
+        const unsigned nLimit = bEx ? 1700u * 1300u : 1288u * 876u;
+        for (int r = 0; r < nSide; ++r) {
+            for (int c = 0; c < nSide / 2; ++c) {
+                tagModifyEntry& e = (bEx ? pProc->m_ppModifyTableEx : pProc->m_ppModifyTable)[r][c];
+                const int k = (r * 7 + c) % 17;
+                for (int n = 0; n < 4 && k < 2; ++n) {
+                    if (k == 0)
+                        e.nSrcIndex[n] = gen() % nLimit;
+                    else
+                        e.fWeight[n] = static_cast<float>(gen() % 1000) / 700.0f;
+                }
+                if (k == 2)
+                    e.nSrcIndex[gen() % 4] = nLimit + gen() % 5000;
+                if (k == 3)
+                    e.nSrcRow = -1 - static_cast<int>(gen() % 3);
+                if (k == 4) {
+                    std::swap(e.nSrcIndex[0], e.nSrcIndex[1]);
+                    std::swap(e.fWeight[0], e.fWeight[1]);
+                }
+                if (k == 5 || k == 6)
+                    (k == 5 ? e.nDstLeft : e.nDstRight) = e.nDstRight - c + (k == 5 ? 45 : -20);
             }
         }
-        EXPECT_EQ(0, nOutside) << p.nWidth << " x " << p.nHeight;
     }
+    const Bytes src = testutil::RandomBytes(1800 * 1280, 78);
+    for (bool bEx : {false, true})
+        for (unsigned long nOut : {600ul, 500ul})
+            ExpectCalcMatches(*pProc, bEx, src, bEx ? 1800 : 1288, bEx ? 1280 : 876, nOut, nOut - 100);
 }
 
-TEST(CorrectImage, MatchesReferenceForEveryDeviceType)
-{
-    CImageProc& proc = testutil::SharedProc();
-    const int nSaved = proc.m_nDeviceType;
-    unsigned nSeed = 30;
-    for (int nType : {0, 3, 4, 5, 6, 7, 8, 9}) {
-        const bool b1103 = nType >= 5 && nType <= 8;
-        const unsigned long w = b1103 ? 1288 : 1280;
-        const unsigned long h = b1103 ? 876 : 676;
-        ref::Bytes src = testutil::RandomBytes(w * h, nSeed++);
-        ref::Bytes expected(kOut, 1), actual(kOut, 2);
-        ASSERT_EQ(1, ref::CorrectImage(nType, src.data(), w, h, expected.data(), 600, 600, 0, 0));
-        proc.m_nDeviceType = nType;
-        EXPECT_EQ(1, proc.CorrectImage(src.data(), w, h, actual.data(), 600, 600, 0, 0));
-        EXPECT_EQ("", Diff(expected, actual)) << "device type " << nType;
-    }
-    proc.m_nDeviceType = nSaved;
+// ------------------------------------------------------- modify tables
 
-    // One value everywhere stays that value.
-    ref::Bytes src(1288 * 876, 173), dst(kOut, 0);
-    EXPECT_EQ(1, proc.CorrectImage(src.data(), 1288, 876, dst.data(), 600, 600, 0, 0));
-    EXPECT_EQ(ref::Bytes(kOut, 173), dst);
+struct Shape {
+    int nSide;
+    float k1, k0, m1, m0;
+    unsigned nSrcWidth, nCentre;
+    int nMaxRow, nMaxCol;
+    // Telling figures: valid entries, last row with invalid tail entries, valid entries of row 0.
+    long nValid;
+    int nLastTailRow, nRow0Valid;
+};
+
+const Shape kShapes[2] = {
+    {660, -5.3583e-05f, 0.81343f, 7.4524e-05f, 0.4946f, 1288, 644, 875, 643, 216540, 218, 319},
+    {650, -1.1357385e-05f, 0.4958448f, 5.20432e-05f, 0.3598727f, 1700, 850, 1299, 849, 202778, 409, 306}};
+
+// The entry as defined: a, b, x and y in double rounded to float, floor in
+// double, fractions and weights in float; invalid entries keep zeros. How a
+// and b are evaluated in at least double precision may move the last bit of
+// x or y: a stored coordinate within a few units of it is taken as it is,
+// and everything else must follow from it exactly.
+tagModifyEntry ModelEntry(const Shape& s, int i, int j, const tagModifyEntry& stored)
+{
+    const float a = static_cast<float>(static_cast<double>(s.k1) * i + s.k0);
+    const float b = static_cast<float>(static_cast<double>(s.m1) * i + s.m0);
+    float x = static_cast<float>(i / static_cast<double>(a)), y = static_cast<float>(j / static_cast<double>(b));
+    x = std::fabs(stored.fSrcRow - x) <= 4e-7f * x ? stored.fSrcRow : x;
+    y = std::fabs(stored.fSrcCol - y) <= 4e-7f * y ? stored.fSrcCol : y;
+    tagModifyEntry e = {};
+    e.fSrcRow = x;
+    e.fSrcCol = y;
+    e.nSrcRow = static_cast<int>(std::floor(static_cast<double>(x)));
+    e.nSrcCol = static_cast<int>(std::floor(static_cast<double>(y)));
+    e.nDstRight = i * s.nSide + j + s.nSide / 2;
+    e.nDstLeft = i * s.nSide - j + s.nSide / 2;
+    if (e.nSrcRow < 0 || e.nSrcRow > s.nMaxRow || e.nSrcCol < 0 || e.nSrcCol > s.nMaxCol)
+        return e;
+    const float fr = x - e.nSrcRow, fc = y - e.nSrcCol;
+    const unsigned n = e.nSrcRow * s.nSrcWidth + e.nSrcCol + s.nCentre;
+    const unsigned anIndex[4] = {n, n + 1, n + s.nSrcWidth + 1, n + s.nSrcWidth};
+    const float afWeight[4] = {(1 - fc) * (1 - fr), fc * (1 - fr), fc * fr, (1 - fc) * fr};
+    std::copy(anIndex, anIndex + 4, e.nSrcIndex);
+    std::copy(afWeight, afWeight + 4, e.fWeight);
+    return e;
 }
 
-// Smaller output sizes mirror only their own window after the full lookup;
-// a destination inside the source sees the lookup in its own order.
-TEST(CorrectImage, OtherOutputSizeAndOverlap)
+bool Valid(const Shape& s, const tagModifyEntry& e)
 {
-    CImageProc& proc = testutil::SharedProc();
-    ref::Bytes src = testutil::RandomBytes(1280 * 676, 41);
-    for (unsigned long n : {300ul, 599ul}) {
-        ref::Bytes expected(kOut, 1), actual(kOut, 2);
-        ref::CorrectImage(proc.m_nDeviceType, src.data(), 1280, 676, expected.data(), n, n - 10, 0, 0);
-        EXPECT_EQ(1, proc.CorrectImage(src.data(), 1280, 676, actual.data(), n, n - 10, 0, 0));
-        EXPECT_EQ("", Diff(expected, actual)) << "output " << n;
-    }
-    ref::Bytes expected = src;
-    const size_t nAt = 1280 * 100;
-    ref::CorrectImage(proc.m_nDeviceType, expected.data(), 1280, 676, expected.data() + nAt, 600, 600, 0, 0);
-    EXPECT_EQ(1, proc.CorrectImage(src.data(), 1280, 676, src.data() + nAt, 600, 600, 0, 0));
-    EXPECT_EQ("", Diff(expected, src));
+    return e.nSrcRow >= 0 && e.nSrcRow <= s.nMaxRow && e.nSrcCol >= 0 && e.nSrcCol <= s.nMaxCol;
 }
 
-// -------------------------------------------------------- interpolation
-
-TEST(CorrectImageCalc, RefusalRules)
+tagModifyEntry** TableOf(const CImageProc& proc, const Shape& s)
 {
-    CImageProc& proc = testutil::SharedProc();
-    ref::Bytes src(1800 * 1280, 5);
-    ref::Bytes dst(kOut, 77);
-    for (CorrectOp op : {&CImageProc::CorrectImageCalc, &CImageProc::CorrectImageCalcEx}) {
-        EXPECT_EQ(0, (proc.*op)(nullptr, 1800, 1280, dst.data(), 600, 600, 0, 0));
-        EXPECT_EQ(0, (proc.*op)(src.data(), 1800, 1280, nullptr, 600, 600, 0, 0));
-    }
-    // Without its table (taken away for the call and put back).
-    tagModifyEntry** pp = nullptr;
-    std::swap(proc.m_ppModifyTable, pp);
-    EXPECT_EQ(0, proc.CorrectImageCalc(src.data(), 1288, 876, dst.data(), 600, 600, 0, 0));
-    std::swap(proc.m_ppModifyTable, pp);
-    std::swap(proc.m_ppModifyTableEx, pp);
-    EXPECT_EQ(0, proc.CorrectImageCalcEx(src.data(), 1800, 1280, dst.data(), 600, 600, 0, 0));
-    std::swap(proc.m_ppModifyTableEx, pp);
-    EXPECT_EQ(ref::Bytes(kOut, 77), dst);
+    return s.nSide == 660 ? proc.m_ppModifyTable : proc.m_ppModifyTableEx;
 }
 
-// With the tables as built, every pixel of the crop is computed (the
-// reference's canvas content never shows), for both variants and sizes.
-TEST(CorrectImageCalc, MatchesReferenceAndComputesEveryPixel)
+// A fresh processor: its defaults, and its tables entry by entry with their
+// telling figures. Then a rebuild over scrambled tables writes every field
+// of the valid entries again and leaves the indexes and weights of the
+// others as they are.
+TEST(ModifyTable, FreshAndRebuiltTablesFollowTheirArithmetic)
 {
-    CImageProc& proc = testutil::SharedProc();
-    for (unsigned nSeed : {51u, 52u}) {
-        const ref::Bytes src = testutil::RandomBytes(1800 * 1280, nSeed);
-        for (bool bEx : {false, true}) {
-            EXPECT_EQ(0, ExpectMatch(proc, bEx, src, bEx ? 1800 : 1288, bEx ? 1280 : 876, 600, 600));
-            EXPECT_EQ(0, ExpectMatch(proc, bEx, src, bEx ? 1800 : 1288, bEx ? 1280 : 876, 320, 600));
+    std::unique_ptr<CImageProc> pProc(new CImageProc);
+    const CImageProc& p = *pProc;
+    EXPECT_EQ(
+        std::vector<int>({0, 0, 0, 100, 75}),
+        std::vector<int>({p.m_bContrastTable, p.m_bRollStarted, p.m_nDeviceType, p.m_nFingerWinX, p.m_nFingerWinY}));
+    EXPECT_EQ(IMG_PIXELS, std::count(p.m_pBackground, p.m_pBackground + IMG_PIXELS, 255));
+    EXPECT_EQ(256, std::count(p.m_ucContrastTable, p.m_ucContrastTable + 256, 255));
+    for (int nPass : {0, 1}) {
+        for (const Shape& s : kShapes) {
+            tagModifyEntry** pp = TableOf(p, s);
+            for (int r = 0; r < s.nSide && nPass == 1; ++r)
+                std::memset(static_cast<void*>(pp[r]), 0xA5, sizeof(tagModifyEntry) * (s.nSide / 2));
+            if (nPass == 1)
+                (s.nSide == 660) ? pProc->InitModifyTable() : pProc->InitModifyTableEx();
+            long nValid = 0;
+            int nLastTailRow = -1, nRow0Valid = 0, nMaxRow = 0, nMaxRowAt = -1, nRowsAtLimit = 0;
+            unsigned nMaxThird = 0;
+            for (int r = 0; r < s.nSide; ++r) {
+                for (int c = 0; c < s.nSide / 2; ++c) {
+                    tagModifyEntry want = ModelEntry(s, r, c, pp[r][c]);
+                    const bool bValid = Valid(s, want);
+                    if (nPass == 1 && !bValid) {
+                        std::memset(want.nSrcIndex, 0xA5, sizeof want.nSrcIndex);
+                        std::memset(want.fWeight, 0xA5, sizeof want.fWeight);
+                    }
+                    ASSERT_EQ(0, std::memcmp(&want, &pp[r][c], sizeof want))
+                        << s.nSide << " row " << r << " entry " << c;
+                    ASSERT_FALSE(bValid && c > 0 && !Valid(s, pp[r][c - 1])) << "valid entries form a prefix of a row";
+                    nValid += bValid;
+                    nRow0Valid += r == 0 && bValid;
+                    if (bValid && want.nSrcRow == s.nMaxRow)
+                        nMaxThird = std::max(nMaxThird, want.nSrcIndex[2]);
+                }
+                if (pp[r][0].nSrcRow <= s.nMaxRow && pp[r][s.nSide / 2 - 1].nSrcCol > s.nMaxCol)
+                    nLastTailRow = r;
+                if (pp[r][0].nSrcRow > nMaxRow)
+                    nMaxRow = pp[r][0].nSrcRow, nMaxRowAt = r;
+                nRowsAtLimit += pp[r][0].nSrcRow == s.nMaxRow;
+            }
+            EXPECT_EQ(s.nValid, nValid);
+            EXPECT_EQ(s.nLastTailRow, nLastTailRow);
+            EXPECT_EQ(s.nRow0Valid, nRow0Valid);
+            if (s.nSide == 660) {
+                EXPECT_EQ(846, nMaxRow);  // row 659: every row has valid entries
+                EXPECT_EQ(659, nMaxRowAt);
+            } else {
+                EXPECT_EQ(1, nRowsAtLimit);  // row 635 only; rows 636..649 lie below the source
+                EXPECT_EQ(2211675u, nMaxThird);  // its lower neighbours fall below 1700 x 1300
+            }
         }
     }
 }
 
-// The frame in use, a source of the least width, and short sources whose
-// missing rows stay 0 in the padded image; rows that would fall below the
-// 1300 padded rows are not used.
-TEST(CorrectImageCalcEx, SourceShapes)
-{
-    CImageProc& proc = testutil::SharedProc();
-    const ref::Bytes src = testutil::RandomBytes(1800 * 1300, 60);
-    struct Case {
-        unsigned long w, h;
-    };
-    for (const Case& c : {Case{1750, 1280}, Case{1800, 1000}, Case{1760, 700}, Case{1800, 1290}})
-        ExpectMatch(proc, true, src, c.w, c.h, 600, 600);
-    ref::Bytes full(kOut, 1), cut(kOut, 2);
-    proc.CorrectImageCalcEx(const_cast<unsigned char*>(src.data()), 1800, 1300, full.data(), 600, 600, 0, 0);
-    proc.CorrectImageCalcEx(const_cast<unsigned char*>(src.data()), 1800, 1290, cut.data(), 600, 600, 0, 0);
-    EXPECT_EQ("", Diff(cut, full));
-}
-
-// A source narrower than 1750 columns would have its last row read past the
-// end; those bytes count as 0, as if the buffer went on with zeros.
-TEST(CorrectImageCalcEx, NarrowSourceReadsZerosPastItsEnd)
-{
-    CImageProc& proc = testutil::SharedProc();
-    const unsigned long w = 1700;
-    const unsigned long h = 1280;
-    ref::Bytes src = testutil::RandomBytes(w * h, 66);
-    ref::Bytes extended = src;
-    extended.resize(w * h + 100, 0);
-    ref::Bytes expected(kOut, 1), actual(kOut, 2);
-    ref::CorrectImageCalcEx(proc, extended.data(), w, h, expected.data(), 600, 600);
-    EXPECT_EQ(1, proc.CorrectImageCalcEx(src.data(), w, h, actual.data(), 600, 600, 0, 0));
-    EXPECT_EQ("", Diff(expected, actual));
-}
-
-TEST(CorrectImageCalc, UniformSourceGivesValueOrOneLess)
-{
-    CImageProc& proc = testutil::SharedProc();
-    for (CorrectOp op : {&CImageProc::CorrectImageCalc, &CImageProc::CorrectImageCalcEx}) {
-        for (int v : {1, 100, 255}) {
-            ref::Bytes src(1800 * 1280, static_cast<unsigned char>(v));
-            ref::Bytes dst(kOut, 0);
-            EXPECT_EQ(1, (proc.*op)(src.data(), 1800, 1280, dst.data(), 600, 600, 0, 0));
-            const long nExact = std::count(dst.begin(), dst.end(), v);
-            const long nLess = std::count(dst.begin(), dst.end(), v - 1);
-            EXPECT_EQ(static_cast<long>(kOut), nExact + nLess) << "value " << v;
-            EXPECT_GT(nExact, 0);
-        }
-    }
-}
-
-// A destination inside the source: every read must see the source as it
-// was before the call.
-TEST(CorrectImageCalc, DestinationInsideTheSource)
-{
-    CImageProc& proc = testutil::SharedProc();
-    const ref::Bytes src = testutil::RandomBytes(1800 * 1280, 67);
-    for (bool bEx : {false, true}) {
-        ref::Bytes expected(kOut);
-        if (bEx)
-            ref::CorrectImageCalcEx(proc, src.data(), 1800, 1280, expected.data(), 600, 600);
-        else
-            ref::CorrectImageCalc(proc, src.data(), expected.data(), 600, 600);
-        ref::Bytes buf = src;
-        unsigned char* pDst = buf.data() + 1800 * 20;
-        EXPECT_EQ(1, bEx ? proc.CorrectImageCalcEx(buf.data(), 1800, 1280, pDst, 600, 600, 0, 0)
-                         : proc.CorrectImageCalc(buf.data(), 1288, 876, pDst, 600, 600, 0, 0));
-        EXPECT_EQ("", testutil::FirstDifference(expected.data(), pDst, kOut, 600)) << (bEx ? "Ex" : "standard");
-    }
-}
-
-// ------------------------------------------------ edited modify tables
-//
-// The tables are public and are used as stored. Each test edits the tables
-// of a private processor; the reference reads the same tables.
-
-typedef void (*EntryEdit)(tagModifyEntry& e, int r, int c, unsigned nLimit, std::mt19937& gen);
-
-void EditTables(CImageProc& proc, EntryEdit edit)
-{
-    std::mt19937 gen(77);
-    for (int t = 0; t < 2; ++t) {
-        tagModifyEntry** pp = t == 0 ? proc.m_ppModifyTable : proc.m_ppModifyTableEx;
-        const int nSize = t == 0 ? 660 : 650;
-        const unsigned nLimit = t == 0 ? 1288u * 876u : 1700u * 1300u;
-        for (int r = 0; r < nSize; ++r)
-            for (int c = 0; c < nSize / 2; ++c)
-                edit(pp[r][c], r, c, nLimit, gen);
-    }
-}
-
-// Neighbours anywhere, other weights (even summing beyond 1: the low 8
-// bits count), bottom-right neighbours below the source and rows out of
-// range (such entries are skipped), scattered over the tables.
-TEST(CorrectImageCalc, FollowsEditedTableEntries)
-{
-    std::unique_ptr<CImageProc> pProc(new CImageProc);
-    EditTables(*pProc, [](tagModifyEntry& e, int r, int c, unsigned nLimit, std::mt19937& gen) {
-        if ((r * 7 + c) % 13 != 0)
-            return;
-        switch ((r + c) % 4) {
-        case 0:
-            for (unsigned& nIndex : e.nSrcIndex)
-                nIndex = gen() % nLimit;
-            break;
-        case 1:
-            for (float& fWeight : e.fWeight)
-                fWeight = static_cast<float>(gen() % 1000) / 700.0f;
-            break;
-        case 2:
-            e.nSrcIndex[2] = nLimit + static_cast<unsigned>(gen() % 5000);
-            break;
-        default:
-            e.nSrcRow = -1 - static_cast<int>(gen() % 3);
-            break;
-        }
-    });
-    ExpectBothVariantsMatch(*pProc, testutil::RandomBytes(1800 * 1280, 78));
-}
-
-// Every entry with its first two neighbours (and their weights) swapped:
-// the same terms, added in another order, in a shape that is not the usual
-// block. Each pixel must still be the in-order sum of the stored entry.
-TEST(CorrectImageCalc, SwappedNeighboursAreAddedInStoredOrder)
-{
-    std::unique_ptr<CImageProc> pProc(new CImageProc);
-    EditTables(*pProc, [](tagModifyEntry& e, int, int, unsigned, std::mt19937&) {
-        std::swap(e.nSrcIndex[0], e.nSrcIndex[1]);
-        std::swap(e.fWeight[0], e.fWeight[1]);
-    });
-    ExpectBothVariantsMatch(*pProc, testutil::RandomBytes(1800 * 1280, 81));
-}
-
-// An entry with any neighbour other than the bottom-right one outside the
-// source is skipped as well, instead of being read from outside the image:
-// the result is that of the same table with those entries out of range.
-TEST(CorrectImageCalc, EntriesReachingOutsideAreSkipped)
-{
-    std::unique_ptr<CImageProc> pProc(new CImageProc);
-    std::unique_ptr<CImageProc> pSkipped(new CImageProc);
-    EditTables(*pProc, [](tagModifyEntry& e, int r, int c, unsigned nLimit, std::mt19937&) {
-        if (r >= 100 && r < 500 && r % 7 == 2 && c < 300 && c % 5 == 0)
-            e.nSrcIndex[(r + c) % 2 == 0 ? 0 : 3] = nLimit + static_cast<unsigned>(r);
-    });
-    EditTables(*pSkipped, [](tagModifyEntry& e, int r, int c, unsigned, std::mt19937&) {
-        if (r >= 100 && r < 500 && r % 7 == 2 && c < 300 && c % 5 == 0)
-            e.nSrcRow = -1;
-    });
-    const ref::Bytes src = testutil::RandomBytes(1800 * 1280, 79);
-    unsigned char* pSrc = const_cast<unsigned char*>(src.data());
-    for (CorrectOp op : {&CImageProc::CorrectImageCalc, &CImageProc::CorrectImageCalcEx}) {
-        ref::Bytes fromEdited(kOut, 1), fromSkipped(kOut, 1), plain(kOut, 1);
-        ((*pProc).*op)(pSrc, 1800, 1280, fromEdited.data(), 600, 600, 0, 0);
-        ((*pSkipped).*op)(pSrc, 1800, 1280, fromSkipped.data(), 600, 600, 0, 0);
-        EXPECT_EQ("", Diff(fromSkipped, fromEdited));
-        // The chosen entries lie inside the crop: thousands of pixels keep the 1.
-        (testutil::SharedProc().*op)(pSrc, 1800, 1280, plain.data(), 600, 600, 0, 0);
-        long nKept = 0;
-        for (size_t i = 0; i < kOut; ++i)
-            nKept += plain[i] != fromSkipped[i] && fromSkipped[i] == 1 ? 1 : 0;
-        EXPECT_GT(nKept, 5000);
-    }
-    ExpectBothVariantsMatch(*pSkipped, src);
-}
-
-// Targets moved across the centre column: a left pixel written where a
-// later entry writes a right pixel, and the reverse. The left pass comes
-// after the whole right pass, so the left value must win everywhere.
-TEST(CorrectImageCalc, CrossingTargetsKeepThePassOrder)
-{
-    std::unique_ptr<CImageProc> pProc(new CImageProc);
-    for (int t = 0; t < 2; ++t) {
-        tagModifyEntry** pp = t == 0 ? pProc->m_ppModifyTable : pProc->m_ppModifyTableEx;
-        for (int r = 200; r < 260; r += 3) {
-            pp[r][40].nDstLeft = pp[r][45].nDstRight;         // a later entry writes it as a right pixel
-            pp[r][60].nDstRight = pp[r][20].nDstLeft;         // an earlier entry wrote it as a left pixel
-            pp[r + 1][0].nDstRight = pp[r + 1][7].nDstRight;  // the centre entry's right pixel moved away
-        }
-    }
-    ExpectBothVariantsMatch(*pProc, testutil::RandomBytes(1800 * 1280, 82));
-}
-
-} // namespace
+}  // namespace

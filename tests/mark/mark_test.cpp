@@ -1,7 +1,8 @@
-// Corner marks: the worked values, a table-driven model of each corner's
-// rule checked against Set and Get on random images of every nominal size,
-// independence of the four corners, tamper detection, and the left-bottom
-// default that reads two bytes by linear index.
+// Corner marks by their properties: a Set changes its own corner pixel and
+// nothing else, into one of the pixels its selector names; Get answers
+// exactly whether Set would leave the image as it is; the four corners are
+// independent and stamping is idempotent; out-of-range arguments are left
+// alone. Random images over a grid of sizes.
 #include "tavk05/mark.h"
 
 #include <gtest/gtest.h>
@@ -13,262 +14,144 @@
 namespace {
 
 typedef std::vector<unsigned char> Bytes;
-typedef void (*SetFn)(unsigned char*, int, int);
-typedef int (*GetFn)(unsigned char*, int, int);
 
-// One corner as the mark rule describes it, in (row, column) terms.
-struct CornerModel {
-    const char* pszName;
-    SetFn pSet;
-    GetFn pGet;
-    // Each position is (row, column) given as (base, offset from w or h);
-    // resolved by the functions below.
-    int anMarked[2][2];
-    int anSelA[2][2];
-    int anSelB[2][2];
-    int anBlock[2][2];
-    bool bLinearDefault;  // left-bottom: default from bytes at indexes 1 and h
+// A corner by its sides; its selectors are the two pixels next to it and its
+// source block is the 3 x 3 block one pixel in from it.
+struct Corner {
+    void (*pSet)(unsigned char*, int, int);
+    int (*pGet)(unsigned char*, int, int);
+    bool bTop, bLeft;
 };
 
-// A coordinate is k (from the start) when "fromEnd" is 0, else size - k.
-int Coord(const int an[2], int nSize)
+const Corner kCorners[4] = {{SetLTWaterM, GetLTWaterM, true, true},
+                            {SetRTWaterM, GetRTWaterM, true, false},
+                            {SetLBWaterM, GetLBWaterM, false, true},
+                            {SetRBWaterM, GetRBWaterM, false, false}};
+
+long At(int w, int r, int c)
 {
-    return an[0] ? nSize - an[1] : an[1];
+    return static_cast<long>(r) * w + c;
 }
 
-const CornerModel kCorners[4] = {
-    {"left-top", SetLTWaterM, GetLTWaterM, {{0, 0}, {0, 0}}, {{0, 0}, {0, 1}}, {{0, 1}, {0, 0}}, {{0, 1}, {0, 1}}, false},
-    {"right-top", SetRTWaterM, GetRTWaterM, {{0, 0}, {1, 1}}, {{0, 0}, {1, 2}}, {{0, 1}, {1, 1}}, {{0, 1}, {1, 4}}, false},
-    {"left-bottom", SetLBWaterM, GetLBWaterM, {{1, 1}, {0, 0}}, {{1, 2}, {0, 0}}, {{1, 1}, {0, 1}}, {{1, 4}, {0, 1}}, true},
-    {"right-bottom", SetRBWaterM, GetRBWaterM, {{1, 1}, {1, 1}}, {{1, 1}, {1, 2}}, {{1, 2}, {1, 1}}, {{1, 4}, {1, 4}}, false},
-};
-
-long Index(const int an[2][2], int w, int h)
+long CornerAt(const Corner& k, int w, int h)
 {
-    return static_cast<long>(Coord(an[0], h)) * w + Coord(an[1], w);
+    return At(w, k.bTop ? 0 : h - 1, k.bLeft ? 0 : w - 1);
 }
 
-// The value the corner should carry, from the rule as stated.
-int Expected(const CornerModel& m, const Bytes& img, int w, int h)
+Bytes RandomImage(int w, int h, std::mt19937& gen)
 {
-    const int a = img[Index(m.anSelA, w, h)];
-    const int b = img[Index(m.anSelB, w, h)];
-    const int s = (a + b) % 10;
-    if (s == 0) {
-        if (m.bLinearDefault)
-            return (img[1] + img[h]) / 2;
-        return (a + b) / 2;
-    }
-    const int nRow = Coord(m.anBlock[0], h) + (s - 1) / 3;
-    const int nCol = Coord(m.anBlock[1], w) + (s - 1) % 3;
-    return img[nRow * w + nCol];
-}
-
-Bytes RandomImage(int w, int h, unsigned nSeed)
-{
-    std::mt19937 gen(nSeed);
     Bytes img(static_cast<size_t>(w) * h);
-    for (size_t i = 0; i < img.size(); i += 4) {
-        const unsigned nWord = gen();
-        for (size_t k = 0; k < 4 && i + k < img.size(); ++k)
-            img[i + k] = static_cast<unsigned char>(nWord >> (8 * k));
-    }
+    for (auto& v : img)
+        v = static_cast<unsigned char>(gen() % (gen() % 4 == 0 ? 4 : 256));  // some images of few levels
     return img;
 }
 
-struct Size {
-    int w, h;
-};
-// The nominal sizes of the image-size codes, and small odd ones.
-const Size kSizes[] = {{600, 600}, {356, 292}, {228, 292}, {356, 456}, {248, 292}, {260, 300}, {5, 5}, {7, 9}};
-
-TEST(Mark, WorkedExampleLeftTop)
+std::vector<std::pair<int, int>> Sizes()
 {
-    Bytes img(600 * 600, 0);
-    img[1] = 17;
-    img[600] = 25;
-    img[602] = 201;  // pixel (1, 2)
-    SetLTWaterM(img.data(), 600, 600);
-    EXPECT_EQ(201, img[0]);
-    EXPECT_EQ(1, GetLTWaterM(img.data(), 600, 600));
-
-    img[1] = 15;
-    SetLTWaterM(img.data(), 600, 600);
-    EXPECT_EQ(20, img[0]);
-    EXPECT_EQ(1, GetLTWaterM(img.data(), 600, 600));
+    std::vector<std::pair<int, int>> sizes = {{600, 600}, {356, 292}, {228, 292}, {356, 456}, {248, 292}, {260, 300}};
+    for (int w = 5; w <= 12; ++w)
+        for (int h = 5; h <= 12; ++h)
+            sizes.push_back({w, h});
+    return sizes;
 }
 
-TEST(Mark, EachCornerFollowsItsRule)
+// Each corner alone, with each selector sum 0..9 forced: only the corner
+// pixel changes, to block position s (row-major) or, for s = 0, to the half
+// sum of its selectors (left-bottom: of the bytes at indexes 1 and h); Get
+// then says 1.
+TEST(Mark, EachCornerTakesThePixelItsSelectorNames)
 {
-    unsigned nSeed = 1;
-    for (const Size& sz : kSizes) {
-        for (const CornerModel& m : kCorners) {
-            for (int nTrial = 0; nTrial < 24; ++nTrial) {
-                Bytes img = RandomImage(sz.w, sz.h, nSeed++);
-                // Force the selector-0 case in some trials.
-                if (nTrial % 4 == 0) {
-                    img[Index(m.anSelA, sz.w, sz.h)] = 33;
-                    img[Index(m.anSelB, sz.w, sz.h)] = 77;
-                }
-                Bytes expected = img;
-                expected[Index(m.anMarked, sz.w, sz.h)] = static_cast<unsigned char>(Expected(m, img, sz.w, sz.h));
-                m.pSet(img.data(), sz.w, sz.h);
-                ASSERT_EQ(expected, img) << m.pszName << " " << sz.w << " x " << sz.h << " trial " << nTrial;
-                ASSERT_EQ(1, m.pGet(img.data(), sz.w, sz.h)) << m.pszName;
+    std::mt19937 gen(1);
+    for (const auto& size : Sizes()) {
+        const int w = size.first, h = size.second;
+        for (const Corner& k : kCorners) {
+            const int r = k.bTop ? 0 : h - 1, c = k.bLeft ? 0 : w - 1, dr = k.bTop ? 1 : -1, dc = k.bLeft ? 1 : -1;
+            for (int s = 0; s < 10; ++s) {
+                Bytes img = RandomImage(w, h, gen);
+                const int a = img[At(w, r, c + dc)];
+                img[At(w, r + dr, c)] = static_cast<unsigned char>((s - a % 10 + 10) % 10 + 10 * (gen() % 25));
+                const int b = img[At(w, r + dr, c)];
+                ASSERT_EQ(s, (a + b) % 10);
+                const int nBlockRow = k.bTop ? 1 : h - 4, nBlockCol = k.bLeft ? 1 : w - 4;
+                int nWant = s ? img[At(w, nBlockRow + (s - 1) / 3, nBlockCol + (s - 1) % 3)] : (a + b) / 2;
+                if (s == 0 && !k.bTop && k.bLeft)
+                    nWant = (img[1] + img[h]) / 2;
+                Bytes want = img;
+                want[CornerAt(k, w, h)] = static_cast<unsigned char>(nWant);
+                k.pSet(img.data(), w, h);
+                ASSERT_EQ(want, img) << w << " x " << h << " corner " << (&k - kCorners) << " s " << s;
+                ASSERT_EQ(1, k.pGet(img.data(), w, h));
             }
         }
     }
 }
 
-TEST(Mark, CornersAreIndependentOfStampingOrderAndStampingTwice)
+// Get on unmarked images, on marked ones after tampering with a selector,
+// and with another width: 1 exactly when Set would change nothing. All
+// orders of stamping give one image, which differs from the original at most
+// in its four corners (the left-bottom default reads the right-top corner
+// when h = w - 1, so those sizes keep the standard order).
+TEST(Mark, GetTellsWhetherSetWouldChangeTheImage)
 {
-    int anOrder[4] = {0, 1, 2, 3};
-    unsigned nSeed = 2000;
-    for (const Size& sz : kSizes) {
-        const Bytes original = RandomImage(sz.w, sz.h, nSeed++);
-        Bytes first;
-        do {
-            Bytes img = original;
-            for (int k : anOrder)
-                kCorners[k].pSet(img.data(), sz.w, sz.h);
-            for (const CornerModel& m : kCorners)
-                EXPECT_EQ(1, m.pGet(img.data(), sz.w, sz.h)) << m.pszName << " " << sz.w << " x " << sz.h;
-            if (first.empty())
-                first = img;
-            EXPECT_EQ(first, img) << sz.w << " x " << sz.h;
-            // Only the four corners may change.
-            Bytes masked = img;
-            for (const CornerModel& m : kCorners)
-                masked[Index(m.anMarked, sz.w, sz.h)] = original[Index(m.anMarked, sz.w, sz.h)];
-            EXPECT_EQ(original, masked);
-            // Stamping again changes nothing.
-            for (const CornerModel& m : kCorners)
-                m.pSet(img.data(), sz.w, sz.h);
-            EXPECT_EQ(first, img);
-        } while (std::next_permutation(anOrder, anOrder + 4));
-    }
-}
-
-TEST(Mark, TamperedSelectorIsDetected)
-{
-    unsigned nSeed = 4000;
-    int nDetected = 0;
-    for (const CornerModel& m : kCorners) {
-        for (int nTrial = 0; nTrial < 50; ++nTrial) {
-            Bytes img = RandomImage(600, 600, nSeed++);
-            m.pSet(img.data(), 600, 600);
-            // Move selector a by one level: the selector changes.
-            unsigned char& bySel = img[Index(m.anSelA, 600, 600)];
-            bySel = static_cast<unsigned char>(bySel == 255 ? 254 : bySel + 1);
-            const bool bSame = img[Index(m.anMarked, 600, 600)] == Expected(m, img, 600, 600);
-            EXPECT_EQ(bSame ? 1 : 0, m.pGet(img.data(), 600, 600)) << m.pszName;
-            nDetected += bSame ? 0 : 1;
+    std::mt19937 gen(2);
+    int anAnswers[2] = {0, 0};
+    for (const auto& size : Sizes()) {
+        const int w = size.first, h = size.second;
+        for (int nTrial = 0; nTrial < 12; ++nTrial) {
+            const Bytes original = RandomImage(w, h, gen);
+            auto expectGetMatchesSet = [&](const Bytes& img, int nWidth) {
+                for (const Corner& k : kCorners) {
+                    Bytes stamped = img;
+                    k.pSet(stamped.data(), nWidth, h);
+                    const int nGet = k.pGet(const_cast<unsigned char*>(img.data()), nWidth, h);
+                    ASSERT_EQ(stamped == img ? 1 : 0, nGet) << w << " x " << h << " width " << nWidth;
+                    ++anAnswers[nGet];
+                }
+            };
+            expectGetMatchesSet(original, w);
+            expectGetMatchesSet(original, w - 1);
+            Bytes first;
+            int anOrder[4] = {0, 1, 2, 3};
+            do {
+                Bytes stamped = original;
+                for (int n : anOrder)
+                    kCorners[n].pSet(stamped.data(), w, h);
+                if (first.empty())
+                    first = stamped;
+                ASSERT_TRUE(h == w - 1 || first == stamped) << w << " x " << h;
+            } while (nTrial == 0 && std::next_permutation(anOrder, anOrder + 4));
+            for (const Corner& k : kCorners)
+                EXPECT_EQ(1, k.pGet(first.data(), w, h));
+            expectGetMatchesSet(first, w - 1);
+            for (const Corner& k : kCorners) {
+                Bytes tampered = first;
+                tampered[At(w, k.bTop ? 0 : h - 1, k.bLeft ? 1 : w - 2)] ^= 1 + gen() % 9;
+                expectGetMatchesSet(tampered, w);
+                first[CornerAt(k, w, h)] = original[CornerAt(k, w, h)];
+            }
+            ASSERT_EQ(original, first) << "only the corners change";
         }
     }
-    EXPECT_GT(nDetected, 150);
+    EXPECT_GT(anAnswers[0], 1000);
+    EXPECT_GT(anAnswers[1], 1000);
 }
 
-TEST(Mark, OtherWidthDoesNotVerify)
+// Null images and sizes below 4 are left alone and never verify.
+TEST(Mark, OutOfRangeArgumentsAreLeftAlone)
 {
-    unsigned nSeed = 5000;
-    int nFailures = 0;
-    for (int nTrial = 0; nTrial < 50; ++nTrial) {
-        Bytes img = RandomImage(600, 600, nSeed++);
-        for (const CornerModel& m : kCorners)
-            m.pSet(img.data(), 600, 600);
-        for (const CornerModel& m : kCorners) {
-            const int nWant = img[Index(m.anMarked, 580, 600)] == Expected(m, img, 580, 600) ? 1 : 0;
-            EXPECT_EQ(nWant, m.pGet(img.data(), 580, 600)) << m.pszName;
-            nFailures += 1 - nWant;
+    Bytes img(16, 50);
+    for (const Corner& k : kCorners) {
+        for (int n : {-1, 0, 3}) {
+            k.pSet(img.data(), n, 4);
+            k.pSet(img.data(), 4, n);
+            EXPECT_EQ(0, k.pGet(img.data(), n, 4));
+            EXPECT_EQ(0, k.pGet(img.data(), 4, n));
         }
+        k.pSet(nullptr, 600, 600);
+        EXPECT_EQ(0, k.pGet(nullptr, 600, 600));
+        EXPECT_EQ(1, k.pGet(img.data(), 4, 4));
     }
-    EXPECT_GT(nFailures, 150);
+    EXPECT_EQ(Bytes(16, 50), img);
 }
 
-TEST(Mark, LeftBottomDefaultReadsBytesOneAndH)
-{
-    // Square: bytes 1 and h are pixels (0, 1) and (1, 0).
-    {
-        Bytes img(600 * 600, 0);
-        img[598 * 600] = 4;      // selector (h - 2, 0)
-        img[599 * 600 + 1] = 6;  // selector (h - 1, 1): 10 mod 10 = 0
-        img[1] = 90;
-        img[600] = 31;
-        SetLBWaterM(img.data(), 600, 600);
-        EXPECT_EQ((90 + 31) / 2, img[599 * 600]);
-    }
-    // Not square: byte h is pixel (0, h), not a neighbour of any corner.
-    {
-        const int w = 300;
-        const int h = 200;
-        Bytes img(w * h, 0);
-        img[(h - 2) * w] = 13;
-        img[(h - 1) * w + 1] = 7;
-        img[1] = 40;
-        img[h] = 100;      // pixel (0, 200)
-        img[w] = 250;      // pixel (1, 0): not read
-        SetLBWaterM(img.data(), w, h);
-        EXPECT_EQ(70, img[(h - 1) * w]);
-        EXPECT_EQ(1, GetLBWaterM(img.data(), w, h));
-        img[h] = 102;
-        EXPECT_EQ(0, GetLBWaterM(img.data(), w, h));
-    }
-}
-
-// With a height of the width minus one, the left-bottom default reads the
-// right-top corner, so that corner must be stamped first.
-TEST(Mark, HeightOneLessThanWidthNeedsTheStandardOrder)
-{
-    const int w = 8;
-    const int h = 7;
-    Bytes img(w * h, 10);
-    img[(h - 2) * w] = 3;      // left-bottom selectors: 3 + 7 = 10 -> default
-    img[(h - 1) * w + 1] = 7;
-    img[1] = 20;               // default = (img[1] + img[7]) / 2, img[7] is the right-top corner
-    img[w - 2] = 1;            // right-top selectors 1 + 10 = 11 -> s = 1: pixel (1, w - 4)
-    img[w + w - 4] = 200;
-    img[w - 1] = 60;
-
-    Bytes standard = img;
-    SetLTWaterM(standard.data(), w, h);
-    SetRTWaterM(standard.data(), w, h);
-    SetLBWaterM(standard.data(), w, h);
-    SetRBWaterM(standard.data(), w, h);
-    EXPECT_EQ(200, standard[w - 1]);
-    EXPECT_EQ((20 + 200) / 2, standard[(h - 1) * w]);
-    EXPECT_EQ(1, GetLBWaterM(standard.data(), w, h));
-
-    Bytes reversed = img;
-    SetLBWaterM(reversed.data(), w, h);
-    SetRTWaterM(reversed.data(), w, h);
-    EXPECT_EQ((20 + 60) / 2, reversed[(h - 1) * w]);
-    EXPECT_EQ(0, GetLBWaterM(reversed.data(), w, h));
-}
-
-TEST(Mark, UniformImageKeepsItsCorners)
-{
-    for (int v : {0, 5, 7, 128, 255}) {
-        Bytes img(356 * 292, static_cast<unsigned char>(v));
-        for (const CornerModel& m : kCorners)
-            m.pSet(img.data(), 356, 292);
-        EXPECT_EQ(Bytes(356 * 292, static_cast<unsigned char>(v)), img) << "value " << v;
-        for (const CornerModel& m : kCorners)
-            EXPECT_EQ(1, m.pGet(img.data(), 356, 292)) << m.pszName << " value " << v;
-    }
-}
-
-TEST(Mark, NullOrTinyImagesAreLeftAlone)
-{
-    Bytes img(9, 50);
-    img[1] = 3;
-    const Bytes before = img;
-    for (const CornerModel& m : kCorners) {
-        m.pSet(nullptr, 600, 600);
-        EXPECT_EQ(0, m.pGet(nullptr, 600, 600));
-        m.pSet(img.data(), 3, 3);
-        EXPECT_EQ(0, m.pGet(img.data(), 3, 3));
-    }
-    EXPECT_EQ(before, img);
-}
-
-} // namespace
+}  // namespace
