@@ -212,27 +212,4 @@ TEST_P(SingleCapture, AveragesTheFramesOfItsModel)
 
 INSTANTIATE_TEST_SUITE_P(Units, SingleCapture, ::testing::ValuesIn(kAverages));
 
-TEST_F(TransportTest, UnplugInTheMiddleOfAStream)
-{
-    AttachUnits("0:model=6,levels=9");
-    CVxdInterface vxd;
-    OpenAndClearLog(vxd);
-    Inject(0, "unplug=4");
-    ASSERT_EQ(VXD_OK, vxd.RollDevIoControl(0));
-    std::vector<unsigned char> vec(4096);
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(VXD_OK, vxd.ReadDataEx(vec.data(), 4096, 3000));
-    EXPECT_EQ(9, vec[2000]);
-    EXPECT_FALSE(State().bAttached);
-    // The read itself goes unreported; its buffer holds no stale frame.
-    EXPECT_EQ(VXD_OK, vxd.ReadDataEx(vec.data(), 4096, 3000));
-    EXPECT_EQ(std::vector<unsigned char>(4096, 0), vec);
-    EXPECT_EQ(VXD_E_REQUEST, vxd.RollDevIoControl(1));
-    EXPECT_EQ(VXD_E_LED, vxd.SetLedOn(false, 0));
-    EXPECT_EQ(VXD_E_REQUEST, vxd.OpenUSB(0));
-    Inject(0, "replug");
-    EXPECT_EQ(VXD_OK, vxd.OpenUSB(0));
-    EXPECT_EQ(VXD_OK, vxd.ReadDataEx(vec.data(), 4096, 3000));
-    EXPECT_EQ(9, vec[0]);
-}
-
 }  // namespace
