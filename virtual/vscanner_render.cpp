@@ -7,14 +7,14 @@
 #include <cstring>
 #include <new>
 
+#include "profile/model_profile.h"
+
 namespace tavk05virt {
 
 namespace {
 
-const unsigned short kProduct0610 = 0x0610;
-const unsigned short kProduct0620 = 0x0620;
-const unsigned short kNewFirmware = 0x3000;
-const unsigned kMaxWidth = 1800;
+// The widest mosaic of any model.
+const unsigned kMaxWidth = tavk05profile::kLargeWidth;
 
 // "pattern": a diagonal gradient that moves by one grey level per frame,
 // byte (x, y) of frame k = (x + y + k) mod 256; the tail behind the mosaic is
@@ -71,37 +71,17 @@ private:
 
 int DeviceTypeOf(unsigned short wProduct, unsigned short wBcdDevice)
 {
-    int nBase;
-    if (wProduct == kProduct0610) {
-        nBase = 3;
-    } else if (wProduct == kProduct0620) {
-        nBase = 4;
-    } else {
-        return 0;
-    }
-    if (wBcdDevice == 0x1103) return nBase + 2;
-    if (wBcdDevice > 0x1004) return nBase + 4;
-    return nBase;
+    return tavk05profile::DeviceTypeOf(wProduct, wBcdDevice);
 }
 
 FrameGeometry GeometryOf(int nDevType, unsigned short wBcdDevice)
 {
+    const tavk05profile::ModelProfile& profile =
+        tavk05profile::ProfileOf(nDevType, tavk05profile::IsNewFirmware(wBcdDevice));
     FrameGeometry geo;
-    if (nDevType >= 5 && nDevType <= 8) {
-        if (wBcdDevice >= kNewFirmware) {
-            geo.nWidth = 1800;
-            geo.nHeight = 1280;
-            geo.nFrameBytes = 2304000;
-        } else {
-            geo.nWidth = 1288;
-            geo.nHeight = 876;
-            geo.nFrameBytes = 1128448;
-        }
-    } else {
-        geo.nWidth = 1280;
-        geo.nHeight = 676;
-        geo.nFrameBytes = 926720;
-    }
+    geo.nWidth = static_cast<unsigned>(profile.nRawWidth);
+    geo.nHeight = static_cast<unsigned>(profile.nRawHeight);
+    geo.nFrameBytes = profile.nFrameBytes;
     return geo;
 }
 

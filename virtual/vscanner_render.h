@@ -28,9 +28,9 @@ struct FrameGeometry {
 // a product the driver does not recognise.
 int DeviceTypeOf(unsigned short wProduct, unsigned short wBcdDevice);
 
-// Frame layout of a unit: 1280 x 676 in 926,720 bytes for types 3, 4 and
-// unrecognised products; 1288 x 876 in 1,128,448 bytes for types 5..8 up to
-// firmware 0x2FFF; 1800 x 1280 in 2,304,000 bytes from firmware 0x3000 on.
+// Frame layout of a unit: that of its model profile's row for the device
+// type and firmware class (types 3, 4 and unrecognised products the small
+// sensor's).
 FrameGeometry GeometryOf(int nDevType, unsigned short wBcdDevice);
 
 // Everything a source may base a frame on.

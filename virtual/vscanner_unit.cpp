@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 
+#include "profile/model_profile.h"
 #include "vscanner_registry.h"
 #include "vscanner_requests.h"
 
@@ -14,16 +15,18 @@ namespace tavk05virt {
 namespace {
 
 const unsigned short kDefaultVendor = 0x1209;
-const unsigned short kProductOdd = 0x0610;   // models 3, 5, 7
-const unsigned short kProductEven = 0x0620;  // models 4, 6, 8
-const int kDefaultModel = 4;
+const int kDefaultModel = tavk05profile::kDefaultDeviceType;
 const std::size_t kMaxLog = 10000;
 
+// The firmware a unit of the model reports unless told otherwise.
 unsigned short DefaultFirmware(int nModel)
 {
-    if (nModel <= 4) return 0x1004;
-    if (nModel <= 6) return 0x1103;
-    return 0x3000;
+    return tavk05profile::DefaultRowOf(nModel).wDefaultFirmware;
+}
+
+unsigned short ProductOf(int nModel)
+{
+    return tavk05profile::DefaultRowOf(nModel).wProduct;
 }
 
 }  // namespace
@@ -32,7 +35,7 @@ CVirtualUnit::CVirtualUnit(int nIndex)
     : m_nIndex(nIndex),
       m_nModel(kDefaultModel),
       m_wVendor(kDefaultVendor),
-      m_wProduct(kProductEven),
+      m_wProduct(ProductOf(kDefaultModel)),
       m_wFirmware(DefaultFirmware(kDefaultModel)),
       m_strSerial("VIRT000" + std::to_string(nIndex)),
       m_nOpenCount(0),
@@ -112,7 +115,7 @@ bool CVirtualUnit::Apply(const UnitKeys& keys, std::string* pError)
 
     if (keys.nModel) {
         m_nModel = *keys.nModel;
-        m_wProduct = (m_nModel % 2 != 0) ? kProductOdd : kProductEven;
+        m_wProduct = ProductOf(m_nModel);
         m_wFirmware = DefaultFirmware(m_nModel);
     }
     if (keys.wProduct) m_wProduct = *keys.wProduct;

@@ -1,5 +1,6 @@
 // COberin: construction and destruction, opening and closing the device, the
 // LED switch and the operations that only report state.
+#include <memory>
 #include <new>
 
 #include "tavk05/oberin.h"
@@ -7,15 +8,35 @@
 
 namespace {
 
-const unsigned long kDefaultFrameBytes = 926720;
-const unsigned long kDefaultRawWidth = 1280;
-const unsigned long kDefaultRawHeight = 676;
-const float kDefaultContrastFactor = 1.3f;
+// What a new sensor assumes until it opens a device.
+constexpr const tavk05profile::ModelProfile& kDefaultProfile =
+    tavk05profile::ProfileOf(tavk05profile::kDefaultDeviceType, false);
 
-// Nominal width and height of the image-size codes 0 to 5.
-const unsigned int kImageSizes[6][2] = {
-    {356, 292}, {228, 292}, {356, 456}, {248, 292}, {260, 300}, {600, 600},
-};
+// The three work buffers of a sensor, taken all or nothing: each is held here
+// until all three are had, and handed to the sensor only then.
+void TakeFrameBuffers(unsigned char** ppRaw, unsigned char** ppRawCopy, unsigned char** ppGrey)
+{
+    std::unique_ptr<unsigned char[]> pRaw(new (std::nothrow) unsigned char[OBERIN_FRAME_BUFFER_BYTES]);
+    std::unique_ptr<unsigned char[]> pRawCopy(new (std::nothrow) unsigned char[OBERIN_FRAME_BUFFER_BYTES]);
+    std::unique_ptr<unsigned char[]> pGrey(new (std::nothrow) unsigned char[OBERIN_FRAME_BUFFER_BYTES]);
+    if (pRaw && pRawCopy && pGrey) {
+        *ppRaw = pRaw.release();
+        *ppRawCopy = pRawCopy.release();
+        *ppGrey = pGrey.release();
+    }
+}
+
+// Gives the three buffers back to holders that free them, and clears the
+// sensor's pointers.
+void ReleaseFrameBuffers(unsigned char** ppRaw, unsigned char** ppRawCopy, unsigned char** ppGrey)
+{
+    const std::unique_ptr<unsigned char[]> pRaw(*ppRaw);
+    const std::unique_ptr<unsigned char[]> pRawCopy(*ppRawCopy);
+    const std::unique_ptr<unsigned char[]> pGrey(*ppGrey);
+    *ppRaw = nullptr;
+    *ppRawCopy = nullptr;
+    *ppGrey = nullptr;
+}
 
 }  // namespace
 
@@ -32,13 +53,13 @@ COberin::COberin(ISensor::tagCreateParam* /*pParam: not read*/)
       m_pRawBuf(nullptr),
       m_pRawCopyBuf(nullptr),
       m_pGreyBuf(nullptr),
-      m_nFrameBytes(kDefaultFrameBytes),
+      m_nFrameBytes(kDefaultProfile.nFrameBytes),
       m_nWidth(IMG_WIDTH),
       m_nHeight(IMG_HEIGHT),
       m_nGain(2),
       m_bPixelInvert(1),
       m_nContrast(20),
-      m_fContrastFactor(kDefaultContrastFactor),
+      m_fContrastFactor(kDefaultProfile.fContrastFactor),
       m_nBrightness(40),
       m_pCallbackContext(nullptr),
       m_CallbackInfo(),  // filled by the capture loops before each call
@@ -48,9 +69,9 @@ COberin::COberin(ISensor::tagCreateParam* /*pParam: not read*/)
       m_bCaptureEnable(true),
       m_wLedMode(0),
       m_nRollMode(0),
-      m_nDeviceType(4),
-      m_nRawWidth(kDefaultRawWidth),
-      m_nRawHeight(kDefaultRawHeight),
+      m_nDeviceType(kDefaultProfile.nDeviceType),
+      m_nRawWidth(kDefaultProfile.nRawWidth),
+      m_nRawHeight(kDefaultProfile.nRawHeight),
       m_nScanMode(0),
       m_wDeviceIndex(0),
       m_bDevInitialized(false)
@@ -59,29 +80,14 @@ COberin::COberin(ISensor::tagCreateParam* /*pParam: not read*/)
     // which turns it into result 1; m_ImageProc is released on the way.
     m_pVxd = new CVxdInterface();
 
-    m_pRawBuf = new (std::nothrow) unsigned char[OBERIN_FRAME_BUFFER_BYTES];
-    m_pRawCopyBuf = new (std::nothrow) unsigned char[OBERIN_FRAME_BUFFER_BYTES];
-    m_pGreyBuf = new (std::nothrow) unsigned char[OBERIN_FRAME_BUFFER_BYTES];
-    if (m_pRawBuf == nullptr || m_pRawCopyBuf == nullptr || m_pGreyBuf == nullptr) {
-        delete[] m_pRawBuf;
-        delete[] m_pRawCopyBuf;
-        delete[] m_pGreyBuf;
-        m_pRawBuf = nullptr;
-        m_pRawCopyBuf = nullptr;
-        m_pGreyBuf = nullptr;
-    }
+    TakeFrameBuffers(&m_pRawBuf, &m_pRawCopyBuf, &m_pGreyBuf);
 }
 
 COberin::~COberin()
 {
     SaveConfig();
     CloseDevice();
-    delete[] m_pRawBuf;
-    delete[] m_pRawCopyBuf;
-    delete[] m_pGreyBuf;
-    m_pRawBuf = nullptr;
-    m_pRawCopyBuf = nullptr;
-    m_pGreyBuf = nullptr;
+    ReleaseFrameBuffers(&m_pRawBuf, &m_pRawCopyBuf, &m_pGreyBuf);
     // m_ImageProc is destroyed after this body, as a member.
 }
 
@@ -110,27 +116,13 @@ unsigned long COberin::OpenDevice(unsigned long nIndex, unsigned long /*nReserve
     m_nDeviceType = m_pVxd->GetDevType();
     m_ImageProc.m_nDeviceType = m_nDeviceType;
 
-    const bool bNewFirmware = oberin::HasNewFirmware(m_pVxd);
-    switch (m_nDeviceType) {
-    case 5:
-    case 6:
-    case 7:
-    case 8:
-        if (bNewFirmware) {
-            m_nFrameBytes = 2304000;
-            m_nRawWidth = 1800;
-            m_nRawHeight = 1280;
-            m_fContrastFactor = 1.42f;
-        } else {
-            m_nFrameBytes = 1128448;
-            m_nRawWidth = 1288;
-            m_nRawHeight = 876;
-            m_fContrastFactor = (m_nDeviceType <= 6) ? 1.55f : 2.0f;
-        }
-        break;
-    default:
-        // Types 3 and 4 and unrecognised products keep the geometry they had.
-        break;
+    // Types 3 and 4 and unrecognised products keep the geometry they had.
+    const tavk05profile::ModelProfile& profile = oberin::ProfileOf(*this);
+    if (profile.bOpenSetsGeometry) {
+        m_nFrameBytes = profile.nFrameBytes;
+        m_nRawWidth = profile.nRawWidth;
+        m_nRawHeight = profile.nRawHeight;
+        m_fContrastFactor = profile.fContrastFactor;
     }
 
     SetLedOnEx(true);  // result not reported
@@ -166,9 +158,9 @@ unsigned long COberin::GetDeviceInfo(tagDeviceInfoParam* pInfo)
     if (pInfo != nullptr) {
         pInfo->DeviceID = OBERIN_DEVICE_ID;
         pInfo->Reserved1 = 0;
-        if (m_nImageSize < 6) {
-            pInfo->ImageWidth = kImageSizes[m_nImageSize][0];
-            pInfo->ImageHeight = kImageSizes[m_nImageSize][1];
+        if (m_nImageSize < tavk05profile::kImageSizeCodes) {
+            pInfo->ImageWidth = tavk05profile::kImageSizes[m_nImageSize].nWidth;
+            pInfo->ImageHeight = tavk05profile::kImageSizes[m_nImageSize].nHeight;
         }
         pInfo->Contrast = static_cast<unsigned int>(m_nContrast);
         pInfo->Brightness = static_cast<unsigned int>(m_nBrightness);

@@ -3,11 +3,9 @@
 // CaptureImageForRoll, and the DoModify resampling.
 #include "oberin_capture.h"
 #include "oberin_firmware.h"
+#include "oberin_latent.h"
 
-#include <climits>
 #include <cstring>
-#include <memory>
-#include <new>
 
 #include "tavk05/mark.h"
 
@@ -16,26 +14,11 @@ namespace {
 // The frame read's time-out argument (the transport does not use it).
 const unsigned long kReadTimeout = 3000;
 
-// Whatever the model, a latent frame is converted as a 1214 x 616 mosaic.
-const int kLatentWidth = 1214;
-const int kLatentHeight = 616;
-const unsigned long kLatentPixels = static_cast<unsigned long>(kLatentWidth) * kLatentHeight;
-// Room behind the frame in each latent buffer.
-const unsigned long kLatentSlack = 200;
-// The pre-check reads one latent frame per capture.
-const int kLatentAttempts = 1;
-
 // Models 5 and 6: level subtracted before the scale factor is applied.
 const int kShadingFloor = 90;
 
 // Ceiling of DoModify's output levels (254, not 255).
 const int kModifyCeiling = 254;
-
-// Nominal sizes by image-size code for the capture paths (index = code);
-// zero marks the codes that take the output size instead.
-const unsigned long kCaptureNominal[6][2] = {
-    {0, 0}, {228, 292}, {0, 0}, {248, 292}, {260, 300}, {600, 600},
-};
 
 // A grey level scaled by the contrast factor: the exact product of the two,
 // truncated toward zero and limited to 0..nCeiling (negative products and
@@ -46,16 +29,6 @@ inline unsigned char ScaleLevel(int nLevel, float fFactor, int nCeiling)
     if (!(x >= 1.0)) return 0;
     if (x >= static_cast<double>(nCeiling)) return static_cast<unsigned char>(nCeiling);
     return static_cast<unsigned char>(static_cast<int>(x));
-}
-
-bool IsModel5Or6(int nDeviceType)
-{
-    return nDeviceType == 5 || nDeviceType == 6;
-}
-
-bool IsModel7Or8(int nDeviceType)
-{
-    return nDeviceType == 7 || nDeviceType == 8;
 }
 
 // Models 5 and 6: the shading table is added (limited to 255), then the level
@@ -92,9 +65,9 @@ namespace oberin {
 void CaptureNominalSize(const COberin& sensor, unsigned long* pnWidth, unsigned long* pnHeight)
 {
     const unsigned long nCode = sensor.m_nImageSize;
-    if (nCode < 6 && kCaptureNominal[nCode][0] != 0) {
-        *pnWidth = kCaptureNominal[nCode][0];
-        *pnHeight = kCaptureNominal[nCode][1];
+    if (nCode < tavk05profile::kImageSizeCodes && tavk05profile::kImageSizes[nCode].bCaptureNominal) {
+        *pnWidth = tavk05profile::kImageSizes[nCode].nWidth;
+        *pnHeight = tavk05profile::kImageSizes[nCode].nHeight;
     } else {
         *pnWidth = sensor.m_nWidth;
         *pnHeight = sensor.m_nHeight;
@@ -128,18 +101,21 @@ void FinishFrame(COberin& sensor, unsigned char* pImage, bool bMark)
 
     // The correction's result is not looked at: a refused correction leaves
     // the caller's buffer as it was.
-    if (IsModel7Or8(sensor.m_nDeviceType)) {
-        if (HasNewFirmware(sensor.m_pVxd)) {
-            proc.CorrectImageCalcEx(sensor.m_pGreyBuf, w, h, pImage, IMG_WIDTH, IMG_HEIGHT, 0, 0);
-        } else {
-            proc.CorrectImageCalc(sensor.m_pGreyBuf, w, h, pImage, IMG_WIDTH, IMG_HEIGHT, 0, 0);
-        }
-    } else {
+    const tavk05profile::ModelProfile& profile = ProfileOf(sensor);
+    switch (profile.eCorrection) {
+    case tavk05profile::kCorrectCalcEx:
+        proc.CorrectImageCalcEx(sensor.m_pGreyBuf, w, h, pImage, IMG_WIDTH, IMG_HEIGHT, 0, 0);
+        break;
+    case tavk05profile::kCorrectCalc:
+        proc.CorrectImageCalc(sensor.m_pGreyBuf, w, h, pImage, IMG_WIDTH, IMG_HEIGHT, 0, 0);
+        break;
+    case tavk05profile::kCorrectTables:
         // CorrectImage picks the coordinate tables by the processor's type.
         proc.CorrectImage(sensor.m_pGreyBuf, w, h, pImage, IMG_WIDTH, IMG_HEIGHT, 0, 0);
+        break;
     }
 
-    if (IsModel5Or6(sensor.m_nDeviceType)) {
+    if (profile.bShading) {
         ApplyShading(pImage, sensor.m_fContrastFactor);
     }
 
@@ -206,34 +182,20 @@ unsigned long COberin::GetImage_Normal(unsigned char* pImage)
         return m_nError;
     }
 
-    if (m_pVxd != nullptr && m_pVxd->m_bLatentCapable && m_bLatentCheck) {
-        // The latent frame is converted as 1214 x 616 whatever the model, so
-        // each buffer holds at least that much besides the frame.
-        // A size that cannot even be expressed counts as memory short.
-        const unsigned long nFrame = m_nFrameBytes > kLatentPixels ? m_nFrameBytes : kLatentPixels;
-        const bool bSizeOk = nFrame <= ULONG_MAX - kLatentSlack;
-        std::unique_ptr<unsigned char[]> pLatent(bSizeOk ? new (std::nothrow) unsigned char[nFrame + kLatentSlack]
-                                                         : nullptr);
-        std::unique_ptr<unsigned char[]> pLatentGrey(
-            bSizeOk ? new (std::nothrow) unsigned char[nFrame + kLatentSlack] : nullptr);
-        if (!pLatent || !pLatentGrey) {
+    if (oberin::LatentCheckActive(*this)) {
+        // One latent frame per capture; a probe without its buffers counts
+        // as memory short.
+        oberin::CLatentProbe probe(*this);
+        if (!probe.Usable()) {
             m_nError = TAVK05_E_FAILED;
             return m_nError;
         }
-
-        bool bLatent = false;
-        int nAttempts = kLatentAttempts;
-        do {
-            --nAttempts;
-            if (m_pVxd->ReadLatent(pLatent.get(), m_nFrameBytes) != VXD_OK) {
-                m_nError = TAVK05_E_READ;
-                return m_nError;
-            }
-            m_ImageProc.RGBtoGRAY(pLatent.get(), pLatentGrey.get(), kLatentWidth, kLatentHeight);
-            bLatent = CheckLatent(pLatentGrey.get()) != 0;
-        } while (bLatent && nAttempts > 0);
-
-        if (bLatent) {
+        const oberin::LatentResult eLatent = probe.Probe();
+        if (eLatent == oberin::kLatentReadFailed) {
+            m_nError = TAVK05_E_READ;
+            return m_nError;
+        }
+        if (eLatent == oberin::kLatentFound) {
             // The rejected image reads white over its nominal size.
             if (pImage != nullptr) {
                 std::memset(pImage, 255, nWidth * nHeight);
@@ -277,12 +239,9 @@ void COberin::DoModify(const unsigned char* pSrc, unsigned char* pDst)
     }
     unsigned long W = m_nWidth;
     unsigned long H = m_nHeight;
-    if (m_nImageSize == 1) {
-        W = 228;
-        H = 292;
-    } else if (m_nImageSize == 3) {
-        W = 248;
-        H = 292;
+    if (m_nImageSize < tavk05profile::kImageSizeCodes && tavk05profile::kImageSizes[m_nImageSize].bResampled) {
+        W = tavk05profile::kImageSizes[m_nImageSize].nWidth;
+        H = tavk05profile::kImageSizes[m_nImageSize].nHeight;
     }
     if (W == 0 || H == 0) {
         return;

@@ -10,14 +10,16 @@ namespace {
 
 const unsigned long kMaxContrast = 100;
 
-// Factor = (contrast - neutral) x step + base, by model and firmware.
+// Factor = (contrast - neutral) x step + base, by model and firmware; the
+// bases and neutral contrasts are those of the model profile.
 const double kFactorStep = 0.02;
-const long kNeutralContrast = 20;
-const long kNeutralContrastModel5 = 16;
-const double kBaseModel78NewFirmware = 1.42;
-const double kBaseModel78OldFirmware = 2.0;
-const double kBaseModel56 = 1.55;
-const double kBaseOther = 1.0;
+using tavk05profile::ProfileOf;
+const long kNeutralContrast = ProfileOf(0, false).nNeutralContrast;
+const long kNeutralContrastModel5 = ProfileOf(5, false).nNeutralContrast;
+const double kBaseModel78NewFirmware = ProfileOf(7, true).dContrastBase;
+const double kBaseModel78OldFirmware = ProfileOf(7, false).dContrastBase;
+const double kBaseModel56 = ProfileOf(5, false).dContrastBase;
+const double kBaseOther = ProfileOf(0, false).dContrastBase;
 
 // Contrast table: a sigmoid around level 160 composed with a gamma curve.
 const double kGamma = 0.4;

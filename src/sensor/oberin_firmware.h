@@ -1,20 +1,23 @@
-// The firmware boundary that separates the large 1800 x 1280 sensor from the
-// older ones, shared by the sensor's operations.
+// The model profile of a sensor as its operations read it: the row of its
+// device type and firmware class.
 #ifndef TAVK05_OBERIN_FIRMWARE_H
 #define TAVK05_OBERIN_FIRMWARE_H
 
-#include "tavk05/vxdinter.h"
+#include "profile/model_profile.h"
+#include "tavk05/oberin.h"
 
 namespace oberin {
-
-// Firmware versions above this one are "new firmware".
-const int kLastOldFirmware = 0x2FFF;
 
 // Without a transport (after CloseDevice) the firmware is unknown and taken
 // as the older one.
 inline bool HasNewFirmware(CVxdInterface* pVxd)
 {
-    return pVxd != nullptr && pVxd->GetFirmwareVersion() > kLastOldFirmware;
+    return pVxd != nullptr && tavk05profile::IsNewFirmware(pVxd->GetFirmwareVersion());
+}
+
+inline const tavk05profile::ModelProfile& ProfileOf(const COberin& sensor)
+{
+    return tavk05profile::ProfileOf(sensor.m_nDeviceType, HasNewFirmware(sensor.m_pVxd));
 }
 
 }  // namespace oberin

@@ -11,6 +11,8 @@
 #include <new>
 
 #include "oberin_filter.h"
+#include "oberin_firmware.h"
+#include "oberin_latent.h"
 #include "tavk05/mark.h"
 
 namespace {
@@ -26,10 +28,6 @@ const unsigned int kReadFailedStatus = 53;
 
 const unsigned long kAcquisitionStart = 0;
 const unsigned long kAcquisitionStop = 1;
-
-// The latent frame is converted as a 1214 x 616 mosaic whatever the model.
-const int kLatentWidth = 1214;
-const int kLatentHeight = 616;
 
 // Roll states.
 const int kRollLiveView = -1;
@@ -156,18 +154,14 @@ unsigned long COberin::GetLiveImageEx2_Normal(unsigned char* pImage, unsigned lo
     // Latent wait: read latent frames until the glass shows no residue, the
     // host gives up or time runs out. Each latent read starts and stops
     // acquisition by itself.
-    if (m_pVxd != nullptr && m_pVxd->m_bLatentCapable && m_bLatentCheck) {
-        // The conversion reads and writes a whole 1214 x 616 latent frame,
-        // which every model's frame size covers; never take less.
-        const size_t nLatentBytes = std::max<size_t>(m_nFrameBytes, kLatentWidth * kLatentHeight);
-        std::unique_ptr<unsigned char[]> pLatent = NewBuffer(nLatentBytes);
-        std::unique_ptr<unsigned char[]> pLatentGrey = NewBuffer(nLatentBytes);
-        if (!pLatent || !pLatentGrey) return TAVK05_E_FAILED;
+    if (oberin::LatentCheckActive(*this)) {
+        oberin::CLatentProbe probe(*this);
+        if (!probe.Usable()) return TAVK05_E_FAILED;
         bool bLatent = false;
         for (;;) {
-            if (m_pVxd->ReadLatent(pLatent.get(), m_nFrameBytes) != VXD_OK) return TAVK05_E_READ;
-            m_ImageProc.RGBtoGRAY(pLatent.get(), pLatentGrey.get(), kLatentWidth, kLatentHeight);
-            bLatent = CheckLatent(pLatentGrey.get()) != 0;
+            const oberin::LatentResult eLatent = probe.Probe();
+            if (eLatent == oberin::kLatentReadFailed) return TAVK05_E_READ;
+            bLatent = eLatent == oberin::kLatentFound;
             if (!bLatent) break;
             if (m_pfnCallback != nullptr) {
                 m_CallbackInfo.nQuality = 0;
@@ -245,7 +239,7 @@ unsigned long COberin::GetLiveImageEx2_Normal(unsigned char* pImage, unsigned lo
 
     // The callback may have closed the device; then the stop cannot be sent.
     if (m_pVxd == nullptr || m_pVxd->RollDevIoControl(kAcquisitionStop) != VXD_OK) return TAVK05_E_FAILED;
-    if (m_nRollMode == 1 && m_nDeviceType != 7) SmoothImage(kSide, kSide, pImage, 1);
+    if (m_nRollMode == 1 && oberin::ProfileOf(*this).bSmoothRoll) SmoothImage(kSide, kSide, pImage, 1);
     SetLTWaterM(pImage, nW, nH);
     SetRTWaterM(pImage, nW, nH);
     SetLBWaterM(pImage, nW, nH);

@@ -1,13 +1,8 @@
 // COberin settings: image size, brightness and gain, pixel inversion, the
 // register interface and the settings the scanner does not support.
-#include "tavk05/oberin.h"
+#include "oberin_firmware.h"
 
 namespace {
-
-// Nominal sizes selectable with SetImageSize; the index is the size code.
-const unsigned long kImageSizePairs[6][2] = {
-    {356, 292}, {228, 292}, {356, 456}, {248, 292}, {260, 300}, {600, 600},
-};
 
 // Register numbers of WriteData / ReadData.
 const unsigned long kRegCaptureOptions = 0;
@@ -21,8 +16,8 @@ const unsigned long kUnknownRegister = 255;
 unsigned long COberin::SetImageSize(unsigned long nWidth, unsigned long nHeight)
 {
     m_nError = TAVK05_OK;
-    for (unsigned long nCode = 0; nCode < 6; ++nCode) {
-        if (kImageSizePairs[nCode][0] == nWidth && kImageSizePairs[nCode][1] == nHeight) {
+    for (unsigned long nCode = 0; nCode < tavk05profile::kImageSizeCodes; ++nCode) {
+        if (tavk05profile::kImageSizes[nCode].nWidth == nWidth && tavk05profile::kImageSizes[nCode].nHeight == nHeight) {
             m_nImageSize = nCode;
             return m_nError;
         }
@@ -149,8 +144,8 @@ unsigned long COberin::WriteData(unsigned long nReg, unsigned long nValue)
     case kRegRollMode:
         if (nValue != 0 && nValue != 1) {
             m_nRollMode = 0;
-        } else if (m_nDeviceType == 4 || m_nDeviceType == 6 || m_nDeviceType == 8) {
-            m_nRollMode = 0;  // these models cannot roll
+        } else if (!oberin::ProfileOf(*this).bRolls) {
+            m_nRollMode = 0;  // models 4, 6 and 8 cannot roll
         } else {
             m_nRollMode = nValue;
         }

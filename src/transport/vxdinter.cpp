@@ -9,32 +9,15 @@
 #include <cstdio>
 #include <cstring>
 
+#include "profile/model_profile.h"
+
 static_assert(sizeof(_usb_device_descriptor) == 18, "the kernel driver fills 18 descriptor bytes");
 
 namespace {
 
-const unsigned short kFirmware1004 = 0x1004;
-const unsigned short kFirmware1103 = 0x1103;
 // Older firmware does not survive a close of its node by the kernel driver,
 // so the descriptor is only given back from the next version on.
 const int kFirmwareCloses = 0x7FF;
-
-// Device type by product number and firmware; -1 for a product this driver
-// does not know (the caller then keeps the type it had).
-int DeviceType(unsigned short wProduct, unsigned short wBcdDevice)
-{
-    int nBase;
-    if (wProduct == VXD_PRODUCT_0610) {
-        nBase = 0;
-    } else if (wProduct == VXD_PRODUCT_0620) {
-        nBase = 1;
-    } else {
-        return -1;
-    }
-    if (wBcdDevice == kFirmware1103) return 5 + nBase;
-    if (wBcdDevice > kFirmware1004) return 7 + nBase;
-    return 3 + nBase;
-}
 
 // Shared body of the two 64-byte "get" requests: the block goes out zeroed and
 // reaches the caller only when the kernel driver accepted the request.
@@ -117,7 +100,8 @@ int CVxdInterface::GetDevInfo()
     const unsigned short wProduct = static_cast<unsigned short>(abyDesc[10] | (abyDesc[11] << 8));
     const unsigned short wBcdDevice = static_cast<unsigned short>(abyDesc[12] | (abyDesc[13] << 8));
     m_nFirmwareVersion = wBcdDevice;
-    const int nType = DeviceType(wProduct, wBcdDevice);
+    // An unknown product keeps the type the interface had.
+    const int nType = tavk05profile::DeviceTypeOf(wProduct, wBcdDevice);
     if (nType > 0) {
         m_nDevType = nType;
     }

@@ -12,16 +12,17 @@
 #include <memory>
 #include <new>
 
+#include "profile/model_profile.h"
+
 namespace {
 
 const char kAllocMessage[] = "buffer allocation for iso read failed:";
-const int kFramesAveraged = 4;
 
 // Types 5 to 8 deliver a clean frame per read; the older sensors are noisy
 // enough that a single capture averages four consecutive frames.
-bool SingleReadType(int nDevType)
+int FramesAveraged(int nDevType, int nFirmware)
 {
-    return nDevType >= 5 && nDevType <= 8;
+    return tavk05profile::ProfileOf(nDevType, tavk05profile::IsNewFirmware(nFirmware)).nReadsAveraged;
 }
 
 void ReportAllocFailure()
@@ -94,12 +95,14 @@ int CVxdInterface::ReadData(unsigned char* pBuf, unsigned long nBytes, unsigned 
         ReportAllocFailure();
         return VXD_E_ALLOC;
     }
-    if (SingleReadType(m_nDevType)) {
+    const int nFrames = FramesAveraged(m_nDevType, m_nFirmwareVersion);
+    if (nFrames == 1) {
         ReadFrame(m_hDevice, pStage.get(), nTransfer);
         std::memcpy(pBuf, pStage.get(), nBytes);
     } else {
         // Four byte values sum to at most 1020, so 16 bits per position hold
         // the sum without overflow.
+        static_assert(tavk05profile::ProfileOf(0, false).nReadsAveraged * 255 <= 0xFFFF, "sum fits 16 bits");
         std::unique_ptr<unsigned short[]> pSum(new (std::nothrow) unsigned short[nTransfer]);
         if (!pSum) {
             ReportAllocFailure();
@@ -111,14 +114,14 @@ int CVxdInterface::ReadData(unsigned char* pBuf, unsigned long nBytes, unsigned 
         for (unsigned long i = 0; i < nTransfer; ++i) {
             pAcc[i] = pSrc[i];
         }
-        for (int nFrame = 1; nFrame < kFramesAveraged; ++nFrame) {
+        for (int nFrame = 1; nFrame < nFrames; ++nFrame) {
             ReadFrame(m_hDevice, pStage.get(), nTransfer);
             for (unsigned long i = 0; i < nTransfer; ++i) {
                 pAcc[i] = static_cast<unsigned short>(pAcc[i] + pSrc[i]);
             }
         }
         for (unsigned long i = 0; i < nBytes; ++i) {
-            pBuf[i] = static_cast<unsigned char>(pAcc[i] >> 2);
+            pBuf[i] = static_cast<unsigned char>(pAcc[i] / nFrames);
         }
     }
 

@@ -1,13 +1,15 @@
-// The geometry module: path selection, forward and inverse maps of the five
-// correction paths, the raw-to-final map, and agreement of the
-// interpolating geometry with the driver's modify tables.
+// The geometry of the calibration model: path selection, forward and inverse
+// maps of the five correction paths and the raw-to-final map, checked on
+// random positions; and agreement of the interpolating geometry with the
+// driver's modify tables.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <memory>
+#include <random>
 #include <vector>
 
 #include "calibration/calibmodel.h"
+#include "profile/model_profile.h"
 #include "tavk05/isproc.h"
 
 namespace {
@@ -15,106 +17,47 @@ namespace {
 using tavk05cal::CGeometry;
 using tavk05cal::Path;
 
-const Path kAllPaths[] = {tavk05cal::PATH_TABLE_1280, tavk05cal::PATH_TABLE_1288, tavk05cal::PATH_TABLE_1800,
-                          tavk05cal::PATH_CALC_1288, tavk05cal::PATH_CALC_1800};
-
-TEST(CalibPaths, DeviceTypeAndFirmwareChooseThePath)
+TEST(CalibPaths, EveryModelProfileHasThePathOfItsGeometry)
 {
-    EXPECT_EQ(tavk05cal::PathForDevice(3, 0x1000), tavk05cal::PATH_TABLE_1280);
-    EXPECT_EQ(tavk05cal::PathForDevice(4, 0x3000), tavk05cal::PATH_TABLE_1280);
-    EXPECT_EQ(tavk05cal::PathForDevice(0, 0), tavk05cal::PATH_TABLE_1280);
-    EXPECT_EQ(tavk05cal::PathForDevice(5, 0x1103), tavk05cal::PATH_TABLE_1288);
-    EXPECT_EQ(tavk05cal::PathForDevice(6, 0x2FFF), tavk05cal::PATH_TABLE_1288);
-    EXPECT_EQ(tavk05cal::PathForDevice(6, 0x3000), tavk05cal::PATH_TABLE_1800);
-    EXPECT_EQ(tavk05cal::PathForDevice(7, 0x2FFF), tavk05cal::PATH_CALC_1288);
-    EXPECT_EQ(tavk05cal::PathForDevice(8, 0x3000), tavk05cal::PATH_CALC_1800);
-}
-
-TEST(CalibPaths, RawSizesFollowTheFrameGeometry)
-{
-    const int aSizes[][2] = {{1280, 676}, {1288, 876}, {1800, 1280}, {1288, 876}, {1800, 1280}};
-    for (int i = 0; i < 5; ++i) {
-        const CGeometry geo(kAllPaths[i]);
-        EXPECT_EQ(geo.RawWidth(), aSizes[i][0]) << "path " << kAllPaths[i];
-        EXPECT_EQ(geo.RawHeight(), aSizes[i][1]) << "path " << kAllPaths[i];
+    for (const tavk05profile::ModelProfile& row : tavk05profile::kProfiles) {
+        const int nFirmware = row.bNewFirmware ? tavk05profile::kFirstNewFirmware : tavk05profile::kFirmware1103;
+        const Path ePath = tavk05cal::PathForDevice(row.nDeviceType, static_cast<unsigned>(nFirmware));
+        const CGeometry geo(ePath);
+        EXPECT_EQ(static_cast<int>(row.nRawWidth), geo.RawWidth()) << row.nDeviceType << "/" << row.bNewFirmware;
+        EXPECT_EQ(static_cast<int>(row.nRawHeight), geo.RawHeight()) << row.nDeviceType << "/" << row.bNewFirmware;
+        const bool bCalc = ePath == tavk05cal::PATH_CALC_1288 || ePath == tavk05cal::PATH_CALC_1800;
+        EXPECT_EQ(row.eCorrection != tavk05profile::kCorrectTables, bCalc) << row.nDeviceType;
     }
 }
 
 class CalibGeometry : public ::testing::TestWithParam<Path> {};
 
-TEST_P(CalibGeometry, FinalImageLiesInsideTheRawImage)
+TEST_P(CalibGeometry, MapsAreInversesAndTheFinalImageLiesInsideTheRawOne)
 {
     const CGeometry geo(GetParam());
-    const double aEdge[] = {-0.5, 0.0, 150.0, 298.5, 299.0, 299.5, 300.0, 450.0, 599.0, 599.5};
-    for (double dFy : aEdge) {
-        for (double dFx : aEdge) {
-            double dSx = 0.0, dSy = 0.0;
-            geo.FinalToRaw(dFx, dFy, &dSx, &dSy);
-            EXPECT_GE(dSx, 0.0) << dFx << "," << dFy;
-            EXPECT_LE(dSx, geo.RawWidth() - 1.0) << dFx << "," << dFy;
-            EXPECT_GE(dSy, 0.0) << dFx << "," << dFy;
-            EXPECT_LE(dSy, geo.RawHeight() - 1.0) << dFx << "," << dFy;
-        }
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<double> pos(-0.5, 599.5);
+    for (int i = 0; i < 4000; ++i) {
+        // Random positions, every 50th on a border of the final image.
+        const double dFx = i % 50 == 0 ? (i % 100 == 0 ? -0.5 : 599.5) : pos(rng);
+        const double dFy = pos(rng);
+        double dSx = 0.0, dSy = 0.0, dBackX = -1.0, dBackY = -1.0;
+        geo.FinalToRaw(dFx, dFy, &dSx, &dSy);
+        ASSERT_GE(dSx, 0.0) << dFx << "," << dFy;
+        ASSERT_LE(dSx, geo.RawWidth() - 1.0) << dFx << "," << dFy;
+        ASSERT_GE(dSy, 0.0) << dFx << "," << dFy;
+        ASSERT_LE(dSy, geo.RawHeight() - 1.0) << dFx << "," << dFy;
+        ASSERT_TRUE(geo.RawToFinal(dSx, dSy, &dBackX, &dBackY)) << dFx << "," << dFy;
+        ASSERT_NEAR(dBackX, dFx, 1e-6) << dFx << "," << dFy;
+        ASSERT_NEAR(dBackY, dFy, 1e-6) << dFx << "," << dFy;
     }
-}
-
-TEST_P(CalibGeometry, InverseUndoesForward)
-{
-    const CGeometry geo(GetParam());
-    for (double dFy = -0.5; dFy <= 599.5; dFy += 23.25) {
-        for (double dFx = -0.5; dFx <= 599.5; dFx += 7.75) {
-            double dSx = 0.0, dSy = 0.0, dBackX = -1.0, dBackY = -1.0;
-            geo.FinalToRaw(dFx, dFy, &dSx, &dSy);
-            ASSERT_TRUE(geo.RawToFinal(dSx, dSy, &dBackX, &dBackY)) << dFx << "," << dFy;
-            ASSERT_NEAR(dBackX, dFx, 1e-6) << dFx << "," << dFy;
-            ASSERT_NEAR(dBackY, dFy, 1e-6) << dFx << "," << dFy;
-        }
+    // Just beyond each border of the final image, and the raw corners, are
+    // outside the picture.
+    double dFx = 0.0, dFy = 0.0, dSx = 0.0, dSy = 0.0;
+    for (const auto& a : {std::make_pair(-1.0, 300.0), {600.0, 300.0}, {300.0, -1.0}, {300.0, 600.0}}) {
+        geo.FinalToRaw(a.first, a.second, &dSx, &dSy);
+        EXPECT_FALSE(geo.RawToFinal(dSx, dSy, &dFx, &dFy)) << a.first << "," << a.second;
     }
-}
-
-TEST_P(CalibGeometry, ForwardUndoesInverseAndMirrors)
-{
-    const CGeometry geo(GetParam());
-    // Along a raw row through the middle of the picture, the final column
-    // falls as the raw column rises (the correction mirrors left to right)
-    // and the final row barely moves.
-    double dSx = 0.0, dSy = 0.0;
-    geo.FinalToRaw(300.0, 300.0, &dSx, &dSy);
-    const double dRow = std::floor(dSy);
-    double dPrevFx = 1e9;
-    int nInside = 0;
-    for (int nX = 0; nX < geo.RawWidth(); ++nX) {
-        double dFx = 0.0, dFy = 0.0;
-        if (!geo.RawToFinal(nX, dRow, &dFx, &dFy)) {
-            continue;
-        }
-        ++nInside;
-        EXPECT_LT(dFx, dPrevFx) << "raw column " << nX;
-        dPrevFx = dFx;
-        EXPECT_NEAR(dFy, 300.0, 3.0) << "raw column " << nX;
-        double dBackX = 0.0, dBackY = 0.0;
-        geo.FinalToRaw(dFx, dFy, &dBackX, &dBackY);
-        EXPECT_NEAR(dBackX, nX, 1e-6);
-        EXPECT_NEAR(dBackY, dRow, 1e-6);
-    }
-    // About two raw columns per final column (2.7 on the Ex path's wider
-    // frame).
-    EXPECT_GT(nInside, 600 * 19 / 10);
-    EXPECT_LT(nInside, 600 * 28 / 10);
-}
-
-TEST_P(CalibGeometry, RawPositionsOffThePictureAreOutside)
-{
-    const CGeometry geo(GetParam());
-    double dFx = 0.0, dFy = 0.0;
-    double dSx = 0.0, dSy = 0.0;
-    // Just beyond each border of the final image, in raw coordinates.
-    const double aBeyond[][2] = {{-1.0, 300.0}, {600.0, 300.0}, {300.0, -1.0}, {300.0, 600.0}};
-    for (const auto& a : aBeyond) {
-        geo.FinalToRaw(a[0], a[1], &dSx, &dSy);
-        EXPECT_FALSE(geo.RawToFinal(dSx, dSy, &dFx, &dFy)) << a[0] << "," << a[1];
-    }
-    // The raw image's corners lie outside the picture on every path.
     EXPECT_FALSE(geo.RawToFinal(0.0, 0.0, &dFx, &dFy));
     EXPECT_FALSE(geo.RawToFinal(geo.RawWidth() - 1.0, geo.RawHeight() - 1.0, &dFx, &dFy));
 }
@@ -147,13 +90,17 @@ TEST_P(CalibGeometry, RawMapAgreesWithPointwiseInverse)
     EXPECT_LT(nInside, 600u * 600u * 6 / 5);
 }
 
-INSTANTIATE_TEST_SUITE_P(Calibration, CalibGeometry, ::testing::ValuesIn(kAllPaths),
+INSTANTIATE_TEST_SUITE_P(Calibration, CalibGeometry,
+                         ::testing::Values(tavk05cal::PATH_TABLE_1280, tavk05cal::PATH_TABLE_1288,
+                                           tavk05cal::PATH_TABLE_1800, tavk05cal::PATH_CALC_1288,
+                                           tavk05cal::PATH_CALC_1800),
                          [](const ::testing::TestParamInfo<Path>& info) {
                              return "Path" + std::to_string(static_cast<int>(info.param));
                          });
 
 // The interpolating geometry must be the one the driver's modify tables hold:
-// every entry's source row and column (relative to the centre column).
+// every entry's source row and column (relative to the centre column), the
+// mirrored left half reading the column just left of the centre.
 void CheckModifyTable(tavk05cal::ModifyId eTable, tagModifyEntry** ppRows)
 {
     const tavk05cal::ModifyLayout& l = tavk05cal::GetModifyLayout(eTable);
@@ -163,10 +110,8 @@ void CheckModifyTable(tavk05cal::ModifyId eTable, tagModifyEntry** ppRows)
             double dSx = 0.0, dSy = 0.0;
             tavk05cal::ModifyCanvasToSource(eTable, i, nHalf + j, &dSx, &dSy);
             const tagModifyEntry& e = ppRows[i][j];
-            // Both hold single-precision values of size up to 1300.
             ASSERT_NEAR(e.fSrcRow, dSy, 2e-3) << "row " << i << " entry " << j;
             ASSERT_NEAR(e.fSrcCol, dSx - l.nSrcCentre, 2e-3) << "row " << i << " entry " << j;
-            // The mirrored left half reads the column just left of the centre.
             tavk05cal::ModifyCanvasToSource(eTable, i, nHalf - j, &dSx, &dSy);
             ASSERT_NEAR(e.fSrcCol, (l.nSrcCentre - 1) - dSx, 2e-3) << "row " << i << " entry " << j;
         }
@@ -175,6 +120,21 @@ void CheckModifyTable(tavk05cal::ModifyId eTable, tagModifyEntry** ppRows)
         const float fColDiv = tavk05cal::ModifyColDivisor(eTable, i);
         ASSERT_EQ(ppRows[i][7].fSrcCol, static_cast<float>(7.0 / static_cast<double>(fColDiv))) << "row " << i;
     }
+    // Across the seam at the canvas centre the source column rises without
+    // a step and the inverse gives the canvas position back.
+    double dPrev = -1.0;
+    for (double dCol = nHalf - 2.0; dCol <= nHalf + 3.0; dCol += 0.125) {
+        double dSx = 0.0, dSy = 0.0, dRow = 0.0, dBack = 0.0;
+        tavk05cal::ModifyCanvasToSource(eTable, 200.0, dCol, &dSx, &dSy);
+        EXPECT_GT(dSx, dPrev) << dCol;
+        if (dPrev >= 0.0) {
+            EXPECT_LT(dSx - dPrev, 0.125 * 4.0) << dCol;
+        }
+        dPrev = dSx;
+        tavk05cal::ModifySourceToCanvas(eTable, dSx, dSy, &dRow, &dBack);
+        EXPECT_NEAR(dBack, dCol, 1e-9);
+        EXPECT_NEAR(dRow, 200.0, 1e-9);
+    }
 }
 
 TEST(CalibModify, GeometryMatchesTheDriversModifyTables)
@@ -182,30 +142,6 @@ TEST(CalibModify, GeometryMatchesTheDriversModifyTables)
     std::unique_ptr<CImageProc> pProc(new CImageProc);
     CheckModifyTable(tavk05cal::MODIFY_STD, pProc->m_ppModifyTable);
     CheckModifyTable(tavk05cal::MODIFY_EX, pProc->m_ppModifyTableEx);
-}
-
-TEST(CalibModify, SeamAtTheCanvasCentreIsBridgedContinuously)
-{
-    for (tavk05cal::ModifyId eTable : {tavk05cal::MODIFY_STD, tavk05cal::MODIFY_EX}) {
-        const tavk05cal::ModifyLayout& l = tavk05cal::GetModifyLayout(eTable);
-        const double dHalf = l.nCanvas / 2;
-        double dPrev = -1.0;
-        for (double dCol = dHalf - 2.0; dCol <= dHalf + 3.0; dCol += 0.125) {
-            double dSx = 0.0, dSy = 0.0, dRow = 0.0, dBack = 0.0;
-            tavk05cal::ModifyCanvasToSource(eTable, 200.0, dCol, &dSx, &dSy);
-            EXPECT_GT(dSx, dPrev) << dCol;
-            // No step larger than the seam's width (one source column plus
-            // the stretch 1 / b, below 3 in both tables) times the step of
-            // the loop.
-            if (dPrev >= 0.0) {
-                EXPECT_LT(dSx - dPrev, 0.125 * 4.0) << dCol;
-            }
-            dPrev = dSx;
-            tavk05cal::ModifySourceToCanvas(eTable, dSx, dSy, &dRow, &dBack);
-            EXPECT_NEAR(dBack, dCol, 1e-9);
-            EXPECT_NEAR(dRow, 200.0, 1e-9);
-        }
-    }
 }
 
 }  // namespace

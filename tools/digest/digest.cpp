@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "profile/model_profile.h"
 #include "tavk05/isproc.h"
 #include "tavk05/mark.h"
 #include "tavk05/oberin.h"
@@ -69,42 +70,44 @@ int main()
     Print("modify-table", TableDigest(pProc->m_ppModifyTable, MODIFY_SIZE, MODIFY_SIZE / 2));
     Print("modify-table-ex", TableDigest(pProc->m_ppModifyTableEx, MODIFY_SIZE_EX, MODIFY_SIZE_EX / 2));
 
+    // One correction path per model profile row that has its own.
     struct Path {
         const char* pszName;
-        int nDeviceType;
-        unsigned long nWidth, nHeight;
-        int nMethod;  // 0 table lookup, 1 interpolation, 2 interpolation on the padded source
+        const tavk05profile::ModelProfile& profile;
     };
     const Path aPaths[] = {
-        {"correct-1280x676", 4, 1280, 676, 0},   {"correct-1103-1288x876", 6, 1288, 876, 0},
-        {"correct-1103-1800x1280", 5, 1800, 1280, 0}, {"calc-1288x876", 7, 1288, 876, 1},
-        {"calc-ex-1800x1280", 8, 1800, 1280, 2},
+        {"correct-1280x676", tavk05profile::ProfileOf(4, false)},
+        {"correct-1103-1288x876", tavk05profile::ProfileOf(6, false)},
+        {"correct-1103-1800x1280", tavk05profile::ProfileOf(5, true)},
+        {"calc-1288x876", tavk05profile::ProfileOf(7, false)},
+        {"calc-ex-1800x1280", tavk05profile::ProfileOf(8, true)},
     };
     std::vector<unsigned char> vecOut(IMG_PIXELS);
-    for (const Path& path : aPaths) {
-        std::vector<unsigned char> vecRaw(path.nWidth * path.nHeight);
+    for (const Path& entry : aPaths) {
+        const tavk05profile::ModelProfile& path = entry.profile;
+        std::vector<unsigned char> vecRaw(path.nRawWidth * path.nRawHeight);
         std::vector<unsigned char> vecGrey(vecRaw.size());
-        Fill(vecRaw, static_cast<uint32_t>(path.nWidth * 31 + path.nHeight));
-        pProc->RGBtoGRAY2(vecRaw.data(), vecGrey.data(), static_cast<int>(path.nWidth),
-                          static_cast<int>(path.nHeight));
+        Fill(vecRaw, static_cast<uint32_t>(path.nRawWidth * 31 + path.nRawHeight));
+        pProc->RGBtoGRAY2(vecRaw.data(), vecGrey.data(), static_cast<int>(path.nRawWidth),
+                          static_cast<int>(path.nRawHeight));
         char szName[64];
-        std::snprintf(szName, sizeof szName, "grey-%lux%lu", path.nWidth, path.nHeight);
+        std::snprintf(szName, sizeof szName, "grey-%lux%lu", path.nRawWidth, path.nRawHeight);
         Print(szName, Fnv(vecGrey.data(), vecGrey.size()));
 
         pProc->m_nDeviceType = path.nDeviceType;
         std::memset(vecOut.data(), 0, vecOut.size());
-        if (path.nMethod == 0) {
-            pProc->CorrectImage(vecGrey.data(), path.nWidth, path.nHeight, vecOut.data(), 600, 600, 0, 0);
-        } else if (path.nMethod == 1) {
-            pProc->CorrectImageCalc(vecGrey.data(), path.nWidth, path.nHeight, vecOut.data(), 600, 600, 0, 0);
+        if (path.eCorrection == tavk05profile::kCorrectTables) {
+            pProc->CorrectImage(vecGrey.data(), path.nRawWidth, path.nRawHeight, vecOut.data(), 600, 600, 0, 0);
+        } else if (path.eCorrection == tavk05profile::kCorrectCalc) {
+            pProc->CorrectImageCalc(vecGrey.data(), path.nRawWidth, path.nRawHeight, vecOut.data(), 600, 600, 0, 0);
         } else {
-            pProc->CorrectImageCalcEx(vecGrey.data(), path.nWidth, path.nHeight, vecOut.data(), 600, 600, 0, 0);
+            pProc->CorrectImageCalcEx(vecGrey.data(), path.nRawWidth, path.nRawHeight, vecOut.data(), 600, 600, 0, 0);
         }
         SetLTWaterM(vecOut.data(), 600, 600);
         SetRTWaterM(vecOut.data(), 600, 600);
         SetLBWaterM(vecOut.data(), 600, 600);
         SetRBWaterM(vecOut.data(), 600, 600);
-        Print(path.pszName, Fnv(vecOut.data(), vecOut.size()));
+        Print(entry.pszName, Fnv(vecOut.data(), vecOut.size()));
     }
     pProc.reset();
 

@@ -1,4 +1,5 @@
 // tavk05 capture, background and verify.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -6,13 +7,12 @@
 
 #include "cli.h"
 #include "png_io.h"
+#include "profile/model_profile.h"
 #include "tavk05/mark.h"
 
 namespace cli {
 
 namespace {
-
-const unsigned long kNominalSizes[][2] = {{356, 292}, {228, 292}, {356, 456}, {248, 292}, {260, 300}, {600, 600}};
 
 // Settings given for one capture; they are put back afterwards so that the
 // settings file keeps what the user configured with `config set`.
@@ -77,7 +77,9 @@ int ParseCaptureArgs(const Options& opt, std::string* pOutput, CaptureSettings* 
         } else if (s == "--size" && bHasValue) {
             const bool bNominal = ParseSize(a[++i], &pSet->nWidth, &pSet->nHeight);
             bool bKnown = false;
-            for (const auto& size : kNominalSizes) bKnown |= size[0] == pSet->nWidth && size[1] == pSet->nHeight;
+            for (const auto& size : tavk05profile::kImageSizes) {
+                bKnown |= size.nWidth == pSet->nWidth && size.nHeight == pSet->nHeight;
+            }
             if (!bNominal || !bKnown) {
                 return Usage("capture: --size must be one of 356x292, 228x292, 356x456, 248x292, 260x300, 600x600, not '" +
                              a[i] + "'");
@@ -164,9 +166,10 @@ int CmdCapture(const Options& opt)
         std::fprintf(stderr, "tavk05: %s\n", strError.c_str());
         return EXIT_IO;
     }
-    const unsigned long* pNominal = kNominalSizes[sensor.m_nImageSize <= 5 ? sensor.m_nImageSize : 5];
-    std::fprintf(strOutput == "-" ? stderr : stdout, "%s: 600 x 600, marks for %lu x %lu\n", strOutput.c_str(),
-                 pNominal[0], pNominal[1]);
+    const unsigned long nLast = tavk05profile::kImageSizeCodes - 1;
+    const tavk05profile::ImageSize& nominal = tavk05profile::kImageSizes[std::min(sensor.m_nImageSize, nLast)];
+    std::fprintf(strOutput == "-" ? stderr : stdout, "%s: 600 x 600, marks for %u x %u\n", strOutput.c_str(),
+                 nominal.nWidth, nominal.nHeight);
     return EXIT_OK;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "cli.h"
+#include "profile/model_profile.h"
 
 namespace cli {
 
@@ -15,17 +16,9 @@ namespace {
 
 const char* CorrectionName(const COberin& sensor)
 {
-    const bool bNewFirmware = sensor.m_pVxd != nullptr && sensor.m_pVxd->GetFirmwareVersion() > 0x2FFF;
-    switch (sensor.m_nDeviceType) {
-    case 7:
-    case 8:
-        return bNewFirmware ? "bilinear, 1700 x 1300 modify table" : "bilinear, 1288 x 876 modify table";
-    case 5:
-    case 6:
-        return "coordinate tables 1103, shading";
-    default:
-        return "coordinate tables";
-    }
+    const bool bNewFirmware =
+        sensor.m_pVxd != nullptr && tavk05profile::IsNewFirmware(sensor.m_pVxd->GetFirmwareVersion());
+    return tavk05profile::ProfileOf(sensor.m_nDeviceType, bNewFirmware).pszCorrection;
 }
 
 // The printable part of the 64-byte device-ID block.

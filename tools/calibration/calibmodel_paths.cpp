@@ -5,6 +5,7 @@
 // (fx, fy) is canvas (crop row + fy, crop column + 599 - fx), and the raw
 // frame sits in the table's source shifted by the padding of the Ex path.
 #include "calibration/calibmodel.h"
+#include "profile/model_profile.h"
 
 #include <algorithm>
 #include <cmath>
@@ -50,39 +51,35 @@ void FillPointwise(const CGeometry& geo, float* pfFx, float* pfFy)
 
 }  // namespace
 
+// The model profile row whose frames a path corrects.
+static const tavk05profile::ModelProfile& ProfileOfPath(Path ePath)
+{
+    switch (ePath) {
+    case PATH_TABLE_1288: return tavk05profile::ProfileOf(6, false);
+    case PATH_TABLE_1800: return tavk05profile::ProfileOf(6, true);
+    case PATH_CALC_1288: return tavk05profile::ProfileOf(7, false);
+    case PATH_CALC_1800: return tavk05profile::ProfileOf(7, true);
+    default: return tavk05profile::ProfileOf(4, false);
+    }
+}
+
 Path PathForDevice(int nDeviceType, unsigned int nFirmware)
 {
-    const bool bNew = nFirmware > 0x2FFFu;
-    switch (nDeviceType) {
-    case 5:
-    case 6:
-        return bNew ? PATH_TABLE_1800 : PATH_TABLE_1288;
-    case 7:
-    case 8:
-        return bNew ? PATH_CALC_1800 : PATH_CALC_1288;
-    default:
-        return PATH_TABLE_1280;
+    const tavk05profile::ModelProfile& profile =
+        tavk05profile::ProfileOf(nDeviceType, tavk05profile::IsNewFirmware(static_cast<int>(nFirmware)));
+    switch (profile.eCorrection) {
+    case tavk05profile::kCorrectCalc: return PATH_CALC_1288;
+    case tavk05profile::kCorrectCalcEx: return PATH_CALC_1800;
+    default: break;
     }
+    if (profile.nRawWidth == tavk05profile::kLargeWidth) return PATH_TABLE_1800;
+    return profile.nRawWidth == tavk05profile::kMidWidth ? PATH_TABLE_1288 : PATH_TABLE_1280;
 }
 
 void RawSize(Path ePath, int* pnWidth, int* pnHeight)
 {
-    switch (ePath) {
-    case PATH_TABLE_1288:
-    case PATH_CALC_1288:
-        *pnWidth = 1288;
-        *pnHeight = 876;
-        break;
-    case PATH_TABLE_1800:
-    case PATH_CALC_1800:
-        *pnWidth = 1800;
-        *pnHeight = 1280;
-        break;
-    default:
-        *pnWidth = 1280;
-        *pnHeight = 676;
-        break;
-    }
+    *pnWidth = static_cast<int>(ProfileOfPath(ePath).nRawWidth);
+    *pnHeight = static_cast<int>(ProfileOfPath(ePath).nRawHeight);
 }
 
 CGeometry::CGeometry(Path ePath)
