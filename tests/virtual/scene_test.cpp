@@ -3,9 +3,12 @@
 // a residue and empty glass should, and the roll scenes drive
 // CImageProc::ImageComposition the way a rolled finger does.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -543,60 +546,6 @@ TEST(SceneRender, FinishedImageShowsTheSceneOnEveryGeometry)
     tavk05virt::DetachAll();
 }
 
-TEST(SceneRender, ExposureBrightensAndGainStretches)
-{
-    for (const char* pszUnit : kGeometries) {
-        SCOPED_TRACE(pszUnit);
-        tavk05virt::DetachAll();
-        std::string strError;
-        ASSERT_TRUE(tavk05virt::Attach(std::string(pszUnit) + "scene=flat,seed=7", &strError)) << strError;
-        // Mean of empty glass (top rows), deviation inside the finger.
-        auto measure = [&](int nExposure, int nGain, double* pfGlass, double* pfSpread, double* pfNoise) {
-            const std::vector<unsigned char> vecImage = Finish(ReadFrame(nExposure, nGain));
-            double fSum = 0.0;
-            double fSquares = 0.0;
-            int n = 0;
-            for (int y = 40; y < 70; ++y) {
-                for (int x = 200; x < 400; ++x) {
-                    fSum += vecImage[y * kSize + x];
-                    fSquares += vecImage[y * kSize + x] * vecImage[y * kSize + x];
-                    ++n;
-                }
-            }
-            *pfGlass = fSum / n;
-            *pfNoise = std::sqrt(std::max(0.0, fSquares / n - *pfGlass * *pfGlass));
-            fSum = 0.0;
-            fSquares = 0.0;
-            n = 0;
-            for (int y = 260; y < 340; ++y) {
-                for (int x = 260; x < 340; ++x) {
-                    fSum += vecImage[y * kSize + x];
-                    fSquares += vecImage[y * kSize + x] * vecImage[y * kSize + x];
-                    ++n;
-                }
-            }
-            *pfSpread = std::sqrt(fSquares / n - (fSum / n) * (fSum / n));
-        };
-        // Power-on values (no sensor-option block yet) are brightness 40, gain 1.
-        double fDefaultGlass, fDefaultSpread, fDefaultNoise;
-        double fFortyGlass, fFortySpread, fFortyNoise;
-        measure(-1, 0, &fDefaultGlass, &fDefaultSpread, &fDefaultNoise);
-        measure(40, 1, &fFortyGlass, &fFortySpread, &fFortyNoise);
-        EXPECT_NEAR(fDefaultGlass, fFortyGlass, 1.5);
-        EXPECT_NEAR(fDefaultSpread, fFortySpread, 2.0);
-        double fDimGlass, fDimSpread, fDimNoise;
-        double fBrightGlass, fBrightSpread, fBrightNoise;
-        double fHighGlass, fHighSpread, fHighNoise;
-        measure(10, 1, &fDimGlass, &fDimSpread, &fDimNoise);
-        measure(60, 1, &fBrightGlass, &fBrightSpread, &fBrightNoise);
-        measure(10, 8, &fHighGlass, &fHighSpread, &fHighNoise);
-        EXPECT_GT(fBrightGlass, fDimGlass + 30.0);
-        EXPECT_GT(fHighSpread, fDimSpread * 1.15);
-        EXPECT_GT(fHighNoise, fDimNoise * 1.5);
-    }
-    tavk05virt::DetachAll();
-}
-
 TEST(SceneRender, LiveViewOfPressedFingersMatchesTheFingerStates)
 {
     // The live view shows the darkening against empty glass, 255 - 3d
@@ -629,59 +578,34 @@ TEST(SceneRender, LiveViewOfPressedFingersMatchesTheFingerStates)
     tavk05virt::DetachAll();
 }
 
-TEST(SceneRender, MosaicCarriesEqualGreyInEveryChannel)
+TEST(SceneImage, UnusablePrintsAreRefusedByName)
 {
-    tavk05virt::DetachAll();
+    const std::string strDir = ::testing::TempDir() + "scene_image_" + std::to_string(getpid());
+    ASSERT_EQ(0, mkdir(strDir.c_str(), 0700));
+    const std::string strText = strDir + "/print.png";
+    std::FILE* pFile = std::fopen(strText.c_str(), "w");
+    ASSERT_TRUE(pFile);
+    std::fputs("not a picture", pFile);
+    std::fclose(pFile);
+    const std::string strEmpty = strDir + "/empty";
+    ASSERT_EQ(0, mkdir(strEmpty.c_str(), 0700));
+    const struct {
+        const char* pszKey;
+        std::string strValue;
+    } aCases[] = {{"image", strDir + "/missing.png"}, {"image", strText}, {"images", strEmpty}, {"images", strDir}};
+    for (const auto& c : aCases) {
+        FingerSceneSettings settings;
+        std::string strError;
+        ASSERT_TRUE(ParseFingerScene("flat", {{c.pszKey, c.strValue}}, &settings, &strError)) << strError;
+        EXPECT_FALSE(MakeFingerSource(settings, &strError)) << c.strValue;
+        EXPECT_NE(std::string::npos, strError.find(strDir)) << strError;
+    }
+    FingerSceneSettings settings;
     std::string strError;
-    ASSERT_TRUE(tavk05virt::Attach("0:model=6,scene=empty", &strError)) << strError;
-    const std::vector<unsigned char> vecFrame = ReadFrame(-1, 0).vecBytes;
-    // Channel means over the middle of the sensor: red a little above
-    // green, blue a little below, their mean the green level.
-    double afSum[3] = {};
-    int anCount[3] = {};
-    for (int y = 300; y < 600; ++y) {
-        for (int x = 400; x < 900; ++x) {
-            const int nChannel = (x + y) % 2 ? 1 : (y % 2 ? 2 : 0);
-            afSum[nChannel] += vecFrame[y * 1288 + x];
-            ++anCount[nChannel];
-        }
-    }
-    const double fRed = afSum[0] / anCount[0];
-    const double fGreen = afSum[1] / anCount[1];
-    const double fBlue = afSum[2] / anCount[2];
-    EXPECT_GT(fRed, fGreen);
-    EXPECT_LT(fBlue, fGreen);
-    EXPECT_LT(fRed - fBlue, 0.08 * fGreen);
-    EXPECT_NEAR((fRed + fBlue) / 2, fGreen, 0.6);
-    // The frame's tail behind the mosaic is zero.
-    EXPECT_TRUE(std::all_of(vecFrame.begin() + 1288 * 876, vecFrame.end(), [](unsigned char v) { return v == 0; }));
-    tavk05virt::DetachAll();
-}
-
-TEST(SceneTimeline, PlaceStartsEmptyAndSettles)
-{
-    const uint32_t nSeed = 2;
-    const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(nSeed);
-    std::vector<unsigned char> vecGlass(kSize * kSize);
-    long nPrevDark = -1;
-    long nSettled = -1;
-    for (unsigned long t = 0; t < 14; ++t) {
-        ComposeGlass(p.get(), Pose(kScenePlace, nSeed, t), vecGlass.data());
-        const long nDark = std::count_if(vecGlass.begin(), vecGlass.end(), [](unsigned char v) { return v < 120; });
-        if (t < SceneTiming::kPlaceEmpty) {
-            EXPECT_EQ(0, nDark) << "read " << t;
-        } else if (t + 1 < SceneTiming::kPlaceEmpty + SceneTiming::kPlaceArrive) {
-            EXPECT_GT(nDark, nPrevDark) << "read " << t;
-        } else if (nSettled < 0) {
-            nSettled = nDark;
-        } else {
-            EXPECT_EQ(nSettled, nDark) << "read " << t;
-        }
-        nPrevDark = nDark;
-    }
-    // Settled, the finger is the flat finger.
-    ComposeGlass(p.get(), Pose(kSceneFlat, nSeed, 0), vecGlass.data());
-    EXPECT_EQ(nSettled, std::count_if(vecGlass.begin(), vecGlass.end(), [](unsigned char v) { return v < 120; }));
+    EXPECT_FALSE(ParseFingerScene("flat", {{"image", ""}}, &settings, &strError));
+    unlink(strText.c_str());
+    rmdir(strEmpty.c_str());
+    rmdir(strDir.c_str());
 }
 
 }  // namespace

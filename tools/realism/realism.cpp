@@ -519,7 +519,6 @@ int main(int argc, char** argv)
                 g_clear_error(&pError);
                 break;
             }
-            if (getenv("REALISM_HIGH")) for (size_t j = 0; j < vecScores.size(); ++j) if (vecScores[j] >= 30) std::fprintf(stderr, "probe %zu vs %zu: %d\n", f + nFirst, std::find(vecGallery.begin(), vecGallery.end(), vecRest[j / nStages]) - vecGallery.begin() + nFirst, vecScores[j]);
             for (int s : vecScores) {
                 vecImpostor.push_back(s);
                 ++nImpostorPairs;
