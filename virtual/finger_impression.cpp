@@ -29,13 +29,7 @@ Impression MakeImpression(uint32_t nSeed, unsigned long nNumber)
     imp.fDragY = fDrag * fmath::Sin(fDragAngle);
     imp.fDragTwist = rng.Range(-0.05, 0.05);
     imp.fWobble = rng.Range(0.5, 2.0);
-    for (int i = 0; i < 2; ++i) {
-        const double fAngle = rng.Range(0.0, 2.0 * fmath::kPi);
-        const double fWavelength = rng.Range(90.0, 200.0);
-        imp.afWobble[i][0] = 2.0 * fmath::kPi * fmath::Cos(fAngle) / fWavelength;
-        imp.afWobble[i][1] = 2.0 * fmath::kPi * fmath::Sin(fAngle) / fWavelength;
-        imp.afWobble[i][2] = rng.Range(0.0, 2.0 * fmath::kPi);
-    }
+    for (int i = 0; i < 2; ++i) fmath::RandomWave(rng, 90.0, 200.0, imp.afWobble[i]);
     // Pressed a little lighter or firmer; the skin moister or drier.
     imp.fPressure = rng.Range(0.8, 1.2);
     imp.fMoisture = rng.Uniform() < 0.3 ? rng.Range(0.0, 0.2) : 0.0;

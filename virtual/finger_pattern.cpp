@@ -174,22 +174,12 @@ FingerGenome MakeGenome(uint32_t nSeed)
 CFingerPattern::CFingerPattern(const FingerGenome& genome) : m_genome(genome)
 {
     CRandom rng(fmath::Hash(genome.nSeed, 0x706572696F64ULL));
-    for (int i = 0; i < 4; ++i) {
-        const double fAngle = rng.Range(0.0, 2.0 * kPi);
-        const double fWavelength = rng.Range(180.0, 420.0);
-        m_afWave[i][0] = 2.0 * kPi * fmath::Cos(fAngle) / fWavelength;
-        m_afWave[i][1] = 2.0 * kPi * fmath::Sin(fAngle) / fWavelength;
-        m_afWave[i][2] = rng.Range(0.0, 2.0 * kPi);
-    }
+    for (int i = 0; i < 4; ++i) fmath::RandomWave(rng, 180.0, 420.0, m_afWave[i]);
     // The flow's own twists: a few slow waves of the ridge direction, up to
     // about 0.45 radians together, as no two fingers bend alike.
     CRandom flow(fmath::Hash(genome.nSeed, 0x666C6F77ULL));
     for (int i = 0; i < 3; ++i) {
-        const double fAngle = flow.Range(0.0, 2.0 * kPi);
-        const double fWavelength = flow.Range(220.0, 520.0);
-        m_afFlow[i][0] = 2.0 * kPi * fmath::Cos(fAngle) / fWavelength;
-        m_afFlow[i][1] = 2.0 * kPi * fmath::Sin(fAngle) / fWavelength;
-        m_afFlow[i][2] = flow.Range(0.0, 2.0 * kPi);
+        fmath::RandomWave(flow, 220.0, 520.0, m_afFlow[i]);
         m_afFlow[i][3] = flow.Range(0.05, 0.16);
     }
 }

@@ -38,7 +38,7 @@ bool ParseNumber(const std::string& strValue, unsigned long long nMax, unsigned 
 
 unsigned long long KeyLimit(const std::string& strKey)
 {
-    if (strKey == "seed") return 4294967295ULL;
+    if (strKey == "seed" || strKey == "impression") return 4294967295ULL;
     if (strKey == "latentcheck") return 2;
     return 1000000000ULL;
 }
