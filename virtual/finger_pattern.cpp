@@ -176,11 +176,13 @@ CFingerPattern::CFingerPattern(const FingerGenome& genome) : m_genome(genome)
     CRandom rng(fmath::Hash(genome.nSeed, 0x706572696F64ULL));
     for (int i = 0; i < 4; ++i) fmath::RandomWave(rng, 180.0, 420.0, m_afWave[i]);
     // The flow's own twists: a few slow waves of the ridge direction, up to
-    // about 0.45 radians together, as no two fingers bend alike.
+    // about 0.9 radians together, as no two fingers bend alike. Without
+    // them fingers of one class share their flow so closely that a minutiae
+    // matcher finds chance agreements between them.
     CRandom flow(fmath::Hash(genome.nSeed, 0x666C6F77ULL));
     for (int i = 0; i < 3; ++i) {
         fmath::RandomWave(flow, 220.0, 520.0, m_afFlow[i]);
-        m_afFlow[i][3] = flow.Range(0.05, 0.16);
+        m_afFlow[i][3] = flow.Range(0.15, 0.3);
     }
 }
 
