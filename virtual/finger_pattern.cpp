@@ -166,7 +166,9 @@ FingerGenome MakeGenome(uint32_t nSeed)
     g.fContactAngle = rng.Range(-0.15, 0.15);
     g.ptOutline.x = 300.0;
     g.ptOutline.y = 330.0;
-    g.fOutlineA = rng.Range(245.0, 262.0);
+    // From nail edge to nail edge: a broader pad has more skin to roll over,
+    // so a full roll (scene_model.h) ends on the ridges before the far nail.
+    g.fOutlineA = 0.78 * g.fContactA + rng.Range(150.0, 160.0);
     g.fOutlineB = rng.Range(245.0, 265.0);
     return g;
 }
