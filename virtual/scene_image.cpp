@@ -27,6 +27,17 @@ struct FileCloser {
     void operator()(std::FILE* p) const { std::fclose(p); }
 };
 
+#ifdef TAVK05_HAVE_PNG
+// libpng's own handlers print to the host's standard error; the message
+// for the host is made here instead.
+void PngError(png_structp pPng, png_const_charp)
+{
+    png_longjmp(pPng, 1);
+}
+
+void PngWarning(png_structp, png_const_charp) {}
+#endif
+
 }  // namespace
 
 bool ReadGreyPng(const std::string& strPath, std::vector<unsigned char>* pPixels, unsigned* pnWidth,
@@ -50,17 +61,16 @@ bool ReadGreyPng(const std::string& strPath, std::vector<unsigned char>* pPixels
         if (pError) *pError = strPath + ": not a PNG file";
         return false;
     }
-    png_structp pPng = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_structp pPng = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, PngError, PngWarning);
     png_infop pInfo = pPng ? png_create_info_struct(pPng) : nullptr;
     if (!pInfo) {
         png_destroy_read_struct(&pPng, nullptr, nullptr);
         if (pError) *pError = strPath + ": out of memory";
         return false;
     }
-    // Rows are read into this buffer; libpng's error exit leaves through
-    // longjmp, so the buffer lives outside the jump's scope.
+    // libpng's error exit leaves through longjmp: nothing below owns memory
+    // of its own (the rows go straight into the caller's buffer).
     std::vector<unsigned char>& vecPixels = *pPixels;
-    std::vector<png_bytep> vecRows;
     const char* volatile pszProblem = nullptr;
     if (setjmp(png_jmpbuf(pPng))) {
         png_destroy_read_struct(&pPng, &pInfo, nullptr);
@@ -94,16 +104,24 @@ bool ReadGreyPng(const std::string& strPath, std::vector<unsigned char>* pPixels
     png_set_expand(pPng);
     if (nColour & PNG_COLOR_MASK_COLOR) png_set_rgb_to_gray_fixed(pPng, 1, -1, -1);
     png_set_strip_alpha(pPng);
-    png_set_interlace_handling(pPng);
+    const int nPasses = png_set_interlace_handling(pPng);
     png_read_update_info(pPng, pInfo);
     if (png_get_rowbytes(pPng, pInfo) != nWidth || png_get_channels(pPng, pInfo) != 1) {
         pszProblem = "unsupported pixel layout";
         png_error(pPng, "layout");
     }
-    vecPixels.assign(static_cast<size_t>(nWidth) * nHeight, 0);
-    vecRows.assign(nHeight, nullptr);
-    for (png_uint_32 y = 0; y < nHeight; ++y) vecRows[y] = vecPixels.data() + static_cast<size_t>(y) * nWidth;
-    png_read_image(pPng, vecRows.data());
+    try {
+        vecPixels.assign(static_cast<size_t>(nWidth) * nHeight, 0);
+    } catch (const std::bad_alloc&) {
+        png_destroy_read_struct(&pPng, &pInfo, nullptr);
+        if (pError) *pError = strPath + ": out of memory";
+        return false;
+    }
+    for (int nPass = 0; nPass < nPasses; ++nPass) {
+        for (png_uint_32 y = 0; y < nHeight; ++y) {
+            png_read_row(pPng, vecPixels.data() + static_cast<size_t>(y) * nWidth, nullptr);
+        }
+    }
     png_read_end(pPng, nullptr);
     png_destroy_read_struct(&pPng, &pInfo, nullptr);
     *pnWidth = nWidth;

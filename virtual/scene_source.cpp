@@ -75,7 +75,8 @@ public:
         const uint64_t nNoiseSeed = fmath::Hash(m_settings.config.nSeed, 2 * read.nTime + (read.bLatent ? 1 : 0));
         const unsigned char* pGlass = m_pGlass.get();
         if (m_pPrints && pose.bFinger) {
-            // The host's print stands for the finger wherever it touches.
+            // While a finger lies on the glass, the host's print is shown
+            // whole in its place.
             pGlass = m_pPrints->Glass(read.nAcquisition);
         } else {
             ComposeGlass(m_pPattern.get(), pose, m_pGlass.get());
