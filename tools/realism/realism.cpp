@@ -197,6 +197,8 @@ public:
             m_bStop = true;
         }
         m_cond.notify_all();
+        // A write the device never took blocks no longer.
+        if (m_nSocket >= 0) shutdown(m_nSocket, SHUT_RDWR);
         if (m_thread.joinable()) m_thread.join();
         if (m_nSocket >= 0) close(m_nSocket);
     }
@@ -243,6 +245,71 @@ private:
     std::condition_variable m_cond;
     std::deque<const Image*> m_queue;
     bool m_bStop = false;
+};
+
+// libfprint's virtual_image device, fed through its socket. libfprint
+// models a sensor's temperature: a device busy for a few minutes on end is
+// refused as too hot. The measurement keeps going on a fresh device (and
+// socket) whenever the current one is no longer cold; enrolled prints stay
+// valid on any device of the driver.
+class CMatcher {
+public:
+    explicit CMatcher(const std::string& strDir) : m_strDir(strDir) {}
+    ~CMatcher() { Close(); }
+    CMatcher(const CMatcher&) = delete;
+    CMatcher& operator=(const CMatcher&) = delete;
+
+    bool Open()
+    {
+        Close();
+        m_strSocket = m_strDir + "/image" + std::to_string(m_nGeneration++) + ".sock";
+        setenv("FP_VIRTUAL_IMAGE", m_strSocket.c_str(), 1);
+        m_pContext = fp_context_new();
+        GPtrArray* pDevices = fp_context_get_devices(m_pContext);
+        for (guint i = 0; pDevices && i < pDevices->len; ++i) {
+            FpDevice* p = FP_DEVICE(g_ptr_array_index(pDevices, i));
+            if (std::strcmp(fp_device_get_driver(p), "virtual_image") == 0) m_pDevice = p;
+        }
+        GError* pError = nullptr;
+        if (!m_pDevice || !fp_device_open_sync(m_pDevice, nullptr, &pError)) {
+            std::fprintf(stderr, "tavk05-realism: no virtual_image device from libfprint%s%s\n", pError ? ": " : "",
+                         pError ? pError->message : "");
+            g_clear_error(&pError);
+            m_pDevice = nullptr;
+            return false;
+        }
+        m_pFeeder.reset(new CFeeder);
+        if (!m_pFeeder->Connect(m_strSocket)) {
+            std::fprintf(stderr, "tavk05-realism: cannot connect to %s\n", m_strSocket.c_str());
+            return false;
+        }
+        return true;
+    }
+    // A fresh device unless the current one is still cold.
+    bool KeepCool()
+    {
+        if (m_pDevice && fp_device_get_temperature(m_pDevice) == FP_TEMPERATURE_COLD) return true;
+        return Open();
+    }
+    void Close()
+    {
+        m_pFeeder.reset();
+        if (m_pDevice) fp_device_close_sync(m_pDevice, nullptr, nullptr);
+        m_pDevice = nullptr;
+        if (m_pContext) g_object_unref(m_pContext);
+        m_pContext = nullptr;
+        if (!m_strSocket.empty()) unlink(m_strSocket.c_str());
+    }
+    FpDevice* Device() const { return m_pDevice; }
+    CFeeder& Feeder() const { return *m_pFeeder; }
+
+private:
+    const std::string m_strDir;
+    std::string m_strSocket;
+    int m_nGeneration = 0;
+    FpContext* m_pContext = nullptr;
+    FpDevice* m_pDevice = nullptr;
+    std::unique_ptr<CFeeder> m_pFeeder;
 };
 
 struct EnrolFeed {
@@ -402,10 +469,8 @@ int main(int argc, char** argv)
     }
     const std::string strDir = szDir;
     const std::string strConf = strDir + "/tavk05rf.conf";
-    const std::string strSocket = strDir + "/image.sock";
     setenv("TAVK05_CONF", strConf.c_str(), 1);
     setenv("FP_DEVICE_EMULATION", "1", 1);
-    setenv("FP_VIRTUAL_IMAGE", strSocket.c_str(), 1);
     setenv("G_MESSAGES_DEBUG", "all", 1);
     if (!strRoundTrip.empty()) {
         const int nExit = RoundTrip(strRoundTrip);
@@ -419,26 +484,10 @@ int main(int argc, char** argv)
     int anClass[4] = {0, 0, 0, 0};
     for (size_t f = 0; f < nFingers; ++f) ++anClass[tavk05virt::MakeGenome(nFirst + static_cast<uint32_t>(f)).eClass];
 
-    FpContext* pContext = fp_context_new();
-    GPtrArray* pDevices = fp_context_get_devices(pContext);
-    FpDevice* pDevice = nullptr;
-    for (guint i = 0; pDevices && i < pDevices->len; ++i) {
-        FpDevice* p = FP_DEVICE(g_ptr_array_index(pDevices, i));
-        if (std::strcmp(fp_device_get_driver(p), "virtual_image") == 0) pDevice = p;
-    }
+    CMatcher matcher(strDir);
+    if (!matcher.Open()) return 1;
     GError* pError = nullptr;
-    if (!pDevice || !fp_device_open_sync(pDevice, nullptr, &pError)) {
-        std::fprintf(stderr, "tavk05-realism: no virtual_image device from libfprint%s%s\n", pError ? ": " : "",
-                     pError ? pError->message : "");
-        return 1;
-    }
-    std::unique_ptr<CFeeder> pFeeder(new CFeeder);
-    CFeeder& feeder = *pFeeder;
-    if (!feeder.Connect(strSocket)) {
-        std::fprintf(stderr, "tavk05-realism: cannot connect to %s\n", strSocket.c_str());
-        return 1;
-    }
-    const int nStages = fp_device_get_nr_enroll_stages(pDevice);
+    const int nStages = fp_device_get_nr_enroll_stages(matcher.Device());
 
     // Enrolment: impressions 0 .. nStages - 1 of each finger, flat, model 7.
     std::vector<FpPrint*> vecGallery(nFingers, nullptr);
@@ -464,6 +513,9 @@ int main(int argc, char** argv)
             ++nFailed;
             continue;
         }
+        if (!matcher.KeepCool()) return 1;
+        FpDevice* pDevice = matcher.Device();
+        CFeeder& feeder = matcher.Feeder();
         EnrolFeed feed = {&feeder, &vecEnrol, 1};
         feeder.Send(&vecEnrol[0]);
         FpPrint* pTemplate = fp_print_new(pDevice);
@@ -472,6 +524,7 @@ int main(int argc, char** argv)
             std::fprintf(stderr, "tavk05-realism: seed %u: enrolment failed: %s\n", nSeed, pError->message);
             g_clear_error(&pError);
             ++nFailed;
+            matcher.Open();  // the device may still hold images of this finger
             continue;
         }
         vecGallery[f] = pEnrolled;
@@ -483,6 +536,7 @@ int main(int argc, char** argv)
             std::fprintf(stderr, "tavk05-realism: seed %u: verification failed: %s\n", nSeed, pError->message);
             g_clear_error(&pError);
             ++nFailed;
+            matcher.Open();
             continue;
         }
         const std::vector<int> vecScores = TakeScores();
@@ -509,14 +563,17 @@ int main(int argc, char** argv)
             GPtrArray* pArray = g_ptr_array_new();
             for (FpPrint* p : vecRest) g_ptr_array_add(pArray, p);
             FpPrint* pMatch = nullptr;
-            feeder.Send(&vecProbe[f]);
+            if (!matcher.KeepCool()) return 1;
+            matcher.Feeder().Send(&vecProbe[f]);
             const gboolean bOk =
-                fp_device_identify_sync(pDevice, pArray, nullptr, nullptr, nullptr, &pMatch, nullptr, &pError);
+                fp_device_identify_sync(matcher.Device(), pArray, nullptr, nullptr, nullptr, &pMatch, nullptr, &pError);
             g_ptr_array_unref(pArray);
             const std::vector<int> vecScores = TakeScores();
             if (!bOk) {
                 std::fprintf(stderr, "tavk05-realism: identification failed: %s\n", pError->message);
                 g_clear_error(&pError);
+                ++nFailed;
+                matcher.Open();
                 break;
             }
             for (int s : vecScores) {
@@ -532,7 +589,6 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "\rimpostor probes: %zu of %zu   ", f + 1, nFingers);
     }
     std::fprintf(stderr, "\n");
-    pFeeder.reset();
 
     std::printf("seeds %u-%u: %zu fingers, %d enrolment impressions each (flat, model 7); probes: a later "
                 "impression on models 3-8, %s\n",
@@ -548,15 +604,13 @@ int main(int argc, char** argv)
     PrintDistribution("genuine", vecGenuine);
     PrintDistribution("impostor", vecImpostor);
     PrintDistribution("probe minutiae", vecMinutiae);
-    if (nFailed) std::printf("failed captures or enrolments: %ld\n", nFailed);
+    if (nFailed) std::printf("failed captures, enrolments or comparisons: %ld\n", nFailed);
 
     for (FpPrint* p : vecGallery) {
         if (p) g_object_unref(p);
     }
-    fp_device_close_sync(pDevice, nullptr, nullptr);
-    g_object_unref(pContext);
+    matcher.Close();
     unlink(strConf.c_str());
-    unlink(strSocket.c_str());
     rmdir(strDir.c_str());
     return nFailed ? 1 : 0;
 }
