@@ -9,7 +9,8 @@
 //   - verified against its own finger: the genuine score is the comparison
 //     with the first enrolled impression (a pair of impressions), and
 //   - identified against the gallery of all other fingers: every score the
-//     matcher logs is one impostor pair (probe against one enrolled image).
+//     matcher logs is one impostor image pair (probe against one enrolled
+//     image); the best of a finger's impressions scores the finger pair.
 // The program prints the genuine match rate, the false match rate, both
 // score distributions and the pattern classes of the range.
 #include <fcntl.h>
@@ -495,6 +496,7 @@ int main(int argc, char** argv)
     std::vector<int> vecGenuine;
     std::vector<int> vecImpostor;
     std::vector<int> vecMinutiae;
+    std::vector<int> vecFingerPair;  // best impostor score of a probe against each other finger
     long nGenuineMatches = 0;
     long nFalseMatches = 0;
     long nImpostorPairs = 0;
@@ -576,10 +578,19 @@ int main(int argc, char** argv)
                 matcher.Open();
                 break;
             }
-            for (int s : vecScores) {
+            // The scores come template by template, nStages to a template
+            // (fewer for the one that matched); a finger pair matches when
+            // any of its enrolled impressions does.
+            for (size_t j = 0; j < vecScores.size(); ++j) {
+                const int s = vecScores[j];
                 vecImpostor.push_back(s);
                 ++nImpostorPairs;
                 if (s >= kThreshold) ++nFalseMatches;
+                if (j % static_cast<size_t>(nStages) == 0) {
+                    vecFingerPair.push_back(s);
+                } else if (s > vecFingerPair.back()) {
+                    vecFingerPair.back() = s;
+                }
             }
             if (!pMatch) break;
             const auto it = std::find(vecRest.begin(), vecRest.end(), pMatch);
@@ -599,10 +610,16 @@ int main(int argc, char** argv)
                 100.0 * anClass[2] / nFingers, 100.0 * anClass[3] / nFingers);
     std::printf("genuine match rate: %ld of %zu pairs (%.2f %%) at threshold %d\n", nGenuineMatches, vecGenuine.size(),
                 vecGenuine.empty() ? 0.0 : 100.0 * nGenuineMatches / vecGenuine.size(), kThreshold);
-    std::printf("false match rate: %ld of %ld impostor pairs (%.4f %%)\n", nFalseMatches, nImpostorPairs,
+    std::printf("false match rate: %ld of %ld impostor image pairs (%.4f %%)\n", nFalseMatches, nImpostorPairs,
                 nImpostorPairs ? 100.0 * nFalseMatches / nImpostorPairs : 0.0);
+    const long nFingerMatches =
+        std::count_if(vecFingerPair.begin(), vecFingerPair.end(), [](int s) { return s >= kThreshold; });
+    std::printf("false match rate: %ld of %zu impostor finger pairs (probe against all %d enrolled impressions of "
+                "another finger)\n",
+                nFingerMatches, vecFingerPair.size(), nStages);
     PrintDistribution("genuine", vecGenuine);
     PrintDistribution("impostor", vecImpostor);
+    PrintDistribution("impostor finger-pair (best of the impressions)", vecFingerPair);
     PrintDistribution("probe minutiae", vecMinutiae);
     if (nFailed) std::printf("failed captures, enrolments or comparisons: %ld\n", nFailed);
 
