@@ -10,9 +10,6 @@ namespace tavk05virt {
 Impression MakeImpression(uint32_t nSeed, unsigned long nNumber)
 {
     Impression imp;
-    for (int i = 0; i < 2; ++i) {
-        for (int j = 0; j < 3; ++j) imp.afWobble[i][j] = 0.0;
-    }
     if (nNumber == 0) return imp;
     fmath::CRandom rng(fmath::Hash(fmath::Hash(nSeed, 0x696D7072ULL), nNumber));
     imp.bMoved = true;

@@ -22,7 +22,7 @@ struct Impression {
     double fDragY = 0.0;
     double fDragTwist = 0.0;  // outer skin twisted against the centre, radians
     double fWobble = 0.0;     // amplitude of the skin's small uneven stretch, pixels
-    double afWobble[2][3];    // its two waves: kx, ky, phase
+    double afWobble[2][3] = {};  // its two waves: kx, ky, phase
     double fPressure = 1.0;   // factor on the scene's pressure
     double fMoisture = 0.0;   // added to the scene's moisture
     double fDryness = 0.0;    // added to the scene's dryness
