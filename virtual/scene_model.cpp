@@ -205,7 +205,8 @@ FingerPose PlaceImpression(FingerPose pose, const FingerGenome& g, unsigned long
         pose.fDragB = pose.fB;
         pose.fDragAngle = pose.fAngle;
     }
-    pose.fPressure *= imp.fPressure;
+    // A roll keeps the pressure its scene scripts.
+    if (!pose.bRolled) pose.fPressure *= imp.fPressure;
     pose.fMoisture += imp.fMoisture;
     pose.fDryness += imp.fDryness;
     return pose;
