@@ -71,6 +71,17 @@ inline double SmoothStep(double e0, double e1, double x)
     return t * t * (3.0 - 2.0 * t);
 }
 
+// A plane wave of random direction, wavelength in [fMinLength, fMaxLength)
+// and phase: pfWave receives kx, ky and the phase.
+inline void RandomWave(CRandom& rng, double fMinLength, double fMaxLength, double* pfWave)
+{
+    const double fAngle = rng.Range(0.0, 2.0 * kPi);
+    const double fWavelength = rng.Range(fMinLength, fMaxLength);
+    pfWave[0] = 2.0 * kPi * Cos(fAngle) / fWavelength;
+    pfWave[1] = 2.0 * kPi * Sin(fAngle) / fWavelength;
+    pfWave[2] = rng.Range(0.0, 2.0 * kPi);
+}
+
 }  // namespace fmath
 }  // namespace tavk05virt
 

@@ -98,41 +98,46 @@ FingerGenome MakeGenome(uint32_t nSeed)
     FingerGenome g;
     std::memset(&g, 0, sizeof g);
     g.nSeed = nSeed;
-    // Frequencies roughly as in a population: loops most, then whorls, arches rare.
+    // Frequencies as in a population: loops about 65 %, whorls 30 %, arches 5 %.
     const uint32_t nDraw = rng.Below(100);
-    g.eClass = nDraw < 32 ? kClassLeftLoop : nDraw < 64 ? kClassRightLoop : nDraw < 90 ? kClassWhorl : kClassArch;
+    g.eClass = nDraw < 33 ? kClassLeftLoop : nDraw < 65 ? kClassRightLoop : nDraw < 95 ? kClassWhorl : kClassArch;
 
-    const FingerPoint ptCore = {300.0 + rng.Range(-18.0, 18.0), 275.0 + rng.Range(-22.0, 22.0)};
-    g.fPeriod = 9.0 * rng.Range(0.97, 1.03);
-    g.fTipCentreY = rng.Range(640.0, 740.0);
-    g.fTipBend = rng.Range(1.1, 1.6);
-    g.fArchHeight = rng.Range(45.0, 80.0);
-    g.fArchWidth = rng.Range(80.0, 110.0);
+    // People differ in where the pattern sits on the pad, how fine the
+    // ridges are (0.40 to 0.53 mm) and how the flow bends toward the tip.
+    const FingerPoint ptCore = {300.0 + rng.Range(-40.0, 40.0), 270.0 + rng.Range(-40.0, 40.0)};
+    g.fPeriod = rng.Range(7.9, 10.5);
+    g.fTipCentreY = rng.Range(600.0, 820.0);
+    g.fTipBend = rng.Range(0.8, 1.9);
+    g.fArchHeight = rng.Range(35.0, 95.0);
+    g.fArchWidth = rng.Range(70.0, 130.0);
 
     switch (g.eClass) {
     case kClassLeftLoop:
     case kClassRightLoop: {
+        // The delta lies 6 to 17 ridges from the core, below and to the side.
         const double fSide = g.eClass == kClassLeftLoop ? 1.0 : -1.0;
         g.nCores = 1;
         g.aptCore[0] = ptCore;
         g.nDeltas = 1;
-        g.aptDelta[0].x = ptCore.x + fSide * rng.Range(95.0, 130.0);
-        g.aptDelta[0].y = ptCore.y + rng.Range(110.0, 150.0);
+        g.aptDelta[0].x = ptCore.x + fSide * rng.Range(60.0, 165.0);
+        g.aptDelta[0].y = ptCore.y + rng.Range(75.0, 175.0);
         break;
     }
     case kClassWhorl: {
-        const double dx = rng.Range(-7.0, 7.0);
-        const double dy = rng.Range(12.0, 20.0);
+        // From a round whorl (cores close, one above the other) to a double
+        // loop (cores apart and side by side).
+        const double dx = rng.Range(-18.0, 18.0);
+        const double dy = rng.Range(8.0, 26.0);
         g.nCores = 2;
         g.aptCore[0].x = ptCore.x - dx;
         g.aptCore[0].y = ptCore.y - dy;
         g.aptCore[1].x = ptCore.x + dx;
         g.aptCore[1].y = ptCore.y + dy;
         g.nDeltas = 2;
-        g.aptDelta[0].x = ptCore.x - rng.Range(115.0, 145.0);
-        g.aptDelta[0].y = ptCore.y + rng.Range(125.0, 160.0);
-        g.aptDelta[1].x = ptCore.x + rng.Range(115.0, 145.0);
-        g.aptDelta[1].y = ptCore.y + rng.Range(125.0, 160.0);
+        g.aptDelta[0].x = ptCore.x - rng.Range(95.0, 165.0);
+        g.aptDelta[0].y = ptCore.y + rng.Range(100.0, 175.0);
+        g.aptDelta[1].x = ptCore.x + rng.Range(95.0, 165.0);
+        g.aptDelta[1].y = ptCore.y + rng.Range(100.0, 175.0);
         break;
     }
     case kClassArch:
@@ -153,14 +158,17 @@ FingerGenome MakeGenome(uint32_t nSeed)
         g.fTheta0 = -fSum;
     }
 
-    g.ptContact.x = 300.0 + rng.Range(-12.0, 12.0);
-    g.ptContact.y = 305.0 + rng.Range(-12.0, 12.0);
-    g.fContactA = rng.Range(135.0, 155.0);
-    g.fContactB = rng.Range(190.0, 212.0);
-    g.fContactAngle = rng.Range(-0.12, 0.12);
+    // Finger size and shape: narrow to broad pads, short to long.
+    g.ptContact.x = 300.0 + rng.Range(-15.0, 15.0);
+    g.ptContact.y = 305.0 + rng.Range(-15.0, 15.0);
+    g.fContactA = rng.Range(128.0, 155.0);
+    g.fContactB = rng.Range(175.0, 218.0);
+    g.fContactAngle = rng.Range(-0.15, 0.15);
     g.ptOutline.x = 300.0;
     g.ptOutline.y = 330.0;
-    g.fOutlineA = rng.Range(245.0, 262.0);
+    // From nail edge to nail edge: a broader pad has more skin to roll over,
+    // so a full roll (scene_model.h) ends on the ridges before the far nail.
+    g.fOutlineA = 0.78 * g.fContactA + rng.Range(150.0, 160.0);
     g.fOutlineB = rng.Range(245.0, 265.0);
     return g;
 }
@@ -168,12 +176,15 @@ FingerGenome MakeGenome(uint32_t nSeed)
 CFingerPattern::CFingerPattern(const FingerGenome& genome) : m_genome(genome)
 {
     CRandom rng(fmath::Hash(genome.nSeed, 0x706572696F64ULL));
-    for (int i = 0; i < 4; ++i) {
-        const double fAngle = rng.Range(0.0, 2.0 * kPi);
-        const double fWavelength = rng.Range(180.0, 420.0);
-        m_afWave[i][0] = 2.0 * kPi * fmath::Cos(fAngle) / fWavelength;
-        m_afWave[i][1] = 2.0 * kPi * fmath::Sin(fAngle) / fWavelength;
-        m_afWave[i][2] = rng.Range(0.0, 2.0 * kPi);
+    for (int i = 0; i < 4; ++i) fmath::RandomWave(rng, 180.0, 420.0, m_afWave[i]);
+    // The flow's own twists: a few slow waves of the ridge direction, up to
+    // about 0.9 radians together, as no two fingers bend alike. Without
+    // them fingers of one class share their flow so closely that a minutiae
+    // matcher finds chance agreements between them.
+    CRandom flow(fmath::Hash(genome.nSeed, 0x666C6F77ULL));
+    for (int i = 0; i < 3; ++i) {
+        fmath::RandomWave(flow, 220.0, 520.0, m_afFlow[i]);
+        m_afFlow[i][3] = flow.Range(0.15, 0.3);
     }
 }
 
@@ -195,6 +206,10 @@ double CFingerPattern::Orientation(double x, double y) const
     // Towards the first joint the ridges run level again.
     fTheta -= g.fTheta0 * fmath::SmoothStep(fCoreY + 90.0, fCoreY + 330.0, y);
 
+    for (int i = 0; i < 3; ++i) {
+        fTheta += m_afFlow[i][3] * fmath::Cos(m_afFlow[i][0] * x + m_afFlow[i][1] * y + m_afFlow[i][2]);
+    }
+
     if (g.eClass == kClassArch) {
         // A hump in the middle, highest a little above the centre.
         const double dx = x - 300.0;
@@ -210,8 +225,8 @@ double CFingerPattern::Period(double x, double y) const
 {
     double fWave = 0.0;
     for (int i = 0; i < 4; ++i) fWave += fmath::Cos(m_afWave[i][0] * x + m_afWave[i][1] * y + m_afWave[i][2]);
-    // +-4 % around the mean, a little finer towards the tip.
-    return m_genome.fPeriod * (1.0 + 0.012 * fWave - 0.02 * fmath::Clamp((300.0 - y) / 300.0, -1.0, 1.0));
+    // +-8 % around the mean, a little finer towards the tip.
+    return m_genome.fPeriod * (1.0 + 0.022 * fWave - 0.02 * fmath::Clamp((300.0 - y) / 300.0, -1.0, 1.0));
 }
 
 bool CFingerPattern::Grow()

@@ -94,6 +94,8 @@ private:
     FingerGenome m_genome;
     // Period variation: a few random plane waves.
     double m_afWave[4][3];
+    // Flow variation: plane waves of the ridge direction (kx, ky, phase, amplitude).
+    double m_afFlow[3][4];
     std::unique_ptr<unsigned char[]> m_pRidge;
     std::unique_ptr<unsigned char[]> m_pSkin;
 };

@@ -3,6 +3,8 @@
 
 #include <cmath>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include "finger_math.h"
 #include "finger_noise.h"
@@ -49,6 +51,49 @@ struct Ellipse {
         return u * u * a2 + v * v * b2;
     }
 };
+
+// Skin coordinates (1/256 pixel) on a grid of kGridStep pixels over the
+// contact's box: where an impression lays the pattern; pixels between the
+// nodes interpolate them.
+const int kGridStep = 8;
+const int kGridShift = 3;
+const int kGridNodes = CFingerPattern::kSize / kGridStep + 2;
+
+struct SkinGrid {
+    int32_t anX[kGridNodes * kGridNodes];
+    int32_t anY[kGridNodes * kGridNodes];
+};
+
+void FillSkinGrid(const FingerPose& pose, int nLeft, int nTop, int nCols, int nRows, SkinGrid* pGrid)
+{
+    for (int r = 0; r < nRows; ++r) {
+        for (int c = 0; c < nCols; ++c) {
+            double sx = 0.0;
+            double sy = 0.0;
+            SkinPoint(pose.impression, pose.fTurnCx, pose.fTurnCy, pose.fDragA, pose.fDragB, pose.fDragAngle,
+                      nLeft + c * kGridStep, nTop + r * kGridStep, &sx, &sy);
+            const double fMax = (kSize - 1) * 256.0;
+            pGrid->anX[r * kGridNodes + c] = static_cast<int32_t>(fmath::Clamp(sx * 256.0, 0.0, fMax));
+            pGrid->anY[r * kGridNodes + c] = static_cast<int32_t>(fmath::Clamp(sy * 256.0, 0.0, fMax));
+        }
+    }
+}
+
+// Ridge height at a skin point in 1/256 pixel (within the canvas), bilinear.
+int RidgeAt(const unsigned char* pRidge, int32_t nSx, int32_t nSy)
+{
+    const int ix = nSx >> 8;
+    const int iy = nSy >> 8;
+    const int ax = nSx & 255;
+    const int ay = nSy & 255;
+    const int ix1 = ix + 1 < kSize ? ix + 1 : ix;
+    const int iy1 = iy + 1 < kSize ? iy + 1 : iy;
+    const unsigned char* p0 = pRidge + iy * kSize;
+    const unsigned char* p1 = pRidge + iy1 * kSize;
+    const int nTop = p0[ix] * (256 - ax) + p0[ix1] * ax;
+    const int nBottom = p1[ix] * (256 - ax) + p1[ix1] * ax;
+    return (nTop * (256 - ay) + nBottom * ay) >> 16;
+}
 
 void ComposeResidue(const CFingerPattern& pattern, unsigned char* pGlass)
 {
@@ -113,7 +158,29 @@ void ComposeGlass(const CFingerPattern* pPattern, const FingerPose& pose, unsign
     const unsigned char* pRidge = pattern.Ridge();
     const unsigned char* pSkin = pattern.Skin();
     const double fLevelScale = (kPressureLevels - 1) / kMaxPressure;
+    // A moved impression samples the pattern where its skin lies; the grid
+    // covers the box with one node beyond its right and bottom edges.
+    std::unique_ptr<SkinGrid> pGrid;
+    const int nCols = (nRight - nLeft + kGridStep - 1) / kGridStep + 1;
+    const int nRows = (nBottom - nTop + kGridStep - 1) / kGridStep + 1;
+    if (pose.impression.bMoved && nRight > nLeft && nBottom > nTop) {
+        pGrid.reset(new (std::nothrow) SkinGrid);
+        if (pGrid) FillSkinGrid(pose, nLeft, nTop, nCols, nRows, pGrid.get());
+    }
+    int32_t anRowX[kGridNodes];
+    int32_t anRowY[kGridNodes];
     for (int y = nTop; y < nBottom; ++y) {
+        if (pGrid) {
+            // Skin coordinates of this row at the grid columns, in 1/2048 pixel.
+            const int r = (y - nTop) >> kGridShift;
+            const int fy = (y - nTop) & (kGridStep - 1);
+            const int32_t* pX = pGrid->anX + r * kGridNodes;
+            const int32_t* pY = pGrid->anY + r * kGridNodes;
+            for (int c = 0; c < nCols; ++c) {
+                anRowX[c] = pX[c] * (kGridStep - fy) + pX[c + kGridNodes] * fy;
+                anRowY[c] = pY[c] * (kGridStep - fy) + pY[c + kGridNodes] * fy;
+            }
+        }
         for (int x = nLeft; x < nRight; ++x) {
             const double q2 = contact.Radius2(x, y);
             if (q2 >= 1.0) continue;
@@ -129,9 +196,18 @@ void ComposeGlass(const CFingerPattern* pPattern, const FingerPose& pose, unsign
             const int nLevel = fmath::Clamp(static_cast<int>(pose.fPressure * fProfile * fLevelScale + 0.5), 0,
                                             kPressureLevels - 1);
             int h = pRidge[i];
+            int nSkin = pSkin[i];
+            if (pGrid) {
+                const int c = (x - nLeft) >> kGridShift;
+                const int fx = (x - nLeft) & (kGridStep - 1);
+                const int32_t nSx = (anRowX[c] * (kGridStep - fx) + anRowX[c + 1] * fx) >> (2 * kGridShift);
+                const int32_t nSy = (anRowY[c] * (kGridStep - fx) + anRowY[c + 1] * fx) >> (2 * kGridShift);
+                h = RidgeAt(pRidge, nSx, nSy);
+                nSkin = pSkin[(nSy >> 8) * kSize + (nSx >> 8)];
+            }
             if (pose.fDryness > 0.0) {
                 // Dry skin: the crests must rise further to reach the glass.
-                const int nDry = 150 - pSkin[i];
+                const int nDry = 150 - nSkin;
                 if (nDry > 0) h = fmath::Clamp(h - static_cast<int>(pose.fDryness * 1.3 * nDry), 0, 255);
             }
             pGlass[i] = abyGrey[nLevel][h];

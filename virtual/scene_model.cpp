@@ -177,6 +177,41 @@ FingerPose PoseAt(const SceneConfig& config, const FingerGenome& g, unsigned lon
     return FingerPose();
 }
 
+FingerPose PlaceImpression(FingerPose pose, const FingerGenome& g, unsigned long nNumber)
+{
+    if (!pose.bFinger || nNumber == 0) return pose;
+    const Impression imp = MakeImpression(g.nSeed, nNumber);
+    pose.impression = imp;
+    if (pose.bRolled) {
+        // The skin turns about the middle of the finger, dragged over its outline.
+        pose.fTurnCx = g.ptOutline.x;
+        pose.fTurnCy = g.ptOutline.y;
+        pose.fDragA = g.fOutlineA;
+        pose.fDragB = g.fOutlineB;
+        pose.fDragAngle = 0.0;
+    } else {
+        pose.fTurnCx = pose.fCx;
+        pose.fTurnCy = pose.fCy;
+        pose.fCx += imp.fShiftX;
+        pose.fCy += imp.fShiftY;
+        pose.fAngle += imp.fTwist;
+        // A firmer press spreads the contact.
+        const double fSpread = 0.94 + 0.06 * imp.fPressure;
+        pose.fA *= fSpread;
+        pose.fB *= fSpread;
+        pose.fBodyA *= fSpread;
+        pose.fBodyB *= fSpread;
+        pose.fDragA = pose.fA;
+        pose.fDragB = pose.fB;
+        pose.fDragAngle = pose.fAngle;
+    }
+    // A roll keeps the pressure its scene scripts.
+    if (!pose.bRolled) pose.fPressure *= imp.fPressure;
+    pose.fMoisture += imp.fMoisture;
+    pose.fDryness += imp.fDryness;
+    return pose;
+}
+
 bool IsLiveFinger(const FingerPose& pose)
 {
     return pose.bFinger && pose.fPressure >= 0.25;

@@ -35,6 +35,7 @@
 #include <cstdint>
 #include <string>
 
+#include "finger_impression.h"
 #include "finger_pattern.h"
 
 namespace tavk05virt {
@@ -63,6 +64,8 @@ struct SceneConfig {
     uint32_t nSeed = 1;
     unsigned long nResidueReads = 0;  // latent=N
     unsigned long nWaitReads = 0;     // wait=N
+    unsigned long nImpression = 0;    // impression=K
+    bool bImpressionFixed = false;    // impression= given: every acquisition shows impression K
 };
 
 // Timeline constants of the live scenes (in reads).
@@ -102,10 +105,25 @@ struct FingerPose {
     double fDryness = 0.0;
     // Contact limited to the skin between the nail edges (rolled finger).
     bool bRolled = false;
+    // How this impression lays the skin on the glass (see finger_impression.h):
+    // turned about (fTurnCx, fTurnCy), dragged over the ellipse fDragA, fDragB
+    // at fDragAngle.
+    Impression impression;
+    double fTurnCx = 300.0;
+    double fTurnCy = 300.0;
+    double fDragA = 1.0;
+    double fDragB = 1.0;
+    double fDragAngle = 0.0;
 };
 
 // Where a scene stands after nRead reads (0 = the first read of the scene).
 FingerPose PoseAt(const SceneConfig& config, const FingerGenome& genome, unsigned long nRead);
+
+// The pose as impression nNumber lays the finger down. A flat finger moves
+// and turns with its contact; a rolled one keeps the scene's contact strip
+// (its skin still lies shifted, turned and dragged under it). Impression 0
+// leaves the pose as it is.
+FingerPose PlaceImpression(FingerPose pose, const FingerGenome& genome, unsigned long nNumber);
 
 // Whether the latent exposure sees a live, three-dimensional finger (as
 // opposed to empty glass or a flat residue). A live finger needs a firm

@@ -8,12 +8,18 @@
 #include "finger_math.h"
 #include "finger_render.h"
 #include "scene_compose.h"
+#include "scene_image.h"
 
 namespace tavk05virt {
 
 namespace {
 
-const char* const kKeys[] = {"seed", "latent", "wait", "latentcheck"};
+const char* const kKeys[] = {"seed", "latent", "wait", "latentcheck", "impression", "image", "images"};
+
+bool IsPathKey(const std::string& strKey)
+{
+    return strKey == "image" || strKey == "images";
+}
 
 // Decimal number within [0, nMax]; false for anything else.
 bool ParseNumber(const std::string& strValue, unsigned long long nMax, unsigned long long* pnValue)
@@ -32,16 +38,18 @@ bool ParseNumber(const std::string& strValue, unsigned long long nMax, unsigned 
 
 unsigned long long KeyLimit(const std::string& strKey)
 {
-    if (strKey == "seed") return 4294967295ULL;
+    if (strKey == "seed" || strKey == "impression") return 4294967295ULL;
     if (strKey == "latentcheck") return 2;
     return 1000000000ULL;
 }
 
 class CFingerSource : public CFrameSource {
 public:
-    CFingerSource(const FingerSceneSettings& settings, std::shared_ptr<const CFingerPattern> pPattern)
+    CFingerSource(const FingerSceneSettings& settings, std::shared_ptr<const CFingerPattern> pPattern,
+                  std::shared_ptr<const CPrintImages> pPrints)
         : m_settings(settings),
           m_pPattern(std::move(pPattern)),
+          m_pPrints(std::move(pPrints)),
           m_pGlass(new (std::nothrow) unsigned char[360000]),
           m_pSignal(new (std::nothrow) unsigned char[360001])
     {
@@ -53,6 +61,8 @@ public:
     {
         const Read read = Classify(in);
         uint64_t nKey = fmath::Hash(read.nTime, read.bLatent ? 1 : 0);
+        nKey = fmath::Hash(nKey, read.nImpression);
+        if (m_pPrints) nKey = fmath::Hash(nKey, read.nAcquisition % m_pPrints->Count());
         nKey = fmath::Hash(nKey, (static_cast<uint64_t>(in.byExposure) << 8) | in.byGain);
         return fmath::Hash(nKey, (static_cast<uint64_t>(in.nDevType) << 16) | in.wBcdDevice);
     }
@@ -61,11 +71,18 @@ public:
     {
         const unsigned long nBytes = in.geometry.nFrameBytes;
         const Read read = Classify(in);
-        const FingerPose pose = Pose(read.nTime);
+        const FingerPose pose = Pose(read);
         const uint64_t nNoiseSeed = fmath::Hash(m_settings.config.nSeed, 2 * read.nTime + (read.bLatent ? 1 : 0));
-        ComposeGlass(m_pPattern.get(), pose, m_pGlass.get());
+        const unsigned char* pGlass = m_pGlass.get();
+        if (m_pPrints && pose.bFinger) {
+            // While a finger lies on the glass, the host's print is shown
+            // whole in its place.
+            pGlass = m_pPrints->Glass(read.nAcquisition);
+        } else {
+            ComposeGlass(m_pPattern.get(), pose, m_pGlass.get());
+        }
         if (read.bLatent) {
-            ComposeLatent(m_pPattern.get(), pose, m_pGlass.get(), nNoiseSeed, pFrame, nBytes);
+            ComposeLatent(m_pPattern.get(), pose, pGlass, nNoiseSeed, pFrame, nBytes);
             return;
         }
         const RawPath ePath = PathOf(in.nDevType, in.wBcdDevice);
@@ -78,20 +95,32 @@ public:
         SensorSettings settings;
         settings.byExposure = in.byExposure;
         settings.byGain = in.byGain;
-        SensorResponse(m_pGlass.get(), ePath, settings, m_pSignal.get());
+        SensorResponse(pGlass, ePath, settings, m_pSignal.get());
         RenderMosaic(*pMap, m_pSignal.get(), NoiseDeviation(ePath, settings), nNoiseSeed, pFrame, nBytes);
     }
 
 private:
     struct Read {
-        unsigned long nTime;  // reads since the scene was set
-        bool bLatent;         // the driver reads this one as a latent image
+        unsigned long nTime;        // reads since the scene was set
+        unsigned long nImpression;  // how the finger lies (finger_impression.h)
+        unsigned long nAcquisition; // acquisitions since the scene was set
+        bool bLatent;               // the driver reads this one as a latent image
     };
 
-    FingerPose Pose(unsigned long nTime) const
+    FingerPose Pose(const Read& read) const
     {
         if (!m_pPattern) return FingerPose();
-        return PoseAt(m_settings.config, m_pPattern->Genome(), nTime);
+        const FingerGenome& g = m_pPattern->Genome();
+        return PlaceImpression(PoseAt(m_settings.config, g, read.nTime), g, read.nImpression);
+    }
+
+    // A finger that just lies on the glass is put down anew for every
+    // acquisition; the scenes with a timeline play one placement through.
+    bool PlacedPerAcquisition() const
+    {
+        const SceneKind eKind = m_settings.config.eKind;
+        return !m_settings.config.bImpressionFixed &&
+               (eKind == kSceneFlat || eKind == kSceneDark || eKind == kScenePale);
     }
 
     // Scene time and kind of a read. The unit calls FrameKey and then Render
@@ -102,9 +131,15 @@ private:
         if (!m_bStarted) {
             m_bStarted = true;
             m_nFirstFrame = in.nFrame;
+            m_nFirstAcquisition = in.nAcquisition;
         }
         Read read;
         read.nTime = in.nFrame >= m_nFirstFrame ? in.nFrame - m_nFirstFrame : 0;
+        read.nImpression = m_settings.config.nImpression;
+        read.nAcquisition = in.nAcquisition >= m_nFirstAcquisition ? in.nAcquisition - m_nFirstAcquisition : 0;
+        if (PlacedPerAcquisition() && in.nAcquisition > m_nFirstAcquisition) {
+            read.nImpression = in.nAcquisition - m_nFirstAcquisition;
+        }
         read.bLatent = false;
         if (m_settings.nLatentCheck == 0 || !in.bAcquiring || in.nReadInAcquisition != 0) return read;
         if (m_settings.nLatentCheck == 2) {
@@ -122,17 +157,19 @@ private:
         m_bMemo = true;
         m_nMemoAcquisition = in.nAcquisition;
         m_bMemoLatent = read.bLatent;
-        m_bMemoLive = read.bLatent && IsLiveFinger(Pose(read.nTime));
+        m_bMemoLive = read.bLatent && IsLiveFinger(Pose(read));
         return read;
     }
 
     const FingerSceneSettings m_settings;
     const std::shared_ptr<const CFingerPattern> m_pPattern;  // null for plain empty glass
+    const std::shared_ptr<const CPrintImages> m_pPrints;     // image= or images=, else null
     const std::unique_ptr<unsigned char[]> m_pGlass;
     const std::unique_ptr<unsigned char[]> m_pSignal;
     // Read bookkeeping (the unit serialises all calls).
     mutable bool m_bStarted = false;
     mutable unsigned long m_nFirstFrame = 0;
+    mutable unsigned long m_nFirstAcquisition = 0;
     mutable bool m_bMemo = false;
     mutable unsigned long m_nMemoAcquisition = 0;
     mutable bool m_bMemoLatent = false;
@@ -161,6 +198,13 @@ bool CheckFingerSceneKey(const std::string& strKey, const std::string& strValue,
         if (pError) *pError = "unknown scene key '" + strKey + "'";
         return false;
     }
+    if (IsPathKey(strKey)) {
+        if (strValue.empty() || strValue.size() > 4095) {
+            if (pError) *pError = strKey + ": needs a path";
+            return false;
+        }
+        return true;
+    }
     unsigned long long n = 0;
     const unsigned long long nMax = KeyLimit(strKey);
     if (!ParseNumber(strValue, nMax, &n)) {
@@ -187,12 +231,20 @@ bool ParseFingerScene(const std::string& strScene, const std::vector<std::pair<s
     }
     for (const std::pair<std::string, std::string>& key : vecKeys) {
         if (!CheckFingerSceneKey(key.first, key.second, pError)) return false;
+        if (IsPathKey(key.first)) {
+            settings.strImage = key.second;
+            settings.bImageDirectory = key.first == "images";
+            continue;
+        }
         unsigned long long n = 0;
         ParseNumber(key.second, KeyLimit(key.first), &n);
         if (key.first == "seed") {
             settings.config.nSeed = static_cast<uint32_t>(n);
         } else if (key.first == "latent") {
             settings.config.nResidueReads = static_cast<unsigned long>(n);
+        } else if (key.first == "impression") {
+            settings.config.nImpression = static_cast<unsigned long>(n);
+            settings.config.bImpressionFixed = true;
         } else if (key.first == "wait") {
             settings.config.nWaitReads = static_cast<unsigned long>(n);
         } else {
@@ -214,7 +266,12 @@ std::unique_ptr<CFrameSource> MakeFingerSource(const FingerSceneSettings& settin
             return nullptr;
         }
     }
-    std::unique_ptr<CFingerSource> pSource(new (std::nothrow) CFingerSource(settings, pPattern));
+    std::shared_ptr<const CPrintImages> pPrints;
+    if (!settings.strImage.empty()) {
+        pPrints = CPrintImages::Load(settings.strImage, settings.bImageDirectory, pError);
+        if (!pPrints) return nullptr;
+    }
+    std::unique_ptr<CFingerSource> pSource(new (std::nothrow) CFingerSource(settings, pPattern, pPrints));
     if (!pSource || !pSource->Usable()) {
         if (pError) *pError = "out of memory for the scene";
         return nullptr;

@@ -3,6 +3,13 @@
 //
 // Keys (besides scene=, see scene_model.h for the scenes):
 //   seed=N          the finger, 0..4294967295 (default 1)
+//   impression=K    how the finger lies on the glass (finger_impression.h):
+//                   without the key a flat, dark or pale finger is put down
+//                   anew for every acquisition (impressions 0, 1, 2 ...);
+//                   the scenes with a timeline play impression 0 through
+//   image=FILE.png  the host's own 500 ppi grey print stands for the finger
+//   images=DIR      the .png prints of DIR, one per acquisition, cycled
+//                   (scene_image.h)
 //   latent=N        N reads of an earlier finger's residue before the scene
 //   wait=N          N reads of empty glass before the scene
 //   latentcheck=M   how the host uses latent reads, as the value it writes
@@ -61,13 +68,19 @@ bool CheckFingerSceneKey(const std::string& strKey, const std::string& strValue,
     "  latent=N          N reads of residue before the scene begins\n" \
     "  wait=N            N reads of empty glass before the scene begins\n" \
     "  latentcheck=M     the host's latent reads: 0 none (default), 1 one before\n" \
-    "                    each capture until a live finger passes, 2 latent reads only\n"
+    "                    each capture until a live finger passes, 2 latent reads only\n" \
+    "  impression=K      how the finger lies: 0 as grown; without the key flat, dark\n" \
+    "                    and pale fingers are put down anew for every acquisition\n" \
+    "  image=FILE.png    a 500 ppi grey print stands for the finger (centred)\n" \
+    "  images=DIR        the .png prints of DIR in name order, one per acquisition\n"
 const char* FingerSceneSyntax();
 
 // Settings of a finger scene source.
 struct FingerSceneSettings {
     SceneConfig config;
     unsigned nLatentCheck = 0;
+    std::string strImage;          // image= or images=: the host's prints
+    bool bImageDirectory = false;  // images=
 };
 
 // Reads scene= and the finger scene keys (later pairs override earlier

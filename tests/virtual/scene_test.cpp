@@ -3,9 +3,12 @@
 // a residue and empty glass should, and the roll scenes drive
 // CImageProc::ImageComposition the way a rolled finger does.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -15,6 +18,7 @@
 #include "scene_compose.h"
 #include "scene_model.h"
 #include "scene_source.h"
+#include "tavk05/isensor.h"
 #include "tavk05/isproc.h"
 #include "tavk05/virtual.h"
 #include "tavk05/vxdinter.h"
@@ -59,24 +63,14 @@ int LatentVerdict(const FingerPose& pose, uint32_t nSeed, uint64_t nNoise)
 
 TEST(SceneNames, ParseAndReject)
 {
-    const std::string strList = SceneKindList();
-    size_t nStart = 0;
-    int nCount = 0;
-    while (nStart < strList.size()) {
-        size_t nEnd = strList.find(", ", nStart);
-        if (nEnd == std::string::npos) nEnd = strList.size();
-        const std::string strName = strList.substr(nStart, nEnd - nStart);
+    for (const char* pszName : {"empty", "flat", "latent", "dark", "pale", "place", "roll", "roll-left", "roll-fast",
+                                "lift"}) {
         SceneKind eKind;
-        ASSERT_TRUE(ParseSceneKind(strName, &eKind)) << strName;
-        EXPECT_EQ(strName, SceneKindName(eKind));
-        EXPECT_TRUE(IsFingerScene(strName));
-        ++nCount;
-        nStart = nEnd + 2;
+        ASSERT_TRUE(ParseSceneKind(pszName, &eKind)) << pszName;
+        EXPECT_STREQ(pszName, SceneKindName(eKind));
     }
-    EXPECT_EQ(10, nCount);
     SceneKind eKind;
     EXPECT_FALSE(ParseSceneKind("Flat", &eKind));
-    EXPECT_FALSE(ParseSceneKind("", &eKind));
     EXPECT_FALSE(IsFingerScene("pattern"));
 }
 
@@ -90,13 +84,14 @@ TEST(SceneNames, KeysAndTheirRanges)
     EXPECT_FALSE(CheckFingerSceneKey("wait", "3x", &strError));
     EXPECT_FALSE(CheckFingerSceneKey("latent", "", &strError));
     EXPECT_TRUE(CheckFingerSceneKey("latentcheck", "2", &strError));
+    EXPECT_TRUE(CheckFingerSceneKey("impression", "4294967295", &strError));
     EXPECT_FALSE(CheckFingerSceneKey("latentcheck", "3", &strError));
     EXPECT_FALSE(CheckFingerSceneKey("colour", "1", &strError));
     EXPECT_FALSE(IsFingerSceneKey("scene"));
 
     FingerSceneSettings settings;
     ASSERT_TRUE(ParseFingerScene("roll-left", {{"seed", "9"}, {"latent", "4"}, {"wait", "2"}, {"seed", "12"},
-                                               {"latentcheck", "1"}},
+                                               {"latentcheck", "1"}, {"impression", "5"}},
                                  &settings, &strError))
         << strError;
     EXPECT_EQ(kSceneRollLeft, settings.config.eKind);
@@ -104,6 +99,8 @@ TEST(SceneNames, KeysAndTheirRanges)
     EXPECT_EQ(4u, settings.config.nResidueReads);
     EXPECT_EQ(2u, settings.config.nWaitReads);
     EXPECT_EQ(1u, settings.nLatentCheck);
+    EXPECT_EQ(5u, settings.config.nImpression);
+    EXPECT_TRUE(settings.config.bImpressionFixed);
     EXPECT_FALSE(ParseFingerScene("rolling", {}, &settings, &strError));
     EXPECT_FALSE(ParseFingerScene("flat", {{"wait", "many"}}, &settings, &strError));
 }
@@ -223,38 +220,31 @@ RollOutcome RunRoll(SceneKind eKind, uint32_t nSeed)
     return outcome;
 }
 
-TEST(SceneRoll, RollTowardHigherColumns)
+TEST(SceneRoll, RollsEitherWayAcrossTheGlass)
 {
-    const RollOutcome roll = RunRoll(kSceneRoll, 3);
-    EXPECT_EQ(1, roll.nDirection);
-    ASSERT_GT(roll.vecRight.size(), 20u);
-    // The strip moves steadily to the right, a few columns a frame.
-    for (size_t i = 1; i < roll.vecRight.size(); ++i) {
-        EXPECT_GT(roll.vecRight[i], roll.vecRight[i - 1]);
-        EXPECT_LE(roll.vecRight[i] - roll.vecRight[i - 1], 16);
-        EXPECT_GE(roll.vecLeft[i], roll.vecLeft[i - 1]);
-    }
-    // Lifting the finger completes the rolled image.
-    EXPECT_EQ(1, roll.nResult);
-    EXPECT_GE(roll.nEndedAt, SceneTiming::kRollHold + SceneTiming::kRollReads);
-    // Nail to nail: far wider than a flat contact.
     const FingerGenome g = MakeGenome(3);
-    EXPECT_GT(roll.nCompositeWidth, 1.5 * 2.0 * g.fContactA);
-}
-
-TEST(SceneRoll, RollTowardLowerColumns)
-{
-    const RollOutcome roll = RunRoll(kSceneRollLeft, 3);
-    EXPECT_EQ(2, roll.nDirection);
-    ASSERT_GT(roll.vecLeft.size(), 20u);
-    for (size_t i = 1; i < roll.vecLeft.size(); ++i) {
-        EXPECT_LT(roll.vecLeft[i], roll.vecLeft[i - 1]);
-        EXPECT_GE(roll.vecLeft[i - 1] - roll.vecLeft[i], 1);
-        EXPECT_LE(roll.vecRight[i], roll.vecRight[i - 1]);
+    for (const SceneKind eKind : {kSceneRoll, kSceneRollLeft}) {
+        SCOPED_TRACE(SceneKindName(eKind));
+        const RollOutcome roll = RunRoll(eKind, 3);
+        const bool bRight = eKind == kSceneRoll;
+        EXPECT_EQ(bRight ? 1 : 2, roll.nDirection);
+        // The leading edge moves steadily, a few columns a frame; the
+        // trailing edge follows and never turns back.
+        const std::vector<int>& vecLead = bRight ? roll.vecRight : roll.vecLeft;
+        const std::vector<int>& vecTrail = bRight ? roll.vecLeft : roll.vecRight;
+        const int nSign = bRight ? 1 : -1;
+        ASSERT_GT(vecLead.size(), 20u);
+        for (size_t i = 1; i < vecLead.size(); ++i) {
+            EXPECT_GE(nSign * (vecLead[i] - vecLead[i - 1]), 1) << i;
+            EXPECT_LE(nSign * (vecLead[i] - vecLead[i - 1]), 16) << i;
+            EXPECT_GE(nSign * (vecTrail[i] - vecTrail[i - 1]), 0) << i;
+        }
+        // Lifting the finger completes the rolled image, nail to nail: far
+        // wider than a flat contact.
+        EXPECT_EQ(1, roll.nResult);
+        EXPECT_GE(roll.nEndedAt, SceneTiming::kRollHold + SceneTiming::kRollReads);
+        EXPECT_GT(roll.nCompositeWidth, 1.5 * 2.0 * g.fContactA);
     }
-    EXPECT_EQ(1, roll.nResult);
-    const FingerGenome g = MakeGenome(3);
-    EXPECT_GT(roll.nCompositeWidth, 1.5 * 2.0 * g.fContactA);
 }
 
 TEST(SceneRoll, FastRollTripsTheSpeedTest)
@@ -416,272 +406,80 @@ TEST(SceneSource, SceneKeysThroughTheUnitSyntax)
     tavk05virt::DetachAll();
 }
 
-// The driver's single-capture pipeline on one raw frame: mosaic to grey,
-// geometry correction by model and firmware (mirror included), and for
-// models 5 and 6 the shading table and the (v - 90) x 1.55 stretch of a
-// freshly opened device.
-std::vector<unsigned char> Finish(const std::vector<unsigned char>& vecFrame, int nDevType, bool bNewFirmware)
+// The finished image GetImage delivers from unit 0.
+std::vector<unsigned char> DriverImage()
 {
-    CImageProc& proc = Processor();
-    unsigned nWidth = 1280;
-    unsigned nHeight = 676;
-    if (nDevType >= 5) {
-        nWidth = bNewFirmware ? 1800 : 1288;
-        nHeight = bNewFirmware ? 1280 : 876;
-    }
-    std::vector<unsigned char> vecMosaic(vecFrame.begin(), vecFrame.begin() + nWidth * nHeight);
-    std::vector<unsigned char> vecGrey(2340000);
-    proc.RGBtoGRAY2(vecMosaic.data(), vecGrey.data(), nWidth, nHeight);
-    std::vector<unsigned char> vecImage(kSize * kSize, 0);
-    proc.m_nDeviceType = nDevType;
-    if (nDevType == 7 || nDevType == 8) {
-        if (bNewFirmware) {
-            proc.CorrectImageCalcEx(vecGrey.data(), nWidth, nHeight, vecImage.data(), 600, 600, 0, 0);
-        } else {
-            proc.CorrectImageCalc(vecGrey.data(), nWidth, nHeight, vecImage.data(), 600, 600, 0, 0);
-        }
-    } else {
-        proc.CorrectImage(vecGrey.data(), nWidth, nHeight, vecImage.data(), 600, 600, 0, 0);
-    }
-    if (nDevType == 5 || nDevType == 6) {
-        for (int i = 0; i < kSize * kSize; ++i) {
-            const int p = std::min(255, vecImage[i] + pModBuf[i]);
-            const int v = static_cast<int>(std::max(0, p - 90) * 1.55f);
-            vecImage[i] = static_cast<unsigned char>(std::min(255, v));
-        }
-    }
+    std::vector<unsigned char> vecImage(kSize * kSize, 255);
+    ISensor* pSensor = nullptr;
+    EXPECT_EQ(0, CreateISensor(nullptr, &pSensor));
+    if (!pSensor) return vecImage;
+    EXPECT_EQ(static_cast<unsigned long>(TAVK05_OK), pSensor->OpenDevice(0, 0));
+    EXPECT_EQ(static_cast<unsigned long>(TAVK05_OK), pSensor->GetImage(vecImage.data()));
+    DestroyISensor(pSensor);
     return vecImage;
 }
 
-// One bare frame read from unit 0 with the given brightness and gain (a
-// negative brightness: no sensor-option block), with the device type and
-// firmware the transport found.
-struct Frame {
-    std::vector<unsigned char> vecBytes;
-    int nDevType = 0;
-    bool bNewFirmware = false;
-};
-
-Frame ReadFrame(int nExposure, int nGain)
+TEST(SceneRender, DriverGivesTheSceneBackOnEveryGeometry)
 {
-    Frame frame;
-    CVxdInterface vxd;
-    EXPECT_EQ(0, vxd.OpenUSB(0));
-    if (nExposure >= 0) {
-        EXPECT_EQ(0, vxd.SetGain(static_cast<unsigned char>(nGain)));
-        EXPECT_EQ(0, vxd.SetExposure(static_cast<unsigned char>(nExposure)));
-    }
-    frame.nDevType = vxd.GetDevType();
-    frame.bNewFirmware = vxd.GetFirmwareVersion() > 0x2FFF;
-    unsigned long nBytes = 926720;
-    if (frame.nDevType >= 5) nBytes = frame.bNewFirmware ? 2304000 : 1128448;
-    frame.vecBytes.resize(CVxdInterface::TransferLength(nBytes));
-    EXPECT_EQ(0, vxd.ReadDataEx(frame.vecBytes.data(), nBytes, 3000));
-    vxd.CloseUSB();
-    frame.vecBytes.resize(nBytes);
-    return frame;
-}
-
-std::vector<unsigned char> Finish(const Frame& frame)
-{
-    return Finish(frame.vecBytes, frame.nDevType, frame.bNewFirmware);
-}
-
-// One unit of every raw geometry and correction path the driver can meet.
-const char* const kGeometries[] = {
-    "0:model=4,",             // 1280 x 676, coordinate tables
-    "0:model=5,",             // 1288 x 876, 1103 tables, shading and stretch
-    "0:model=6,",
-    "0:model=8,fw=0x1005,",   // 1288 x 876, interpolation
-    "0:model=7,",             // 1800 x 1280, interpolation of the padded frame
-    "0:product=0x0630,",      // unrecognised product: as types 3 and 4
-};
-
-TEST(SceneRender, FinishedImageShowsTheSceneOnEveryGeometry)
-{
-    const uint32_t nSeed = 7;
-    const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(nSeed);
+    const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(7);
     std::vector<unsigned char> vecGlass(kSize * kSize);
-    ComposeGlass(p.get(), Pose(kSceneFlat, nSeed, 0), vecGlass.data());
-    for (const char* pszUnit : kGeometries) {
+    ComposeGlass(p.get(), Pose(kSceneFlat, 7, 0), vecGlass.data());
+    // Every raw geometry and correction path the driver can meet: coordinate
+    // tables (1280 x 676; 1288 x 876 with shading and stretch), interpolation
+    // (1288 x 876; the padded 1800 x 1280), an unrecognised product.
+    for (const char* pszUnit : {"0:model=4,", "0:model=5,", "0:model=6,", "0:model=8,fw=0x1005,", "0:model=7,",
+                                "0:product=0x0630,"}) {
         SCOPED_TRACE(pszUnit);
-        tavk05virt::DetachAll();
         std::string strError;
-        ASSERT_TRUE(tavk05virt::Attach(std::string(pszUnit) + "scene=flat,seed=7", &strError)) << strError;
-        const std::vector<unsigned char> vecImage = Finish(ReadFrame(-1, 0));
+        ASSERT_TRUE(tavk05virt::Attach(std::string(pszUnit) + "scene=flat,seed=7,impression=0", &strError)) << strError;
+        const std::vector<unsigned char> vecImage = DriverImage();
         // Where the finger is, and how it looks, within a few grey levels
         // (vignetting and noise aside); ridges stay where the scene put them.
-        double fAbs = 0.0;
-        double fXY = 0.0;
-        double fXX = 0.0;
-        double fYY = 0.0;
-        double fMeanX = 0.0;
-        double fMeanY = 0.0;
+        double fAbs = 0.0, fX = 0.0, fY = 0.0, fXY = 0.0, fXX = 0.0, fYY = 0.0;
         int n = 0;
         for (int y = 20; y < kSize - 20; ++y) {
             for (int x = 20; x < kSize - 20; ++x) {
-                const int i = y * kSize + x;
-                fAbs += std::abs(vecImage[i] - vecGlass[i]);
-                fMeanX += vecGlass[i];
-                fMeanY += vecImage[i];
+                const double a = vecGlass[y * kSize + x];
+                const double b = vecImage[y * kSize + x];
+                fAbs += std::abs(a - b), fX += a, fY += b, fXY += a * b, fXX += a * a, fYY += b * b;
                 ++n;
             }
         }
-        fMeanX /= n;
-        fMeanY /= n;
-        for (int y = 20; y < kSize - 20; ++y) {
-            for (int x = 20; x < kSize - 20; ++x) {
-                const int i = y * kSize + x;
-                fXY += (vecGlass[i] - fMeanX) * (vecImage[i] - fMeanY);
-                fXX += (vecGlass[i] - fMeanX) * (vecGlass[i] - fMeanX);
-                fYY += (vecImage[i] - fMeanY) * (vecImage[i] - fMeanY);
-            }
-        }
+        fX /= n, fY /= n;
         EXPECT_LT(fAbs / n, 12.0);
-        EXPECT_GT(fXY / std::sqrt(fXX * fYY), 0.9);
+        EXPECT_GT((fXY / n - fX * fY) / std::sqrt((fXX / n - fX * fX) * (fYY / n - fY * fY)), 0.9);
     }
     tavk05virt::DetachAll();
 }
 
-TEST(SceneRender, ExposureBrightensAndGainStretches)
+TEST(SceneImage, UnusablePrintsAreRefusedByName)
 {
-    for (const char* pszUnit : kGeometries) {
-        SCOPED_TRACE(pszUnit);
-        tavk05virt::DetachAll();
+    const std::string strDir = ::testing::TempDir() + "scene_image_" + std::to_string(getpid());
+    ASSERT_EQ(0, mkdir(strDir.c_str(), 0700));
+    const std::string strText = strDir + "/print.png";
+    std::FILE* pFile = std::fopen(strText.c_str(), "w");
+    ASSERT_TRUE(pFile);
+    std::fputs("not a picture", pFile);
+    std::fclose(pFile);
+    const std::string strEmpty = strDir + "/empty";
+    ASSERT_EQ(0, mkdir(strEmpty.c_str(), 0700));
+    const struct {
+        const char* pszKey;
+        std::string strValue;
+    } aCases[] = {{"image", strDir + "/missing.png"}, {"image", strText}, {"images", strEmpty}, {"images", strDir}};
+    for (const auto& c : aCases) {
+        FingerSceneSettings settings;
         std::string strError;
-        ASSERT_TRUE(tavk05virt::Attach(std::string(pszUnit) + "scene=flat,seed=7", &strError)) << strError;
-        // Mean of empty glass (top rows), deviation inside the finger.
-        auto measure = [&](int nExposure, int nGain, double* pfGlass, double* pfSpread, double* pfNoise) {
-            const std::vector<unsigned char> vecImage = Finish(ReadFrame(nExposure, nGain));
-            double fSum = 0.0;
-            double fSquares = 0.0;
-            int n = 0;
-            for (int y = 40; y < 70; ++y) {
-                for (int x = 200; x < 400; ++x) {
-                    fSum += vecImage[y * kSize + x];
-                    fSquares += vecImage[y * kSize + x] * vecImage[y * kSize + x];
-                    ++n;
-                }
-            }
-            *pfGlass = fSum / n;
-            *pfNoise = std::sqrt(std::max(0.0, fSquares / n - *pfGlass * *pfGlass));
-            fSum = 0.0;
-            fSquares = 0.0;
-            n = 0;
-            for (int y = 260; y < 340; ++y) {
-                for (int x = 260; x < 340; ++x) {
-                    fSum += vecImage[y * kSize + x];
-                    fSquares += vecImage[y * kSize + x] * vecImage[y * kSize + x];
-                    ++n;
-                }
-            }
-            *pfSpread = std::sqrt(fSquares / n - (fSum / n) * (fSum / n));
-        };
-        // Power-on values (no sensor-option block yet) are brightness 40, gain 1.
-        double fDefaultGlass, fDefaultSpread, fDefaultNoise;
-        double fFortyGlass, fFortySpread, fFortyNoise;
-        measure(-1, 0, &fDefaultGlass, &fDefaultSpread, &fDefaultNoise);
-        measure(40, 1, &fFortyGlass, &fFortySpread, &fFortyNoise);
-        EXPECT_NEAR(fDefaultGlass, fFortyGlass, 1.5);
-        EXPECT_NEAR(fDefaultSpread, fFortySpread, 2.0);
-        double fDimGlass, fDimSpread, fDimNoise;
-        double fBrightGlass, fBrightSpread, fBrightNoise;
-        double fHighGlass, fHighSpread, fHighNoise;
-        measure(10, 1, &fDimGlass, &fDimSpread, &fDimNoise);
-        measure(60, 1, &fBrightGlass, &fBrightSpread, &fBrightNoise);
-        measure(10, 8, &fHighGlass, &fHighSpread, &fHighNoise);
-        EXPECT_GT(fBrightGlass, fDimGlass + 30.0);
-        EXPECT_GT(fHighSpread, fDimSpread * 1.15);
-        EXPECT_GT(fHighNoise, fDimNoise * 1.5);
+        ASSERT_TRUE(ParseFingerScene("flat", {{c.pszKey, c.strValue}}, &settings, &strError)) << strError;
+        EXPECT_FALSE(MakeFingerSource(settings, &strError)) << c.strValue;
+        EXPECT_NE(std::string::npos, strError.find(strDir)) << strError;
     }
-    tavk05virt::DetachAll();
-}
-
-TEST(SceneRender, LiveViewOfPressedFingersMatchesTheFingerStates)
-{
-    // The live view shows the darkening against empty glass, 255 - 3d
-    // without the contrast table; the driver's finger-state estimate on it
-    // finds the over-pressed finger dark (1), the flat one normal (2) and
-    // the light, dry one pale (3).
-    struct Case {
-        const char* pszScene;
-        int nState;
-    };
-    const Case aCases[] = {{"dark", 1}, {"flat", 2}, {"pale", 3}};
-    for (const char* pszUnit : {"0:model=4,", "0:model=5,", "0:model=7,"}) {
-        tavk05virt::DetachAll();
-        std::string strError;
-        ASSERT_TRUE(tavk05virt::Attach(std::string(pszUnit) + "scene=empty", &strError)) << strError;
-        const std::vector<unsigned char> vecBackground = Finish(ReadFrame(-1, 0));
-        for (const Case& c : aCases) {
-            SCOPED_TRACE(std::string(pszUnit) + c.pszScene);
-            ASSERT_TRUE(tavk05virt::Attach(std::string(pszUnit) + "scene=" + c.pszScene + ",seed=7", &strError));
-            const std::vector<unsigned char> vecFrame = Finish(ReadFrame(-1, 0));
-            std::vector<unsigned char> vecLive(kSize * kSize);
-            for (int i = 0; i < kSize * kSize; ++i) {
-                const int d = std::max(0, vecBackground[i] - vecFrame[i]);
-                vecLive[i] = static_cast<unsigned char>(std::max(0, 255 - 3 * d));
-            }
-            Processor().CheckImageQuality2(kSize, kSize, vecLive.data());
-            EXPECT_EQ(c.nState, Processor().EstimateFingerState(kSize, kSize, vecLive.data()));
-        }
-    }
-    tavk05virt::DetachAll();
-}
-
-TEST(SceneRender, MosaicCarriesEqualGreyInEveryChannel)
-{
-    tavk05virt::DetachAll();
+    FingerSceneSettings settings;
     std::string strError;
-    ASSERT_TRUE(tavk05virt::Attach("0:model=6,scene=empty", &strError)) << strError;
-    const std::vector<unsigned char> vecFrame = ReadFrame(-1, 0).vecBytes;
-    // Channel means over the middle of the sensor: red a little above
-    // green, blue a little below, their mean the green level.
-    double afSum[3] = {};
-    int anCount[3] = {};
-    for (int y = 300; y < 600; ++y) {
-        for (int x = 400; x < 900; ++x) {
-            const int nChannel = (x + y) % 2 ? 1 : (y % 2 ? 2 : 0);
-            afSum[nChannel] += vecFrame[y * 1288 + x];
-            ++anCount[nChannel];
-        }
-    }
-    const double fRed = afSum[0] / anCount[0];
-    const double fGreen = afSum[1] / anCount[1];
-    const double fBlue = afSum[2] / anCount[2];
-    EXPECT_GT(fRed, fGreen);
-    EXPECT_LT(fBlue, fGreen);
-    EXPECT_LT(fRed - fBlue, 0.08 * fGreen);
-    EXPECT_NEAR((fRed + fBlue) / 2, fGreen, 0.6);
-    // The frame's tail behind the mosaic is zero.
-    EXPECT_TRUE(std::all_of(vecFrame.begin() + 1288 * 876, vecFrame.end(), [](unsigned char v) { return v == 0; }));
-    tavk05virt::DetachAll();
-}
-
-TEST(SceneTimeline, PlaceStartsEmptyAndSettles)
-{
-    const uint32_t nSeed = 2;
-    const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(nSeed);
-    std::vector<unsigned char> vecGlass(kSize * kSize);
-    long nPrevDark = -1;
-    long nSettled = -1;
-    for (unsigned long t = 0; t < 14; ++t) {
-        ComposeGlass(p.get(), Pose(kScenePlace, nSeed, t), vecGlass.data());
-        const long nDark = std::count_if(vecGlass.begin(), vecGlass.end(), [](unsigned char v) { return v < 120; });
-        if (t < SceneTiming::kPlaceEmpty) {
-            EXPECT_EQ(0, nDark) << "read " << t;
-        } else if (t + 1 < SceneTiming::kPlaceEmpty + SceneTiming::kPlaceArrive) {
-            EXPECT_GT(nDark, nPrevDark) << "read " << t;
-        } else if (nSettled < 0) {
-            nSettled = nDark;
-        } else {
-            EXPECT_EQ(nSettled, nDark) << "read " << t;
-        }
-        nPrevDark = nDark;
-    }
-    // Settled, the finger is the flat finger.
-    ComposeGlass(p.get(), Pose(kSceneFlat, nSeed, 0), vecGlass.data());
-    EXPECT_EQ(nSettled, std::count_if(vecGlass.begin(), vecGlass.end(), [](unsigned char v) { return v < 120; }));
+    EXPECT_FALSE(ParseFingerScene("flat", {{"image", ""}}, &settings, &strError));
+    unlink(strText.c_str());
+    rmdir(strEmpty.c_str());
+    rmdir(strDir.c_str());
 }
 
 }  // namespace
