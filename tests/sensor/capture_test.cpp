@@ -52,7 +52,7 @@ TEST_P(CapturePathTest, FinishedImageOfTheFlatFinger)
     EXPECT_EQ(pSensor->GetError(), 0ul);
     EXPECT_EQ(State(0).nReads - nReads, path.nReads);
     EXPECT_EQ(State(0).nLastReadBytes, path.nFrameBytes);
-    EXPECT_EQ(sensortest::RequestNumbers(0), (std::vector<unsigned long>{VXD_REQ_START_ACQUISITION,
+    EXPECT_EQ(sensortest::RequestNumbers(), (std::vector<unsigned long>{VXD_REQ_START_ACQUISITION,
                                                                           VXD_REQ_STOP_ACQUISITION}));
     EXPECT_EQ(pSensor->m_pRawCopyBuf[path.nRawWidth * path.nRawHeight], 0xA5) << "copied behind the mosaic";
     EXPECT_EQ(Digest(image), path.nDigest);
@@ -130,8 +130,8 @@ TEST_F(SensorTest, CaptureAroundTheLatentCheck)
         EXPECT_EQ(pSensor->GetError(), c.nStatus);
         EXPECT_EQ(State(0).nReads, c.nReads);
         size_t nStarted = 0;  // every acquisition started is stopped
-        for (const tavk05virt::Request& req : RequestsOf(0, VXD_REQ_START_ACQUISITION)) nStarted += !req.bFailed;
-        EXPECT_EQ(RequestsOf(0, VXD_REQ_STOP_ACQUISITION).size(), nStarted);
+        for (const tavk05virt::Request& req : RequestsOf(VXD_REQ_START_ACQUISITION)) nStarted += !req.bFailed;
+        EXPECT_EQ(RequestsOf(VXD_REQ_STOP_ACQUISITION).size(), nStarted);
         const size_t nNominal = 248 * 292;
         const size_t nWhite = static_cast<size_t>(std::count(image.begin(), image.begin() + nNominal, 255));
         const size_t nUntouched = static_cast<size_t>(std::count(image.begin(), image.end(), kUntouched));

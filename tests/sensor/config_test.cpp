@@ -15,7 +15,7 @@
 
 namespace {
 
-using sensortest::ReadFile;
+using sensortest::FileText;
 using sensortest::SensorTest;
 using sensortest::SettingsText;
 using sensortest::WriteFile;
@@ -67,11 +67,7 @@ protected:
     static void SaveAsNobody(const std::string& strPath)
     {
         const pid_t pid = ::fork();
-        if (pid == 0) {
-            if (::setgid(kNobody) != 0 || ::setuid(kNobody) != 0) ::_exit(3);
-            SaveTo(strPath);
-            ::_exit(0);
-        }
+        if (pid == 0) ::_exit(::setgid(kNobody) != 0 || ::setuid(kNobody) != 0 ? 3 : (SaveTo(strPath), 0));
         int nStatus = 0;
         ASSERT_EQ(::waitpid(pid, &nStatus, 0), pid);
         ASSERT_TRUE(WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0);
@@ -115,9 +111,7 @@ TEST_F(ConfigTest, PathTextAndDefaults)
     ASSERT_EQ(::chmod(strFile.c_str(), 0606), 0);
     ::setenv("TAVK05_CONF", strFile.c_str(), 1);
     { COberin sensor(nullptr); }
-    std::string strText;
-    ASSERT_TRUE(ReadFile(strFile, &strText));
-    EXPECT_EQ(strText, "Brightness  =  40\nContrast    =  20\nGain        =  2\nScanMode    =  0\n");
+    EXPECT_EQ(FileText(strFile), "Brightness  =  40\nContrast    =  20\nGain        =  2\nScanMode    =  0\n");
     struct stat st = {};
     ASSERT_EQ(::stat(strFile.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0606u);
@@ -215,11 +209,8 @@ TEST_F(ConfigTest, SymbolicLinksUpdateTheFileTheyName)
     ASSERT_EQ(::symlink("etc/new.conf", (m_strPriv + "/dangling.conf").c_str()), 0);
     SaveTo(m_strPriv + "/abs.conf", 55);
     SaveTo(m_strPriv + "/dangling.conf", 66);
-    std::string strText;
-    ASSERT_TRUE(ReadFile(m_strPriv + "/etc/real.conf", &strText));
-    EXPECT_EQ(strText, SettingsText(55, 20, 2, 0));
-    ASSERT_TRUE(ReadFile(m_strPriv + "/etc/new.conf", &strText));
-    EXPECT_EQ(strText, SettingsText(66, 20, 2, 0));
+    EXPECT_EQ(FileText(m_strPriv + "/etc/real.conf"), SettingsText(55, 20, 2, 0));
+    EXPECT_EQ(FileText(m_strPriv + "/etc/new.conf"), SettingsText(66, 20, 2, 0));
     struct stat st = {};
     for (const char* pszLink : {"/rel.conf", "/abs.conf", "/dangling.conf"})
         EXPECT_TRUE(::lstat((m_strPriv + pszLink).c_str(), &st) == 0 && S_ISLNK(st.st_mode)) << pszLink;
@@ -237,9 +228,7 @@ TEST_F(ConfigTest, PermissionsOfFileAndDirectoryDecide)
     ASSERT_EQ(::chmod(strLocked.c_str(), 0644), 0);
     const ino_t nLockedInode = InodeOf(strLocked);
     SaveAsNobody(strLocked);
-    std::string strText;
-    ASSERT_TRUE(ReadFile(strLocked, &strText));
-    EXPECT_EQ(strText, SettingsText(10, 20, 2, 0));
+    EXPECT_EQ(FileText(strLocked), SettingsText(10, 20, 2, 0));
     EXPECT_EQ(InodeOf(strLocked), nLockedInode);
 
     const std::string strShared = m_strPriv + "/etc";
@@ -249,8 +238,7 @@ TEST_F(ConfigTest, PermissionsOfFileAndDirectoryDecide)
     ASSERT_EQ(::chmod(strOpen.c_str(), 0666), 0);
     const ino_t nOpenInode = InodeOf(strOpen);
     SaveAsNobody(strOpen);
-    ASSERT_TRUE(ReadFile(strOpen, &strText));
-    EXPECT_EQ(strText, SettingsText(42, 20, 2, 0));
+    EXPECT_EQ(FileText(strOpen), SettingsText(42, 20, 2, 0));
     EXPECT_EQ(InodeOf(strOpen), nOpenInode);
     EXPECT_EQ(Entries(), (std::vector<std::string>{"etc", "locked.conf"}));
 }
@@ -270,8 +258,7 @@ TEST_F(ConfigTest, KillDuringSaveLeavesACompleteFileAndNoTemporaries)
         ::usleep(200 + rng() % 3000);
         ::kill(pid, SIGKILL);
         ::waitpid(pid, nullptr, 0);
-        std::string strText;
-        ASSERT_TRUE(ReadFile(strFile, &strText));
+        const std::string strText = FileText(strFile);
         ASSERT_TRUE(strText == SettingsText(10, 20, 2, 0) || strText == SettingsText(99, 20, 2, 0))
             << "trial " << nTrial << ": '" << strText << "'";
     }
@@ -304,14 +291,11 @@ TEST_F(ConfigTest, PrivilegedProcessIgnoresTheVariable)
     ASSERT_EQ(::chmod(strVictim.c_str(), 0666), 0);
     const std::string strCommand = "TAVK05_SAVE_ONCE=1 TAVK05_CONF='" + strVictim + "' '" + strProgram + "' >/dev/null 2>&1";
     EXPECT_EQ(std::system(strCommand.c_str()), 0);
-    std::string strText;
-    ASSERT_TRUE(ReadFile(strVictim, &strText));
-    EXPECT_EQ(strText, "precious\n");
+    EXPECT_EQ(FileText(strVictim), "precious\n");
     // Without privilege the same program does write it: the test can see a save.
     ASSERT_EQ(::chmod(strProgram.c_str(), 0755), 0);
     EXPECT_EQ(std::system(strCommand.c_str()), 0);
-    ASSERT_TRUE(ReadFile(strVictim, &strText));
-    EXPECT_EQ(strText, SettingsText(77, 20, 2, 0));
+    EXPECT_EQ(FileText(strVictim), SettingsText(77, 20, 2, 0));
 }
 
 }  // namespace

@@ -161,9 +161,7 @@ TEST_F(SensorTest, SensorWithoutFrameBuffersServesEverythingButCapture)
         EXPECT_EQ(sensor.CloseDevice(), 0ul);
     }
     EXPECT_FALSE(State(0).bOpen);
-    std::string strText;
-    EXPECT_TRUE(sensortest::ReadFile(m_strConf, &strText));
-    EXPECT_EQ(strText, sensortest::SettingsText(50, 20, 1, 0));
+    EXPECT_EQ(sensortest::FileText(m_strConf), sensortest::SettingsText(50, 20, 1, 0));
 }
 
 }  // namespace

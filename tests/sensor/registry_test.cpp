@@ -80,8 +80,7 @@ TEST_F(RegistryTest, CreateAndDestroyKeepTheOrder)
 
     EXPECT_EQ(DestroyISensor(ap[1]), 0);
     ExpectRegistry({ap[0], ap[2]});
-    std::string strText;
-    EXPECT_TRUE(sensortest::ReadFile(m_strConf, &strText));
+    EXPECT_NE(sensortest::FileText(m_strConf), "");  // saved
 
     int nDestroyed = 0;
     EXPECT_EQ(DestroyISensor(nullptr), 0);
@@ -112,8 +111,7 @@ TEST_F(RegistryTest, FullRegistryRefusesAndCompactsInOrder)
     EXPECT_EQ(CreateISensor(nullptr, &pSensor), 1);
     EXPECT_EQ(pSensor, nullptr);
     ExpectRegistry(vecFakes);
-    std::string strText;
-    EXPECT_TRUE(sensortest::ReadFile(m_strConf, &strText));
+    EXPECT_NE(sensortest::FileText(m_strConf), "");  // saved
 
     std::vector<ISensor*> vecOdd;
     for (int i = 0; i < ISENSOR_REGISTRY_SIZE; ++i) {

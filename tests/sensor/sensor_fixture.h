@@ -31,23 +31,22 @@ inline unsigned long long Digest(const Bytes& vec)
     return n;
 }
 
-inline bool ReadFile(const std::string& strPath, std::string* pstrContent)
+// A whole file as a string ("" when it cannot be read), and a new content.
+inline std::string FileText(const std::string& strPath)
 {
-    FILE* pFile = std::fopen(strPath.c_str(), "rb");
-    if (pFile == nullptr) return false;
-    pstrContent->clear();
-    char ach[256];
-    size_t n;
-    while ((n = std::fread(ach, 1, sizeof(ach), pFile)) > 0) pstrContent->append(ach, n);
-    std::fclose(pFile);
-    return true;
+    std::string str;
+    if (FILE* pFile = std::fopen(strPath.c_str(), "rb")) {
+        for (int ch; (ch = std::fgetc(pFile)) != EOF;) str += static_cast<char>(ch);
+        std::fclose(pFile);
+    }
+    return str;
 }
 
 inline void WriteFile(const std::string& strPath, const std::string& strContent)
 {
     FILE* pFile = std::fopen(strPath.c_str(), "wb");
     ASSERT_NE(pFile, nullptr) << strPath;
-    ASSERT_EQ(std::fwrite(strContent.data(), 1, strContent.size(), pFile), strContent.size());
+    std::fwrite(strContent.data(), 1, strContent.size(), pFile);
     std::fclose(pFile);
 }
 
@@ -61,19 +60,18 @@ inline std::string SettingsText(int nBrightness, int nContrast, int nGain, int n
 }
 
 // The control requests with number nRequest that unit nIndex received.
-inline std::vector<tavk05virt::Request> RequestsOf(int nIndex, unsigned long nRequest)
+inline std::vector<tavk05virt::Request> RequestsOf(unsigned long nRequest, int nIndex = 0)
 {
     std::vector<tavk05virt::Request> vec;
-    for (const tavk05virt::Request& req : tavk05virt::RequestLog(nIndex)) {
+    for (const tavk05virt::Request& req : tavk05virt::RequestLog(nIndex))
         if (req.nRequest == nRequest) vec.push_back(req);
-    }
     return vec;
 }
 
-inline std::vector<unsigned long> RequestNumbers(int nIndex)
+inline std::vector<unsigned long> RequestNumbers()
 {
     std::vector<unsigned long> vec;
-    for (const tavk05virt::Request& req : tavk05virt::RequestLog(nIndex)) vec.push_back(req.nRequest);
+    for (const tavk05virt::Request& req : tavk05virt::RequestLog(0)) vec.push_back(req.nRequest);
     return vec;
 }
 
@@ -89,10 +87,7 @@ protected:
         std::string strName = std::string(pInfo->test_suite_name()) + "-" + pInfo->name();
         for (char& ch : strName) ch = ch == '/' ? '_' : ch;  // parameterised names
         m_strConf = m_strDir + "/sensor-" + strName + "-" + std::to_string(static_cast<long>(::getpid())) + ".conf";
-        const char* pszOld = std::getenv("TAVK05_CONF");
-        m_bHadConf = pszOld != nullptr;
-        if (m_bHadConf) m_strOldConf = pszOld;
-        ::setenv("TAVK05_CONF", m_strConf.c_str(), 1);
+        ::setenv("TAVK05_CONF", m_strConf.c_str(), 1);  // each test program has its own anyway
         ::unlink(m_strConf.c_str());
     }
 
@@ -100,11 +95,6 @@ protected:
     {
         VirtualUnitTest::TearDown();
         ::unlink(m_strConf.c_str());
-        if (m_bHadConf) {
-            ::setenv("TAVK05_CONF", m_strOldConf.c_str(), 1);
-        } else {
-            ::unsetenv("TAVK05_CONF");
-        }
     }
 
     // A sensor opened on unit 0 of the given configuration without a
@@ -122,8 +112,6 @@ protected:
 
     std::string m_strDir;
     std::string m_strConf;
-    bool m_bHadConf = false;
-    std::string m_strOldConf;
 };
 
 }  // namespace sensortest

@@ -20,26 +20,17 @@ Bytes OptionBlock(unsigned char byExposure, unsigned char byGain)
     return vec;
 }
 
+// Construction touches no unit; the device info record has ten words, the
+// ninth left as the caller set it, width and height from the size code.
 TEST_F(SensorTest, ConstructionAndDeviceInfo)
 {
     AttachUnits("0:model=7,fw=0x3000");
     COberin sensor(nullptr);
-    EXPECT_EQ(State(0).nOpenCount + State(0).nRequests, 0ul);  // the unit is not touched
-    EXPECT_EQ(sensor.m_nRollState, -1);
-    EXPECT_EQ(sensor.GetDeviceType(), 4ul);
-    EXPECT_EQ(sensor.m_nFrameBytes, 926720ul);
-    EXPECT_EQ(sensor.m_nRawWidth * 1000 + sensor.m_nRawHeight, 1280676ul);
-    EXPECT_EQ(sensor.m_nWidth * 1000 + sensor.m_nHeight, 600600ul);
-    EXPECT_FLOAT_EQ(sensor.m_fContrastFactor, 1.3f);
-    EXPECT_EQ(sensor.m_bPixelInvert, 1);
-    EXPECT_TRUE(sensor.m_bLatentCheck && sensor.m_bCaptureEnable);
-    EXPECT_FALSE(sensor.m_bDevInitialized);
-    EXPECT_EQ(sensor.m_nRollMode + sensor.m_nScanMode + sensor.m_wLedMode + sensor.m_wDeviceIndex, 0ul);
+    EXPECT_EQ(State(0).nOpenCount + State(0).nRequests, 0ul);
+    EXPECT_EQ(sensor.GetDeviceType() * 1000 + sensor.m_nRollMode + sensor.m_nScanMode, 4000ul);
+    EXPECT_TRUE(sensor.m_bLatentCheck && sensor.m_bCaptureEnable && sensor.m_bPixelInvert && !sensor.m_bDevInitialized);
     sensor.m_pRawBuf[OBERIN_FRAME_BUFFER_BYTES - 1] = 1;  // full size (the sanitizer checks the ends)
-    sensor.m_pRawCopyBuf[OBERIN_FRAME_BUFFER_BYTES - 1] = 2;
-    sensor.m_pGreyBuf[OBERIN_FRAME_BUFFER_BYTES - 1] = 3;
-
-    // Ten words: the ninth is left as the caller set it.
+    sensor.m_pRawCopyBuf[OBERIN_FRAME_BUFFER_BYTES - 1] = sensor.m_pGreyBuf[OBERIN_FRAME_BUFFER_BYTES - 1] = 2;
     const unsigned int anDefault[10] = {957, 0, 600, 600, 20, 40, 0, 0, 0xA5A5A5A5u, 2};
     ISensor::tagDeviceInfoParam info;
     std::memset(&info, 0xA5, sizeof(info));
@@ -47,8 +38,7 @@ TEST_F(SensorTest, ConstructionAndDeviceInfo)
     EXPECT_EQ(sensor.GetDeviceInfo(&info), 0ul);
     EXPECT_EQ(sensor.GetError(), 0ul);
     EXPECT_EQ(std::memcmp(&info, anDefault, sizeof(info)), 0);
-    // A size code outside the table leaves width and height alone.
-    sensor.m_nImageSize = 6;
+    sensor.m_nImageSize = 6;  // outside the table: width and height stay
     std::memset(&info, 0x5A, sizeof(info));
     EXPECT_EQ(sensor.GetDeviceInfo(&info), 0ul);
     EXPECT_EQ(info.ImageWidth & info.ImageHeight & info.Reserved4, 0x5A5A5A5Au);
@@ -75,11 +65,11 @@ TEST_F(SensorTest, OpenAndClose)
     EXPECT_EQ(sensor.m_wDeviceIndex, 0);
     EXPECT_EQ(sensor.m_nBrightness * 1000000 + sensor.m_nContrast * 10000 + sensor.m_nGain * 10 + sensor.m_nScanMode,
               71330041ul);
-    EXPECT_TRUE(RequestsOf(0, VXD_REQ_SET_SENSOR_OPTION).empty());  // not pushed before InitDev
+    EXPECT_TRUE(RequestsOf(VXD_REQ_SET_SENSOR_OPTION).empty());  // not pushed before InitDev
 
     ASSERT_EQ(sensor.OpenDevice(3, 0), 0ul);
     EXPECT_EQ(sensor.GetDeviceType(), 7ul);
-    EXPECT_EQ(RequestsOf(3, VXD_REQ_LED).back().vecBlock, (Bytes{1, 0}));
+    EXPECT_EQ(RequestsOf(VXD_REQ_LED, 3).back().vecBlock, (Bytes{1, 0}));
     sensor.m_wLedMode = 1;
     Inject(3, "openfail");
     sensor.m_nBrightness = 66;
@@ -98,7 +88,7 @@ TEST_F(SensorTest, OpenAndClose)
     EXPECT_EQ(sensor.CloseDevice(), 0ul);
     EXPECT_EQ(sensor.m_pVxd, nullptr);
     EXPECT_FALSE(State(0).bOpen || State(0).bLedOn);
-    EXPECT_EQ(RequestsOf(0, VXD_REQ_LED).back().vecBlock, (Bytes{0, 1}));
+    EXPECT_EQ(RequestsOf(VXD_REQ_LED).back().vecBlock, (Bytes{0, 1}));
     sensor.m_nError = 53;
     EXPECT_EQ(sensor.CloseDevice(), 0ul);
     EXPECT_EQ(sensor.GetError(), 53ul);
@@ -214,7 +204,7 @@ TEST_F(SensorTest, SettersAndWhatReachesTheUnit)
         EXPECT_EQ(pSensor->m_nGain, c.nGain);
         EXPECT_EQ(pSensor->m_nContrast, c.nContrast);
         EXPECT_EQ(pSensor->m_nImageSize, c.nImageSize);
-        const std::vector<tavk05virt::Request> vec = RequestsOf(0, VXD_REQ_SET_SENSOR_OPTION);
+        const std::vector<tavk05virt::Request> vec = RequestsOf(VXD_REQ_SET_SENSOR_OPTION);
         if (c.nExposureSent < 0) {
             EXPECT_TRUE(vec.empty() || vec.back().bFailed);
         } else {
@@ -288,19 +278,16 @@ unsigned long CallbackB(void*, void*)
 TEST_F(SensorTest, CallbackRegistrationByType)
 {
     COberin sensor(nullptr);
-    int anContext[3] = {};
+    int anContext[2] = {};
     sensor.m_nError = 57;
     const struct {
         unsigned long nType;
-        ISensor::PFN_CALLBACK pfn;
+        ISensor::PFN_CALLBACK pfn, pfnAfter;
         void* pContext;
         unsigned long nStatus;
-        ISensor::PFN_CALLBACK pfnAfter;
-    } aCases[] = {
-        {1, CallbackA, &anContext[0], 0, CallbackA}, {2, CallbackB, &anContext[1], 0, CallbackB},
-        {0, CallbackA, &anContext[2], 2, CallbackB}, {3, CallbackA, &anContext[0], 2, CallbackB},
-        {100, CallbackA, &anContext[1], 2, CallbackB}, {1, nullptr, nullptr, 0, nullptr},
-    };
+    } aCases[] = {{1, CallbackA, CallbackA, &anContext[0], 0}, {2, CallbackB, CallbackB, &anContext[1], 0},
+                  {3, CallbackA, CallbackB, &anContext[0], 2}, {0, CallbackA, CallbackB, &anContext[1], 2},
+                  {100, CallbackA, CallbackB, nullptr, 2}, {1, nullptr, nullptr, nullptr, 0}};
     for (const auto& c : aCases) {
         EXPECT_EQ(sensor.SetCallBackFunction(c.nType, c.pfn, c.pContext), c.nStatus) << c.nType;
         EXPECT_EQ(sensor.m_pfnCallback, c.pfnAfter) << c.nType;
@@ -334,7 +321,7 @@ TEST_F(SensorTest, InitDevStopsAtTheFirstFailureAndRetries)
         tavk05virt::ClearLog(0);
         EXPECT_EQ(pSensor->InitDev(c.bForce), c.nStatus);
         EXPECT_EQ(pSensor->m_bDevInitialized, c.nStatus == 0);
-        const std::vector<tavk05virt::Request> vec = RequestsOf(0, VXD_REQ_SET_SENSOR_OPTION);
+        const std::vector<tavk05virt::Request> vec = RequestsOf(VXD_REQ_SET_SENSOR_OPTION);
         ASSERT_EQ(vec.size(), c.nBlocks);
         if (c.nBlocks == 2) { EXPECT_EQ(vec[1].vecBlock, OptionBlock(55, 4)); }
     }
@@ -398,7 +385,7 @@ TEST_F(SensorTest, ControlCodes)
                                         c.nOutCap ? out.data() : nullptr, c.nOutCap, c.bLenWord ? &nLen : nullptr),
                   c.nStatus);
         EXPECT_EQ(pSensor->GetError(), c.nStatus);
-        EXPECT_EQ(RequestNumbers(0), c.vecRequests);
+        EXPECT_EQ(RequestNumbers(), c.vecRequests);
         if (!c.vecSent.empty()) { EXPECT_EQ(tavk05virt::RequestLog(0).back().vecBlock, c.vecSent); }
         if (c.bLenWord) { EXPECT_EQ(nLen, c.nLen); }
         const Bytes vecBlock = c.nCode == 514 ? Bytes(State(0).abyDeviceId, State(0).abyDeviceId + 64) : vecValue;
@@ -416,7 +403,7 @@ TEST_F(SensorTest, ControlCodes)
     EXPECT_EQ(pSensor->DevIoCtlCheckAutoOnStatus(abyOn, &nLen), 0ul);  // reachable through no code
     EXPECT_EQ(nLen, 0ul);
     ASSERT_EQ(pSensor->CloseDevice(), 0ul);
-    EXPECT_EQ(RequestsOf(0, VXD_REQ_LED).back().vecBlock, (Bytes{0, 1}));
+    EXPECT_EQ(RequestsOf(VXD_REQ_LED).back().vecBlock, (Bytes{0, 1}));
 }
 
 // Code 261 takes the background with brightness 35 (new firmware; 37 on
@@ -448,8 +435,8 @@ TEST_F(SensorTest, BackgroundCapture)
         Inject(0, c.pszFault);
         tavk05virt::ClearLog(0);
         EXPECT_EQ(pSensor->DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr), c.nStatus);
-        EXPECT_EQ(RequestNumbers(0), c.vecRequests);
-        const std::vector<tavk05virt::Request> vec = RequestsOf(0, VXD_REQ_SET_SENSOR_OPTION);
+        EXPECT_EQ(RequestNumbers(), c.vecRequests);
+        const std::vector<tavk05virt::Request> vec = RequestsOf(VXD_REQ_SET_SENSOR_OPTION);
         EXPECT_EQ(vec[0].vecBlock, OptionBlock(c.nExposure, 4));
         if (vec.size() == 4) { EXPECT_EQ(vec[1].vecBlock, OptionBlock(c.nExposure, 2)); }
         if (vec.size() == 4) { EXPECT_EQ(vec[3].vecBlock, OptionBlock(50, 4)); }
