@@ -388,7 +388,8 @@ TEST_F(SensorTest, ControlCodes)
         EXPECT_EQ(RequestNumbers(), c.vecRequests);
         if (!c.vecSent.empty()) { EXPECT_EQ(tavk05virt::RequestLog(0).back().vecBlock, c.vecSent); }
         if (c.bLenWord) { EXPECT_EQ(nLen, c.nLen); }
-        const Bytes vecBlock = c.nCode == 514 ? Bytes(State(0).abyDeviceId, State(0).abyDeviceId + 64) : vecValue;
+        const tavk05virt::UnitState st = State(0);
+        const Bytes vecBlock = c.nCode == 514 ? Bytes(st.abyDeviceId, st.abyDeviceId + 64) : vecValue;
         const size_t nBlock = c.nStatus == 0 ? c.nLen : 0;
         EXPECT_EQ(Bytes(out.begin(), out.begin() + nBlock), Bytes(vecBlock.begin(), vecBlock.begin() + nBlock));
         EXPECT_EQ(std::count(out.begin() + nBlock, out.end(), 0xEE), 100 - static_cast<long>(nBlock));
