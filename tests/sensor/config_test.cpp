@@ -1,238 +1,301 @@
-// The settings file: its exact text, position-based reading with its quirks,
-// defaults, and safe replacement.
+// The settings file: where it is, its exact text, the position-based reader
+// against a formatted read, the atomic save (also when killed), and hostile
+// paths: links, FIFOs, device nodes, directories, foreign files, stale
+// temporaries and a privileged process.
 #include <dirent.h>
+#include <sys/statvfs.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
 
-#include <memory>
+#include <algorithm>
+#include <csignal>
+#include <random>
 
 #include "sensor_fixture.h"
 
 namespace {
 
-using sensortest::PathExists;
-using sensortest::ReadFile;
+using sensortest::FileText;
 using sensortest::SensorTest;
 using sensortest::SettingsText;
 using sensortest::WriteFile;
 
+const uid_t kNobody = 65534;
+
+// Run as "TAVK05_SAVE_ONCE=1 test_sensor", the program only lets one sensor
+// save its settings and exits: the privileged-process test runs a
+// set-user-ID copy of itself that way.
+struct SaveOnceMode {
+    SaveOnceMode()
+    {
+        if (std::getenv("TAVK05_SAVE_ONCE") == nullptr) return;
+        {
+            COberin sensor(nullptr);
+            sensor.m_nBrightness = 77;
+        }
+        std::fflush(nullptr);
+        ::_exit(0);
+    }
+} g_saveOnceMode;
+
 class ConfigTest : public SensorTest {
 protected:
-    std::unique_ptr<COberin> MakeSensor() { return std::unique_ptr<COberin>(new COberin(nullptr)); }
-
-    // Writes the file through a sensor holding these four values.
-    void SaveThroughSensor(unsigned long nBrightness, unsigned long nContrast, unsigned long nGain,
-                           unsigned long nScanMode)
+    void SetUp() override
     {
-        std::unique_ptr<COberin> pSensor = MakeSensor();
-        pSensor->m_nBrightness = nBrightness;
-        pSensor->m_nContrast = nContrast;
-        pSensor->m_nGain = nGain;
-        pSensor->m_nScanMode = nScanMode;
-        pSensor->SaveConfig();
+        SensorTest::SetUp();
+        std::string strTemplate = m_strDir + "/settings-path-XXXXXX";
+        ASSERT_NE(::mkdtemp(&strTemplate[0]), nullptr);
+        m_strPriv = strTemplate;
+        ::chmod(m_strPriv.c_str(), 0777);
     }
 
-    // Names in the scratch directory that start with the settings file's name
-    // and are not it (left-over temporary files).
-    std::vector<std::string> StrayFiles()
+    void TearDown() override
+    {
+        std::system(("rm -rf '" + m_strPriv + "'").c_str());
+        SensorTest::TearDown();
+    }
+
+    // Points the sensor at strPath and lets a sensor with this brightness save.
+    static void SaveTo(const std::string& strPath, int nBrightness = 42)
+    {
+        ::setenv("TAVK05_CONF", strPath.c_str(), 1);
+        COberin sensor(nullptr);
+        sensor.m_nBrightness = static_cast<unsigned long>(nBrightness);
+        sensor.SaveConfig();
+    }
+
+    static void SaveAsNobody(const std::string& strPath)
+    {
+        const pid_t pid = ::fork();
+        if (pid == 0) ::_exit(::setgid(kNobody) != 0 || ::setuid(kNobody) != 0 ? 3 : (SaveTo(strPath), 0));
+        int nStatus = 0;
+        ASSERT_EQ(::waitpid(pid, &nStatus, 0), pid);
+        ASSERT_TRUE(WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0);
+    }
+
+    static ino_t InodeOf(const std::string& strPath)
+    {
+        struct stat st = {};
+        return ::lstat(strPath.c_str(), &st) == 0 ? st.st_ino : 0;
+    }
+
+    // Names in the private directory, sorted.
+    std::vector<std::string> Entries()
     {
         std::vector<std::string> vec;
-        const std::string strBase = m_strConf.substr(m_strConf.rfind('/') + 1);
-        DIR* pDir = ::opendir(m_strDir.c_str());
-        if (pDir == nullptr) return vec;
-        while (const dirent* pEntry = ::readdir(pDir)) {
+        DIR* pDir = ::opendir(m_strPriv.c_str());
+        while (const dirent* pEntry = pDir != nullptr ? ::readdir(pDir) : nullptr) {
             const std::string strName = pEntry->d_name;
-            if (strName != strBase && strName.compare(0, strBase.size(), strBase) == 0) vec.push_back(strName);
+            if (strName != "." && strName != "..") vec.push_back(strName);
         }
-        ::closedir(pDir);
+        if (pDir != nullptr) ::closedir(pDir);
+        std::sort(vec.begin(), vec.end());
         return vec;
     }
+
+    std::string m_strPriv;
 };
 
-TEST_F(ConfigTest, PathComesFromTheEnvironmentOrDefaultsToEtc)
+TEST_F(ConfigTest, PathTextAndDefaults)
 {
     EXPECT_EQ(std::string(COberin::ConfigPath()), m_strConf);
     ::setenv("TAVK05_CONF", "", 1);
     EXPECT_STREQ(COberin::ConfigPath(), "/etc/tavk05rf.conf");
     ::unsetenv("TAVK05_CONF");
     EXPECT_STREQ(COberin::ConfigPath(), "/etc/tavk05rf.conf");
-    ::setenv("TAVK05_CONF", m_strConf.c_str(), 1);
-}
 
-TEST_F(ConfigTest, NeverOpenedSensorWritesTheConstructionDefaults)
-{
-    { std::unique_ptr<COberin> pSensor = MakeSensor(); }
-    std::string strText;
-    ASSERT_TRUE(ReadFile(m_strConf, &strText));
-    EXPECT_EQ(strText,
-              "Brightness  =  40\n"
-              "Contrast    =  20\n"
-              "Gain        =  2\n"
-              "ScanMode    =  0\n");
-    EXPECT_EQ(strText.size(), 70u);
-    EXPECT_TRUE(StrayFiles().empty());
-}
-
-TEST_F(ConfigTest, DestructionWritesTheCurrentSettings)
-{
-    AttachUnits("0:model=5");
-    {
-        std::unique_ptr<COberin> pSensor = MakeSensor();
-        ASSERT_EQ(pSensor->OpenDevice(0, 0), 0ul);
-        ASSERT_EQ(pSensor->SetBrightness(63), 0ul);
-        ASSERT_EQ(pSensor->SetGainValue(8), 0ul);
-        pSensor->WriteData(1, 1);
-        pSensor->m_nContrast = 45;
-    }
-    std::string strText;
-    ASSERT_TRUE(ReadFile(m_strConf, &strText));
-    EXPECT_EQ(strText, SettingsText(63, 45, 8, 1));
-}
-
-TEST_F(ConfigTest, TwoDigitSettingsRoundTrip)
-{
-    SaveThroughSensor(40, 20, 2, 1);
-    std::unique_ptr<COberin> pSensor = MakeSensor();
-    pSensor->m_nBrightness = 99;
-    pSensor->m_nContrast = 99;
-    pSensor->m_nGain = 8;
-    pSensor->m_nScanMode = 0;
-    pSensor->RetrieveConfig();
-    EXPECT_EQ(pSensor->m_nBrightness, 40ul);
-    EXPECT_EQ(pSensor->m_nContrast, 20ul);
-    EXPECT_EQ(pSensor->m_nGain, 2ul);
-    EXPECT_EQ(pSensor->m_nScanMode, 1ul);
-
-    SaveThroughSensor(99, 10, 8, 0);
-    pSensor->RetrieveConfig();
-    EXPECT_EQ(pSensor->m_nBrightness, 99ul);
-    EXPECT_EQ(pSensor->m_nContrast, 10ul);
-    EXPECT_EQ(pSensor->m_nGain, 8ul);
-    EXPECT_EQ(pSensor->m_nScanMode, 0ul);
-}
-
-TEST_F(ConfigTest, OpenLoadsTheFileIntoTheSensor)
-{
-    AttachUnits("0:model=4");
-    WriteFile(m_strConf, SettingsText(71, 33, 4, 1));
-    std::unique_ptr<COberin> pSensor = MakeSensor();
-    ASSERT_EQ(pSensor->OpenDevice(0, 0), 0ul);
-    EXPECT_EQ(pSensor->m_nBrightness, 71ul);
-    EXPECT_EQ(pSensor->m_nContrast, 33ul);
-    EXPECT_EQ(pSensor->m_nGain, 4ul);
-    EXPECT_EQ(pSensor->m_nScanMode, 1ul);
-    // Loading only stores the values; nothing is sent until the device is
-    // initialised.
-    EXPECT_TRUE(sensortest::RequestsOf(0, 5).empty());
-}
-
-TEST_F(ConfigTest, OneDigitBrightnessShiftsTheContrastRead)
-{
-    // Brightness 5 shortens the first line by one byte, so offset 33 falls on
-    // the second digit of the contrast.
-    SaveThroughSensor(5, 20, 4, 1);
-    std::unique_ptr<COberin> pSensor = MakeSensor();
-    pSensor->RetrieveConfig();
-    EXPECT_EQ(pSensor->m_nBrightness, 5ul);
-    EXPECT_EQ(pSensor->m_nContrast, 0ul);
-    EXPECT_EQ(pSensor->m_nGain, 4ul);
-    EXPECT_EQ(pSensor->m_nScanMode, 1ul);
-}
-
-TEST_F(ConfigTest, ThreeDigitValuesLeaveGainAndScanModeAsTheyWere)
-{
-    // Two extra bytes move the gain and scan-mode reads onto the '=' signs.
-    SaveThroughSensor(100, 100, 8, 1);
-    std::unique_ptr<COberin> pSensor = MakeSensor();
-    pSensor->m_nGain = 4;
-    pSensor->m_nScanMode = 0;
-    pSensor->RetrieveConfig();
-    EXPECT_EQ(pSensor->m_nBrightness, 100ul);
-    EXPECT_EQ(pSensor->m_nContrast, 100ul);
-    EXPECT_EQ(pSensor->m_nGain, 4ul);
-    EXPECT_EQ(pSensor->m_nScanMode, 0ul);
-}
-
-TEST_F(ConfigTest, ReadsThatFindNoNumberLeaveTheFields)
-{
-    std::unique_ptr<COberin> pSensor = MakeSensor();
-    pSensor->m_nBrightness = 11;
-    pSensor->m_nContrast = 22;
-    pSensor->m_nGain = 4;
-    pSensor->m_nScanMode = 1;
-
-    WriteFile(m_strConf, "");
-    pSensor->RetrieveConfig();
-    EXPECT_EQ(pSensor->m_nBrightness, 11ul);
-    EXPECT_EQ(pSensor->m_nContrast, 22ul);
-    EXPECT_EQ(pSensor->m_nGain, 4ul);
-    EXPECT_EQ(pSensor->m_nScanMode, 1ul);
-
-    // Only the first value present: the later reads run past the end.
-    WriteFile(m_strConf, "Brightness  =  57\n");
-    pSensor->RetrieveConfig();
-    EXPECT_EQ(pSensor->m_nBrightness, 57ul);
-    EXPECT_EQ(pSensor->m_nContrast, 22ul);
-    EXPECT_EQ(pSensor->m_nGain, 4ul);
-    EXPECT_EQ(pSensor->m_nScanMode, 1ul);
-}
-
-TEST_F(ConfigTest, MissingFileGivesTheFileDefaultsNotTheConstructionOnes)
-{
-    AttachUnits("0:model=7,fw=0x3000");
-    std::unique_ptr<COberin> pSensor = MakeSensor();
-    EXPECT_EQ(pSensor->m_nGain, 2ul);
-    pSensor->m_nBrightness = 90;
-    pSensor->m_nContrast = 90;
-    pSensor->m_nScanMode = 1;
-    ASSERT_FALSE(PathExists(m_strConf));
-    ASSERT_EQ(pSensor->OpenDevice(0, 0), 0ul);
-    EXPECT_EQ(pSensor->m_nBrightness, 40ul);
-    EXPECT_EQ(pSensor->m_nContrast, 20ul);
-    EXPECT_EQ(pSensor->m_nGain, 1ul);
-    EXPECT_EQ(pSensor->m_nScanMode, 0ul);
-    ISensor::tagDeviceInfoParam info = {};
-    pSensor->GetDeviceInfo(&info);
-    EXPECT_EQ(info.Gain, 1u);
-}
-
-TEST_F(ConfigTest, SavingReplacesALongerFileWholeAndKeepsItsPermissions)
-{
-    WriteFile(m_strConf, std::string(300, 'x') + "\n");
-    ASSERT_EQ(::chmod(m_strConf.c_str(), 0606), 0);
-    SaveThroughSensor(42, 24, 1, 0);
-    std::string strText;
-    ASSERT_TRUE(ReadFile(m_strConf, &strText));
-    EXPECT_EQ(strText, SettingsText(42, 24, 1, 0));
-    EXPECT_TRUE(StrayFiles().empty());
-    struct stat st;
-    ASSERT_EQ(::stat(m_strConf.c_str(), &st), 0);
+    // A never-opened sensor saves the construction defaults on destruction,
+    // replacing a longer file whole and keeping its permissions.
+    const std::string strFile = m_strPriv + "/tavk05.conf";
+    WriteFile(strFile, std::string(300, 'x'));
+    ASSERT_EQ(::chmod(strFile.c_str(), 0606), 0);
+    ::setenv("TAVK05_CONF", strFile.c_str(), 1);
+    { COberin sensor(nullptr); }
+    EXPECT_EQ(FileText(strFile), "Brightness  =  40\nContrast    =  20\nGain        =  2\nScanMode    =  0\n");
+    struct stat st = {};
+    ASSERT_EQ(::stat(strFile.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0606u);
+    EXPECT_EQ(Entries(), std::vector<std::string>{"tavk05.conf"});
+
+    // An open without a file takes the file defaults (gain 1, not 2).
+    ::unlink(strFile.c_str());
+    AttachUnits("0:model=7,fw=0x3000");
+    COberin sensor(nullptr);
+    sensor.m_nBrightness = sensor.m_nContrast = 90;
+    sensor.m_nScanMode = 1;
+    ASSERT_EQ(sensor.OpenDevice(0, 0), 0ul);
+    EXPECT_EQ(sensor.m_nBrightness * 1000000 + sensor.m_nContrast * 10000 + sensor.m_nGain * 10 + sensor.m_nScanMode,
+              40200010ul);
 }
 
-TEST_F(ConfigTest, UnwritableLocationsAreSkippedSilently)
+// The reader behaves as fscanf("%d") at the offsets 15, 33, 50 and 67 would
+// (a value it cannot read stays as it was): on files the driver writes for a
+// grid of values, whose one- and three-digit numbers shift the later
+// offsets, and on random text, while reading only a bounded prefix.
+TEST_F(ConfigTest, ReaderMatchesTheFormattedRead)
 {
-    // A directory that does not exist.
-    const std::string strMissing = m_strDir + "/no-such-dir-" + std::to_string(::getpid()) + "/tavk05.conf";
-    ::setenv("TAVK05_CONF", strMissing.c_str(), 1);
-    SaveThroughSensor(40, 20, 2, 0);
-    { std::unique_ptr<COberin> pSensor = MakeSensor(); }
-    EXPECT_FALSE(PathExists(strMissing));
+    const std::string strFile = m_strPriv + "/read.conf";
+    ::setenv("TAVK05_CONF", strFile.c_str(), 1);
+    std::vector<std::string> vecTexts = {"", "Brightness  =  57\n"};
+    for (int b : {0, 5, 40, 100})
+        for (int c : {0, 20, 99, 100})
+            for (int g : {1, 8}) vecTexts.push_back(SettingsText(b, c, g, b % 2));
+    std::mt19937 rng(1234);
+    const std::string strAlphabet = "0123456789          \n\t+-=xB";
+    for (int nCase = 0; nCase < 300; ++nCase) {
+        std::string strText = nCase < 4 ? std::string(nCase, ' ') + (nCase % 2 ? "-" : "") +
+                                              std::string(200 + 40 * nCase, '9')
+                                        : "";
+        for (size_t i = 0, nLen = nCase < 4 ? 0 : rng() % 120; i < nLen; ++i)
+            strText += strAlphabet[rng() % strAlphabet.size()];
+        vecTexts.push_back(strText);
+    }
+    COberin sensor(nullptr);
+    for (const std::string& strText : vecTexts) {
+        WriteFile(strFile, strText);
+        unsigned long anExpected[4] = {11, 22, 33, 44};
+        FILE* pFile = std::fopen(strFile.c_str(), "r");
+        ASSERT_NE(pFile, nullptr);
+        const long anOffsets[4] = {15, 33, 50, 67};
+        for (int i = 0; i < 4; ++i) {
+            int nValue = 0;
+            if (std::fseek(pFile, anOffsets[i], SEEK_SET) == 0 && std::fscanf(pFile, "%d", &nValue) == 1)
+                anExpected[i] = static_cast<unsigned long>(static_cast<long>(nValue));
+        }
+        std::fclose(pFile);
+        sensor.m_nBrightness = 11, sensor.m_nContrast = 22, sensor.m_nGain = 33, sensor.m_nScanMode = 44;
+        sensor.RetrieveConfig();
+        const unsigned long anGot[4] = {sensor.m_nBrightness, sensor.m_nContrast, sensor.m_nGain, sensor.m_nScanMode};
+        ASSERT_EQ(std::vector<unsigned long>(anGot, anGot + 4), std::vector<unsigned long>(anExpected, anExpected + 4))
+            << "'" << strText << "'";
+    }
+}
 
-    // A directory where the file should be: it stays a directory and no
-    // temporary file is left beside it.
-    ::setenv("TAVK05_CONF", m_strConf.c_str(), 1);
-    ASSERT_EQ(::mkdir(m_strConf.c_str(), 0755), 0);
-    { std::unique_ptr<COberin> pSensor = MakeSensor(); }
-    struct stat st;
-    ASSERT_EQ(::stat(m_strConf.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_TRUE(StrayFiles().empty());
-    // Reading from it finds no number and changes nothing.
-    std::unique_ptr<COberin> pSensor = MakeSensor();
-    pSensor->m_nGain = 8;
-    pSensor->RetrieveConfig();
-    EXPECT_EQ(pSensor->m_nGain, 8ul);
-    pSensor.reset();
-    EXPECT_EQ(::rmdir(m_strConf.c_str()), 0);
+// Entries that are not regular files are neither read nor replaced (a FIFO
+// without a writer does not block); a missing directory is skipped.
+TEST_F(ConfigTest, NonRegularEntriesAreLeftAlone)
+{
+    const std::string strFifo = m_strPriv + "/fifo";
+    const std::string strNode = m_strPriv + "/null";
+    const std::string strDir = m_strPriv + "/dir";
+    ASSERT_EQ(::mkfifo(strFifo.c_str(), 0666), 0);
+    ASSERT_EQ(::mkdir(strDir.c_str(), 0755), 0);
+    const bool bNode = ::mknod(strNode.c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0;  // a private /dev/null
+    for (const std::string& strPath : {strFifo, strNode, strDir, m_strPriv + "/missing/tavk05.conf"}) {
+        SCOPED_TRACE(strPath);
+        if (strPath == strNode && !bNode) continue;
+        const ino_t nInode = InodeOf(strPath);
+        ::setenv("TAVK05_CONF", strPath.c_str(), 1);
+        COberin sensor(nullptr);
+        sensor.m_nGain = 8;
+        sensor.RetrieveConfig();
+        EXPECT_EQ(sensor.m_nGain, nInode == 0 ? 1ul : 8ul);  // a missing file gives the defaults
+        sensor.SaveConfig();
+        EXPECT_EQ(InodeOf(strPath), nInode);
+    }
+    std::vector<std::string> vecExpected = {"dir", "fifo"};
+    if (bNode) vecExpected.push_back("null");
+    EXPECT_EQ(Entries(), vecExpected);
+}
+
+// A link is followed: the file it names is updated and the link stays, also
+// through a relative link and a link to a file not made yet.
+TEST_F(ConfigTest, SymbolicLinksUpdateTheFileTheyName)
+{
+    ASSERT_EQ(::mkdir((m_strPriv + "/etc").c_str(), 0755), 0);
+    WriteFile(m_strPriv + "/etc/real.conf", SettingsText(10, 20, 2, 0));
+    ASSERT_EQ(::symlink("etc/real.conf", (m_strPriv + "/rel.conf").c_str()), 0);
+    ASSERT_EQ(::symlink((m_strPriv + "/rel.conf").c_str(), (m_strPriv + "/abs.conf").c_str()), 0);
+    ASSERT_EQ(::symlink("etc/new.conf", (m_strPriv + "/dangling.conf").c_str()), 0);
+    SaveTo(m_strPriv + "/abs.conf", 55);
+    SaveTo(m_strPriv + "/dangling.conf", 66);
+    EXPECT_EQ(FileText(m_strPriv + "/etc/real.conf"), SettingsText(55, 20, 2, 0));
+    EXPECT_EQ(FileText(m_strPriv + "/etc/new.conf"), SettingsText(66, 20, 2, 0));
+    struct stat st = {};
+    for (const char* pszLink : {"/rel.conf", "/abs.conf", "/dangling.conf"})
+        EXPECT_TRUE(::lstat((m_strPriv + pszLink).c_str(), &st) == 0 && S_ISLNK(st.st_mode)) << pszLink;
+    EXPECT_EQ(Entries(), (std::vector<std::string>{"abs.conf", "dangling.conf", "etc", "rel.conf"}));
+}
+
+// Permissions decide as an open for writing would: a file the process may
+// not write stays even in a writable directory; a writable file in a
+// directory that is not the process's is rewritten in place.
+TEST_F(ConfigTest, PermissionsOfFileAndDirectoryDecide)
+{
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
+    const std::string strLocked = m_strPriv + "/locked.conf";
+    WriteFile(strLocked, SettingsText(10, 20, 2, 0));
+    ASSERT_EQ(::chmod(strLocked.c_str(), 0644), 0);
+    const ino_t nLockedInode = InodeOf(strLocked);
+    SaveAsNobody(strLocked);
+    EXPECT_EQ(FileText(strLocked), SettingsText(10, 20, 2, 0));
+    EXPECT_EQ(InodeOf(strLocked), nLockedInode);
+
+    const std::string strShared = m_strPriv + "/etc";
+    ASSERT_EQ(::mkdir(strShared.c_str(), 0755), 0);
+    const std::string strOpen = strShared + "/open.conf";
+    WriteFile(strOpen, std::string(100, '#'));
+    ASSERT_EQ(::chmod(strOpen.c_str(), 0666), 0);
+    const ino_t nOpenInode = InodeOf(strOpen);
+    SaveAsNobody(strOpen);
+    EXPECT_EQ(FileText(strOpen), SettingsText(42, 20, 2, 0));
+    EXPECT_EQ(InodeOf(strOpen), nOpenInode);
+    EXPECT_EQ(Entries(), (std::vector<std::string>{"etc", "locked.conf"}));
+}
+
+// A process killed while saving leaves a complete file; a temporary it may
+// have left is removed by the next save, while those of live processes stay.
+TEST_F(ConfigTest, KillDuringSaveLeavesACompleteFileAndNoTemporaries)
+{
+    const std::string strFile = m_strPriv + "/kill.conf";
+    SaveTo(strFile, 10);
+    std::mt19937 rng(99);
+    for (int nTrial = 0; nTrial < 50; ++nTrial) {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            for (int n = 0;; n ^= 1) SaveTo(strFile, n ? 10 : 99);
+        }
+        ::usleep(200 + rng() % 3000);
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+        const std::string strText = FileText(strFile);
+        ASSERT_TRUE(strText == SettingsText(10, 20, 2, 0) || strText == SettingsText(99, 20, 2, 0))
+            << "trial " << nTrial << ": '" << strText << "'";
+    }
+    const pid_t pidGone = ::fork();
+    if (pidGone == 0) ::_exit(0);
+    ::waitpid(pidGone, nullptr, 0);
+    WriteFile(strFile + ".tmp." + std::to_string(pidGone) + ".0", "stale");
+    WriteFile(strFile + ".tmp." + std::to_string(::getpid()) + ".7", "live");
+    SaveTo(strFile, 10);
+    EXPECT_EQ(Entries(), (std::vector<std::string>{"kill.conf", "kill.conf.tmp." + std::to_string(::getpid()) + ".7"}));
+}
+
+// A privileged process (here set-user-ID to nobody, run by root) ignores
+// TAVK05_CONF: the file it names stays although the process could write it.
+TEST_F(ConfigTest, PrivilegedProcessIgnoresTheVariable)
+{
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to make a set-user-ID program";
+    struct statvfs vfs = {};
+    if (::statvfs(m_strPriv.c_str(), &vfs) != 0 || (vfs.f_flag & ST_NOSUID)) GTEST_SKIP() << "mounted nosuid";
+    char szSelf[4096];
+    const ssize_t nLen = ::readlink("/proc/self/exe", szSelf, sizeof(szSelf) - 1);
+    ASSERT_GT(nLen, 0);
+    szSelf[nLen] = '\0';
+    const std::string strProgram = m_strPriv + "/suid-host";
+    ASSERT_EQ(std::system(("cp '" + std::string(szSelf) + "' '" + strProgram + "'").c_str()), 0);
+    ASSERT_EQ(::chown(strProgram.c_str(), kNobody, kNobody), 0);
+    ASSERT_EQ(::chmod(strProgram.c_str(), 04755), 0);
+    const std::string strVictim = m_strPriv + "/victim";
+    WriteFile(strVictim, "precious\n");
+    ASSERT_EQ(::chmod(strVictim.c_str(), 0666), 0);
+    const std::string strCommand = "TAVK05_SAVE_ONCE=1 TAVK05_CONF='" + strVictim + "' '" + strProgram + "' >/dev/null 2>&1";
+    EXPECT_EQ(std::system(strCommand.c_str()), 0);
+    EXPECT_EQ(FileText(strVictim), "precious\n");
+    // Without privilege the same program does write it: the test can see a save.
+    ASSERT_EQ(::chmod(strProgram.c_str(), 0755), 0);
+    EXPECT_EQ(std::system(strCommand.c_str()), 0);
+    EXPECT_EQ(FileText(strVictim), SettingsText(77, 20, 2, 0));
 }
 
 }  // namespace

@@ -1,14 +1,13 @@
 // Live and rolled capture on virtual units with scripted host callbacks: the
-// states of the loop and the replies that move between them, the final check
-// of a rolled image, every failure path with what reaches the unit, the
-// record handed to the callback, and the fixed-argument forms.
+// replies that move the loop between its states, the record handed to the
+// callback, the time limit, the latent wait, the final check of a rolled
+// image, the failure paths, and the finished images pinned by digest.
 #include <dlfcn.h>
 #include <time.h>
 
 #include <algorithm>
 #include <atomic>
 #include <functional>
-#include <memory>
 
 #include "sensor_fixture.h"
 #include "tavk05/mark.h"
@@ -21,8 +20,8 @@ std::atomic<long> g_nClockSkewSeconds(0);
 
 }  // namespace
 
-// The program's clock_gettime: the C library's, with the skew added to the
-// monotonic clock (which the live capture's time limit uses).
+// The program's clock_gettime: the C library's, the skew added to the
+// monotonic clock (which the time limit uses).
 extern "C" int clock_gettime(clockid_t nClock, struct timespec* pTime) noexcept
 {
     typedef int (*PfnClock)(clockid_t, struct timespec*);
@@ -34,94 +33,29 @@ extern "C" int clock_gettime(clockid_t nClock, struct timespec* pTime) noexcept
 
 namespace {
 
+using sensortest::Bytes;
+using sensortest::Digest;
 using sensortest::RequestsOf;
 using sensortest::SensorTest;
 
-typedef std::vector<unsigned char> Image;
-
-// A sensor that counts its resets (the live capture calls the virtual
-// ResetDevice after a time-out or when the host gives up).
-class LiveSensor : public COberin {
-public:
+// A sensor that counts its resets (after a time-out or when the host gives up).
+struct LiveSensor : COberin {
     LiveSensor() : COberin(nullptr) {}
-    unsigned long ResetDevice() override
-    {
-        ++m_nResets;
-        return COberin::ResetDevice();
-    }
+    unsigned long ResetDevice() override { return ++m_nResets, COberin::ResetDevice(); }
     int m_nResets = 0;
 };
 
-// One call of the host callback as the host saw it.
 struct Call {
     ISensor::tagCallbackInfo info;
-    int nRollState;
-    Image shown;  // the host's buffer during the call
+    Bytes shown;  // the host's buffer during the call
 };
 
-// A scripted host: the reply to each call comes from fnReply (0 when unset);
-// every call is recorded with a copy of the host's buffer.
-struct Host {
-    std::function<unsigned long(size_t nCall, const ISensor::tagCallbackInfo& info)> fnReply;
-    std::function<void(size_t nCall)> fnDuring;
-    std::vector<Call> vecCalls;
-    const unsigned char* pImage = nullptr;
-    LiveSensor* pSensor = nullptr;
+typedef std::function<unsigned long(size_t nCall, const ISensor::tagCallbackInfo& info)> Reply;
 
-    static unsigned long Callback(void* pContext, void* pInfo)
-    {
-        Host* pHost = static_cast<Host*>(pContext);
-        const ISensor::tagCallbackInfo& info = *static_cast<const ISensor::tagCallbackInfo*>(pInfo);
-        const size_t nCall = pHost->vecCalls.size();
-        Call call = {info, pHost->pSensor->m_nRollState, Image()};
-        if (pHost->pImage != nullptr) call.shown.assign(pHost->pImage, pHost->pImage + 360000);
-        pHost->vecCalls.push_back(call);
-        if (pHost->fnDuring) pHost->fnDuring(nCall);
-        return pHost->fnReply ? pHost->fnReply(nCall, info) : 0;
-    }
-};
-
-// Replies `nReply` at call `nAt` and 0 elsewhere.
-std::function<unsigned long(size_t, const ISensor::tagCallbackInfo&)> ReplyAt(size_t nAt, unsigned long nReply)
+// Replies nReply at call nAt and 0 elsewhere.
+Reply ReplyAt(size_t nAt, unsigned long nReply)
 {
     return [nAt, nReply](size_t nCall, const ISensor::tagCallbackInfo&) { return nCall == nAt ? nReply : 0ul; };
-}
-
-Image BoxMean3(const Image& src)
-{
-    Image dst = src;
-    for (int y = 1; y < 599; ++y)
-        for (int x = 1; x < 599; ++x) {
-            int nSum = 0;
-            for (int dy = -1; dy <= 1; ++dy)
-                for (int dx = -1; dx <= 1; ++dx) nSum += src[(y + dy) * 600 + x + dx];
-            dst[y * 600 + x] = static_cast<unsigned char>(nSum / 9);
-        }
-    return dst;
-}
-
-Image Marked(Image img, int w, int h)
-{
-    SetLTWaterM(img.data(), w, h);
-    SetRTWaterM(img.data(), w, h);
-    SetLBWaterM(img.data(), w, h);
-    SetRBWaterM(img.data(), w, h);
-    return img;
-}
-
-bool AllMarked(Image img, int w, int h)
-{
-    return GetLTWaterM(img.data(), w, h) && GetRTWaterM(img.data(), w, h) && GetLBWaterM(img.data(), w, h) &&
-           GetRBWaterM(img.data(), w, h);
-}
-
-bool AllocationFailuresAbort()
-{
-#if defined(__SANITIZE_ADDRESS__)
-    return true;  // the sanitizer reports an impossible allocation instead of failing it
-#else
-    return false;
-#endif
 }
 
 class LiveTest : public SensorTest {
@@ -133,6 +67,18 @@ protected:
         SensorTest::TearDown();
     }
 
+    // A scripted host: the reply to each call comes from m_fnReply (0 when
+    // unset); every call is recorded with a copy of the host's buffer.
+    static unsigned long Callback(void* pContext, void* pInfo)
+    {
+        LiveTest* pTest = static_cast<LiveTest*>(pContext);
+        const ISensor::tagCallbackInfo& info = *static_cast<const ISensor::tagCallbackInfo*>(pInfo);
+        const size_t nCall = pTest->m_vecCalls.size();
+        pTest->m_vecCalls.push_back(Call{info, pTest->m_image});
+        if (pTest->m_fnDuring) pTest->m_fnDuring(nCall);
+        return pTest->m_fnReply ? pTest->m_fnReply(nCall, info) : 0;
+    }
+
     // Opens unit 0 of the model on empty glass, takes the background there,
     // then switches the unit to the scene (its time starts at the next read).
     void Open(int nModel, const std::string& strScene, bool bRollMode = false)
@@ -142,634 +88,415 @@ protected:
         ASSERT_EQ(m_pSensor->OpenDevice(0, 0), 0ul);
         ASSERT_EQ(m_pSensor->DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr), 0ul);
         m_pSensor->WriteData(155, bRollMode ? 1 : 0);
-        ASSERT_EQ(m_pSensor->m_nRollMode, bRollMode ? 1ul : 0ul);
         Scene(strScene);
-        m_host.pSensor = m_pSensor.get();
-        m_host.pImage = m_image.data();
+        UseHost();
     }
 
     void Scene(const std::string& strScene)
     {
-        std::string strError;
-        ASSERT_TRUE(tavk05virt::Inject(0, "scene=" + strScene, &strError)) << strError;
+        Inject(0, "scene=" + strScene);
         tavk05virt::ClearLog(0);
-        m_nReadsBefore = StateOf(0).nReads;
-        m_host.vecCalls.clear();
+        m_nReadsBefore = State(0).nReads;
+        m_vecCalls.clear();
     }
 
-    void UseHost() { m_pSensor->SetCallBackFunction(1, Host::Callback, &m_host); }
+    void UseHost(bool bOn = true) { m_pSensor->SetCallBackFunction(1, bOn ? Callback : nullptr, bOn ? this : nullptr); }
 
     unsigned long Live(unsigned long nThreshold, unsigned long nTimeoutMs = 60000, unsigned int nMark = 0)
     {
         return m_pSensor->GetLiveImageEx2(m_image.data(), nTimeoutMs, nMark, nullptr, nThreshold);
     }
 
-    unsigned long Reads() { return StateOf(0).nReads - m_nReadsBefore; }
+    unsigned long Reads() { return State(0).nReads - m_nReadsBefore; }
 
-    // Exactly one start and one stop of acquisition, in that order, around
-    // every frame read.
+    // Exactly one start and one stop of acquisition around the frame loop.
     void ExpectOneAcquisition()
     {
         std::vector<unsigned long> vec;
-        for (const tavk05virt::Request& req : tavk05virt::RequestLog(0)) {
-            if (req.nRequest == VXD_REQ_START_ACQUISITION || req.nRequest == VXD_REQ_STOP_ACQUISITION)
-                vec.push_back(req.nRequest);
-        }
+        for (unsigned long n : sensortest::RequestNumbers())
+            if (n == VXD_REQ_START_ACQUISITION || n == VXD_REQ_STOP_ACQUISITION) vec.push_back(n);
         EXPECT_EQ(vec, (std::vector<unsigned long>{VXD_REQ_START_ACQUISITION, VXD_REQ_STOP_ACQUISITION}));
-        EXPECT_FALSE(StateOf(0).bAcquiring);
-    }
-
-    // The final check of a rolled image, worked out from the image the
-    // host saw at the completing frame.
-    int FinalQuality(const Image& rolled)
-    {
-        Image copy = rolled;
-        long nSum = 0;
-        for (int i = 200 * 600; i < 400 * 600; ++i) nSum += copy[i];
-        const int nMean = static_cast<int>(nSum / 120000);
-        if (nMean <= 244)
-            for (unsigned char& by : copy)
-                if (by + 5 < nMean) by = static_cast<unsigned char>(by / 2);
-        return m_pSensor->m_ImageProc.CheckImageQuality2(600, 600, copy.data());
+        EXPECT_FALSE(State(0).bAcquiring);
     }
 
     std::unique_ptr<LiveSensor> m_pSensor;
-    Host m_host;
-    Image m_image = Image(360000, 7);
+    Bytes m_image = Bytes(IMG_PIXELS, 7);
+    std::vector<Call> m_vecCalls;
+    Reply m_fnReply;
+    std::function<void(size_t)> m_fnDuring;
     unsigned long m_nReadsBefore = 0;
+    long m_nSkew = 0;
 };
 
+// The live view ends at the first frame reaching the threshold, with or
+// without a callback; the image is that frame, marked at the corners of the
+// nominal size. The record carries the nominal size, status 0 and the
+// quality of the image shown. (Model 8: the mapping of models 3 and 4 adds
+// a jitter seeded with the time.)
 TEST_F(LiveTest, LiveViewEndsAtTheFirstFrameReachingTheThreshold)
 {
-    Open(4, "place");
-    UseHost();
-    EXPECT_EQ(Live(25), 0ul);
-    const std::vector<Call>& calls = m_host.vecCalls;
-    ASSERT_GT(calls.size(), 3u);  // the glass is empty at first
-    for (size_t i = 0; i + 1 < calls.size(); ++i) EXPECT_LT(calls[i].info.nQuality, 25u) << i;
-    EXPECT_GE(calls.back().info.nQuality, 25u);
-    EXPECT_EQ(Reads(), calls.size());
-    EXPECT_EQ(m_pSensor->m_nRollState, -1);
-    ExpectOneAcquisition();
-    // Not in roll mode: the image is the last one shown, with its marks.
-    EXPECT_EQ(m_image, Marked(calls.back().shown, 600, 600));
-
-    // Without a callback the same scene ends at the same frame.
-    const size_t nFrames = calls.size();
-    m_pSensor->SetCallBackFunction(1, nullptr, nullptr);
-    Scene("place");
-    EXPECT_EQ(Live(25), 0ul);
-    EXPECT_EQ(Reads(), nFrames);
+    Open(8, "place");
+    size_t nFrames = 0;
+    for (const char* pszSize : {"600 x 600", "600 x 600, no callback", "356 x 456, accepted by the host"}) {
+        SCOPED_TRACE(pszSize);
+        const unsigned long nWidth = pszSize[0] == '3' ? 356 : 600, nHeight = pszSize[0] == '3' ? 456 : 600;
+        ASSERT_EQ(m_pSensor->SetImageSize(nWidth, nHeight), 0ul);
+        Scene("place");
+        UseHost(std::string(pszSize).find("no callback") == std::string::npos);
+        m_fnReply = ReplyAt(3, nWidth == 600 ? 0 : 9);
+        m_pSensor->m_CallbackInfo = {1, 2, 3, 4};
+        EXPECT_EQ(Live(nWidth == 600 ? 25 : 100), 0ul);
+        ExpectOneAcquisition();
+        EXPECT_EQ(m_pSensor->m_nRollState, -1);
+        EXPECT_EQ(Digest(m_image), nWidth == 600 ? 0x9cb0827bf899474full : 0xdc94a01afad94877ull);
+        if (m_vecCalls.size() > nFrames) nFrames = m_vecCalls.size();
+        EXPECT_EQ(Reads(), nWidth == 600 ? nFrames : 4u);
+        EXPECT_GT(nFrames, 3u);  // the glass is empty at first
+        for (size_t i = 0; i < m_vecCalls.size(); ++i) {
+            const ISensor::tagCallbackInfo& info = m_vecCalls[i].info;
+            EXPECT_EQ(info.nQuality >= 25, nWidth == 600 && i + 1 == nFrames) << i;
+            EXPECT_EQ(info.nWidth * 1000 + info.nHeight + info.nStatus, nWidth * 1000 + nHeight);
+            EXPECT_EQ(info.nQuality, static_cast<unsigned>(m_pSensor->m_ImageProc.CheckImageQuality2(
+                                         static_cast<int>(nWidth), static_cast<int>(nHeight), m_vecCalls[i].shown.data())));
+        }
+    }
 }
 
 TEST_F(LiveTest, CallbackRepliesInLiveView)
 {
     Open(4, "flat");
-    UseHost();
     const struct {
-        unsigned long nReply, nThreshold;
+        unsigned long nReply, nThreshold, nResult;
         size_t nCalls;
-        int nRollState;
+        int nRollState, nResets;
     } aCases[] = {
-        {7, 100, 3, -1},    // any other nonzero value accepts the image
-        {101, 100, 3, 0},   // stop
-        {7, 250, 3, -1},    // 250 is taken as 100, which an accepted image reaches
-        {0, 0, 1, -1},      // threshold 0: the first good frame ends the capture
+        {7, 100, 0, 3, -1, 0},    // any other nonzero value accepts the image
+        {101, 100, 0, 3, 0, 0},   // stop
+        {7, 250, 0, 3, -1, 0},    // 250 is taken as 100, which an accepted image reaches
+        {0, 0, 0, 1, -1, 0},      // threshold 0: the first good frame ends the capture
+        {100, 100, 54, 0, 1, 1},  // rolling out of roll mode: preview only, quality cleared, ended by time
     };
     for (const auto& c : aCases) {
         SCOPED_TRACE(testing::Message() << "reply " << c.nReply << " threshold " << c.nThreshold);
         Scene("flat");
-        m_host.fnReply = ReplyAt(2, c.nReply);
-        EXPECT_EQ(Live(c.nThreshold), 0ul);
-        EXPECT_EQ(m_host.vecCalls.size(), c.nCalls);
+        m_fnReply = [&c](size_t n, const ISensor::tagCallbackInfo&) { return n == 2 || c.nReply == 100 ? c.nReply : 0; };
+        const int nResets = m_pSensor->m_nResets;
+        EXPECT_EQ(Live(c.nThreshold, c.nReply == 100 ? 300 : 60000), c.nResult);
+        EXPECT_TRUE(c.nCalls == 0 || m_vecCalls.size() == c.nCalls) << m_vecCalls.size();
         EXPECT_EQ(m_pSensor->m_nRollState, c.nRollState);
-        EXPECT_EQ(m_pSensor->m_nResets, 0);
+        EXPECT_EQ(m_pSensor->m_nResets - nResets, c.nResets);
         ExpectOneAcquisition();
     }
 }
 
-TEST_F(LiveTest, CallbackRecordCarriesNominalSizeAndMeasuredQuality)
-{
-    Open(5, "place");
-    const unsigned long aSizes[][2] = {{356, 456}, {600, 600}};
-    for (const auto& size : aSizes) {
-        SCOPED_TRACE(size[0]);
-        ASSERT_EQ(m_pSensor->SetImageSize(size[0], size[1]), 0ul);
-        Scene("place");
-        UseHost();
-        m_pSensor->m_CallbackInfo = {1, 2, 3, 4};
-        m_host.fnReply = ReplyAt(11, 9);
-        EXPECT_EQ(Live(100), 0ul);
-        ASSERT_EQ(m_host.vecCalls.size(), 12u);
-        bool bSomeQuality = false;
-        for (const Call& call : m_host.vecCalls) {
-            EXPECT_EQ(call.info.nWidth, size[0]);
-            EXPECT_EQ(call.info.nHeight, size[1]);
-            EXPECT_EQ(call.info.nStatus, 0u);
-            Image shown = call.shown;
-            EXPECT_EQ(call.info.nQuality, static_cast<unsigned>(m_pSensor->m_ImageProc.CheckImageQuality2(
-                                              static_cast<int>(size[0]), static_cast<int>(size[1]), shown.data())));
-            bSomeQuality = bSomeQuality || call.info.nQuality > 0;
-        }
-        EXPECT_TRUE(bSomeQuality);
-        // The marks sit at the corners of the nominal size.
-        EXPECT_TRUE(AllMarked(m_image, static_cast<int>(size[0]), static_cast<int>(size[1])));
-    }
-}
-
+// A roll (roll mode, the host replies 100) completes when the finger has
+// gone and passes the final check at thresholds up to its final quality;
+// model 5 smooths the rolled image, model 7 does not.
 TEST_F(LiveTest, RolledImageEndsThroughTheFinalCheck)
 {
-    // Model 5 smooths the rolled image, model 7 does not.
-    for (int nModel : {5, 7}) {
-        SCOPED_TRACE(nModel);
-        Open(nModel, "roll", true);
-        UseHost();
-        m_host.fnReply = ReplyAt(0, TAVK05_CB_START_ROLL);
+    const struct {
+        int nModel;
+        const char* pszScene;
+        int nDirection;
+        int nFinal;  // quality of the final check
+        unsigned long long nDigest;
+    } aCases[] = {
+        {5, "roll", 1, 100, 0xa5d0d90472853194ull}, {7, "roll", 1, 100, 0x7198482824a0e9a4ull},
+        {5, "roll-left", 2, 100, 0x249f33ab04b72ae3ull}, {5, "lift", 1, 70, 0x4263034c562bfbe3ull},
+    };
+    for (const auto& c : aCases) {
+        SCOPED_TRACE(testing::Message() << c.nModel << " " << c.pszScene);
+        Open(c.nModel, c.pszScene, true);
+        m_fnReply = ReplyAt(0, TAVK05_CB_START_ROLL);
         EXPECT_EQ(Live(1), 0ul);
-        const std::vector<Call> calls = m_host.vecCalls;
-        ASSERT_GT(calls.size(), 20u);
+        const std::vector<Call> vecCalls = m_vecCalls;
+        ASSERT_GT(vecCalls.size(), 20u);
         EXPECT_EQ(m_pSensor->m_nRollState, 1);
-        // The first rolling frame only resets the composition.
-        EXPECT_EQ(calls[1].shown, calls[0].shown);
-        EXPECT_NE(calls[5].shown, calls[0].shown);
-        // In roll mode the measured quality does not end the capture.
-        unsigned nBest = 0;
-        for (const Call& call : calls) nBest = std::max(nBest, call.info.nQuality);
-        EXPECT_GE(nBest, 50u);
-        const Image& rolled = calls.back().shown;
-        EXPECT_EQ(m_image, Marked(nModel == 7 ? rolled : BoxMean3(rolled), 600, 600));
+        EXPECT_EQ(vecCalls[1].shown, vecCalls[0].shown);  // the first rolling frame only resets
+        EXPECT_NE(vecCalls[5].shown, vecCalls[0].shown);
+        EXPECT_EQ(m_pSensor->m_ImageProc.m_nRollDirection, c.nDirection);
+        EXPECT_EQ(m_pSensor->m_ImageProc.m_bRollStarted, 0);  // the finger has gone
+        EXPECT_EQ(Digest(m_image), c.nDigest);
         ExpectOneAcquisition();
         EXPECT_EQ(m_pSensor->m_nResets, 0);
-
-        // The same roll against thresholds at and just above its final quality.
-        // (Threshold 0 would end the capture at the first frame.)
-        const int nFinal = FinalQuality(rolled);
-        ASSERT_GE(nFinal, 1);
-        for (int nThreshold : {nFinal, nFinal + 1}) {
+        for (int nThreshold : {c.nFinal, c.nFinal + 1}) {
             if (nThreshold > 100) continue;
-            Scene("roll");
-            EXPECT_EQ(Live(static_cast<unsigned long>(nThreshold)), nThreshold > nFinal ? 57ul : 0ul);
-            EXPECT_EQ(m_host.vecCalls.size(), calls.size());
-            EXPECT_EQ(m_host.vecCalls.back().shown, rolled);
+            Scene(c.pszScene);
+            EXPECT_EQ(Live(static_cast<unsigned long>(nThreshold)), nThreshold > c.nFinal ? 57ul : 0ul) << nThreshold;
+            EXPECT_EQ(m_vecCalls.size(), vecCalls.size());
         }
     }
 }
 
-TEST_F(LiveTest, RollsEitherWayEndWhenTheFingerLeaves)
-{
-    // Toward lower columns, and a finger lifted half way: both complete
-    // when the finger has gone, through the final check.
-    const struct {
-        const char* pszScene;
-        int nDirection;
-    } aCases[] = {{"roll-left", 2}, {"lift", 1}, {"roll", 1}};
-    Open(5, "roll", true);
-    UseHost();
-    m_host.fnReply = ReplyAt(0, TAVK05_CB_START_ROLL);
-    size_t anCalls[3] = {0, 0, 0};
-    for (size_t i = 0; i < 3; ++i) {
-        SCOPED_TRACE(aCases[i].pszScene);
-        Scene(aCases[i].pszScene);
-        EXPECT_EQ(Live(1), 0ul);
-        anCalls[i] = m_host.vecCalls.size();
-        EXPECT_EQ(m_pSensor->m_ImageProc.m_nRollDirection, aCases[i].nDirection);
-        EXPECT_EQ(m_pSensor->m_ImageProc.m_bRollStarted, 0);  // the finger has gone
-        EXPECT_EQ(m_image, Marked(BoxMean3(m_host.vecCalls.back().shown), 600, 600));
-        ExpectOneAcquisition();
-    }
-    EXPECT_LT(anCalls[1] + 10, anCalls[2]);  // lifted 20 frames early
-}
-
-// A faint print: 2 x 2 checks of lo and lo + 6 over rows and columns
-// 100..499 on a plain background. Its own gradients (6) are too weak to count;
-// halved, the lo checks stand out.
-Image FaintPrint(int nLow, int nBackground)
-{
-    Image img(360000, static_cast<unsigned char>(nBackground));
-    for (int y = 100; y < 500; ++y)
-        for (int x = 100; x < 500; ++x)
-            img[y * 600 + x] = static_cast<unsigned char>(((x / 2 + y / 2) % 2) != 0 ? nLow + 6 : nLow);
-    return img;
-}
-
+// The final check measures the host's buffer after the completing frame:
+// pixels darker than the mean of rows 200..399 by more than 5 are halved,
+// unless that mean is above 244. A faint print (checks of lo and lo + 6, too
+// weak to count) passes only when its lo checks are halved.
 TEST_F(LiveTest, FinalCheckHalvesPixelsDarkerThanTheMiddleRowsUnlessPale)
 {
     const struct {
         int nLow, nBackground;
         unsigned long nResult;
-    } aCases[] = {
-        {180, 200, 0},   // mean 188: the 180s are halved, the print counts
-        {240, 255, 57},  // mean 247, above 244: nothing is halved
-        {180, 188, 57},  // mean 184: the 180s are not darker by more than 5
-    };
+    } aCases[] = {{180, 200, 0}, {240, 255, 57}, {180, 188, 57}};  // means 188, 247, 184
     Open(5, "roll", true);
-    UseHost();
     for (const auto& c : aCases) {
         SCOPED_TRACE(c.nLow);
         Scene("roll");
-        // The host draws into its buffer while rolling; the final check
-        // measures what the buffer holds after the completing frame.
-        const Image faint = FaintPrint(c.nLow, c.nBackground);
-        m_host.fnDuring = [this, &faint](size_t nCall) {
-            if (nCall > 0) std::copy(faint.begin(), faint.end(), m_image.begin());
+        Bytes faint(IMG_PIXELS, static_cast<unsigned char>(c.nBackground));
+        for (int y = 100; y < 500; ++y)
+            for (int x = 100; x < 500; ++x) faint[y * 600 + x] = static_cast<unsigned char>((x / 2 + y / 2) % 2 ? c.nLow + 6 : c.nLow);
+        m_fnDuring = [this, &faint](size_t nCall) {
+            if (nCall > 0) m_image = faint;
         };
-        m_host.fnReply = ReplyAt(0, TAVK05_CB_START_ROLL);
+        m_fnReply = ReplyAt(0, TAVK05_CB_START_ROLL);
         EXPECT_EQ(Live(50), c.nResult);
-        EXPECT_GT(m_host.vecCalls.size(), 20u);
-        EXPECT_EQ(m_pSensor->m_ImageProc.CheckImageQuality2(600, 600, const_cast<unsigned char*>(faint.data())), 0);
+        EXPECT_GT(m_vecCalls.size(), 20u);
+        EXPECT_EQ(m_pSensor->m_ImageProc.CheckImageQuality2(600, 600, faint.data()), 0);
     }
 }
 
-TEST_F(LiveTest, RollingEndsEarlyByHostOrWithoutFinger)
+// 101 while rolling keeps the rolled image as far as it got; no finger in the
+// first composed frame completes at once (the last live image, too weak for
+// 20); too fast a roll completes long before the finger leaves. Without a
+// callback, or out of roll mode, nothing is composed.
+TEST_F(LiveTest, RollingEndsEarly)
 {
     Open(5, "roll", true);
-    UseHost();
-    // 101 while rolling: the rolled image as far as it got, smoothed, marked.
-    m_host.fnReply = [](size_t nCall, const ISensor::tagCallbackInfo&) {
-        return nCall == 0 ? 100ul : nCall == 12 ? 101ul : 0ul;  // start rolling, stop
+    const struct {
+        const char* pszScene;
+        Reply fnReply;
+        bool bCallback;
+        unsigned long nThreshold, nResult;
+        int nRollState, bRollStarted;
+        size_t nMinCalls, nMaxCalls;
+        unsigned long long nDigest;  // 0: not checked
+    } aCases[] = {
+        {"roll", [](size_t n, const ISensor::tagCallbackInfo&) { return n == 0 ? 100ul : n == 12 ? 101ul : 0ul; },
+         true, 100, 0, 0, 1, 13, 13, 0x48c6a01e44859a84ull},
+        {"empty", ReplyAt(0, TAVK05_CB_START_ROLL), true, 20, 57, 1, 0, 3, 3, 0x245e3affc53c8e31ull},
+        {"roll-fast", ReplyAt(0, TAVK05_CB_START_ROLL), true, 1, 0, 1, 1, 2, 11, 0},
+        {"roll", nullptr, false, 20, 0, -1, 0, 0, 0, 0},
     };
-    EXPECT_EQ(Live(100), 0ul);
-    ASSERT_EQ(m_host.vecCalls.size(), 13u);
-    EXPECT_EQ(m_pSensor->m_nRollState, 0);
-    EXPECT_EQ(m_image, Marked(BoxMean3(m_host.vecCalls.back().shown), 600, 600));
-
-    // No finger in the first composed frame: complete at once, and the final
-    // check measures the last live-view image, too weak for threshold 20.
-    Scene("empty");
-    m_host.fnReply = ReplyAt(0, TAVK05_CB_START_ROLL);
-    EXPECT_EQ(Live(20), 57ul);
-    ASSERT_EQ(m_host.vecCalls.size(), 3u);
-    EXPECT_EQ(m_host.vecCalls[2].shown, m_host.vecCalls[0].shown);
-    EXPECT_EQ(m_image, Marked(BoxMean3(m_host.vecCalls[0].shown), 600, 600));
-
-    // Too fast a roll also completes the image, long before the finger leaves.
-    Scene("roll-fast");
-    m_host.fnReply = ReplyAt(0, TAVK05_CB_START_ROLL);
-    EXPECT_EQ(Live(1), 0ul);
-    EXPECT_LT(m_host.vecCalls.size(), 12u);
-    EXPECT_EQ(m_pSensor->m_ImageProc.m_bRollStarted, 1);  // the finger was still there
-    ExpectOneAcquisition();
+    for (const auto& c : aCases) {
+        SCOPED_TRACE(c.pszScene);
+        Scene(c.pszScene);
+        UseHost(c.bCallback);
+        m_fnReply = c.fnReply;
+        m_pSensor->m_ImageProc.m_nRollLeft = 777;  // the composition's reset clears it
+        m_pSensor->m_ImageProc.m_bRollStarted = 0;
+        EXPECT_EQ(Live(c.nThreshold), c.nResult);
+        EXPECT_EQ(m_pSensor->m_nRollState, c.nRollState);
+        EXPECT_EQ(m_pSensor->m_ImageProc.m_bRollStarted, c.bRollStarted);
+        EXPECT_EQ(m_pSensor->m_ImageProc.m_nRollLeft != 777, c.bCallback);
+        EXPECT_TRUE(m_vecCalls.size() >= c.nMinCalls && m_vecCalls.size() <= c.nMaxCalls) << m_vecCalls.size();
+        if (c.nDigest != 0) { EXPECT_EQ(Digest(m_image), c.nDigest); }
+        ExpectOneAcquisition();
+    }
 }
 
-TEST_F(LiveTest, NoCompositionWithoutCallbackOrWithoutRollMode)
+// The time limit ends with 54 and a reset. Every call then lets 70 s pass:
+// only a time-out of 65535 with threshold 100 (or above) and a callback
+// means no limit, in the frame loop as in the latent wait; the clock
+// restarts for the frame loop after the latent wait.
+TEST_F(LiveTest, TimeLimit)
 {
-    // Roll mode without a callback: plain live view, ended by the threshold.
-    Open(5, "roll", true);
-    m_pSensor->m_ImageProc.m_nRollLeft = 777;  // the composition's reset would clear it
-    EXPECT_EQ(Live(20), 0ul);
-    EXPECT_EQ(m_pSensor->m_nRollState, -1);
-    EXPECT_EQ(m_pSensor->m_ImageProc.m_nRollLeft, 777);
-    ExpectOneAcquisition();
-
-    // Roll mode off and the host asks to roll: rolling state, preview only,
-    // ended by time (its quality is cleared by every 100).
-    m_pSensor->WriteData(155, 0);
-    Scene("roll");
-    UseHost();
-    m_host.fnReply = [](size_t, const ISensor::tagCallbackInfo&) { return TAVK05_CB_START_ROLL; };
-    EXPECT_EQ(Live(20, 300), 54ul);
-    EXPECT_EQ(m_pSensor->m_nRollState, 1);
-    EXPECT_EQ(m_pSensor->m_ImageProc.m_nRollLeft, 777);
-    EXPECT_EQ(m_pSensor->m_nResets, 1);
-    // Model 5 shows the corrected frame itself; the image is not smoothed.
-    EXPECT_EQ(m_image, Marked(m_host.vecCalls.back().shown, 600, 600));
-    ExpectOneAcquisition();
-}
-
-TEST_F(LiveTest, TimeLimitEndsWith54AndAResetInRollModeSmoothed)
-{
-    Open(5, "empty", true);
+    Open(4, "empty");
+    UseHost(false);
     struct timespec tStart, tEnd;
     clock_gettime(CLOCK_MONOTONIC, &tStart);
     EXPECT_EQ(Live(50, 250), 54ul);
     clock_gettime(CLOCK_MONOTONIC, &tEnd);
-    const long nElapsedMs = (tEnd.tv_sec - tStart.tv_sec) * 1000 + (tEnd.tv_nsec - tStart.tv_nsec) / 1000000;
-    EXPECT_GE(nElapsedMs, 250);
+    EXPECT_GE((tEnd.tv_sec - tStart.tv_sec) * 1000 + (tEnd.tv_nsec - tStart.tv_nsec) / 1000000, 250);
     EXPECT_GT(Reads(), 1u);
     EXPECT_EQ(m_pSensor->m_nResets, 1);
     ExpectOneAcquisition();
 
-    // The image is the last one shown, smoothed in roll mode, and marked.
-    Scene("flat");
     UseHost();
-    EXPECT_EQ(Live(50, 250), 54ul);
-    EXPECT_EQ(m_pSensor->m_nResets, 2);
-    EXPECT_EQ(m_image, Marked(BoxMean3(m_host.vecCalls.back().shown), 600, 600));
-}
-
-TEST_F(LiveTest, TimeoutOf65535WithThreshold100AndPatientHostHasNoLimit)
-{
-    Open(4, "empty");
-    UseHost();
-    // Every call lets 70 s pass; the host accepts at its sixth call.
-    m_host.fnDuring = [](size_t) { g_nClockSkewSeconds += 70; };
-    m_host.fnReply = ReplyAt(5, 4);
+    m_fnDuring = [this](size_t) { g_nClockSkewSeconds += m_nSkew != 0 && m_vecCalls.size() > 2 ? 1 : m_nSkew ? m_nSkew : 70; };
     const struct {
         unsigned long nTimeoutMs, nThreshold;
+        const char* pszScene;
+        long nSkew;  // seconds per call (29 for the latent calls, then 1), 0: 70 each
         unsigned long nResult;
         size_t nCalls;
     } aCases[] = {
-        {65535, 100, 0, 6}, {65535, 250, 0, 6},  // no time limit
-        {65534, 100, 54, 1}, {65535, 99, 54, 1},
+        {65535, 100, "empty", 0, 0, 6}, {65535, 250, "empty", 0, 0, 6}, {65534, 100, "empty", 0, 54, 1},
+        {65535, 99, "empty", 0, 54, 1}, {65535, 100, "latent,latentcheck=1", 0, 54, 5},
+        {65534, 100, "latent,latentcheck=1", 0, 54, 1}, {60000, 100, "flat,latent=2,latentcheck=1", 29, 0, 6},
     };
     for (const auto& c : aCases) {
-        SCOPED_TRACE(testing::Message() << c.nTimeoutMs << " ms, threshold " << c.nThreshold);
-        Scene("empty");
+        SCOPED_TRACE(testing::Message() << c.nTimeoutMs << " ms, threshold " << c.nThreshold << ", " << c.pszScene);
+        m_pSensor->m_pVxd->SetLatentCapable(std::string(c.pszScene).find("latent") != std::string::npos);
+        Scene(c.pszScene);
+        m_nSkew = c.nSkew;
+        m_fnReply = ReplyAt(c.pszScene[0] == 'l' ? 4 : 5, c.pszScene[0] == 'l' ? 1 : 4);
         EXPECT_EQ(Live(c.nThreshold, c.nTimeoutMs), c.nResult);
-        EXPECT_EQ(m_host.vecCalls.size(), c.nCalls);
-    }
-
-    // The same in the latent wait: the host gives up at its fifth call.
-    m_pSensor->m_pVxd->SetLatentCapable(true);
-    m_host.fnReply = ReplyAt(4, 1);
-    for (unsigned long nTimeoutMs : {65535ul, 65534ul}) {
-        SCOPED_TRACE(nTimeoutMs);
-        Scene("latent,latentcheck=1");
-        EXPECT_EQ(Live(100, nTimeoutMs), 54ul);
-        EXPECT_EQ(m_host.vecCalls.size(), nTimeoutMs == 65535 ? 5u : 1u);
-        EXPECT_EQ(Reads(), m_host.vecCalls.size());
+        EXPECT_EQ(m_vecCalls.size(), c.nCalls);
     }
 }
 
-TEST_F(LiveTest, ClockRestartsForTheFrameLoopAfterTheLatentWait)
-{
-    AttachUnits("0:model=4,scene=flat,latent=2,latentcheck=1,fps=0");
-    m_pSensor.reset(new LiveSensor());
-    ASSERT_EQ(m_pSensor->OpenDevice(0, 0), 0ul);
-    m_pSensor->m_pVxd->SetLatentCapable(true);
-    m_host.pSensor = m_pSensor.get();
-    m_host.pImage = m_image.data();
-    UseHost();
-    // Two latent calls of 29 s each, then frames of 1 s each: 60 s in all by
-    // the second frame, but only 2 s of frame loop.
-    m_host.fnDuring = [this](size_t) { g_nClockSkewSeconds += m_host.vecCalls.size() <= 2 ? 29 : 1; };
-    m_host.fnReply = ReplyAt(4, 3);
-    EXPECT_EQ(Live(100, 60000), 0ul);
-    EXPECT_EQ(m_host.vecCalls.size(), 5u);
-}
-
+// Failed frame reads (a frame size the buffers refuse) are told to the host
+// with status 53 and quality 0: without a callback 53 at once; the host
+// giving up is 54 with a reset; a host that goes on meets the time limit or
+// accepts the next good frame (nothing new is shown after a failed one).
 TEST_F(LiveTest, FailedFrameReadsAreToldToTheHost)
 {
     Open(4, "flat");
-    const unsigned long nGoodFrameBytes = m_pSensor->m_nFrameBytes;
-    const unsigned long nBadFrameBytes = OBERIN_FRAME_BUFFER_BYTES + 1;  // refused before any read
-
-    // Without a callback: 53 at once.
-    m_pSensor->m_nFrameBytes = nBadFrameBytes;
-    EXPECT_EQ(Live(100), 53ul);
-    EXPECT_EQ(m_pSensor->m_nResets, 0);
-    ExpectOneAcquisition();
-
-    // The host gives up: 54 and a reset.
-    Scene("flat");
-    UseHost();
-    m_host.fnReply = ReplyAt(0, 1);
-    EXPECT_EQ(Live(100), 54ul);
-    ASSERT_EQ(m_host.vecCalls.size(), 1u);
-    EXPECT_EQ(m_host.vecCalls[0].info.nQuality, 0u);
-    EXPECT_EQ(m_host.vecCalls[0].info.nStatus, 53u);
-    EXPECT_EQ(m_pSensor->m_nResets, 1);
-    ExpectOneAcquisition();
-
-    // The host goes on: the time limit still applies.
-    Scene("flat");
-    m_host.fnReply = nullptr;
-    EXPECT_EQ(Live(100, 200), 54ul);
-    EXPECT_GT(m_host.vecCalls.size(), 1u);
-    for (const Call& call : m_host.vecCalls) EXPECT_EQ(call.info.nStatus, 53u);
-    EXPECT_EQ(m_pSensor->m_nResets, 2);
-    ExpectOneAcquisition();
-
-    // Reads fail from the second frame on; the host goes on through them,
-    // repairs the sensor and accepts the next good frame.
-    m_pSensor->m_nFrameBytes = nGoodFrameBytes;
-    Scene("flat");
-    m_host.fnDuring = [this, nGoodFrameBytes, nBadFrameBytes](size_t nCall) {
-        m_pSensor->m_nFrameBytes = nCall == 0 ? nBadFrameBytes : nCall == 2 ? nGoodFrameBytes : m_pSensor->m_nFrameBytes;
+    const unsigned long nGood = m_pSensor->m_nFrameBytes;
+    const unsigned long nBad = OBERIN_FRAME_BUFFER_BYTES + 1;
+    const struct {
+        bool bCallback;
+        Reply fnReply;
+        bool bRepair;
+        unsigned long nTimeoutMs, nResult;
+        int nResets;
+        const char* pszStatus;  // status of each call, "": more than one 53 until the time limit
+    } aCases[] = {
+        {false, nullptr, false, 60000, 53, 0, ""}, {true, ReplyAt(0, 1), false, 60000, 54, 1, "5"},
+        {true, nullptr, false, 200, 54, 1, ""}, {true, ReplyAt(3, 8), true, 60000, 0, 0, "0550"},
     };
-    m_host.fnReply = ReplyAt(3, 8);
-    EXPECT_EQ(Live(100), 0ul);
-    ASSERT_EQ(m_host.vecCalls.size(), 4u);
-    const unsigned aStatus[4] = {0, 53, 53, 0};
-    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(m_host.vecCalls[i].info.nStatus, aStatus[i]) << i;
-    EXPECT_EQ(m_host.vecCalls[1].shown, m_host.vecCalls[0].shown);  // nothing new to show
-    EXPECT_EQ(Reads(), 2u);
-    ExpectOneAcquisition();
+    for (const auto& c : aCases) {
+        Scene("flat");
+        UseHost(c.bCallback);
+        m_fnReply = c.fnReply;
+        m_pSensor->m_nFrameBytes = c.bRepair ? nGood : nBad;
+        m_fnDuring = [this, &c, nGood, nBad](size_t n) {
+            if (c.bRepair && n < 3) m_pSensor->m_nFrameBytes = n == 0 ? nBad : n == 2 ? nGood : m_pSensor->m_nFrameBytes;
+        };
+        const int nResets = m_pSensor->m_nResets;
+        EXPECT_EQ(Live(100, c.nTimeoutMs), c.nResult);
+        EXPECT_EQ(m_pSensor->m_nResets - nResets, c.nResets);
+        ExpectOneAcquisition();
+        std::string strStatus;
+        for (const Call& call : m_vecCalls) strStatus += call.info.nStatus == 53 && call.info.nQuality == 0 ? '5' : '0';
+        if (*c.pszStatus == '\0' && c.bCallback) { EXPECT_EQ(strStatus.find('0'), std::string::npos); }
+        if (*c.pszStatus == '\0' && c.bCallback) { EXPECT_GT(strStatus.size(), 1u); }
+        if (*c.pszStatus != '\0') { EXPECT_EQ(strStatus, c.pszStatus); }
+        if (c.bRepair) { EXPECT_EQ(m_vecCalls[1].shown, m_vecCalls[0].shown); }
+        if (c.bRepair) { EXPECT_EQ(Reads(), 2u); }
+    }
 }
 
-TEST_F(LiveTest, AcquisitionFailures)
+// A failed stop is 2 with the last image shown left unsmoothed and unmarked. A null image is 3 after the record got
+// the nominal size, an adaptive scan mode 4, both without acquisition.
+TEST_F(LiveTest, RefusalsAndAcquisitionFailures)
 {
     Open(5, "flat", true);
-    UseHost();
-    // Start fails: 2, no frame read, no stop.
-    std::string strError;
-    ASSERT_TRUE(tavk05virt::Inject(0, "fail=21", &strError)) << strError;
-    EXPECT_EQ(Live(100), 2ul);
-    EXPECT_EQ(Reads(), 0u);
-    EXPECT_TRUE(RequestsOf(0, VXD_REQ_STOP_ACQUISITION).empty());
-    EXPECT_EQ(std::count(m_image.begin(), m_image.end(), 7), 360000);
-
-    // Stop fails: 2, the last image shown left unsmoothed and unmarked.
-    ASSERT_TRUE(tavk05virt::Inject(0, "clearfaults,fail=22", &strError)) << strError;
+    Inject(0, "fail=22");
     Scene("flat");
-    m_host.fnReply = ReplyAt(1, 5);
+    m_fnReply = ReplyAt(1, 5);
     EXPECT_EQ(Live(100), 2ul);
-    ASSERT_EQ(m_host.vecCalls.size(), 2u);
-    EXPECT_EQ(m_image, m_host.vecCalls[1].shown);
+    ASSERT_EQ(m_vecCalls.size(), 2u);
+    EXPECT_EQ(m_image, m_vecCalls[1].shown);
     EXPECT_EQ(m_pSensor->m_nResets, 0);
-}
 
-TEST_F(LiveTest, MissingBuffersFailBeforeTheDevice)
-{
-    Open(4, "flat");
-    Image before = m_image;
-    // A sensor without frame buffers.
-    delete[] m_pSensor->m_pRawBuf;
-    delete[] m_pSensor->m_pRawCopyBuf;
-    delete[] m_pSensor->m_pGreyBuf;
-    m_pSensor->m_pRawBuf = m_pSensor->m_pRawCopyBuf = m_pSensor->m_pGreyBuf = nullptr;
-    EXPECT_EQ(Live(0), 2ul);
-    EXPECT_TRUE(RequestsOf(0, VXD_REQ_START_ACQUISITION).empty());
-    EXPECT_EQ(Reads(), 0u);
-    EXPECT_EQ(m_image, before);
-
-    if (AllocationFailuresAbort()) return;
-    // A frame buffer that cannot be had.
-    std::unique_ptr<LiveSensor> pOther(new LiveSensor());
-    ASSERT_EQ(pOther->OpenDevice(0, 0), 0ul);
-    tavk05virt::ClearLog(0);
-    pOther->m_nWidth = sizeof(unsigned long) > 4 ? (1ul << 40) : 0xFFFFul;
-    pOther->m_nHeight = sizeof(unsigned long) > 4 ? 2ul : 0xFFFFul;
-    EXPECT_EQ(pOther->GetLiveImageEx2_Normal(m_image.data(), 1000, 0, nullptr, 0), 2ul);
-    EXPECT_TRUE(tavk05virt::RequestLog(0).empty());
-    EXPECT_EQ(m_image, before);
-}
-
-TEST_F(LiveTest, NullImageIsRefusedAfterDeviceInfoWithoutAcquisition)
-{
-    Open(4, "flat");
+    Inject(0, "clearfaults");
+    Scene("flat");
     ASSERT_EQ(m_pSensor->SetImageSize(228, 292), 0ul);
     m_pSensor->m_CallbackInfo = {1, 2, 3, 4};
     m_pSensor->m_nRollState = 5;
     EXPECT_EQ(m_pSensor->GetLiveImageEx2(nullptr, 1000, 0, nullptr, 20), 3ul);
-    EXPECT_EQ(m_pSensor->GetError(), 3ul);
-    EXPECT_EQ(m_pSensor->m_CallbackInfo.nWidth, 228u);
-    EXPECT_EQ(m_pSensor->m_CallbackInfo.nHeight, 292u);
+    EXPECT_EQ(m_pSensor->m_CallbackInfo.nWidth * 1000 + m_pSensor->m_CallbackInfo.nHeight, 228292u);
     EXPECT_EQ(m_pSensor->m_nRollState, -1);
-    EXPECT_TRUE(RequestsOf(0, VXD_REQ_START_ACQUISITION).empty());
-    EXPECT_EQ(Reads(), 0u);
-
-    // Adaptive scan mode: 4, the device untouched beyond initialisation.
     m_pSensor->WriteData(1, 1);
     EXPECT_EQ(Live(0), 4ul);
     EXPECT_EQ(m_pSensor->GetError(), 4ul);
-    EXPECT_EQ(Reads(), 0u);
+    EXPECT_TRUE(tavk05virt::RequestLog(0).empty());
 }
 
-TEST_F(LiveTest, LatentWaitGivesUpOrTimesOutWithWhiteImage)
+// With a latent print on the glass the wait reads latent frames, each with its
+// own acquisition and call (quality and status 0): the host giving up is 54,
+// so is the time limit; the image is white over the nominal size; no reset.
+// A failed latent read is 53. Residue that goes away ends the wait.
+TEST_F(LiveTest, LatentWait)
 {
     Open(4, "latent,latentcheck=1");
     m_pSensor->m_pVxd->SetLatentCapable(true);
     ASSERT_EQ(m_pSensor->SetImageSize(248, 292), 0ul);
-    UseHost();
-    Image expected(360000, 7);
-    std::fill(expected.begin(), expected.begin() + 248 * 292, 255);
-
-    // The host gives up at the first latent frame.
-    m_host.fnReply = ReplyAt(0, 3);
-    EXPECT_EQ(Live(20), 54ul);
-    ASSERT_EQ(m_host.vecCalls.size(), 1u);
-    EXPECT_EQ(m_host.vecCalls[0].info.nQuality, 0u);
-    EXPECT_EQ(m_host.vecCalls[0].info.nStatus, 0u);
-    EXPECT_EQ(Reads(), 1u);
-    EXPECT_EQ(m_image, expected);
-    EXPECT_EQ(m_pSensor->m_nResets, 0);
-
-    // The host waits: latent reads, each with its own start and stop, until
-    // the time limit.
-    for (bool bCallback : {true, false}) {
-        SCOPED_TRACE(bCallback);
-        Scene("latent,latentcheck=1");
-        m_image.assign(360000, 7);
-        m_host.fnReply = nullptr;
-        m_pSensor->SetCallBackFunction(1, bCallback ? Host::Callback : nullptr, &m_host);
-        EXPECT_EQ(Live(20, 200), 54ul);
+    Bytes white(IMG_PIXELS, 7);
+    std::fill(white.begin(), white.begin() + 248 * 292, 255);
+    const struct {
+        const char* pszScene;
+        const char* pszFault;
+        bool bCallback;
+        Reply fnReply;
+        unsigned long nTimeoutMs, nResult;
+        char cReads;  // '1' one, 'n' several, '0' none, 'f' three latent, one clean, then frames
+    } aCases[] = {
+        {"latent", "", true, ReplyAt(0, 3), 60000, 54, '1'}, {"latent", "", true, nullptr, 200, 54, 'n'},
+        {"latent", "", false, nullptr, 200, 54, 'n'}, {"latent", "fail=21", true, nullptr, 60000, 53, '0'},
+        {"latent", "fail=22", true, nullptr, 60000, 53, '1'}, {"flat,latent=3", "", true, ReplyAt(4, 6), 60000, 0, 'f'},
+    };
+    for (const auto& c : aCases) {
+        SCOPED_TRACE(testing::Message() << c.pszScene << " " << c.pszFault << " callback " << c.bCallback);
+        Inject(0, *c.pszFault ? std::string("clearfaults,") + c.pszFault : "clearfaults");
+        Scene(std::string(c.pszScene) + ",latentcheck=1");
+        UseHost(c.bCallback);
+        m_fnReply = c.fnReply;
+        m_image.assign(IMG_PIXELS, 7);
+        EXPECT_EQ(Live(20, c.nTimeoutMs), c.nResult);
         const unsigned long nReads = Reads();
-        EXPECT_GT(nReads, 1u);
-        EXPECT_EQ(m_host.vecCalls.size(), bCallback ? nReads : 0u);
-        EXPECT_EQ(RequestsOf(0, VXD_REQ_START_ACQUISITION).size(), nReads);
-        EXPECT_EQ(RequestsOf(0, VXD_REQ_STOP_ACQUISITION).size(), nReads);
-        EXPECT_EQ(m_image, expected);
+        const size_t nStarts = RequestsOf(VXD_REQ_START_ACQUISITION).size();
         EXPECT_EQ(m_pSensor->m_nResets, 0);
+        if (c.cReads == 'f') {
+            size_t nLatent = 0;
+            while (nLatent < m_vecCalls.size() && m_vecCalls[nLatent].shown == Bytes(IMG_PIXELS, 7)) ++nLatent;
+            EXPECT_EQ(nLatent, 3u);
+            EXPECT_EQ(nStarts * 100 + RequestsOf(VXD_REQ_STOP_ACQUISITION).size(), 505u);
+            EXPECT_EQ(nReads, 4 + (m_vecCalls.size() - 3));
+            continue;
+        }
+        EXPECT_TRUE(c.cReads == 'n' ? nReads > 1 : nReads == static_cast<unsigned long>(c.cReads - '0')) << nReads;
+        EXPECT_EQ(m_vecCalls.size(), c.bCallback && c.nResult != 53 ? nReads : 0u);
+        for (const Call& call : m_vecCalls) { EXPECT_EQ(call.info.nQuality + call.info.nStatus, 0u); }
+        EXPECT_EQ(nStarts, *c.pszFault ? 1u : nReads);
+        EXPECT_EQ(m_image, c.nResult == 53 ? Bytes(IMG_PIXELS, 7) : white);
     }
-
     // The wait comes before the image check.
     Scene("latent,latentcheck=1");
-    m_host.fnReply = ReplyAt(0, 3);
     UseHost();
+    m_fnReply = ReplyAt(0, 3);
     EXPECT_EQ(m_pSensor->GetLiveImageEx2(nullptr, 1000, 0, nullptr, 20), 54ul);
 }
 
-TEST_F(LiveTest, LatentWaitEndsWhenTheGlassIsClean)
+// GetLiveImage uses threshold 20; neither it nor GetLiveImageEx marks: their
+// images differ from the marked ones only at the corners.
+TEST_F(LiveTest, FixedArgumentForms)
 {
-    AttachUnits("0:model=4,scene=flat,latent=3,latentcheck=1,fps=0");
-    m_pSensor.reset(new LiveSensor());
-    ASSERT_EQ(m_pSensor->OpenDevice(0, 0), 0ul);
-    m_pSensor->m_pVxd->SetLatentCapable(true);
-    m_host.pSensor = m_pSensor.get();
-    m_host.pImage = m_image.data();
-    tavk05virt::ClearLog(0);
-    UseHost();
-    m_host.fnReply = [](size_t, const ISensor::tagCallbackInfo& info) { return info.nQuality >= 10 ? 6ul : 0ul; };
-    EXPECT_EQ(Live(100), 0ul);
-    // Three latent reads see residue (one call each), the fourth a finger;
-    // then one acquisition for the frame loop.
-    size_t nLatentCalls = 0;
-    while (nLatentCalls < m_host.vecCalls.size() && m_host.vecCalls[nLatentCalls].shown == Image(360000, 7))
-        ++nLatentCalls;
-    EXPECT_EQ(nLatentCalls, 3u);
-    EXPECT_EQ(RequestsOf(0, VXD_REQ_START_ACQUISITION).size(), 5u);
-    EXPECT_EQ(RequestsOf(0, VXD_REQ_STOP_ACQUISITION).size(), 5u);
-    EXPECT_EQ(StateOf(0).nReads, 4 + (m_host.vecCalls.size() - 3));
-}
-
-TEST_F(LiveTest, LatentReadFailureAndLatentBuffers)
-{
-    Open(4, "latent,latentcheck=1");
-    m_pSensor->m_pVxd->SetLatentCapable(true);
-    UseHost();
-    std::string strError;
-    for (const char* pszFault : {"fail=21", "fail=22"}) {
-        SCOPED_TRACE(pszFault);
-        ASSERT_TRUE(tavk05virt::Inject(0, std::string("clearfaults,") + pszFault, &strError)) << strError;
-        Scene("latent,latentcheck=1");
-        EXPECT_EQ(Live(20), 53ul);
-        EXPECT_TRUE(m_host.vecCalls.empty());
-        EXPECT_EQ(std::count(m_image.begin(), m_image.end(), 7), 360000);
-    }
-
-    if (AllocationFailuresAbort()) return;
-    ASSERT_TRUE(tavk05virt::Inject(0, "clearfaults", &strError)) << strError;
-    Scene("latent,latentcheck=1");
-    m_pSensor->m_nFrameBytes = sizeof(unsigned long) > 4 ? (1ul << 40) : 0xFFFFFF00ul;
-    EXPECT_EQ(Live(20), 2ul);
-    EXPECT_TRUE(tavk05virt::RequestLog(0).empty());
-    EXPECT_EQ(Reads(), 0u);
-}
-
-TEST_F(LiveTest, FixedArgumentFormsUseThresholdTwentyAndNeverMark)
-{
-    // Model 5 shows the corrected frame itself, marks included.
     Open(5, "place");
-    UseHost();
     EXPECT_EQ(Live(20, 60000, 1), 0ul);
-    const std::vector<Call> marked = m_host.vecCalls;
-    for (const Call& call : marked) EXPECT_TRUE(AllMarked(call.shown, 600, 600));
-
-    Scene("place");
-    EXPECT_EQ(m_pSensor->GetLiveImage(m_image.data(), 60000, 1), 0ul);
-    const std::vector<Call> plain = m_host.vecCalls;
-    ASSERT_EQ(plain.size(), marked.size());  // the same threshold of 20
-    EXPECT_GE(plain.back().info.nQuality, 20u);
-    EXPECT_LT(plain[plain.size() - 2].info.nQuality, 20u);
-    const size_t aCorners[4] = {0, 599, 599 * 600, 599 * 600 + 599};
-    bool bSomeCornerDiffers = false;
-    for (size_t i = 0; i < plain.size(); ++i) {
-        Image a = plain[i].shown;
-        Image b = marked[i].shown;
-        for (size_t nCorner : aCorners) {
-            bSomeCornerDiffers = bSomeCornerDiffers || a[nCorner] != b[nCorner];
-            a[nCorner] = b[nCorner] = 0;
+    const std::vector<Call> vecMarked = m_vecCalls;
+    for (int nForm = 0; nForm < 2; ++nForm) {
+        Scene("place");
+        EXPECT_EQ(nForm == 0 ? m_pSensor->GetLiveImage(m_image.data(), 60000, 1)
+                             : m_pSensor->GetLiveImageEx(m_image.data(), 60000, 1, 20), 0ul);
+        ASSERT_EQ(m_vecCalls.size(), vecMarked.size());
+        EXPECT_TRUE(m_vecCalls.back().info.nQuality >= 20 && m_vecCalls[m_vecCalls.size() - 2].info.nQuality < 20);
+        size_t nCornerDiffs = 0;
+        for (size_t i = 0; i < m_vecCalls.size(); ++i) {
+            Bytes a = m_vecCalls[i].shown, b = vecMarked[i].shown;
+            for (size_t nCorner : {0, 599, 599 * 600, 599 * 600 + 599}) {
+                nCornerDiffs += a[nCorner] != b[nCorner];
+                a[nCorner] = b[nCorner] = 0;
+            }
+            EXPECT_EQ(a, b) << i;
         }
-        EXPECT_EQ(a, b) << i;
+        EXPECT_GT(nCornerDiffs, 0u);
     }
-    EXPECT_TRUE(bSomeCornerDiffers);
-
-    Scene("place");
-    EXPECT_EQ(m_pSensor->GetLiveImageEx(m_image.data(), 60000, 1, 20), 0ul);
-    ASSERT_EQ(m_host.vecCalls.size(), plain.size());
-    for (size_t i = 0; i < plain.size(); ++i) EXPECT_EQ(m_host.vecCalls[i].shown, plain[i].shown) << i;
 }
 
-TEST_F(LiveTest, ImageForRollReadsOneMarkedFrameWithoutAcquisition)
+// GetImageForRoll reads one marked frame without acquisition requests and
+// leaves the last status; a null image is 3.
+TEST_F(LiveTest, ImageForRoll)
 {
     Open(4, "flat");
     m_pSensor->m_nError = 53;
     EXPECT_EQ(m_pSensor->GetImageForRoll(nullptr, 0), 3ul);
-    EXPECT_TRUE(tavk05virt::RequestLog(0).empty());
-    EXPECT_EQ(Reads(), 0u);
-
     EXPECT_EQ(m_pSensor->GetImageForRoll(m_image.data(), 0), 0ul);
     EXPECT_EQ(Reads(), 1u);
     EXPECT_TRUE(tavk05virt::RequestLog(0).empty());
-    EXPECT_TRUE(AllMarked(m_image, 600, 600));
+    EXPECT_EQ(GetLTWaterM(m_image.data(), 600, 600) + GetRBWaterM(m_image.data(), 600, 600), 2);
     EXPECT_EQ(m_pSensor->GetError(), 53ul);
-
-    m_pSensor->CloseDevice();
-    m_pSensor->m_nError = 53;
-    EXPECT_EQ(m_pSensor->GetImageForRoll(m_image.data(), 0), 2ul);
-    EXPECT_EQ(m_pSensor->GetError(), 53ul);
-    EXPECT_EQ(m_pSensor->GetLiveImageEx2(m_image.data(), 1000, 0, nullptr, 20), 2ul);  // no transport to lock
 }
 
 }  // namespace

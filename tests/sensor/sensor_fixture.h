@@ -1,110 +1,108 @@
-// Shared fixture of the sensor tests: a private settings file per test and no
-// virtual units left over from an earlier test.
+// Shared fixture of the sensor tests: a private settings file per test, no
+// virtual units left over from an earlier test, and the helpers that read
+// what a unit received.
 #ifndef TAVK05_TESTS_SENSOR_FIXTURE_H
 #define TAVK05_TESTS_SENSOR_FIXTURE_H
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tavk05/oberin.h"
-#include "tavk05/virtual.h"
+#include "virtual_unit_test.h"
 
 namespace sensortest {
 
-// Reads a whole file; false when it cannot be opened.
-inline bool ReadFile(const std::string& strPath, std::string* pstrContent)
+typedef std::vector<unsigned char> Bytes;
+
+const unsigned char kUntouched = 0x5A;  // prefill of the host's image buffer
+
+// FNV-1a digest of an image: equal on both ABIs exactly when the bytes are.
+inline unsigned long long Digest(const Bytes& vec)
 {
-    FILE* pFile = std::fopen(strPath.c_str(), "rb");
-    if (pFile == nullptr) return false;
-    pstrContent->clear();
-    char ach[256];
-    size_t n;
-    while ((n = std::fread(ach, 1, sizeof(ach), pFile)) > 0) pstrContent->append(ach, n);
-    std::fclose(pFile);
-    return true;
+    unsigned long long n = 1469598103934665603ull;
+    for (unsigned char by : vec) n = (n ^ by) * 1099511628211ull;
+    return n;
+}
+
+// A whole file as a string ("" when it cannot be read), and a new content.
+inline std::string FileText(const std::string& strPath)
+{
+    std::string str;
+    if (FILE* pFile = std::fopen(strPath.c_str(), "rb")) {
+        for (int ch; (ch = std::fgetc(pFile)) != EOF;) str += static_cast<char>(ch);
+        std::fclose(pFile);
+    }
+    return str;
 }
 
 inline void WriteFile(const std::string& strPath, const std::string& strContent)
 {
     FILE* pFile = std::fopen(strPath.c_str(), "wb");
     ASSERT_NE(pFile, nullptr) << strPath;
-    ASSERT_EQ(std::fwrite(strContent.data(), 1, strContent.size(), pFile), strContent.size());
+    std::fwrite(strContent.data(), 1, strContent.size(), pFile);
     std::fclose(pFile);
-}
-
-inline bool PathExists(const std::string& strPath)
-{
-    struct stat st;
-    return ::stat(strPath.c_str(), &st) == 0;
 }
 
 // The settings file exactly as the driver writes it.
 inline std::string SettingsText(int nBrightness, int nContrast, int nGain, int nScanMode)
 {
     char sz[200];
-    std::snprintf(sz, sizeof(sz),
-                  "Brightness  =  %d\nContrast    =  %d\nGain        =  %d\nScanMode    =  %d\n",
+    std::snprintf(sz, sizeof(sz), "Brightness  =  %d\nContrast    =  %d\nGain        =  %d\nScanMode    =  %d\n",
                   nBrightness, nContrast, nGain, nScanMode);
     return sz;
 }
 
 // The control requests with number nRequest that unit nIndex received.
-inline std::vector<tavk05virt::Request> RequestsOf(int nIndex, unsigned long nRequest)
+inline std::vector<tavk05virt::Request> RequestsOf(unsigned long nRequest, int nIndex = 0)
 {
     std::vector<tavk05virt::Request> vec;
-    for (const tavk05virt::Request& req : tavk05virt::RequestLog(nIndex)) {
+    for (const tavk05virt::Request& req : tavk05virt::RequestLog(nIndex))
         if (req.nRequest == nRequest) vec.push_back(req);
-    }
     return vec;
 }
 
-class SensorTest : public ::testing::Test {
+inline std::vector<unsigned long> RequestNumbers()
+{
+    std::vector<unsigned long> vec;
+    for (const tavk05virt::Request& req : tavk05virt::RequestLog(0)) vec.push_back(req.nRequest);
+    return vec;
+}
+
+class SensorTest : public VirtualUnitTest {
 protected:
     void SetUp() override
     {
-        tavk05virt::DetachAll();
+        VirtualUnitTest::SetUp();
         const char* pszTmp = std::getenv("TAVK05_TEST_TMP");
         m_strDir = (pszTmp != nullptr && *pszTmp != '\0') ? pszTmp : "/tmp";
         ::mkdir(m_strDir.c_str(), 0755);
         const ::testing::TestInfo* pInfo = ::testing::UnitTest::GetInstance()->current_test_info();
-        m_strConf = m_strDir + "/sensor-" + pInfo->test_suite_name() + "-" + pInfo->name() + "-" +
-                    std::to_string(static_cast<long>(::getpid())) + ".conf";
-        const char* pszOld = std::getenv("TAVK05_CONF");
-        m_bHadConf = pszOld != nullptr;
-        if (m_bHadConf) m_strOldConf = pszOld;
-        ::setenv("TAVK05_CONF", m_strConf.c_str(), 1);
+        std::string strName = std::string(pInfo->test_suite_name()) + "-" + pInfo->name();
+        for (char& ch : strName) ch = ch == '/' ? '_' : ch;  // parameterised names
+        m_strConf = m_strDir + "/sensor-" + strName + "-" + std::to_string(static_cast<long>(::getpid())) + ".conf";
+        ::setenv("TAVK05_CONF", m_strConf.c_str(), 1);  // each test program has its own anyway
         ::unlink(m_strConf.c_str());
     }
 
     void TearDown() override
     {
-        tavk05virt::DetachAll();
+        VirtualUnitTest::TearDown();
         ::unlink(m_strConf.c_str());
-        if (m_bHadConf) {
-            ::setenv("TAVK05_CONF", m_strOldConf.c_str(), 1);
-        } else {
-            ::unsetenv("TAVK05_CONF");
-        }
     }
 
-    void AttachUnits(const std::string& strUnits)
-    {
-        std::string strError;
-        ASSERT_TRUE(tavk05virt::Attach(strUnits, &strError)) << strUnits << ": " << strError;
-    }
-
-    // A sensor opened on unit 0 of the given configuration, its requests so
-    // far forgotten.
+    // A sensor opened on unit 0 of the given configuration without a
+    // settings file, its requests so far forgotten.
     std::unique_ptr<COberin> OpenSensor(const std::string& strUnit)
     {
+        tavk05virt::DetachAll();
+        ::unlink(m_strConf.c_str());
         AttachUnits("0:" + strUnit);
         std::unique_ptr<COberin> pSensor(new COberin(nullptr));
         EXPECT_EQ(pSensor->OpenDevice(0, 0), 0ul);
@@ -112,17 +110,8 @@ protected:
         return pSensor;
     }
 
-    tavk05virt::UnitState StateOf(int nIndex)
-    {
-        tavk05virt::UnitState st = {};
-        EXPECT_TRUE(tavk05virt::GetState(nIndex, &st)) << "unit " << nIndex;
-        return st;
-    }
-
     std::string m_strDir;
     std::string m_strConf;
-    bool m_bHadConf = false;
-    std::string m_strOldConf;
 };
 
 }  // namespace sensortest
