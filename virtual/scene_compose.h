@@ -19,6 +19,7 @@
 #include <cstdint>
 
 #include "finger_pattern.h"
+#include "profile/model_profile.h"
 #include "scene_model.h"
 
 namespace tavk05virt {
@@ -57,10 +58,8 @@ void ComposeGlass(const CFingerPattern* pPattern, const FingerPose& pose, unsign
 // samples a column and 1.28 samples a row: latent column c shows finished-
 // image column (c + 0.5) * 600 / 1214, latent row r shows finished-image
 // row 60 + (r + 0.5) * 480 / 616.
-enum {
-    kLatentWidth = 1214,
-    kLatentHeight = 616
-};
+constexpr int kLatentWidth = tavk05profile::kLatentWidth;
+constexpr int kLatentHeight = tavk05profile::kLatentHeight;
 
 // Row of the latent image lit by the stripe lights with intensity in
 // [0, 1] (1 on a stripe centre).

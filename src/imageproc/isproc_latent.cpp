@@ -2,11 +2,12 @@
 // the driver converts from the scanner's latent read. Each test reads only
 // a handful of rows and answers 1 for a residue left on the glass (reject)
 // or 0 for a live finger (accept).
+#include "profile/model_profile.h"
 #include "tavk05/isproc.h"
 
 namespace {
 
-const int LATENT_STRIDE = 1214;     // row stride of the grey latent frame
+const int LATENT_STRIDE = tavk05profile::kLatentWidth;  // row stride of the grey latent frame
 const int SPREAD_FIRST_COL = 80;    // spread rows are measured over columns 80..1133
 const int SPREAD_COLS = 1054;
 const int SPREAD_MIN_RATIO = 150;   // first row must vary more than 1.5 x its partner
