@@ -3,6 +3,7 @@
 // and the part beyond the seam is merged into the composite, pixel by
 // pixel, from whichever image is darker over the 21 x 21 box around it.
 #include "tavk05/isproc.h"
+#include "grey_level.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -28,17 +29,6 @@ const int RIGHTWARD_BOX_LAST = RIGHTWARD_STRIP_END - (BOX_SIDE - 1); // 559
 
 enum { RESULT_CONTINUE = 0, RESULT_COMPLETE = 1, RESULT_TOO_FAST = 2 };
 
-// Truncation toward zero of a non-negative-clamped product, limited to
-// 0..255. Anything below 1 (negative values and NaN included) becomes 0.
-inline unsigned char TruncateToByte(double x)
-{
-    if (!(x >= 1.0))
-        return 0;
-    if (x >= 255.0)
-        return 255;
-    return (unsigned char)(int)x;
-}
-
 // Background subtraction and grey mapping of the whole frame into pGrey.
 // d = background - frame (at least 0); then, by mode:
 //   no contrast table:  255 - 3d
@@ -51,42 +41,31 @@ void ConvertFrame(const unsigned char* pFrame, const unsigned char* pBackground,
 {
     if (bContrastTable == 0) {
         for (int i = 0; i < SIDE * SIDE; ++i) {
-            int d = pBackground[i] - pFrame[i];
-            d = d < 0 ? 0 : d;
-            const int v = 255 - 3 * d;
-            pGrey[i] = (unsigned char)(v < 0 ? 0 : v);
+            pGrey[i] = (unsigned char)greylevel::Lightness(greylevel::Darkening(pBackground[i], pFrame[i]));
         }
         return;
     }
     if (nDeviceType == 7) {
         unsigned char ucMap[256];
         for (int d = 0; d < 256; ++d)
-            ucMap[d] = TruncateToByte((double)(125 - d) * (double)fContrast);
+            ucMap[d] = greylevel::Truncate((double)(125 - d) * (double)fContrast);
         for (int i = 0; i < SIDE * SIDE; ++i) {
-            const int d = pBackground[i] - pFrame[i];
-            pGrey[i] = ucMap[d < 0 ? 0 : d];
+            pGrey[i] = ucMap[greylevel::Darkening(pBackground[i], pFrame[i])];
         }
         return;
     }
     // Jittered levels run from -4 to 259; index = level + 4.
     unsigned char ucScaled[264];
     for (int v = -4; v < 260; ++v)
-        ucScaled[v + 4] = TruncateToByte((double)v * (double)fContrast);
+        ucScaled[v + 4] = greylevel::Truncate((double)v * (double)fContrast);
     for (int i = 0; i < SIDE * SIDE; ++i) {
-        int d = pBackground[i] - pFrame[i];
-        d = d < 0 ? 0 : d;
-        int v = 255 - 3 * d;
-        v = v < 0 ? 0 : v;
-        v = pTable[v] + (std::rand() % 9) - 4;
+        int v = pTable[greylevel::Lightness(greylevel::Darkening(pBackground[i], pFrame[i]))];
+        v = v + (std::rand() % 9) - 4;
         pGrey[i] = ucScaled[v + 4];
     }
 }
 
-// |a - b| of unsigned bytes, lane by lane.
-inline __m128i AbsDiff(__m128i a, __m128i b)
-{
-    return _mm_or_si128(_mm_subs_epu8(a, b), _mm_subs_epu8(b, a));
-}
+using greylevel::AbsDiff;
 
 // Column activity: for rows and columns 1..598, a pixel counts once when
 // its left and right neighbours, or else its upper and lower neighbours,

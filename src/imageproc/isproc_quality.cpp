@@ -2,6 +2,7 @@
 // reports after every frame (and that places the finger window), a sparse
 // gradient count, and the grey-level mean and standard deviation.
 #include "tavk05/isproc.h"
+#include "grey_level.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -51,11 +52,7 @@ void ProfileSpan(const int* pProfile, int nCount, int* pStart, int* pEnd)
     *pEnd = nEnd;
 }
 
-// |a - b| of unsigned bytes, lane by lane.
-inline __m128i AbsDiff(__m128i a, __m128i b)
-{
-    return _mm_or_si128(_mm_subs_epu8(a, b), _mm_subs_epu8(b, a));
-}
+using greylevel::AbsDiff;
 
 // One pass over the image: for every pixel of rows and columns 1..size-2,
 // the difference of its left and right neighbours is added to its row's

@@ -4,6 +4,7 @@
 #include "oberin_capture.h"
 #include "oberin_firmware.h"
 #include "oberin_latent.h"
+#include "imageproc/grey_level.h"
 
 #include <cstring>
 
@@ -21,14 +22,10 @@ const int kShadingFloor = 90;
 const int kModifyCeiling = 254;
 
 // A grey level scaled by the contrast factor: the exact product of the two,
-// truncated toward zero and limited to 0..nCeiling (negative products and
-// NaN give 0).
+// truncated toward zero and limited to 0..nCeiling.
 inline unsigned char ScaleLevel(int nLevel, float fFactor, int nCeiling)
 {
-    const double x = static_cast<double>(nLevel) * static_cast<double>(fFactor);
-    if (!(x >= 1.0)) return 0;
-    if (x >= static_cast<double>(nCeiling)) return static_cast<unsigned char>(nCeiling);
-    return static_cast<unsigned char>(static_cast<int>(x));
+    return greylevel::Truncate(static_cast<double>(nLevel) * static_cast<double>(fFactor), nCeiling);
 }
 
 // Models 5 and 6: the shading table is added (limited to 255), then the level

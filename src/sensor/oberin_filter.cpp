@@ -5,6 +5,7 @@
 #include "oberin_filter.h"
 #include "oberin_firmware.h"
 #include "live_jitter.h"
+#include "imageproc/grey_level.h"
 #include "imageproc/kernels.h"
 
 #include <climits>
@@ -35,30 +36,8 @@ const unsigned long kBrightnessForPale = 30;
 const unsigned int kAdaptiveTries = 20;
 const unsigned long kAdaptiveLevel = 20;
 
-// A grey-level product formed in double (exact for these operands),
-// truncated toward zero and limited to 0..255. Everything below 1, negative
-// values and NaN included, truncates to 0 or below and so becomes 0.
-inline unsigned char ScaledLevel(int nLevel, double fFactor)
-{
-    const double x = static_cast<double>(nLevel) * fFactor;
-    if (!(x >= 1.0)) return 0;
-    if (x >= 255.0) return 255;
-    return static_cast<unsigned char>(static_cast<int>(x));
-}
-
-// d = background - frame, limited below by 0 (it cannot exceed 255).
-inline int Darkening(unsigned char byBackground, unsigned char byFrame)
-{
-    const int d = static_cast<int>(byBackground) - static_cast<int>(byFrame);
-    return d < 0 ? 0 : d;
-}
-
-// 255 - 3d, limited below by 0.
-inline int Lightness(int d)
-{
-    const int v = 255 - 3 * d;
-    return v < 0 ? 0 : v;
-}
+using greylevel::Darkening;
+using greylevel::Lightness;
 
 // Box mean of side 2r + 1 over the interior of a w x h image, from the copy
 // pCopy into pImage, with running sums: pBox holds one box sum per output
@@ -153,7 +132,7 @@ void MapContrast(const COberin& sensor, unsigned char* pFrame, unsigned char* pO
     } else if (proc.m_bContrastTable == 1 && (nType == 7 || nType == 8)) {
         const int nBase = HasNewFirmware(sensor.m_pVxd) ? kBaseNewFirmware : kBaseOldFirmware;
         unsigned char byMap[256];
-        for (int d = 0; d < 256; ++d) byMap[d] = ScaledLevel(nBase - d, fFactor);
+        for (int d = 0; d < 256; ++d) byMap[d] = greylevel::Truncate(static_cast<double>(nBase - d) * fFactor);
         for (int i = 0; i < kPixels; ++i) {
             const int d = Darkening(pBackground[i], pFrame[i]);
             if (bKeepPrint) pFrame[i] = static_cast<unsigned char>(d);
@@ -163,7 +142,7 @@ void MapContrast(const COberin& sensor, unsigned char* pFrame, unsigned char* pO
         // Jittered table levels run from -4 to 259; index = level + 4.
         unsigned char byScaled[256 + kJitterSpan - 1];
         for (int v = -kJitterOffset; v < 256 + kJitterOffset; ++v) {
-            byScaled[v + kJitterOffset] = ScaledLevel(v, fFactor);
+            byScaled[v + kJitterOffset] = greylevel::Truncate(static_cast<double>(v) * fFactor);
         }
         const unsigned char* pTable = proc.m_ucContrastTable;
         // What is shown for each darkening d and jitter draw.
