@@ -42,6 +42,7 @@ struct ModelProfile {
     bool bShading;                   // shading table and scaling after the correction
     bool bRolls;                     // composes rolled prints
     bool bSmoothRoll;                // a finished rolled image is smoothed
+    int nPreviewBase;                // live view of models 7 and 8: the level of clear glass; 0 for the table
 };
 
 // The sensor's geometry before any device is opened, and that of models 3
@@ -51,29 +52,29 @@ constexpr unsigned long kMidWidth = 1288, kMidHeight = 876, kMidFrameBytes = 112
 constexpr unsigned long kLargeWidth = 1800, kLargeHeight = 1280, kLargeFrameBytes = 2304000;
 
 inline constexpr ModelProfile kProfiles[] = {
-    // type product firmware default-fw sets  width height frame reads correction
+    // type product firmware default-fw sets  width height frame reads correction ... preview base
     {0, 0, false, 0, false, kSmallWidth, kSmallHeight, kSmallFrameBytes, 4, kCorrectTables,
-     "coordinate tables", 1.3f, 1.0, 20, false, true, true},
+     "coordinate tables", 1.3f, 1.0, 20, false, true, true, 0},
     {3, VXD_PRODUCT_0610, false, kFirmware1004, false, kSmallWidth, kSmallHeight, kSmallFrameBytes, 4,
-     kCorrectTables, "coordinate tables", 1.3f, 1.0, 20, false, true, true},
+     kCorrectTables, "coordinate tables", 1.3f, 1.0, 20, false, true, true, 0},
     {4, VXD_PRODUCT_0620, false, kFirmware1004, false, kSmallWidth, kSmallHeight, kSmallFrameBytes, 4,
-     kCorrectTables, "coordinate tables", 1.3f, 1.0, 20, false, false, true},
+     kCorrectTables, "coordinate tables", 1.3f, 1.0, 20, false, false, true, 0},
     {5, VXD_PRODUCT_0610, false, kFirmware1103, true, kMidWidth, kMidHeight, kMidFrameBytes, 1, kCorrectTables,
-     "coordinate tables 1103, shading", 1.55f, 1.55, 16, true, true, true},
+     "coordinate tables 1103, shading", 1.55f, 1.55, 16, true, true, true, 0},
     {5, VXD_PRODUCT_0610, true, 0, true, kLargeWidth, kLargeHeight, kLargeFrameBytes, 1, kCorrectTables,
-     "coordinate tables 1103, shading", 1.42f, 1.55, 16, true, true, true},
+     "coordinate tables 1103, shading", 1.42f, 1.55, 16, true, true, true, 0},
     {6, VXD_PRODUCT_0620, false, kFirmware1103, true, kMidWidth, kMidHeight, kMidFrameBytes, 1, kCorrectTables,
-     "coordinate tables 1103, shading", 1.55f, 1.55, 20, true, false, true},
+     "coordinate tables 1103, shading", 1.55f, 1.55, 20, true, false, true, 0},
     {6, VXD_PRODUCT_0620, true, 0, true, kLargeWidth, kLargeHeight, kLargeFrameBytes, 1, kCorrectTables,
-     "coordinate tables 1103, shading", 1.42f, 1.55, 20, true, false, true},
+     "coordinate tables 1103, shading", 1.42f, 1.55, 20, true, false, true, 0},
     {7, VXD_PRODUCT_0610, false, 0, true, kMidWidth, kMidHeight, kMidFrameBytes, 1, kCorrectCalc,
-     "bilinear, 1288 x 876 modify table", 2.0f, 2.0, 20, false, true, false},
+     "bilinear, 1288 x 876 modify table", 2.0f, 2.0, 20, false, true, false, 125},
     {7, VXD_PRODUCT_0610, true, kFirstNewFirmware, true, kLargeWidth, kLargeHeight, kLargeFrameBytes, 1,
-     kCorrectCalcEx, "bilinear, 1700 x 1300 modify table", 1.42f, 1.42, 20, false, true, false},
+     kCorrectCalcEx, "bilinear, 1700 x 1300 modify table", 1.42f, 1.42, 20, false, true, false, 180},
     {8, VXD_PRODUCT_0620, false, 0, true, kMidWidth, kMidHeight, kMidFrameBytes, 1, kCorrectCalc,
-     "bilinear, 1288 x 876 modify table", 2.0f, 2.0, 20, false, false, true},
+     "bilinear, 1288 x 876 modify table", 2.0f, 2.0, 20, false, false, true, 125},
     {8, VXD_PRODUCT_0620, true, kFirstNewFirmware, true, kLargeWidth, kLargeHeight, kLargeFrameBytes, 1,
-     kCorrectCalcEx, "bilinear, 1700 x 1300 modify table", 1.42f, 1.42, 20, false, false, true},
+     kCorrectCalcEx, "bilinear, 1700 x 1300 modify table", 1.42f, 1.42, 20, false, false, true, 180},
 };
 
 // The type a new sensor assumes before it opens a device.

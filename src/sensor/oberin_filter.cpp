@@ -5,6 +5,7 @@
 #include "oberin_filter.h"
 #include "oberin_firmware.h"
 #include "live_jitter.h"
+#include "profile/model_profile.h"
 #include "imageproc/grey_level.h"
 #include "imageproc/kernels.h"
 
@@ -19,10 +20,6 @@ namespace {
 
 const int kSide = IMG_WIDTH;            // finished images are 600 x 600
 const int kPixels = IMG_PIXELS;
-
-// Base level of the models 7 and 8 mapping, by firmware.
-const int kBaseNewFirmware = 180;
-const int kBaseOldFirmware = 125;
 
 // Finger-state correction.
 const int kStateCountLimit = 20;        // tries after which the state is no longer looked at
@@ -130,7 +127,7 @@ void MapContrast(const COberin& sensor, unsigned char* pFrame, unsigned char* pO
             pOutput[i] = static_cast<unsigned char>(Lightness(d));
         }
     } else if (proc.m_bContrastTable == 1 && (nType == 7 || nType == 8)) {
-        const int nBase = HasNewFirmware(sensor.m_pVxd) ? kBaseNewFirmware : kBaseOldFirmware;
+        const int nBase = tavk05profile::ProfileOf(nType, HasNewFirmware(sensor.m_pVxd)).nPreviewBase;
         unsigned char byMap[256];
         for (int d = 0; d < 256; ++d) byMap[d] = greylevel::Truncate(static_cast<double>(nBase - d) * fFactor);
         for (int i = 0; i < kPixels; ++i) {
