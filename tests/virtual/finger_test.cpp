@@ -149,7 +149,6 @@ TEST(FingerPattern, SingularPointsMatchTheClass)
         const uint32_t nSeed = SeedOfClass(eClass);
         ASSERT_NE(0u, nSeed) << FingerClassName(eClass);
         const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(nSeed);
-        ASSERT_TRUE(p);
         const FingerGenome& g = p->Genome();
         SCOPED_TRACE(FingerClassName(eClass));
         const int nExpectCores = eClass == kClassWhorl ? 2 : (eClass == kClassArch ? 0 : 1);
@@ -161,11 +160,9 @@ TEST(FingerPattern, SingularPointsMatchTheClass)
         for (int i = 0; i < g.nDeltas; ++i) {
             EXPECT_NEAR(-0.5, PoincareIndex(*p, g.aptDelta[i].x, g.aptDelta[i].y, 6.0), 1e-6);
         }
-        if (eClass == kClassLeftLoop) {
-            EXPECT_GT(g.aptDelta[0].x, g.aptCore[0].x);
-        }
-        if (eClass == kClassRightLoop) {
-            EXPECT_LT(g.aptDelta[0].x, g.aptCore[0].x);
+        // A left loop has its delta right of the core, a right loop left of it.
+        if (g.nCores == 1) {
+            EXPECT_EQ(eClass == kClassLeftLoop, g.aptDelta[0].x > g.aptCore[0].x);
         }
         if (eClass == kClassWhorl) {
             // Both cores together turn the flow by a full turn.
@@ -187,7 +184,6 @@ TEST(FingerPattern, RidgePeriodIsTheFingersOwn)
 {
     for (uint32_t nSeed : {3u, 10u, 17u}) {
         const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(nSeed);
-        ASSERT_TRUE(p);
         const FingerGenome& g = p->Genome();
         fmath::CRandom rng(nSeed + 1000);
         std::vector<double> vecPeriod;
@@ -259,7 +255,6 @@ FingerPose PoseOf(SceneKind eKind, const FingerGenome& g, unsigned long nRead = 
 TEST(FingerOptics, PressureAndSkinShapeThePrint)
 {
     const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(5);
-    ASSERT_TRUE(p);
     const FingerGenome& g = p->Genome();
     // Grey of the middle of the contact: mean, and the shares of dark
     // (ridge) and bright (valley) pixels. Flat: about half and half; hard and
@@ -298,7 +293,6 @@ TEST(FingerOptics, PressureAndSkinShapeThePrint)
 TEST(FingerOptics, RolledContactStaysBetweenTheNailEdges)
 {
     const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(8);
-    ASSERT_TRUE(p);
     const FingerGenome& g = p->Genome();
     // At the start of a roll the strip reaches the finger's left outline.
     const FingerPose pose = PoseOf(kSceneRoll, g);
@@ -324,7 +318,6 @@ TEST(FingerOptics, RolledContactStaysBetweenTheNailEdges)
 TEST(FingerImpression, EachImpressionLaysTheSkinAnew)
 {
     const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(8);
-    ASSERT_TRUE(p);
     const FingerGenome& g = p->Genome();
     const FingerPose flat = PoseOf(kSceneFlat, g);
     EXPECT_FALSE(PlaceImpression(flat, g, 0).impression.bMoved);
@@ -336,10 +329,8 @@ TEST(FingerImpression, EachImpressionLaysTheSkinAnew)
         const Impression& imp = pose.impression;
         ASSERT_TRUE(imp.bMoved);
         const Impression again = MakeImpression(g.nSeed, nNumber);
-        EXPECT_EQ(imp.fShiftY, again.fShiftY);
-        EXPECT_EQ(imp.fTwist, again.fTwist);
-        EXPECT_EQ(imp.fDragX, again.fDragX);
-        EXPECT_EQ(imp.afWobble[1][2], again.afWobble[1][2]);
+        EXPECT_TRUE(imp.fShiftY == again.fShiftY && imp.fTwist == again.fTwist && imp.fDragX == again.fDragX &&
+                    imp.afWobble[1][2] == again.afWobble[1][2]);
         EXPECT_NEAR(flat.fCx + imp.fShiftX, pose.fCx, 1e-9);
         // The centre of the contact sticks: there the skin has only moved
         // with the finger, by the shift.

@@ -57,20 +57,20 @@ TEST_F(VirtualTest, SerialAppearsInDeviceId)
 TEST_F(VirtualTest, BadSyntaxIsRefusedWithAMessageNamingTheProblem)
 {
     const char* const aapszCases[][2] = {
-        {"0", "INDEX:"}, {"8:model=5", "0..7"}, {"x:model=5", "0..7"}, {"01:model=5", "0..7"},
-        {"0:model=9", "model"}, {"0:model=2", "model"}, {"0:model=", "model"}, {"0:model", "model"},
-        {"0:model=5x", "model"}, {"0:colour=red", "colour"}, {"0:fw=0x10000", "fw"}, {"0:fw=-1", "fw"},
-        {"0:fw=0x", "fw"}, {"0:product=99999", "product"}, {"0:serial=a b", "serial"}, {"0:serial=a;b", "b"},
+        {"0", "INDEX:"}, {"8:model=5", "0..7"}, {"x:model=5", "0..7"}, {"01:model=5", "0..7"}, {"0:model=9", "model"},
+        {"0:model=2", "model"}, {"0:model=", "model"}, {"0:model", "model"}, {"0:model=5x", "model"},
+        {"0:colour=red", "colour"}, {"0:fw=0x10000", "fw"}, {"0:fw=-1", "fw"}, {"0:fw=0x", "fw"},
+        {"0:product=99999", "product"}, {"0:serial=a b", "serial"}, {"0:serial=a;b", "b"},
         {"0:serial=123456789012345678901234567890123", "serial"}, {"0:fail=7", "fail"}, {"0:fail=21@0", "fail"},
-        {"0:fail=21@", "fail"}, {"0:openfail=0", "openfail"}, {"0:openfail=", "openfail"},
-        {"0:readfail=x", "readfail"}, {"0:unplug", "unplug"}, {"0:shortread=", "shortread"},
-        {"0:delay=60001", "delay"}, {"0:fps=1001", "fps"}, {"0:scene=forest", "forest"},
-        {"0:scene=levels", "levels"}, {"0:levels=1/256", "levels"}, {"0:levels=1//2", "levels"},
-        {"0:clearfaults=1", "clearfaults"}, {"0:model=5,,fw=1", "empty"}, {"0:=5", "key"},
+        {"0:fail=21@", "fail"}, {"0:openfail=0", "openfail"}, {"0:openfail=", "openfail"}, {"0:readfail=x", "readfail"},
+        {"0:unplug", "unplug"}, {"0:shortread=", "shortread"}, {"0:delay=60001", "delay"}, {"0:fps=1001", "fps"},
+        {"0:scene=forest", "forest"}, {"0:scene=levels", "levels"}, {"0:levels=1/256", "levels"},
+        {"0:levels=1//2", "levels"}, {"0:clearfaults=1", "clearfaults"}, {"0:model=5,,fw=1", "empty"}, {"0:=5", "key"},
         {"0:model=5;0:model=6", "twice"}, {"0:model=99999999999999999999999", "model"},
         {"0:record=/dev/tavk051", "scanner node"}, {"0:virtual", "record="}, {"0:record", "record"},
         {"0:replay=/nonexistent/x", "cannot open"}, {"0:replay=/tmp", "not a regular file"},
         {"0:record=/dev/null", "not a regular file"}, {"0:record=/nonexistent/x", "cannot create"},
+        {"0:scene=flat,seed=x", "seed"}, {"0:scene=rolls", "roll-left"},
     };
     for (const auto& apsz : aapszCases) {
         std::string strError;
@@ -105,7 +105,7 @@ TEST_F(VirtualTest, AttachAndInjectAreAllOrNothing)
     const std::string strHelp = tavk05virt::Syntax();
     for (const char* pszKey : {"model=", "fw=", "product=", "vendor=", "serial=", "scene=", "levels=", "fail=",
                                "openfail", "readfail", "shortread=", "unplug=", "delay=", "fps=", "clearfaults",
-                               "replug", "record=", "virtual", "replay="}) {
+                               "replug", "record=", "virtual", "replay=", "latentcheck=M"}) {
         EXPECT_NE(std::string::npos, strHelp.find(pszKey)) << pszKey;
     }
 }
