@@ -301,7 +301,8 @@ TEST(SceneSource, LatentReadsFollowTheDriversOrder)
     // Latent reads until one sees a live finger (the residue stays for 2
     // reads), then the capture, one long acquisition of frames, then again;
     // reads outside an acquisition are never latent reads.
-    EXPECT_EQ("LLLFLFFFLF", ReadScript("flat", {{"latent", "2"}, {"latentcheck", "1"}}).Play("[.][.][.][.][.][...][.]."));
+    EXPECT_EQ("LLLFLFFFLF",
+              ReadScript("flat", {{"latent", "2"}, {"latentcheck", "1"}}).Play("[.][.][.][.][.][...][.]."));
     // Empty glass never passes: only the later reads of an acquisition are frames.
     EXPECT_EQ("LLLLF", ReadScript("empty", {{"latentcheck", "1"}}).Play("[.][.][.][..]"));
     // Check only: every acquisition begins with a latent read; without the key none.

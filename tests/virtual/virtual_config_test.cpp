@@ -111,16 +111,13 @@ TEST_F(VirtualTest, AttachAndInjectAreAllOrNothing)
 }
 
 // The environment variable is read when the library loads, so it is checked
-// in a fresh run of this program that only reports what it found.
+// in a fresh run of this program that only reports the units it found.
 TEST(VirtualEnvironment, ChildReport)
 {
-    if (std::getenv("TV_ENV_CHILD") == nullptr) {
-        GTEST_SKIP() << "runs only as the child of EnvironmentConfiguresUnitsAtLoad";
-    }
+    if (std::getenv("TV_ENV_CHILD") == nullptr) GTEST_SKIP() << "runs as the child of EnvironmentConfiguresUnitsAtLoad";
     tavk05virt::UnitState state;
     for (int i = 0; i < 8; ++i) {
-        if (!tavk05virt::GetState(i, &state)) continue;
-        std::printf("UNIT %d %.20s\n", i, reinterpret_cast<const char*>(state.abyDeviceId));
+        if (tavk05virt::GetState(i, &state)) std::printf("UNIT %d %.20s\n", i, (const char*)state.abyDeviceId);
     }
 }
 
@@ -135,22 +132,20 @@ TEST(VirtualEnvironment, EnvironmentConfiguresUnitsAtLoad)
                                    "' --gtest_filter=VirtualEnvironment.ChildReport 2>&1";
     FILE* pPipe = popen(strCommand.c_str(), "r");
     ASSERT_NE(nullptr, pPipe);
+    // Units and the library's complaints, in the order they were printed.
     std::string strOut;
-    std::vector<std::string> vecErrLines;
+    std::string strSeen;
     char szLine[512];
     while (std::fgets(szLine, sizeof szLine, pPipe) != nullptr) {
         strOut += szLine;
-        if (std::strncmp(szLine, "tavk05-virtual:", 15) == 0) vecErrLines.push_back(szLine);
+        if (std::strncmp(szLine, "UNIT ", 5) == 0) strSeen += szLine;
+        if (std::strncmp(szLine, "tavk05-virtual:", 15) == 0) {
+            strSeen += std::strstr(szLine, "unit 2") ? "E2\n" : std::strstr(szLine, "nokey") ? "E4\n" : "E?\n";
+        }
     }
     const int nStatus = pclose(pPipe);
     EXPECT_TRUE(WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0) << strOut;
-    EXPECT_NE(std::string::npos, strOut.find("UNIT 1 TAVK05-5-A1\n")) << strOut;
-    EXPECT_NE(std::string::npos, strOut.find("UNIT 3 TAVK05-8-B2\n")) << strOut;
-    EXPECT_EQ(std::string::npos, strOut.find("UNIT 2")) << strOut;
-    EXPECT_EQ(std::string::npos, strOut.find("UNIT 4")) << strOut;
-    ASSERT_EQ(2u, vecErrLines.size()) << strOut;
-    EXPECT_NE(std::string::npos, vecErrLines[0].find("unit 2")) << vecErrLines[0];
-    EXPECT_NE(std::string::npos, vecErrLines[1].find("nokey")) << vecErrLines[1];
+    EXPECT_EQ("E2\nE4\nUNIT 1 TAVK05-5-A1\nUNIT 3 TAVK05-8-B2\n", strSeen) << strOut;
 }
 
 }  // namespace
