@@ -35,12 +35,11 @@ CImageProc& Processor()
     return s_proc;
 }
 
-FingerPose Pose(SceneKind eKind, uint32_t nSeed, unsigned long nRead, unsigned long nResidue = 0)
+FingerPose Pose(SceneKind eKind, uint32_t nSeed, unsigned long nRead)
 {
     SceneConfig config;
     config.eKind = eKind;
     config.nSeed = nSeed;
-    config.nResidueReads = nResidue;
     const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(nSeed);
     return PoseAt(config, p->Genome(), nRead);
 }
@@ -123,10 +122,6 @@ TEST(SceneLatent, VerdictFollowsTheFingerThroughTheLiveScenes)
             nLive += 1 - nExpect;
         }
         EXPECT_GT(nLive, 1);
-    }
-    // The residue of latent=N stays for N reads, then the scene's finger.
-    for (unsigned long t = 0; t < 6; ++t) {
-        EXPECT_EQ(t < 3 ? 1 : 0, LatentVerdict(Pose(kSceneFlat, nSeed, t, 3), nSeed, t)) << "read " << t;
     }
 }
 
