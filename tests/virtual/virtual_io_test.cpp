@@ -130,9 +130,10 @@ TEST_F(VirtualTest, DescriptorBlockAndRequestLog)
     const unsigned char abyExpected[] = {18, 1, 0x00, 0x02, 0xFF, 0, 0, 64, 0x09, 0x12, 0x10, 0x06, 0x45, 0x23};
     EXPECT_EQ(0, std::memcmp(abyExpected, aby, sizeof abyExpected));
     EXPECT_GE(aby[17], 1);  // at least one configuration
-    unsigned char abyLed[2] = {1, 1};
-    ASSERT_EQ(0, ioctl(fd, 8, abyLed));
+    unsigned char abyOption[128] = {1, 2, 0x30, 0x04};
+    ASSERT_EQ(0, ioctl(fd, 5, abyOption));
     EXPECT_EQ(-1, ioctl(fd, 6, aby));
+    EXPECT_TRUE(State().byExposure == 0x30 && State().byGain == 0x04);
     const std::vector<tavk05virt::Request> vecLog = tavk05virt::RequestLog(0);
     ASSERT_EQ(3u, vecLog.size());
     EXPECT_EQ(std::vector<unsigned char>(18, 0xFF), vecLog[0].vecBlock);  // as it arrived
