@@ -70,7 +70,7 @@ TEST_F(VirtualTest, BadSyntaxIsRefusedWithAMessageNamingTheProblem)
         {"0:record=/dev/tavk051", "scanner node"}, {"0:virtual", "record="}, {"0:record", "record"},
         {"0:replay=/nonexistent/x", "cannot open"}, {"0:replay=/tmp", "not a regular file"},
         {"0:record=/dev/null", "not a regular file"}, {"0:record=/nonexistent/x", "cannot create"},
-        {"0:scene=flat,seed=x", "seed"}, {"0:scene=rolls", "roll-left"},
+        {"0:scene=flat,seed=x", "seed"}, {"0:scene=rolls", "roll-left"}, {"0:latentcheck", "latentcheck"},
     };
     for (const auto& apsz : aapszCases) {
         std::string strError;
