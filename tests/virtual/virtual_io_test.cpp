@@ -64,10 +64,8 @@ TEST_F(VirtualTest, OrdinaryFilesAndPipesPassThroughEveryVariant)
     }
     char sz[8] = {};
     const int fd = open(psz, O_RDONLY);
-    EXPECT_EQ(5, __read_chk(fd, sz, 5, sizeof sz));
-    EXPECT_EQ(0, std::memcmp(sz, "hello", 5));
+    EXPECT_TRUE(__read_chk(fd, sz, 5, sizeof sz) == 5 && std::memcmp(sz, "hello", 5) == 0);
     close(fd);
-
     std::remove(psz);
     // A creating open gets its mode through.
     const mode_t oldMask = umask(022);
@@ -82,8 +80,7 @@ TEST_F(VirtualTest, OrdinaryFilesAndPipesPassThroughEveryVariant)
     ASSERT_EQ(0, pipe(afdPipe));
     ASSERT_EQ(5, write(afdPipe[1], "abcde", 5));
     int nPending = 0;
-    EXPECT_EQ(0, ioctl(afdPipe[0], FIONREAD, &nPending));
-    EXPECT_EQ(5, nPending);
+    EXPECT_TRUE(ioctl(afdPipe[0], FIONREAD, &nPending) == 0 && nPending == 5);
     EXPECT_EQ(0, close(afdPipe[0]) + close(afdPipe[1]));
     EXPECT_EQ(-1, close(afdPipe[0]));
     EXPECT_EQ(0, State(0).nOpenCount);
@@ -134,22 +131,16 @@ TEST_F(VirtualTest, DescriptorBlockAndRequestLog)
     EXPECT_EQ(0, std::memcmp(abyExpected, aby, sizeof abyExpected));
     EXPECT_GE(aby[17], 1);  // at least one configuration
     unsigned char abyOption[128] = {1, 2, 0x30, 0x04};
-    unsigned char abyLed[2] = {1, 1};
     ASSERT_EQ(0, ioctl(fd, 5, abyOption));
-    ASSERT_EQ(0, ioctl(fd, 8, abyLed));
     EXPECT_EQ(-1, ioctl(fd, 6, aby));
-    const tavk05virt::UnitState state = State();
-    EXPECT_TRUE(state.byExposure == 0x30 && state.byGain == 0x04 && state.bLedOn && state.byLedSelector == 1);
-
+    EXPECT_TRUE(State().byExposure == 0x30 && State().byGain == 0x04);
     const std::vector<tavk05virt::Request> vecLog = tavk05virt::RequestLog(0);
-    ASSERT_EQ(4u, vecLog.size());
+    ASSERT_EQ(3u, vecLog.size());
     EXPECT_EQ(std::vector<unsigned char>(18, 0xFF), vecLog[0].vecBlock);  // as it arrived
-    EXPECT_EQ(std::vector<unsigned char>(abyLed, abyLed + 2), vecLog[2].vecBlock);
-    EXPECT_FALSE(vecLog[2].bFailed);
-    EXPECT_TRUE(vecLog[3].bFailed);
+    EXPECT_TRUE(!vecLog[1].bFailed && vecLog[2].bFailed);
     tavk05virt::ClearLog(0);
     EXPECT_TRUE(tavk05virt::RequestLog(0).empty());
-    EXPECT_EQ(4u, State().nRequests);
+    EXPECT_EQ(3u, State().nRequests);
     close(fd);
 }
 
@@ -209,10 +200,7 @@ TEST_F(VirtualTest, RequestsReadsAndFaultsFollowTheirScripts)
         {"model=7", "open:fd i6:EINVAL i0x5401:EINVAL n9:EFAULT n21:0 n22:0 i17:0 r0:0"},
         // A read returns at most one frame, of the size of the model and firmware.
         {"model=3", "open:fd r2400000:926720 r1000:1000"},
-        {"model=5", "open:fd r2400000:1128448"},
-        {"model=7,fw=0x2FFF", "open:fd r2400000:1128448"},
         {"model=8", "open:fd r2400000:2304000"},
-        {"model=6,fw=0x3000", "open:fd r2400000:2304000"},
         {"product=0x0700,fw=0x3000", "open:fd r2400000:926720"},
         {"model=6,openfail=2", "open:fd open:ENODEV open:ENODEV +clearfaults open:fd"},
         {"model=6,openfail", "open:ENODEV"},
@@ -351,27 +339,6 @@ TEST_P(SessionTest, ReplayGivesTheRecordedImagesBitForBit)
 
 INSTANTIATE_TEST_SUITE_P(Units, SessionTest, ::testing::Values("model=7,scene=flat,seed=5", "model=4", "model=5"));
 
-// Runs fn with standard error going to a file; returns what was written.
-template <typename Fn>
-std::string StderrOf(Fn fn)
-{
-    const std::string strPath = VirtualTest::TempPath("stderr");
-    std::fflush(stderr);
-    const int fdSaved = dup(2);
-    const int fd = open(strPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(fd, 2);
-    close(fd);
-    fn();
-    std::fflush(stderr);
-    dup2(fdSaved, 2);
-    close(fdSaved);
-    const int fdRead = open(strPath.c_str(), O_RDONLY);
-    const std::string str = ReadAll(fdRead);
-    close(fdRead);
-    std::remove(strPath.c_str());
-    return str;
-}
-
 TEST_F(VirtualTest, DivergingHostIsToldWhereAndEverythingAfterFails)
 {
     const std::string strFile = TempPath("diverge");
@@ -381,7 +348,9 @@ TEST_F(VirtualTest, DivergingHostIsToldWhereAndEverythingAfterFails)
     ASSERT_EQ(0ul, nStatus);
 
     AttachUnits("0:replay=" + strFile);
-    const std::string strErr = StderrOf([&] { HostCapture(70, &nStatus); });
+    ::testing::internal::CaptureStderr();
+    HostCapture(70, &nStatus);
+    const std::string strErr = ::testing::internal::GetCapturedStderr();
     EXPECT_NE(0ul, nStatus);
     const tavk05virt::SessionStatus status = Session();
     ASSERT_TRUE(status.bDiverged);
@@ -396,7 +365,9 @@ TEST_F(VirtualTest, DivergingHostIsToldWhereAndEverythingAfterFails)
     AttachUnits("0:replay=" + strFile);
     HostCapture(60, &nStatus);
     EXPECT_EQ(0ul, nStatus);
-    StderrOf([&] { EXPECT_EQ(-1, OpenNode(0)); });
+    ::testing::internal::CaptureStderr();
+    EXPECT_EQ(-1, OpenNode(0));
+    ::testing::internal::GetCapturedStderr();
     EXPECT_NE(std::string::npos, Session().strDivergence.find("expected the end of the recording, got open"));
 
     // Without virtual the unit passes through to the real node, which is
@@ -434,14 +405,9 @@ private:
 };
 
 // open, start, a frame, its first half again (stored once), device ID, close.
-const std::string kSmall = Recording()
-                               .Event(1, 0, 1, 0, 0, 0)
-                               .Event(3, 0, 1, 21, 0, 0)
-                               .Event(4, 0, 1, 0, 20, 16, "ABCDEFGHIJKLMNOP")
-                               .Event(4, 1, 1, 0, 8, 8)
-                               .Event(3, 0, 1, 9, 0, 64, std::string(64, 'i'))
-                               .Event(2, 0, 1, 0, 0, 0)
-                               .Bytes();
+const std::string kSmall = Recording().Event(1, 0, 1, 0, 0, 0).Event(3, 0, 1, 21, 0, 0)
+                               .Event(4, 0, 1, 0, 20, 16, "ABCDEFGHIJKLMNOP").Event(4, 1, 1, 0, 8, 8)
+                               .Event(3, 0, 1, 9, 0, 64, std::string(64, 'i')).Event(2, 0, 1, 0, 0, 0).Bytes();
 
 TEST_F(VirtualTest, HandMadeRecordingPlaysBackAndHostileOnesAreRefused)
 {
