@@ -74,28 +74,16 @@ protected:
     {
         std::vector<unsigned char> vecRaw(m_vecFx.size(), 255);
         for (size_t i = 0; i < vecRaw.size(); ++i) {
-            if (m_vecFx[i] == tavk05cal::kOutside) {
-                continue;
-            }
-            const double dDark = bColumns ? LineDarkness(m_vecFx[i], kFirstColumnLine)
-                                          : LineDarkness(m_vecFy[i], kFirstRowLine);
-            vecRaw[i] = static_cast<unsigned char>(255.0 - dDark);
+            if (m_vecFx[i] != tavk05cal::kOutside)
+                vecRaw[i] = static_cast<unsigned char>(255.0 - (bColumns ? LineDarkness(m_vecFx[i], kFirstColumnLine)
+                                                                         : LineDarkness(m_vecFy[i], kFirstRowLine)));
         }
         std::vector<unsigned char> vecOut(kSide * kSide, 0);
-        int nResult = 0;
-        const unsigned long nW = m_nWidth, nH = m_nHeight;
-        switch (GetParam().ePath) {
-        case tavk05cal::PATH_CALC_1288:
-            nResult = m_pProc->CorrectImageCalc(vecRaw.data(), nW, nH, vecOut.data(), kSide, kSide, 0, 0);
-            break;
-        case tavk05cal::PATH_CALC_1800:
-            nResult = m_pProc->CorrectImageCalcEx(vecRaw.data(), nW, nH, vecOut.data(), kSide, kSide, 0, 0);
-            break;
-        default:
-            nResult = m_pProc->CorrectImage(vecRaw.data(), nW, nH, vecOut.data(), kSide, kSide, 0, 0);
-            break;
-        }
-        EXPECT_EQ(nResult, 1);
+        const Path e = GetParam().ePath;
+        const auto pfnCorrect = e == tavk05cal::PATH_CALC_1288   ? &CImageProc::CorrectImageCalc
+                                : e == tavk05cal::PATH_CALC_1800 ? &CImageProc::CorrectImageCalcEx
+                                                                 : &CImageProc::CorrectImage;
+        EXPECT_EQ(1, ((*m_pProc).*pfnCorrect)(vecRaw.data(), m_nWidth, m_nHeight, vecOut.data(), kSide, kSide, 0, 0));
         return vecOut;
     }
 
@@ -142,11 +130,9 @@ TEST_P(RoundTrip, LinesComeOutStraightEvenlySpacedAndInPlace)
         EXPECT_EQ(nLines, 15);
         EXPECT_NEAR(dBias / (nLines * kSide), 0.0, kBiasTolerance) << bColumns;
         // Between the lines the image stays white: nothing else was drawn.
-        for (int k = 0; k < kSide; k += 11) {
-            for (double dGap = dFirst + kSpacing / 2; dGap < kSide; dGap += kSpacing) {
+        for (int k = 0; k < kSide; k += 11)
+            for (double dGap = dFirst + kSpacing / 2; dGap < kSide; dGap += kSpacing)
                 EXPECT_GE(vecOut[k * nAlong + static_cast<int>(dGap) * nAcross], 250) << bColumns << " " << k;
-            }
-        }
     }
 }
 

@@ -1,7 +1,7 @@
 // The coordinate and shading tables linked into the driver are what the
 // calibration model generates (the virtual scanner inverts that model, so a
-// stale generated file would fail here), and have the shape the correction
-// relies on.
+// stale generated file would fail here); whether they straighten an image is
+// the round trip's to show.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,19 +14,18 @@
 namespace {
 
 const int kStride = 660;
-const int kRegion = 600;
 
 struct LinkedPair {
     const char* pszName;
     tavk05cal::TableId eTable;
     const unsigned short* pusX;
     const unsigned short* pusY;
-    int nRows, nRegionRow, nRegionCol, nImageWidth, nImageHeight, nFirstTrailingZero;
+    int nRows;
 };
 
 const LinkedPair kPairs[] = {
-    {"Main", tavk05cal::TABLE_MAIN, usXtable, usYtable, 640, 21, 26, 1280, 676, 634},
-    {"Pair1103", tavk05cal::TABLE_1103, usXtable1103, usYtable1103, 660, 10, 25, 1288, 876, 640},
+    {"Main", tavk05cal::TABLE_MAIN, usXtable, usYtable, 640},
+    {"Pair1103", tavk05cal::TABLE_1103, usXtable1103, usYtable1103, 660},
 };
 
 class LinkedTables : public ::testing::TestWithParam<LinkedPair> {};
@@ -39,29 +38,6 @@ TEST_P(LinkedTables, AreWhatTheModelGenerates)
     tavk05cal::CTableModel(p.eTable).Fill(vecX.data(), vecY.data());
     EXPECT_TRUE(std::equal(vecX.begin(), vecX.end(), p.pusX));
     EXPECT_TRUE(std::equal(vecY.begin(), vecY.end(), p.pusY));
-}
-
-TEST_P(LinkedTables, ReadInsideTheImageRisingAlongRowsAndColumns)
-{
-    const LinkedPair& p = GetParam();
-    for (int r = 0; r < p.nRows; ++r) {
-        const bool bZeroRow = r < 2 || r >= p.nFirstTrailingZero;
-        int nNonZero = 0;
-        for (int c = 0; c < kStride; ++c) {
-            const int i = r * kStride + c;
-            nNonZero += (p.pusX[i] != 0 || p.pusY[i] != 0) ? 1 : 0;
-            ASSERT_LT(p.pusX[i], p.nImageWidth) << "row " << r << " column " << c;
-            ASSERT_LT(p.pusY[i], p.nImageHeight) << "row " << r << " column " << c;
-            const bool bRegion = r > p.nRegionRow && r < p.nRegionRow + kRegion && c > p.nRegionCol &&
-                                 c < p.nRegionCol + kRegion;
-            if (bRegion) {
-                ASSERT_GE(p.pusX[i], p.pusX[i - 1]) << "row " << r << " column " << c;
-                ASSERT_GE(p.pusY[i], p.pusY[i - kStride]) << "row " << r << " column " << c;
-            }
-        }
-        EXPECT_EQ(bZeroRow, nNonZero == 0) << "row " << r;
-        EXPECT_TRUE(bZeroRow || nNonZero > kStride / 2) << "row " << r;
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Calibration, LinkedTables, ::testing::ValuesIn(kPairs),

@@ -57,12 +57,7 @@ void Merge(Bytes& x, const Bytes& y, int s, int nDirection)
 
 Outcome Predict(const CImageProc& p, const Bytes& frame, const Bytes& comp, int nFrame, float fContrast)
 {
-    Outcome o = {0,
-                 p.m_bRollStarted,
-                 p.m_nRollLeft,
-                 p.m_nRollRight,
-                 p.m_nRollCenter,
-                 p.m_nRollDirection,
+    Outcome o = {0, p.m_bRollStarted, p.m_nRollLeft, p.m_nRollRight, p.m_nRollCenter, p.m_nRollDirection,
                  Bytes(comp.begin(), comp.begin() + kPixels)};
     if (nFrame <= 0) {
         o.bStarted = o.nLeft = o.nRight = o.nCenter = 0;
@@ -160,19 +155,17 @@ protected:
     int Call(const Bytes& frame, int nFrame, float fContrast = 1.0f)
     {
         std::srand(static_cast<unsigned>(nFrame + 99));
-        const Outcome want = Predict(*m_pProc, frame, m_comp, nFrame, fContrast);
+        const Outcome o = Predict(*m_pProc, frame, m_comp, nFrame, fContrast);
         const int nAfterModel = std::rand();
         std::srand(static_cast<unsigned>(nFrame + 99));
         const int nResult = m_pProc->ImageComposition(const_cast<unsigned char*>(frame.data()), m_comp.data(),
                                                       kPixels + 40000 * (nFrame % 2), nFrame, fContrast);
         EXPECT_EQ(nAfterModel, std::rand()) << "one draw a pixel, only with the table";
-        EXPECT_EQ(want.nResult, nResult);
-        EXPECT_EQ(want.bStarted, m_pProc->m_bRollStarted);
-        EXPECT_EQ(want.nLeft, m_pProc->m_nRollLeft);
-        EXPECT_EQ(want.nRight, m_pProc->m_nRollRight);
-        EXPECT_EQ(want.nCenter, m_pProc->m_nRollCenter);
-        EXPECT_EQ(want.nDirection, m_pProc->m_nRollDirection);
-        EXPECT_EQ("", testutil::FirstDifference(want.comp.data(), m_comp.data(), kPixels, 600));
+        const CImageProc& p = *m_pProc;
+        EXPECT_EQ(std::vector<int>({o.nResult, o.bStarted, o.nLeft, o.nRight, o.nCenter, o.nDirection}),
+                  std::vector<int>({nResult, p.m_bRollStarted, p.m_nRollLeft, p.m_nRollRight, p.m_nRollCenter,
+                                    p.m_nRollDirection}));
+        EXPECT_EQ("", testutil::FirstDifference(o.comp.data(), m_comp.data(), kPixels, 600));
         EXPECT_EQ(40000, std::count(m_comp.begin() + kPixels, m_comp.end(), 77));
         ++m_anResults[nResult];
         return nResult;

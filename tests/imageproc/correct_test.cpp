@@ -16,8 +16,6 @@ namespace {
 using ref::Bytes;
 const size_t kOut = 360000;
 
-// ------------------------------------------------------------- models
-
 int Grey(const unsigned char* p, int w, int x, int y)
 {
     const int tl = p[y * w + x], tr = p[y * w + x + 1], bl = p[(y + 1) * w + x], br = p[(y + 1) * w + x + 1];
@@ -95,8 +93,6 @@ void ModelCalc(const CImageProc& proc, bool bEx, const unsigned char* pSrc, unsi
     ModelMirror(pDst, nOutW, nOutH);
 }
 
-// ---------------------------------------------------------- grey, mirror
-
 // Random, uniform and saturated mosaics: the frame sizes in use and small
 // sizes of every remainder. The two orders of visit give the same image on
 // even sizes, the only ones in use.
@@ -125,19 +121,6 @@ TEST(Grey, MatchesTheModelOnAGridOfSizes)
         }
     }
 }
-
-TEST(Mirror, MatchesTheModelForEveryRowLength)
-{
-    for (int w = 1; w <= 72; ++w) {
-        const int nW = w == 71 ? 600 : (w == 72 ? 1288 : w);
-        Bytes img = testutil::RandomBytes(static_cast<size_t>(nW) * 3, w), want = img;
-        ModelMirror(want.data(), nW, 3);
-        EXPECT_EQ(1, testutil::SharedProc().RotateRightImage(img.data(), nW, 3));
-        ASSERT_EQ(want, img) << nW;
-    }
-}
-
-// ------------------------------------------------------------- lookup
 
 // Outputs that do not fit the source (the offsets count, a zero size wraps
 // around) are refused and leave the destination as it was.
@@ -179,8 +162,6 @@ TEST(CorrectImage, MatchesTheModel)
     }
     proc.m_nDeviceType = 0;
 }
-
-// ------------------------------------------------------- interpolation
 
 // One variant against the model. A pixel the model computes is the same
 // whatever its canvas held (fills 0 and 255) and must match; any other
@@ -278,8 +259,6 @@ TEST(CorrectImageCalc, FollowsEditedTables)
             ExpectCalcMatches(*pProc, bEx, src, bEx ? 1800 : 1288, bEx ? 1280 : 876, nOut, nOut - 100);
 }
 
-// ------------------------------------------------------- modify tables
-
 struct Shape {
     int nSide;
     float k1, k0, m1, m0;
@@ -329,11 +308,6 @@ bool Valid(const Shape& s, const tagModifyEntry& e)
     return e.nSrcRow >= 0 && e.nSrcRow <= s.nMaxRow && e.nSrcCol >= 0 && e.nSrcCol <= s.nMaxCol;
 }
 
-tagModifyEntry** TableOf(const CImageProc& proc, const Shape& s)
-{
-    return s.nSide == 660 ? proc.m_ppModifyTable : proc.m_ppModifyTableEx;
-}
-
 // A fresh processor: its defaults, and its tables entry by entry with their
 // telling figures. Then a rebuild over scrambled tables writes every field
 // of the valid entries again and leaves the indexes and weights of the
@@ -349,7 +323,7 @@ TEST(ModifyTable, FreshAndRebuiltTablesFollowTheirArithmetic)
     EXPECT_EQ(256, std::count(p.m_ucContrastTable, p.m_ucContrastTable + 256, 255));
     for (int nPass : {0, 1}) {
         for (const Shape& s : kShapes) {
-            tagModifyEntry** pp = TableOf(p, s);
+            tagModifyEntry** pp = s.nSide == 660 ? p.m_ppModifyTable : p.m_ppModifyTableEx;
             for (int r = 0; r < s.nSide && nPass == 1; ++r)
                 std::memset(static_cast<void*>(pp[r]), 0xA5, sizeof(tagModifyEntry) * (s.nSide / 2));
             if (nPass == 1)

@@ -43,8 +43,7 @@ TEST_P(RowKernelTest, VectorPartEqualsPlainLoopAndLeavesRestUntouched)
                     by = nFill == 0 ? static_cast<unsigned char>(gen()) : nFill == 1 ? 255 : (gen() & 1) * 255;
                 const size_t nStride = n + 2 + nAlign;
                 const imageproc::Rows3 rows = {&src[nAlign], &src[nStride + nAlign], &src[2 * nStride + nAlign]};
-                std::vector<unsigned char> plain(n + nAlign, 0x5A);
-                std::vector<unsigned char> vec(plain);
+                std::vector<unsigned char> plain(n + nAlign, 0x5A), vec(plain);
                 k.pfnPlain(rows, &plain[nAlign], 0, n);
                 const size_t nDone = k.pfnVector(rows, &vec[nAlign], n);
                 ASSERT_EQ(nDone, n < 16 ? 0 : n) << k.pszName << " n " << n;

@@ -26,10 +26,7 @@ struct Image {
     unsigned char* data() { return px.data(); }
 };
 
-CImageProc& Proc()
-{
-    return testutil::SharedProc();
-}
+CImageProc& Proc() { return testutil::SharedProc(); }
 
 // Period-4 texture: every pixel differs by the amplitude from the pixels two
 // columns and two rows away.
@@ -52,8 +49,6 @@ Image Patchwork(int w, int h, std::mt19937& gen, int nMaxAmp)
     }
     return img;
 }
-
-// -------------------------------------------------------------- quality
 
 // Quality, finger window column and row.
 std::vector<int> ModelQuality2(const Image& img)
@@ -174,8 +169,6 @@ TEST(Quality, StructuredImagesAtTheThresholds)
     EXPECT_EQ(ModelStdDeviation(wide), std::vector<int>({nDeviation, nMean}));
 }
 
-// -------------------------------------------------------------- latent
-
 const int kDriverPairs[3][2] = {{104, 127}, {154, 180}, {207, 232}};
 const int kRvmPairs[3][2] = {{67, 110}, {153, 196}, {239, 282}};
 
@@ -264,8 +257,6 @@ TEST(Latent, EdgeTestMatchesTheModel)
     EXPECT_GT(anSeen[1], 10);
 }
 
-// -------------------------------------------------------- finger state
-
 // Mean block standard deviation and mean block mean.
 std::vector<int> ModelLocalVariance(const Image& img)
 {
@@ -352,8 +343,6 @@ TEST(FingerState, MatchesTheModel)
     Proc().m_nFingerWinY = 75;
     EXPECT_EQ(1, Proc().AutoSetPara(nullptr));
 }
-
-// -------------------------------------------------------- enhancement
 
 // Random images of every spread over a grid of sizes, black images, a fifth
 // of the pixels on either side of one level, 49 x (1280.0 / 490) just below
@@ -469,8 +458,6 @@ TEST(Final, MatchesTheModel)
         EXPECT_GT(n, 0);
 }
 
-// ------------------------------------------------------------ refusals
-
 // Missing buffers, missing modify tables and sizes outside the range of
 // each entry point: the refusal value, no pixel written, the finger window
 // and the roll state kept.
@@ -497,11 +484,9 @@ TEST(Refusals, LeaveEverythingAsItIs)
     EXPECT_EQ(0, p.CorrectImageCalcEx(q, 1800, 1280, q + 1000000, 600, 600, 0, 0));
     std::swap(p.m_ppModifyTable, apTables[0]);
     std::swap(p.m_ppModifyTableEx, apTables[1]);
-    int nMean = -1, nDeviation = p.GetStdDeviation(5, 5, nullptr, &nMean);
-    EXPECT_EQ(std::vector<int>({0, 0}), std::vector<int>({nDeviation, nMean}));
-    nMean = -1;
-    nDeviation = p.GetLocalVariance(24, 32, nullptr, &nMean);
-    EXPECT_EQ(std::vector<int>({0, 0}), std::vector<int>({nDeviation, nMean}));
+    int anMean[2] = {-1, -1};  // the list evaluates left to right: each mean after its call
+    EXPECT_EQ(std::vector<int>(4, 0), std::vector<int>({p.GetStdDeviation(5, 5, nullptr, &anMean[0]), anMean[0],
+                                                        p.GetLocalVariance(24, 32, nullptr, &anMean[1]), anMean[1]}));
     EXPECT_EQ(std::vector<int>(8, 0),
               std::vector<int>({p.RotateRightImage(nullptr, 6, 6), p.CheckImageQuality(600, 600, nullptr),
                                 p.CheckImageQuality(0, 600, q), p.CheckImageQuality2(600, 600, nullptr),

@@ -18,9 +18,7 @@ protected:
     static std::vector<unsigned long> RequestNumbers(int nIndex = 0)
     {
         std::vector<unsigned long> vec;
-        for (const tavk05virt::Request& req : tavk05virt::RequestLog(nIndex)) {
-            vec.push_back(req.nRequest);
-        }
+        for (const tavk05virt::Request& req : tavk05virt::RequestLog(nIndex)) vec.push_back(req.nRequest);
         return vec;
     }
 

@@ -16,9 +16,8 @@ TEST(TransferLength, IsTheNextMultipleOf1024OrZeroWhenItCannotBeHad)
 {
     std::mt19937_64 rng(5);
     std::vector<unsigned long> vecLengths = {0, ULONG_MAX, ULONG_MAX - 1023, ULONG_MAX - 1024};
-    for (unsigned long k = 0; k < 40; ++k) {
+    for (unsigned long k = 0; k < 40; ++k)
         for (long d = -1; d <= 1; ++d) vecLengths.push_back(k * 512 + d);
-    }
     for (int i = 0; i < 2000; ++i) vecLengths.push_back(static_cast<unsigned long>(rng()) >> (i % 40));
     for (const unsigned long n : vecLengths) {
         const unsigned long nExpected = n > ULONG_MAX - 1023 ? 0 : (n + 1023) / 1024 * 1024;
@@ -54,10 +53,6 @@ protected:
         std::fill(vec.begin(), vec.end(), byFill);
         return GetParam().pfnRead(vxd, vec.data(), nBytes);
     }
-    std::vector<unsigned long> Bracket() const
-    {
-        return GetParam().bRequests ? std::vector<unsigned long>{21, 22} : std::vector<unsigned long>{};
-    }
 };
 
 TEST_P(ReadEntryPoint, DeliversTheRequestedBytesOfARoundedTransfer)
@@ -75,7 +70,8 @@ TEST_P(ReadEntryPoint, DeliversTheRequestedBytesOfARoundedTransfer)
             const int nExpected = i < nBytes ? 0x7D : i < nTransfer && GetParam().bZeroesTail ? 0 : 0xEE;
             ASSERT_EQ(nExpected, vec[i]) << nBytes << " bytes, byte " << i;
         }
-        EXPECT_EQ(Bracket(), RequestNumbers());
+        EXPECT_EQ(GetParam().bRequests ? std::vector<unsigned long>({21, 22}) : std::vector<unsigned long>(),
+                  RequestNumbers());
         EXPECT_EQ(GetParam().nReadsModel4, State().nReads - nReadsBefore);
         EXPECT_FALSE(State().bAcquiring);
         tavk05virt::ClearLog(0);
@@ -121,9 +117,8 @@ TEST_P(ReadEntryPoint, RefusedStartReadsNothingAndRefusedStopKeepsTheFrame)
     OpenAndClearLog(vxd);
     std::vector<unsigned char> vec(2048 + 16);
     EXPECT_EQ(VXD_E_REQUEST, Read(vxd, vec, 1500, 0xCC));
-    for (unsigned long i = 0; i < vec.size(); ++i) {
+    for (unsigned long i = 0; i < vec.size(); ++i)
         ASSERT_EQ(i < 2048 && GetParam().bZeroesTail ? 0 : 0xCC, vec[i]) << "byte " << i;
-    }
     EXPECT_EQ(0u, State().nReads);
     Inject(0, "clearfaults,fail=22");
     EXPECT_EQ(VXD_E_REQUEST, Read(vxd, vec, 1500));
