@@ -24,10 +24,7 @@ struct CapturePath {
     unsigned long long nRollDigest;  // the same through the rolled-capture variant
 };
 
-void PrintTo(const CapturePath& path, std::ostream* pOs)
-{
-    *pOs << path.pszUnit;
-}
+void PrintTo(const CapturePath& path, std::ostream* pOs) { *pOs << path.pszUnit; }
 
 class CapturePathTest : public SensorTest, public ::testing::WithParamInterface<CapturePath> {};
 
@@ -39,8 +36,7 @@ TEST_P(CapturePathTest, FinishedImageOfTheFlatFinger)
     const CapturePath& path = GetParam();
     std::unique_ptr<COberin> pSensor = OpenSensor(std::string(path.pszUnit) + ",scene=flat,fps=0");
     ASSERT_EQ(pSensor->GetDeviceType(), static_cast<unsigned long>(path.nDeviceType));
-    EXPECT_EQ(pSensor->m_nRawWidth, path.nRawWidth);
-    EXPECT_EQ(pSensor->m_nRawHeight, path.nRawHeight);
+    EXPECT_EQ(pSensor->m_nRawWidth * 10000 + pSensor->m_nRawHeight, path.nRawWidth * 10000 + path.nRawHeight);
     ASSERT_EQ(pSensor->m_nFrameBytes, path.nFrameBytes);
     ASSERT_EQ(pSensor->SetImageSize(248, 292), 0ul);
     std::memset(pSensor->m_pRawCopyBuf, 0xA5, OBERIN_FRAME_BUFFER_BYTES);
@@ -136,8 +132,7 @@ TEST_F(SensorTest, CaptureAroundTheLatentCheck)
         const size_t nWhite = static_cast<size_t>(std::count(image.begin(), image.begin() + nNominal, 255));
         const size_t nUntouched = static_cast<size_t>(std::count(image.begin(), image.end(), kUntouched));
         if (c.cImage == 'u') { EXPECT_EQ(nUntouched, image.size()); }
-        if (c.cImage == 'w') { EXPECT_EQ(nWhite + nUntouched, image.size()); }
-        if (c.cImage == 'w') { EXPECT_EQ(nWhite, nNominal); }
+        if (c.cImage == 'w') { EXPECT_TRUE(nWhite == nNominal && nWhite + nUntouched == image.size()) << nWhite; }
         if (c.cImage == 'c') { EXPECT_EQ(GetLTWaterM(image.data(), 228, 292), 1); }
     }
 }

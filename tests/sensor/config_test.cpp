@@ -1,7 +1,5 @@
-// The settings file: where it is, its exact text, the position-based reader
-// against a formatted read, the atomic save (also when killed), and hostile
-// paths: links, FIFOs, device nodes, directories, foreign files, stale
-// temporaries and a privileged process.
+// The settings file: path, text, the reader against a formatted read, the
+// atomic save (also when killed) and hostile paths and processes.
 #include <dirent.h>
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
@@ -84,10 +82,8 @@ protected:
     {
         std::vector<std::string> vec;
         DIR* pDir = ::opendir(m_strPriv.c_str());
-        while (const dirent* pEntry = pDir != nullptr ? ::readdir(pDir) : nullptr) {
-            const std::string strName = pEntry->d_name;
-            if (strName != "." && strName != "..") vec.push_back(strName);
-        }
+        while (const dirent* pEntry = pDir != nullptr ? ::readdir(pDir) : nullptr)
+            if (std::strcmp(pEntry->d_name, ".") != 0 && std::strcmp(pEntry->d_name, "..") != 0) vec.push_back(pEntry->d_name);
         if (pDir != nullptr) ::closedir(pDir);
         std::sort(vec.begin(), vec.end());
         return vec;

@@ -1,7 +1,5 @@
-// Live and rolled capture on virtual units with scripted host callbacks: the
-// replies that move the loop between its states, the record handed to the
-// callback, the time limit, the latent wait, the final check of a rolled
-// image, the failure paths, and the finished images pinned by digest.
+// Live and rolled capture on virtual units driven by a scripted host callback;
+// the finished images are pinned by digest.
 #include <dlfcn.h>
 #include <time.h>
 
@@ -369,11 +367,9 @@ TEST_F(LiveTest, FailedFrameReadsAreToldToTheHost)
         ExpectOneAcquisition();
         std::string strStatus;
         for (const Call& call : m_vecCalls) strStatus += call.info.nStatus == 53 && call.info.nQuality == 0 ? '5' : '0';
-        if (*c.pszStatus == '\0' && c.bCallback) { EXPECT_EQ(strStatus.find('0'), std::string::npos); }
-        if (*c.pszStatus == '\0' && c.bCallback) { EXPECT_GT(strStatus.size(), 1u); }
         if (*c.pszStatus != '\0') { EXPECT_EQ(strStatus, c.pszStatus); }
-        if (c.bRepair) { EXPECT_EQ(m_vecCalls[1].shown, m_vecCalls[0].shown); }
-        if (c.bRepair) { EXPECT_EQ(Reads(), 2u); }
+        else if (c.bCallback) { EXPECT_TRUE(strStatus.size() > 1 && strStatus.find('0') == std::string::npos) << strStatus; }
+        if (c.bRepair) { EXPECT_TRUE(m_vecCalls[1].shown == m_vecCalls[0].shown && Reads() == 2u); }
     }
 }
 

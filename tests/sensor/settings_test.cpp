@@ -1,6 +1,5 @@
-// The sensor object's state: construction, opening and closing, the
-// settings with what reaches the unit, the contrast factor, the registers,
-// the control codes and the background capture, each as a table.
+// The sensor object's state: construction, open and close, settings and what
+// reaches the unit, registers, control codes and the background capture.
 #include <functional>
 
 #include "sensor_fixture.h"
@@ -200,17 +199,12 @@ TEST_F(SensorTest, SettersAndWhatReachesTheUnit)
         pSensor->m_nError = 53;
         EXPECT_EQ(c.fnCall(*pSensor), c.nStatus);
         EXPECT_EQ(pSensor->GetError(), c.nStatus);
-        EXPECT_EQ(pSensor->m_nBrightness, c.nBrightness);
-        EXPECT_EQ(pSensor->m_nGain, c.nGain);
-        EXPECT_EQ(pSensor->m_nContrast, c.nContrast);
-        EXPECT_EQ(pSensor->m_nImageSize, c.nImageSize);
+        EXPECT_EQ((std::vector<unsigned long>{pSensor->m_nBrightness, pSensor->m_nGain, pSensor->m_nContrast,
+                                              pSensor->m_nImageSize}),
+                  (std::vector<unsigned long>{c.nBrightness, c.nGain, c.nContrast, c.nImageSize}));
         const std::vector<tavk05virt::Request> vec = RequestsOf(VXD_REQ_SET_SENSOR_OPTION);
-        if (c.nExposureSent < 0) {
-            EXPECT_TRUE(vec.empty() || vec.back().bFailed);
-        } else {
-            ASSERT_EQ(vec.size(), 1u);
-            EXPECT_EQ(vec[0].vecBlock, OptionBlock(c.nExposureSent, c.nGainSent));
-        }
+        if (c.nExposureSent < 0) { EXPECT_TRUE(vec.empty() || vec.back().bFailed); }
+        else { EXPECT_TRUE(vec.size() == 1 && vec[0].vecBlock == OptionBlock(c.nExposureSent, c.nGainSent)); }
     }
     // Tuning is 4 and leaves the last status; it dispatches through the virtual table.
     struct CTuning : COberin {
@@ -263,15 +257,8 @@ TEST_F(SensorTest, Registers)
     EXPECT_EQ(sensor.ReadData(1) * 1000 + sensor.ReadData(155), 254001ul);
 }
 
-unsigned long CallbackA(void*, void*)
-{
-    return 0;
-}
-
-unsigned long CallbackB(void*, void*)
-{
-    return 101;
-}
+unsigned long CallbackA(void*, void*) { return 0; }
+unsigned long CallbackB(void*, void*) { return 101; }
 
 // Types 1 and 2 set function and context; another type keeps the function
 // but takes the context and is 2; a null function removes the callback.
@@ -290,8 +277,7 @@ TEST_F(SensorTest, CallbackRegistrationByType)
                   {100, CallbackA, CallbackB, nullptr, 2}, {1, nullptr, nullptr, nullptr, 0}};
     for (const auto& c : aCases) {
         EXPECT_EQ(sensor.SetCallBackFunction(c.nType, c.pfn, c.pContext), c.nStatus) << c.nType;
-        EXPECT_EQ(sensor.m_pfnCallback, c.pfnAfter) << c.nType;
-        EXPECT_EQ(sensor.m_pCallbackContext, c.pContext) << c.nType;
+        EXPECT_TRUE(sensor.m_pfnCallback == c.pfnAfter && sensor.m_pCallbackContext == c.pContext) << c.nType;
     }
     EXPECT_EQ(sensor.GetError(), 57ul);
 }
@@ -322,8 +308,7 @@ TEST_F(SensorTest, InitDevStopsAtTheFirstFailureAndRetries)
         EXPECT_EQ(pSensor->InitDev(c.bForce), c.nStatus);
         EXPECT_EQ(pSensor->m_bDevInitialized, c.nStatus == 0);
         const std::vector<tavk05virt::Request> vec = RequestsOf(VXD_REQ_SET_SENSOR_OPTION);
-        ASSERT_EQ(vec.size(), c.nBlocks);
-        if (c.nBlocks == 2) { EXPECT_EQ(vec[1].vecBlock, OptionBlock(55, 4)); }
+        EXPECT_TRUE(vec.size() == c.nBlocks && (c.nBlocks != 2 || vec[1].vecBlock == OptionBlock(55, 4))) << vec.size();
     }
     EXPECT_FLOAT_EQ(pSensor->m_fContrastFactor, 1.62f);
     ASSERT_EQ(pSensor->OpenDevice(0, 0), 0ul);
@@ -334,10 +319,9 @@ TEST_F(SensorTest, InitDevStopsAtTheFirstFailureAndRetries)
 // and the bytes returned (the output buffer holds 0xEE before the call).
 TEST_F(SensorTest, ControlCodes)
 {
-    Bytes vecIn(100);
+    Bytes vecIn(100), vecShort(64, 0);
     for (size_t i = 0; i < vecIn.size(); ++i) vecIn[i] = static_cast<unsigned char>(101 + i);
     const Bytes vecValue(vecIn.begin(), vecIn.begin() + 64);
-    Bytes vecShort(64, 0);
     std::copy(vecIn.begin(), vecIn.begin() + 10, vecShort.begin());
     const struct {
         unsigned long nCode;
@@ -349,30 +333,20 @@ TEST_F(SensorTest, ControlCodes)
         Bytes vecSent;           // block of the last request, when checked
         unsigned long nLen;      // length word afterwards
     } aCases[] = {
-        {0, nullptr, 0, 0, 0, false, 0, {21}, {}, 0},
-        {1, nullptr, 0, 0, 0, false, 0, {22}, {}, 0},
+        {0, nullptr, 0, 0, 0, false, 0, {21}, {}, 0}, {1, nullptr, 0, 0, 0, false, 0, {22}, {}, 0},
         {257, (const unsigned char*)"\1\1", 2, 0, 0, false, 0, {8}, {1, 1}, 0},
         {257, (const unsigned char*)"\0\2", 2, 0, 0, false, 3, {}, {}, 0},
-        {257, vecIn.data(), 1, 0, 0, false, 3, {}, {}, 0},
-        {257, nullptr, 2, 0, 0, false, 3, {}, {}, 0},
+        {257, vecIn.data(), 1, 0, 0, false, 3, {}, {}, 0}, {257, nullptr, 2, 0, 0, false, 3, {}, {}, 0},
         {259, vecIn.data(), 10, 0, 0, false, 0, {18}, vecShort, 0},
         {260, vecIn.data(), 100, 0, 0, false, 0, {18}, vecValue, 0},
-        {259, nullptr, 10, 0, 0, false, 3, {}, {}, 0},
-        {260, vecIn.data(), 0, 0, 0, false, 3, {}, {}, 0},
-        {515, nullptr, 0, 80, 64, true, 0, {17}, {}, 64},
-        {516, nullptr, 0, 60, 0, true, 0, {17}, {}, 60},
-        {514, nullptr, 0, 64, 0, true, 0, {9}, {}, 64},
-        {515, nullptr, 0, 64, 100, true, 3, {}, {}, 100},
-        {515, nullptr, 0, 63, 0, true, 3, {}, {}, 0},
-        {516, nullptr, 0, 59, 0, true, 3, {}, {}, 0},
-        {514, nullptr, 0, 64, 0, false, 3, {}, {}, 0},
-        {514, nullptr, 0, 0, 0, true, 3, {}, {}, 0},
-        {769, vecIn.data(), 2, 64, 0, true, 4, {}, {}, 0},
-        {2, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
-        {262, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
-        {513, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
-        {517, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
-        {0x10101, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
+        {259, nullptr, 10, 0, 0, false, 3, {}, {}, 0}, {260, vecIn.data(), 0, 0, 0, false, 3, {}, {}, 0},
+        {515, nullptr, 0, 80, 64, true, 0, {17}, {}, 64}, {516, nullptr, 0, 60, 0, true, 0, {17}, {}, 60},
+        {514, nullptr, 0, 64, 0, true, 0, {9}, {}, 64}, {515, nullptr, 0, 64, 100, true, 3, {}, {}, 100},
+        {515, nullptr, 0, 63, 0, true, 3, {}, {}, 0}, {516, nullptr, 0, 59, 0, true, 3, {}, {}, 0},
+        {514, nullptr, 0, 64, 0, false, 3, {}, {}, 0}, {514, nullptr, 0, 0, 0, true, 3, {}, {}, 0},
+        {769, vecIn.data(), 2, 64, 0, true, 4, {}, {}, 0}, {2, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
+        {262, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0}, {513, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
+        {517, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0}, {0x10101, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
     };
     for (const auto& c : aCases) {
         SCOPED_TRACE(testing::Message() << "code " << c.nCode << " in " << c.nInLen << " out " << c.nOutCap);
@@ -439,8 +413,7 @@ TEST_F(SensorTest, BackgroundCapture)
         EXPECT_EQ(RequestNumbers(), c.vecRequests);
         const std::vector<tavk05virt::Request> vec = RequestsOf(VXD_REQ_SET_SENSOR_OPTION);
         EXPECT_EQ(vec[0].vecBlock, OptionBlock(c.nExposure, 4));
-        if (vec.size() == 4) { EXPECT_EQ(vec[1].vecBlock, OptionBlock(c.nExposure, 2)); }
-        if (vec.size() == 4) { EXPECT_EQ(vec[3].vecBlock, OptionBlock(50, 4)); }
+        if (vec.size() == 4) { EXPECT_TRUE(vec[1].vecBlock == OptionBlock(c.nExposure, 2) && vec[3].vecBlock == OptionBlock(50, 4)); }
         EXPECT_EQ(pSensor->m_nBrightness, c.nBrightnessAfter);
         EXPECT_EQ(pSensor->m_nGain, 4ul);
         EXPECT_FLOAT_EQ(pSensor->m_fContrastFactor, c.nStatus == 0 ? fFactor : 9.0f);
