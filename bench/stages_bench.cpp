@@ -94,36 +94,34 @@ void OursLargestFrame(benchmark::State& state)
 }
 STAGE(OursLargestFrame, "Stage/largest frame/ours");
 
-void OursSmooth(benchmark::State& state)
+// A stage that works in place on a random finished image, restored before
+// every iteration.
+template <typename Fn>
+void InPlace(benchmark::State& state, unsigned nSeed, Fn fnStage)
 {
-    const Bytes src = Random(IMG_PIXELS, 5);
+    const Bytes src = Random(IMG_PIXELS, nSeed);
     Bytes work(IMG_PIXELS);
     Loop(state, [&] {
         std::memcpy(work.data(), src.data(), IMG_PIXELS);
-        Sensor().SmoothImage(IMG_WIDTH, IMG_HEIGHT, work.data(), 1);
+        fnStage(work.data());
     });
+}
+
+void OursSmooth(benchmark::State& state)
+{
+    InPlace(state, 5, [](unsigned char* p) { Sensor().SmoothImage(IMG_WIDTH, IMG_HEIGHT, p, 1); });
 }
 STAGE(OursSmooth, "Stage/SmoothImage 3x3/ours");
 
 void OursMedian(benchmark::State& state)
 {
-    const Bytes src = Random(IMG_PIXELS, 6);
-    Bytes work(IMG_PIXELS);
-    Loop(state, [&] {
-        std::memcpy(work.data(), src.data(), IMG_PIXELS);
-        Sensor().MedianFilter(work.data(), IMG_WIDTH, IMG_HEIGHT);
-    });
+    InPlace(state, 6, [](unsigned char* p) { Sensor().MedianFilter(p, IMG_WIDTH, IMG_HEIGHT); });
 }
 STAGE(OursMedian, "Stage/MedianFilter 3x3/ours");
 
 void OursHistoequal(benchmark::State& state)
 {
-    const Bytes src = Random(IMG_PIXELS, 7);
-    Bytes work(IMG_PIXELS);
-    Loop(state, [&] {
-        std::memcpy(work.data(), src.data(), IMG_PIXELS);
-        Proc().Histoequal(work.data(), IMG_WIDTH, IMG_HEIGHT);
-    });
+    InPlace(state, 7, [](unsigned char* p) { Proc().Histoequal(p, IMG_WIDTH, IMG_HEIGHT); });
 }
 STAGE(OursHistoequal, "Stage/Histoequal/ours");
 

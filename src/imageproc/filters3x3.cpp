@@ -34,23 +34,18 @@ inline unsigned char MedianOf9(unsigned char (&by)[9])
 }
 
 typedef void (*RowFilter)(const Rows3& rows, unsigned char* pOut, size_t n);
+typedef size_t (*VectorRow)(const Rows3& rows, unsigned char* pOut, size_t n);
+typedef void (*PlainRow)(const Rows3& rows, unsigned char* pOut, size_t nFrom, size_t n);
 
-void MeanRow(const Rows3& rows, unsigned char* pOut, size_t n)
+// One row: the vector kernel as far as it goes, the plain loop the rest.
+template <VectorRow pfnVector, PlainRow pfnPlain>
+void FilterRow(const Rows3& rows, unsigned char* pOut, size_t n)
 {
     size_t c = 0;
 #if defined(__SSE2__)
-    c = Mean3RowSse2(rows, pOut, n);
+    c = pfnVector(rows, pOut, n);
 #endif
-    Mean3Row(rows, pOut, c, n);
-}
-
-void MedianRow(const Rows3& rows, unsigned char* pOut, size_t n)
-{
-    size_t c = 0;
-#if defined(__SSE2__)
-    c = Median3RowSse2(rows, pOut, n);
-#endif
-    Median3Row(rows, pOut, c, n);
+    pfnPlain(rows, pOut, c, n);
 }
 
 // Output row y is written into the image once rows y - 1 and y are saved:
@@ -100,12 +95,12 @@ void Median3Row(const Rows3& rows, unsigned char* pOut, size_t nFrom, size_t n)
 
 bool Mean3x3(unsigned char* pImage, size_t w, size_t h)
 {
-    return FilterInterior(pImage, w, h, MeanRow);
+    return FilterInterior(pImage, w, h, FilterRow<Mean3RowSse2, Mean3Row>);
 }
 
 bool Median3x3(unsigned char* pImage, size_t w, size_t h)
 {
-    return FilterInterior(pImage, w, h, MedianRow);
+    return FilterInterior(pImage, w, h, FilterRow<Median3RowSse2, Median3Row>);
 }
 
 } // namespace imageproc
