@@ -6,6 +6,8 @@
 
 #include "isensor.h"
 
+#include <memory>
+
 // One output pixel pair of a modify-table row: the pixel j to the right of
 // the output's centre column and its mirror j to the left.
 struct tagModifyEntry {
@@ -98,6 +100,12 @@ public:
 private:
     CImageProc(const CImageProc&);
     CImageProc& operator=(const CImageProc&);
+
+    // A compact form of each modify table for the interpolating
+    // corrections, derived from the table when it is first used and again
+    // after InitModifyTable or InitModifyTableEx; empty until then.
+    struct CCorrectCache;
+    std::unique_ptr<CCorrectCache> m_pCorrectCache;
 };
 
 #endif

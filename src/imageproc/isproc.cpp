@@ -1,6 +1,7 @@
 // CImageProc: construction and destruction of the processor state -- the
 // background frame, the contrast table, the finger window and the two modify
 // tables that the interpolating geometry correction reads.
+#include "imageproc/correct_geometry.h"
 #include "imageproc/modify_tables.h"
 #include "tavk05/isproc.h"
 
@@ -97,6 +98,7 @@ CImageProc::CImageProc()
 
 CImageProc::~CImageProc()
 {
+    m_pCorrectCache.reset();
     delete[] m_pBackground;
     m_pBackground = nullptr;
     CTableHolder::Free(m_ppModifyTable, MODIFY_SIZE);

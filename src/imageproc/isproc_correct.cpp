@@ -19,6 +19,7 @@
 #include "tavk05/isproc.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -53,6 +54,7 @@ void ReverseInPlace(unsigned char* p, size_t n)
     std::reverse(p + nDone, p + n - nDone);
 }
 
+// Table lookup of the 600 x 600 window; with bMirror each destination
 // row is stored right to left. A table entry that points outside the source
 // the caller described gives 0 instead of a read outside the buffer (the
 // calibration data never do so for the image sizes they serve).
@@ -70,17 +72,6 @@ void Lookup(const unsigned char* pSrc, unsigned long nSrcWidth, size_t nSrcPixel
             pOut[bMirror ? kOut - 1 - x : x] = v;
         }
     }
-}
-
-// cannot lead outside.
-template <class G>
-inline bool Usable(const tagModifyEntry& e)
-{
-    const unsigned nLimit = G::kSrcWidth * G::kSrcRows;
-    if (static_cast<unsigned>(e.nSrcRow) > G::kMaxRow || static_cast<unsigned>(e.nSrcCol) > G::kMaxCol)
-        return false;
-    return (e.nSrcIndex[2] < nLimit) & (e.nSrcIndex[0] < nLimit) & (e.nSrcIndex[1] < nLimit) &
-           (e.nSrcIndex[3] < nLimit);
 }
 
 // Weighted sum of the four neighbours, added in order in single precision,
@@ -198,56 +189,82 @@ void ResampleInTwoPasses(const tagModifyEntry* const* ppTable, const unsigned ch
 
 
 // Both halves of the interpolating correction over the W rows of a modify
-// table: every usable entry produces its right-half pixel from the image and
-// its left-half pixel from the mirrored image, entry by entry. With the
-// targets placed as the table build places them, right and left targets of
-// different entries never coincide, and the centre column, targeted by both
-// halves of entry 0, keeps the left value as it is stored second -- as if
-// the whole right half had been computed before the left half. A table
-// edited otherwise is done in the two passes instead.
+// table, read entry by entry: every usable entry produces its right-half
+// pixel from the image and its left-half pixel from the mirrored image,
+// entry by entry. With the targets placed as the table build places them,
+// right and left targets of different entries never coincide, and the
+// centre column, targeted by both halves of entry 0, keeps the left value
+// as it is stored second -- as if the whole right half had been computed
+// before the left half. A table edited otherwise is done in the two passes
+// instead.
 template <class G, bool bMirror>
 void Resample(const tagModifyEntry* const* ppTable, const unsigned char* const* apRow, unsigned char* pDst)
 {
     CCropMap<G, bMirror> crop;
     CSourceRow<G> rows;
-    const unsigned nEntries = G::kCanvas / 2;
     for (unsigned r = 0; r < G::kCanvas; ++r) {
         const tagModifyEntry* const pRow = ppTable[r];
         if (pRow == nullptr)
             continue;
-        const tagModifyEntry* const pNextRow = r + 1 < G::kCanvas ? ppTable[r + 1] : nullptr;
-        unsigned c = 0;
-        while (c < nEntries) {
-            unsigned nPlainEnd = nEntries;
-#if defined(__SSE2__)
-            c = ResampleRowSse2(pRow, c, pNextRow, apRow, pDst, crop, rows);
-            // A group the vector kernel could not take, or the last entries.
-            nPlainEnd = c + 4 < nEntries ? c + 4 : nEntries;
-#endif
-            for (; c < nPlainEnd; ++c) {
-                if (!ResampleEntry(pRow[c], apRow, pDst, crop, rows)) {
-                    // Everything stored so far is stored again, in pass order.
-                    ResampleInTwoPasses<G, bMirror>(ppTable, apRow, pDst);
-                    return;
-                }
+        for (unsigned c = 0; c < G::kCanvas / 2; ++c) {
+            if (!ResampleEntry(pRow[c], apRow, pDst, crop, rows)) {
+                // Everything stored so far is stored again, in pass order.
+                ResampleInTwoPasses<G, bMirror>(ppTable, apRow, pDst);
+                return;
             }
         }
     }
 }
 
-// Runs the resampling into the destination: mirrored straight into place
-// for the usual 600 x 600 output, else into the crop layout followed by the
-// mirror over the caller's width and height.
-template <class G>
-void ResampleInto(const tagModifyEntry* const* ppTable, const unsigned char* const* apRow, unsigned char* pDst,
-                  unsigned long nDstWidth, unsigned long nDstHeight, CImageProc& proc)
+// The same through the compact form, window row by window row.
+template <class G, bool bMirror>
+void ResampleCompactTable(const CCompactTable& table, const unsigned char* const* apRow, unsigned char* pDst)
 {
-    if (nDstWidth == kOut && nDstHeight == kOut) {
-        Resample<G, true>(ppTable, apRow, pDst);
-    } else {
-        Resample<G, false>(ppTable, apRow, pDst);
-        proc.RotateRightImage(pDst, static_cast<int>(nDstWidth), static_cast<int>(nDstHeight));
+    typedef CropShape<G> S;
+    for (unsigned y = 0; y < kOut; ++y) {
+        const CompactRow& row = table.Row(y);
+        if (row.nRight == 0 && row.nLeft == 0)
+            continue;
+        CompactJob job;
+        job.pTop = apRow[row.nSrcRow];
+        job.pBottom = apRow[row.nSrcRow + 1];
+        job.nSrcWidth = G::kSrcWidth;
+        job.pnCol = table.Columns(y);
+        job.pfColFrac = table.Fractions(y);
+        job.fRowFrac = row.fRowFrac;
+        job.nRight = row.nRight;
+        job.nLeft = row.nLeft;
+        job.pOut = pDst + static_cast<size_t>(y) * kOut;
+        job.nCentreOut = bMirror ? kOut - 1 - S::kCentre : S::kCentre;
+        job.nStep = bMirror ? -1 : 1;
+        unsigned nDone = 0;
+#if defined(__SSE2__)
+        nDone = ResampleCompactSse2(job);
+#endif
+        ResampleCompact(job, nDone);
     }
+}
+
+// Runs the resampling into the destination, through the compact form when
+// there is one: mirrored straight into place for the usual 600 x 600
+// output, else into the crop layout followed by the mirror over the
+// caller's width and height.
+template <class G>
+void ResampleInto(const tagModifyEntry* const* ppTable, const CCompactTable* pCompact,
+                  const unsigned char* const* apRow, unsigned char* pDst, unsigned long nDstWidth,
+                  unsigned long nDstHeight, CImageProc& proc)
+{
+    const bool bUsual = nDstWidth == kOut && nDstHeight == kOut;
+    if (pCompact != nullptr && bUsual)
+        ResampleCompactTable<G, true>(*pCompact, apRow, pDst);
+    else if (pCompact != nullptr)
+        ResampleCompactTable<G, false>(*pCompact, apRow, pDst);
+    else if (bUsual)
+        Resample<G, true>(ppTable, apRow, pDst);
+    else
+        Resample<G, false>(ppTable, apRow, pDst);
+    if (!bUsual)
+        proc.RotateRightImage(pDst, static_cast<int>(nDstWidth), static_cast<int>(nDstHeight));
 }
 
 bool IsUsualOutput(unsigned long nWidth, unsigned long nHeight)
@@ -256,6 +273,106 @@ bool IsUsualOutput(unsigned long nWidth, unsigned long nHeight)
 }
 
 } // namespace
+
+namespace imageproc {
+
+void ResampleCompact(const CompactJob& job, unsigned nFrom)
+{
+    const unsigned n = job.nRight > job.nLeft ? job.nRight : job.nLeft;
+    const float fr = job.fRowFrac;
+    const float fRowNear = 1.0f - fr;
+    for (unsigned j = nFrom; j < n; ++j) {
+        const unsigned c = job.pnCol[j];
+        const float fc = job.pfColFrac[j];
+        const float fColNear = 1.0f - fc;
+        const float afWeight[4] = {fColNear * fRowNear, fc * fRowNear, fc * fr, fColNear * fr};
+        const ptrdiff_t nOffset = static_cast<ptrdiff_t>(job.nStep) * static_cast<ptrdiff_t>(j);
+        if (j < job.nRight) {
+            const unsigned char aby[4] = {job.pTop[c], job.pTop[c + 1], job.pBottom[c + 1], job.pBottom[c]};
+            job.pOut[static_cast<ptrdiff_t>(job.nCentreOut) + nOffset] = Weighted(aby, afWeight);
+        }
+        if (j < job.nLeft) {
+            // The mirrored image's column c is the image's column SW - 1 - c.
+            const unsigned m = job.nSrcWidth - 1 - c;
+            const unsigned char aby[4] = {job.pTop[m], job.pTop[m - 1], job.pBottom[m - 1], job.pBottom[m]};
+            job.pOut[static_cast<ptrdiff_t>(job.nCentreOut) - nOffset] = Weighted(aby, afWeight);
+        }
+    }
+}
+
+template <class G>
+bool CCompactTable::Derive(const tagModifyEntry* const* ppTable)
+{
+    typedef CropShape<G> S;
+    const unsigned W = G::kCanvas;
+    const unsigned nHalf = W / 2;
+    const unsigned SW = G::kSrcWidth;
+    m_nStride = S::kStride;
+    m_pRows.reset(new (std::nothrow) CompactRow[kOut]);
+    m_pnCol.reset(new (std::nothrow) unsigned short[kOut * S::kStride]());
+    m_pfFrac.reset(new (std::nothrow) float[kOut * S::kStride]());
+    if (!m_pRows || !m_pnCol || !m_pfFrac)
+        return false;
+    for (unsigned r = 0; r < W; ++r) {
+        const tagModifyEntry* const pRow = ppTable[r];
+        const unsigned y = r - G::kCropTop;  // wraps above the window
+        const bool bWindow = y < kOut;
+        CompactRow row = {0, 0.0f, 0, 0};
+        unsigned nUsable = 0;  // leading usable entries
+        for (unsigned j = 0; pRow != nullptr && j < nHalf; ++j) {
+            const tagModifyEntry& e = pRow[j];
+            // Every target where the build places it, in or out of the window.
+            if (e.nDstRight != r * W + nHalf + j || e.nDstLeft != r * W + nHalf - j)
+                return false;
+            if (!bWindow || j >= S::kEntries || !Usable<G>(e))
+                continue;
+            if (nUsable != j)
+                return false;  // a usable entry after one that is not
+            const unsigned i0 = e.nSrcIndex[0];
+            const unsigned nCol = i0 % SW;
+            if (e.nSrcIndex[1] != i0 + 1 || e.nSrcIndex[2] != i0 + SW + 1 || e.nSrcIndex[3] != i0 + SW ||
+                nCol + 1 >= SW)
+                return false;
+            const float fr = e.fSrcRow - static_cast<float>(e.nSrcRow);
+            if (j == 0) {
+                row.nSrcRow = i0 / SW;
+                row.fRowFrac = fr;
+            } else if (i0 / SW != row.nSrcRow || std::memcmp(&fr, &row.fRowFrac, sizeof fr) != 0) {
+                return false;
+            }
+            const float fc = e.fSrcCol - static_cast<float>(e.nSrcCol);
+            const float fRowNear = 1.0f - fr;
+            const float fColNear = 1.0f - fc;
+            const float afWeight[4] = {fColNear * fRowNear, fc * fRowNear, fc * fr, fColNear * fr};
+            if (std::memcmp(afWeight, e.fWeight, sizeof afWeight) != 0)
+                return false;
+            m_pnCol[y * S::kStride + j] = static_cast<unsigned short>(nCol);
+            m_pfFrac[y * S::kStride + j] = fc;
+            nUsable = j + 1;
+        }
+        if (bWindow) {
+            row.nRight = nUsable < S::kRightEntries ? nUsable : S::kRightEntries;
+            row.nLeft = nUsable < S::kLeftEntries ? nUsable : S::kLeftEntries;
+            m_pRows[y] = row;
+        }
+    }
+    return true;
+}
+
+} // namespace imageproc
+
+template <class G>
+const CCompactTable* CImageProc::CCorrectCache::Compact(Slot& slot, const tagModifyEntry* const* ppTable)
+{
+    if (!slot.bChecked || slot.ppTable != ppTable) {
+        slot.bChecked = true;
+        slot.ppTable = ppTable;
+        slot.pCompact.reset(new (std::nothrow) CCompactTable);
+        if (slot.pCompact && !slot.pCompact->Derive<G>(ppTable))
+            slot.pCompact.reset();
+    }
+    return slot.pCompact.get();
+}
 
 int CImageProc::RotateRightImage(unsigned char* pImage, int nWidth, int nHeight)
 {
@@ -318,7 +435,11 @@ int CImageProc::CorrectImageCalc(unsigned char* pSrc, unsigned long /*nSrcWidth*
     for (unsigned p = 0; p < CalcGeometry::kSrcRows; ++p)
         apRow[p] = pImage + static_cast<size_t>(p) * CalcGeometry::kSrcWidth;
 
-    ResampleInto<CalcGeometry>(m_ppModifyTable, apRow, pDst, nDstWidth, nDstHeight, *this);
+    if (!m_pCorrectCache)
+        m_pCorrectCache.reset(new (std::nothrow) CCorrectCache);
+    const CCompactTable* pCompact =
+        m_pCorrectCache ? CCorrectCache::Compact<CalcGeometry>(m_pCorrectCache->calc, m_ppModifyTable) : nullptr;
+    ResampleInto<CalcGeometry>(m_ppModifyTable, pCompact, apRow, pDst, nDstWidth, nDstHeight, *this);
     return 1;
 }
 
@@ -380,6 +501,10 @@ int CImageProc::CorrectImageCalcEx(unsigned char* pSrc, unsigned long nSrcWidth,
         }
     }
 
-    ResampleInto<ExGeometry>(m_ppModifyTableEx, apRow, pDst, nDstWidth, nDstHeight, *this);
+    if (!m_pCorrectCache)
+        m_pCorrectCache.reset(new (std::nothrow) CCorrectCache);
+    const CCompactTable* pCompact =
+        m_pCorrectCache ? CCorrectCache::Compact<ExGeometry>(m_pCorrectCache->ex, m_ppModifyTableEx) : nullptr;
+    ResampleInto<ExGeometry>(m_ppModifyTableEx, pCompact, apRow, pDst, nDstWidth, nDstHeight, *this);
     return 1;
 }

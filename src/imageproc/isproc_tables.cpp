@@ -7,6 +7,7 @@
 // The arithmetic is fixed to the bit: single-precision coefficients; a, b,
 // the row coordinate and the column coordinate evaluated in double and then
 // rounded to float; floor in double; fractions and weights in float.
+#include "imageproc/correct_geometry.h"
 #include "imageproc/modify_tables.h"
 #include "tavk05/isproc.h"
 
@@ -112,12 +113,18 @@ void BuildFreshModifyTables(tagModifyEntry* const* ppTable, tagModifyEntry* cons
 
 } // namespace imageproc
 
+// A rebuild also drops the table's compact form: the next correction
+// derives it again from the entries.
 void CImageProc::InitModifyTable()
 {
     BuildModifyTable(m_ppModifyTable, kTable, false);
+    if (m_pCorrectCache)
+        m_pCorrectCache->calc = CCorrectCache::Slot();
 }
 
 void CImageProc::InitModifyTableEx()
 {
     BuildModifyTable(m_ppModifyTableEx, kTableEx, false);
+    if (m_pCorrectCache)
+        m_pCorrectCache->ex = CCorrectCache::Slot();
 }

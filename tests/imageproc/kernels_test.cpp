@@ -77,6 +77,42 @@ TEST(ReverseKernel, OuterBlocksAndPlainMiddleReverseTheRow)
     }
 }
 
+// The compact correction kernel and the plain loop finishing after it give
+// the plain loop's row, for either direction, counts of every remainder,
+// any columns and fractions, and the extreme levels.
+TEST(CompactKernel, VectorPartAndPlainRestEqualPlainLoop)
+{
+    std::mt19937 gen(13);
+    const unsigned nWidth = 1700;
+    for (int nFill = 0; nFill < 3; ++nFill) {
+        std::vector<unsigned char> src(2 * nWidth);
+        for (unsigned char& by : src)
+            by = nFill == 0 ? static_cast<unsigned char>(gen()) : nFill == 1 ? 255 : (gen() & 1) * 255;
+        for (unsigned nRight : {0u, 7u, 8u, 17u, 300u, 301u}) {
+            for (unsigned nLeft : {nRight, nRight + 1, nRight > 0 ? nRight - 1 : 0u}) {
+                std::vector<unsigned short> cols(nLeft + nRight + 1);
+                std::vector<float> fracs(cols.size());
+                for (size_t k = 0; k < cols.size(); ++k) {
+                    cols[k] = static_cast<unsigned short>(gen() % (nWidth - 1));
+                    fracs[k] = k % 5 == 0 ? 0.0f : static_cast<float>(gen() % 1000000) / 1e6f;
+                }
+                const float fRowFrac = static_cast<float>(gen() % 1000) / 1000.0f;
+                for (int nStep : {-1, 1}) {
+                    std::vector<unsigned char> plain(700, 0x5A), vec(plain);
+                    imageproc::CompactJob job = {src.data(), src.data() + nWidth, nWidth, cols.data(), fracs.data(),
+                                                 fRowFrac, nRight, nLeft, plain.data(), 350, nStep};
+                    imageproc::ResampleCompact(job, 0);
+                    job.pOut = vec.data();
+                    const unsigned nDone = imageproc::ResampleCompactSse2(job);
+                    ASSERT_EQ(nDone, std::min(nRight, nLeft) / 8 * 8);
+                    imageproc::ResampleCompact(job, nDone);
+                    ASSERT_EQ(plain, vec) << nRight << " " << nLeft << " " << nStep;
+                }
+            }
+        }
+    }
+}
+
 TEST(LiveJitterKernel, VectorPartEqualsPlainLoop)
 {
     typedef oberin::CLiveJitter J;
