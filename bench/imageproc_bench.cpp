@@ -141,6 +141,19 @@ void BM_Construct(benchmark::State& state)
 }
 BENCHMARK(BM_Construct)->Unit(benchmark::kMillisecond)->UseRealTime();
 
+// The first correction of a new processor also derives the compact form of
+// its modify table: construction plus that first frame.
+void BM_ConstructAndFirstCalcEx(benchmark::State& state)
+{
+    Bytes src = Random(1800 * 1280, 5);
+    Bytes dst(IMG_PIXELS);
+    for (auto _ : state) {
+        std::unique_ptr<CImageProc> p(new CImageProc);
+        benchmark::DoNotOptimize(p->CorrectImageCalcEx(src.data(), 1800, 1280, dst.data(), 600, 600, 0, 0));
+    }
+}
+BENCHMARK(BM_ConstructAndFirstCalcEx)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // What the capture path does with one 1800 x 1280 frame of a new-firmware
 // model: copy the mosaic out of the read buffer, convert it, correct it.
 void BM_LargestFrame(benchmark::State& state)

@@ -8,6 +8,10 @@
 
 #include <memory>
 
+namespace imageproc {
+class CTableArena;
+}
+
 // One output pixel pair of a modify-table row: the pixel j to the right of
 // the output's centre column and its mirror j to the left.
 struct tagModifyEntry {
@@ -106,6 +110,8 @@ private:
     // after InitModifyTable or InitModifyTableEx; empty until then.
     struct CCorrectCache;
     std::unique_ptr<CCorrectCache> m_pCorrectCache;
+    // The memory of the modify-table rows.
+    std::unique_ptr<imageproc::CTableArena> m_pTableArena;
 };
 
 #endif

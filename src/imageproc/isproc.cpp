@@ -8,15 +8,18 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace {
 
-// Owns a modify table (an array of row pointers, each row its own array)
-// until it is handed over to the processor; frees whatever was allocated if
-// construction stops half way.
+// Owns a modify table (an array of row pointers, each row an array with room
+// for a whole row of entries) until it is handed over to the processor;
+// frees whatever was allocated if construction stops half way. Rows come
+// from the arena while it has room, else each from the heap.
 class CTableHolder {
 public:
-    CTableHolder(int nRows, int nEntries) : m_pp(new tagModifyEntry*[nRows]), m_nRows(nRows)
+    CTableHolder(int nRows, int nEntries, imageproc::CTableArena* pArena)
+        : m_pp(new tagModifyEntry*[nRows]), m_nRows(nRows), m_pArena(pArena)
     {
         for (int r = 0; r < m_nRows; ++r)
             m_pp[r] = nullptr;
@@ -24,17 +27,18 @@ public:
             for (int r = 0; r < m_nRows; ++r) {
                 // The first half of a row is what the table build fills,
                 // every byte of it, and what readers see. The second half is
-                // room that nothing reads or writes; it is left untouched,
-                // which spares the page faults of 24 MB never used.
-                m_pp[r] = new tagModifyEntry[nEntries];
+                // room that nothing reads or writes.
+                m_pp[r] = pArena != nullptr ? pArena->Row(static_cast<size_t>(nEntries)) : nullptr;
+                if (m_pp[r] == nullptr)
+                    m_pp[r] = new tagModifyEntry[nEntries];
             }
         } catch (...) {
             // The destructor does not run for a half-built holder.
-            Free(m_pp, m_nRows);
+            Free(m_pp, m_nRows, m_pArena);
             throw;
         }
     }
-    ~CTableHolder() { Free(m_pp, m_nRows); }
+    ~CTableHolder() { Free(m_pp, m_nRows, m_pArena); }
     CTableHolder(const CTableHolder&) = delete;
     CTableHolder& operator=(const CTableHolder&) = delete;
 
@@ -45,18 +49,23 @@ public:
         return pp;
     }
 
-    static void Free(tagModifyEntry** pp, int nRows)
+    // Frees the rows that are not the arena's (the arena's go with it),
+    // then the row array.
+    static void Free(tagModifyEntry** pp, int nRows, const imageproc::CTableArena* pArena)
     {
         if (pp == nullptr)
             return;
-        for (int r = 0; r < nRows; ++r)
-            delete[] pp[r];
+        for (int r = 0; r < nRows; ++r) {
+            if (pArena == nullptr || !pArena->Holds(pp[r]))
+                delete[] pp[r];
+        }
         delete[] pp;
     }
 
 private:
     tagModifyEntry** m_pp;
     int m_nRows;
+    const imageproc::CTableArena* m_pArena;
 };
 
 } // namespace
@@ -82,12 +91,17 @@ CImageProc::CImageProc()
     m_bRollStarted = 0;
     m_nDeviceType = 0;
 
-    CTableHolder table(MODIFY_SIZE, MODIFY_SIZE);
-    CTableHolder tableEx(MODIFY_SIZE_EX, MODIFY_SIZE_EX);
+    // The rows of both tables in one mapping; without it, from the heap.
+    std::unique_ptr<imageproc::CTableArena> pArena(new imageproc::CTableArena(
+        imageproc::CTableArena::RowBytes(MODIFY_SIZE) * MODIFY_SIZE +
+        imageproc::CTableArena::RowBytes(MODIFY_SIZE_EX) * MODIFY_SIZE_EX));
+    CTableHolder table(MODIFY_SIZE, MODIFY_SIZE, pArena.get());
+    CTableHolder tableEx(MODIFY_SIZE_EX, MODIFY_SIZE_EX, pArena.get());
 
     m_pBackground = pBackground.release();
     m_ppModifyTable = table.Release();
     m_ppModifyTableEx = tableEx.Release();
+    m_pTableArena = std::move(pArena);
 
     // InitModifyTable and InitModifyTableEx on rows not yet written.
     imageproc::BuildFreshModifyTables(m_ppModifyTable, m_ppModifyTableEx);
@@ -101,8 +115,9 @@ CImageProc::~CImageProc()
     m_pCorrectCache.reset();
     delete[] m_pBackground;
     m_pBackground = nullptr;
-    CTableHolder::Free(m_ppModifyTable, MODIFY_SIZE);
+    CTableHolder::Free(m_ppModifyTable, MODIFY_SIZE, m_pTableArena.get());
     m_ppModifyTable = nullptr;
-    CTableHolder::Free(m_ppModifyTableEx, MODIFY_SIZE_EX);
+    CTableHolder::Free(m_ppModifyTableEx, MODIFY_SIZE_EX, m_pTableArena.get());
     m_ppModifyTableEx = nullptr;
+    m_pTableArena.reset();
 }

@@ -13,6 +13,8 @@
 
 #include <cmath>
 
+#include <sys/mman.h>
+
 namespace {
 
 // floor() as an int. Coordinates are never negative here (i, j >= 0 and
@@ -104,6 +106,50 @@ void BuildModifyTable(tagModifyEntry* const* ppTable, const ModifyParams& p, boo
 } // namespace
 
 namespace imageproc {
+
+namespace {
+const size_t kPage = 4096;
+} // namespace
+
+CTableArena::CTableArena(size_t nBytes) : m_p(nullptr), m_nBytes(0), m_nUsed(0)
+{
+    void* p = ::mmap(nullptr, nBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED)
+        return;
+#if defined(MADV_HUGEPAGE)
+    ::madvise(p, nBytes, MADV_HUGEPAGE);  // advice only: its failure changes nothing
+#endif
+    m_p = static_cast<unsigned char*>(p);
+    m_nBytes = nBytes;
+}
+
+CTableArena::~CTableArena()
+{
+    if (m_p != nullptr)
+        ::munmap(m_p, m_nBytes);
+}
+
+size_t CTableArena::RowBytes(size_t nEntries)
+{
+    return (nEntries * sizeof(tagModifyEntry) + kPage - 1) / kPage * kPage;
+}
+
+tagModifyEntry* CTableArena::Row(size_t nEntries)
+{
+    const size_t nBytes = RowBytes(nEntries);
+    if (m_p == nullptr || m_nBytes - m_nUsed < nBytes)
+        return nullptr;
+    // Zero-filled by the kernel and suitably aligned for the entries.
+    tagModifyEntry* const pRow = reinterpret_cast<tagModifyEntry*>(m_p + m_nUsed);
+    m_nUsed += nBytes;
+    return pRow;
+}
+
+bool CTableArena::Holds(const void* p) const
+{
+    const unsigned char* const pBy = static_cast<const unsigned char*>(p);
+    return m_p != nullptr && pBy >= m_p && pBy < m_p + m_nBytes;
+}
 
 void BuildFreshModifyTables(tagModifyEntry* const* ppTable, tagModifyEntry* const* ppTableEx)
 {

@@ -7,9 +7,37 @@
 
 #include "tavk05/isproc.h"
 
+#include <cstddef>
+
 namespace imageproc {
 
 void BuildFreshModifyTables(tagModifyEntry* const* ppTable, tagModifyEntry* const* ppTableEx);
+
+// Memory for the rows of the modify tables: one anonymous mapping, handed
+// out row by row, each row starting on a page. The rows are written once,
+// in the constructor, and only their first half; with the whole 48 MB in
+// one mapping the kernel may back it with huge pages, so that it is
+// faulted in a few dozen steps instead of page by page. Without the
+// mapping (Empty), the rows come from the heap.
+class CTableArena {
+public:
+    explicit CTableArena(size_t nBytes);
+    ~CTableArena();
+    CTableArena(const CTableArena&) = delete;
+    CTableArena& operator=(const CTableArena&) = delete;
+
+    // Bytes of a row of nEntries entries, rounded up to whole pages.
+    static size_t RowBytes(size_t nEntries);
+
+    // The next row of nEntries entries, or null when the arena has no room.
+    tagModifyEntry* Row(size_t nEntries);
+    bool Holds(const void* p) const;
+
+private:
+    unsigned char* m_p;  // the mapping, or null
+    size_t m_nBytes;
+    size_t m_nUsed;
+};
 
 } // namespace imageproc
 
