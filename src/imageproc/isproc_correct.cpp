@@ -14,6 +14,11 @@
 // destination, and pixels outside the window are not computed. The stored
 // bytes are the same.
 //
+// A table shaped as the build shapes it is read through its compact form
+// (correct_geometry.h), 6 bytes per entry of the window instead of 56:
+// the entries are far larger than the caches, and reading them was most of
+// the time of a frame.
+//
 // The vector kernels are in correct_sse2.cpp.
 #include "imageproc/correct_geometry.h"
 #include "tavk05/isproc.h"
@@ -190,8 +195,7 @@ void ResampleInTwoPasses(const tagModifyEntry* const* ppTable, const unsigned ch
 
 // Both halves of the interpolating correction over the W rows of a modify
 // table, read entry by entry: every usable entry produces its right-half
-// pixel from the image and its left-half pixel from the mirrored image,
-// entry by entry. With the targets placed as the table build places them,
+// pixel from the image and its left-half pixel from the mirrored image. With the targets placed as the table build places them,
 // right and left targets of different entries never coincide, and the
 // centre column, targeted by both halves of entry 0, keeps the left value
 // as it is stored second -- as if the whole right half had been computed
