@@ -6,12 +6,6 @@
 
 #include "isensor.h"
 
-#include <memory>
-
-namespace imageproc {
-class CTableArena;
-}
-
 // One output pixel pair of a modify-table row: the pixel j to the right of
 // the output's centre column and its mirror j to the left.
 struct tagModifyEntry {
@@ -105,13 +99,13 @@ private:
     CImageProc(const CImageProc&);
     CImageProc& operator=(const CImageProc&);
 
-    // A compact form of each modify table for the interpolating
-    // corrections, derived from the table when it is first used and again
-    // after InitModifyTable or InitModifyTableEx; empty until then.
-    struct CCorrectCache;
-    std::unique_ptr<CCorrectCache> m_pCorrectCache;
-    // The memory of the modify-table rows.
-    std::unique_ptr<imageproc::CTableArena> m_pTableArena;
+    // What only the library's own code uses: the memory of the modify-table
+    // rows, and a compact form of each table for the interpolating
+    // corrections, derived from the table when a correction first reads it
+    // and again after InitModifyTable or InitModifyTableEx. Owned, made by
+    // the constructor.
+    struct CPrivate;
+    CPrivate* m_pPrivate;
 };
 
 #endif

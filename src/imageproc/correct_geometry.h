@@ -4,6 +4,7 @@
 #ifndef TAVK05_SRC_IMAGEPROC_CORRECT_GEOMETRY_H
 #define TAVK05_SRC_IMAGEPROC_CORRECT_GEOMETRY_H
 
+#include "imageproc/modify_tables.h"
 #include "tavk05/isproc.h"
 
 #include <cstddef>
@@ -220,16 +221,18 @@ size_t ReverseOuterSse2(unsigned char* p, size_t n);
 
 } // namespace imageproc
 
-// What the processor remembers between corrections: the compact form of
-// each modify table, derived at the first correction that reads the table
-// and again after the table is rebuilt. bChecked without a compact form
-// means the table has another shape and is read entry by entry.
-struct CImageProc::CCorrectCache {
+// What the processor keeps besides its public fields: the arena of the
+// modify-table rows, and per table the compact form that the corrections
+// read, derived at the first correction that reads the table and again
+// after the table is rebuilt. A slot checked without a compact form means
+// the table has another shape and is read entry by entry.
+struct CImageProc::CPrivate {
     struct Slot {
         bool bChecked = false;
         const tagModifyEntry* const* ppTable = nullptr;  // the table checked
         std::unique_ptr<imageproc::CCompactTable> pCompact;
     };
+    std::unique_ptr<imageproc::CTableArena> pArena;
     Slot calc;
     Slot ex;
 

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <utility>
 
 namespace {
 
@@ -73,7 +72,7 @@ private:
 CImageProc::CImageProc()
     : m_bRollStarted(0), m_nRollCenter(0), m_nRollLeft(0), m_nRollRight(0), m_nRollDirection(0),
       m_bContrastTable(0), m_pBackground(nullptr), m_nDeviceType(0), m_nFingerWinX(0), m_nFingerWinY(0),
-      m_ppModifyTable(nullptr), m_ppModifyTableEx(nullptr)
+      m_ppModifyTable(nullptr), m_ppModifyTableEx(nullptr), m_pPrivate(nullptr)
 {
     // A failed allocation throws std::bad_alloc out of here; the sensor's
     // creation catches it. Everything allocated so far is released by the
@@ -91,17 +90,19 @@ CImageProc::CImageProc()
     m_bRollStarted = 0;
     m_nDeviceType = 0;
 
-    // The rows of both tables in one mapping; without it, from the heap.
-    std::unique_ptr<imageproc::CTableArena> pArena(new imageproc::CTableArena(
-        imageproc::CTableArena::RowBytes(MODIFY_SIZE) * MODIFY_SIZE +
-        imageproc::CTableArena::RowBytes(MODIFY_SIZE_EX) * MODIFY_SIZE_EX));
-    CTableHolder table(MODIFY_SIZE, MODIFY_SIZE, pArena.get());
-    CTableHolder tableEx(MODIFY_SIZE_EX, MODIFY_SIZE_EX, pArena.get());
+    // The private part, with the arena that holds the rows of both tables
+    // in one mapping (without the mapping, the rows come from the heap).
+    std::unique_ptr<CPrivate> pPrivate(new CPrivate);
+    pPrivate->pArena.reset(new imageproc::CTableArena(imageproc::CTableArena::RowBytes(MODIFY_SIZE) * MODIFY_SIZE +
+                                                      imageproc::CTableArena::RowBytes(MODIFY_SIZE_EX) *
+                                                          MODIFY_SIZE_EX));
+    CTableHolder table(MODIFY_SIZE, MODIFY_SIZE, pPrivate->pArena.get());
+    CTableHolder tableEx(MODIFY_SIZE_EX, MODIFY_SIZE_EX, pPrivate->pArena.get());
 
     m_pBackground = pBackground.release();
     m_ppModifyTable = table.Release();
     m_ppModifyTableEx = tableEx.Release();
-    m_pTableArena = std::move(pArena);
+    m_pPrivate = pPrivate.release();
 
     // InitModifyTable and InitModifyTableEx on rows not yet written.
     imageproc::BuildFreshModifyTables(m_ppModifyTable, m_ppModifyTableEx);
@@ -112,12 +113,14 @@ CImageProc::CImageProc()
 
 CImageProc::~CImageProc()
 {
-    m_pCorrectCache.reset();
     delete[] m_pBackground;
     m_pBackground = nullptr;
-    CTableHolder::Free(m_ppModifyTable, MODIFY_SIZE, m_pTableArena.get());
+    // The rows first, then the arena they may lie in.
+    const imageproc::CTableArena* const pArena = m_pPrivate != nullptr ? m_pPrivate->pArena.get() : nullptr;
+    CTableHolder::Free(m_ppModifyTable, MODIFY_SIZE, pArena);
     m_ppModifyTable = nullptr;
-    CTableHolder::Free(m_ppModifyTableEx, MODIFY_SIZE_EX, m_pTableArena.get());
+    CTableHolder::Free(m_ppModifyTableEx, MODIFY_SIZE_EX, pArena);
     m_ppModifyTableEx = nullptr;
-    m_pTableArena.reset();
+    delete m_pPrivate;
+    m_pPrivate = nullptr;
 }

@@ -366,7 +366,7 @@ bool CCompactTable::Derive(const tagModifyEntry* const* ppTable)
 } // namespace imageproc
 
 template <class G>
-const CCompactTable* CImageProc::CCorrectCache::Compact(Slot& slot, const tagModifyEntry* const* ppTable)
+const CCompactTable* CImageProc::CPrivate::Compact(Slot& slot, const tagModifyEntry* const* ppTable)
 {
     if (!slot.bChecked || slot.ppTable != ppTable) {
         slot.bChecked = true;
@@ -439,10 +439,8 @@ int CImageProc::CorrectImageCalc(unsigned char* pSrc, unsigned long /*nSrcWidth*
     for (unsigned p = 0; p < CalcGeometry::kSrcRows; ++p)
         apRow[p] = pImage + static_cast<size_t>(p) * CalcGeometry::kSrcWidth;
 
-    if (!m_pCorrectCache)
-        m_pCorrectCache.reset(new (std::nothrow) CCorrectCache);
     const CCompactTable* pCompact =
-        m_pCorrectCache ? CCorrectCache::Compact<CalcGeometry>(m_pCorrectCache->calc, m_ppModifyTable) : nullptr;
+        m_pPrivate ? CPrivate::Compact<CalcGeometry>(m_pPrivate->calc, m_ppModifyTable) : nullptr;
     ResampleInto<CalcGeometry>(m_ppModifyTable, pCompact, apRow, pDst, nDstWidth, nDstHeight, *this);
     return 1;
 }
@@ -505,10 +503,8 @@ int CImageProc::CorrectImageCalcEx(unsigned char* pSrc, unsigned long nSrcWidth,
         }
     }
 
-    if (!m_pCorrectCache)
-        m_pCorrectCache.reset(new (std::nothrow) CCorrectCache);
     const CCompactTable* pCompact =
-        m_pCorrectCache ? CCorrectCache::Compact<ExGeometry>(m_pCorrectCache->ex, m_ppModifyTableEx) : nullptr;
+        m_pPrivate ? CPrivate::Compact<ExGeometry>(m_pPrivate->ex, m_ppModifyTableEx) : nullptr;
     ResampleInto<ExGeometry>(m_ppModifyTableEx, pCompact, apRow, pDst, nDstWidth, nDstHeight, *this);
     return 1;
 }

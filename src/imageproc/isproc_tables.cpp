@@ -164,13 +164,13 @@ void BuildFreshModifyTables(tagModifyEntry* const* ppTable, tagModifyEntry* cons
 void CImageProc::InitModifyTable()
 {
     BuildModifyTable(m_ppModifyTable, kTable, false);
-    if (m_pCorrectCache)
-        m_pCorrectCache->calc = CCorrectCache::Slot();
+    if (m_pPrivate)
+        m_pPrivate->calc = CPrivate::Slot();
 }
 
 void CImageProc::InitModifyTableEx()
 {
     BuildModifyTable(m_ppModifyTableEx, kTableEx, false);
-    if (m_pCorrectCache)
-        m_pCorrectCache->ex = CCorrectCache::Slot();
+    if (m_pPrivate)
+        m_pPrivate->ex = CPrivate::Slot();
 }

@@ -15,10 +15,10 @@ void BuildFreshModifyTables(tagModifyEntry* const* ppTable, tagModifyEntry* cons
 
 // Memory for the rows of the modify tables: one anonymous mapping, handed
 // out row by row, each row starting on a page. The rows are written once,
-// in the constructor, and only their first half; with the whole 48 MB in
-// one mapping the kernel may back it with huge pages, so that it is
+// in the constructor, and only their first half; with all 51 MB in one
+// mapping the kernel may back it with huge pages, so that it is
 // faulted in a few dozen steps instead of page by page. Without the
-// mapping (Empty), the rows come from the heap.
+// mapping, Row has nothing to give and the rows come from the heap.
 class CTableArena {
 public:
     explicit CTableArena(size_t nBytes);
