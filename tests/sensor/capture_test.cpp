@@ -55,10 +55,13 @@ TEST_P(CapturePathTest, FinishedImageOfTheFlatFinger)
     EXPECT_EQ(GetRBWaterM(image.data(), 248, 292), 1);
 
     // The rolled-capture variant reads one bare frame inside the caller's
-    // acquisition: no requests, no averaging, marks of the full image.
+    // acquisition: no requests, no averaging, marks of the full image; it
+    // leaves the last status, and refuses a null image with 3.
     tavk05virt::ClearLog(0);
     image.assign(IMG_PIXELS, kUntouched);
-    ASSERT_TRUE(pSensor->CaptureImageForRoll(image.data(), true));
+    pSensor->m_nError = 53;
+    EXPECT_EQ(pSensor->GetImageForRoll(nullptr, 0) * 10 + pSensor->GetImageForRoll(image.data(), 0), 30ul);
+    EXPECT_EQ(pSensor->GetError(), 53ul);
     EXPECT_EQ(State(0).nReads - nReads, path.nReads + 1);
     EXPECT_TRUE(tavk05virt::RequestLog(0).empty());
     EXPECT_EQ(Digest(image), path.nRollDigest);

@@ -481,18 +481,4 @@ TEST_F(LiveTest, FixedArgumentForms)
     }
 }
 
-// GetImageForRoll reads one marked frame without acquisition requests and
-// leaves the last status; a null image is 3.
-TEST_F(LiveTest, ImageForRoll)
-{
-    Open(4, "flat");
-    m_pSensor->m_nError = 53;
-    EXPECT_EQ(m_pSensor->GetImageForRoll(nullptr, 0), 3ul);
-    EXPECT_EQ(m_pSensor->GetImageForRoll(m_image.data(), 0), 0ul);
-    EXPECT_EQ(Reads(), 1u);
-    EXPECT_TRUE(tavk05virt::RequestLog(0).empty());
-    EXPECT_EQ(GetLTWaterM(m_image.data(), 600, 600) + GetRBWaterM(m_image.data(), 600, 600), 2);
-    EXPECT_EQ(m_pSensor->GetError(), 53ul);
-}
-
 }  // namespace

@@ -206,17 +206,6 @@ TEST_F(SensorTest, SettersAndWhatReachesTheUnit)
         if (c.nExposureSent < 0) { EXPECT_TRUE(vec.empty() || vec.back().bFailed); }
         else { EXPECT_TRUE(vec.size() == 1 && vec[0].vecBlock == OptionBlock(c.nExposureSent, c.nGainSent)); }
     }
-    // Tuning is 4 and leaves the last status; it dispatches through the virtual table.
-    struct CTuning : COberin {
-        CTuning() : COberin(nullptr) {}
-        unsigned long AutoTunning() override { return 77; }
-    } tuning;
-    tuning.m_nError = 57;
-    EXPECT_EQ(tuning.COberin::AutoTunning(), 4ul);
-    EXPECT_EQ(tuning.AutoTuning(), 77ul);
-    EXPECT_EQ(tuning.GetError(), 57ul);
-    EXPECT_EQ(tuning.SetPixelInvert(false) + static_cast<unsigned long>(tuning.m_bPixelInvert), 0ul);
-    EXPECT_EQ(tuning.GetError(), 0ul);
 }
 
 // Registers: 0 capture options, 1 scan mode, 155 roll mode (only models 3,
