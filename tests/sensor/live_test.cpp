@@ -8,7 +8,6 @@
 #include <functional>
 
 #include "sensor_fixture.h"
-#include "tavk05/mark.h"
 
 namespace {
 
