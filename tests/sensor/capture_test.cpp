@@ -1,6 +1,6 @@
 // Single capture on the virtual scanner: the finished image of every model
-// and firmware class pinned by its digest, the latent pre-check and the
-// refusals around a capture, the grey levels the sensor adds, and DoModify.
+// and firmware class pinned by its digest (shading and scaling included), the
+// latent pre-check and the refusals around a capture, and DoModify.
 #include <climits>
 #include <ostream>
 
@@ -137,42 +137,6 @@ TEST_F(SensorTest, CaptureAroundTheLatentCheck)
         if (c.cImage == 'u') { EXPECT_EQ(nUntouched, image.size()); }
         if (c.cImage == 'w') { EXPECT_TRUE(nWhite == nNominal && nWhite + nUntouched == image.size()) << nWhite; }
         if (c.cImage == 'c') { EXPECT_EQ(GetLTWaterM(image.data(), 228, 292), 1); }
-    }
-}
-
-// Models 5 and 6 add the shading table and scale the level above 90 by the
-// contrast factor, limited to 255; the other models keep the corrected level
-// (the interpolating corrections may lose one).
-TEST_F(SensorTest, GreyLevelsAfterTheCorrection)
-{
-    int nMaxShade = 0;
-    for (int i = 0; i < IMG_PIXELS; ++i) nMaxShade = std::max<int>(nMaxShade, pModBuf[i]);
-    ASSERT_LE(nMaxShade, 90);
-    const struct {
-        std::string strUnit;
-        unsigned long nContrast;
-        int nLow, nHigh;  // every level of the image lies in [nLow, nHigh]
-        int nMaxAt;       // level where the shading is largest, -1: not checked
-    } aCases[] = {
-        {"model=5,levels=" + std::to_string(90 - nMaxShade), 20, 0, 0, -1},
-        {"model=5,levels=" + std::to_string(91 - nMaxShade), 16, 0, 1, 1},  // 1 x 1.55 truncates to 1
-        {"model=5,levels=255", 16, 255, 255, -1},                          // 165 x 1.55 = 255.75
-        {"model=6,levels=120", 100, 94, 255, -1},                         // 30 x 3.15 = 94.5
-        {"model=6,levels=100", 0, 11, (10 + nMaxShade) * 115 / 100, -1},  // 10 x 1.15 = 11.5
-        {"model=4,levels=200", 100, 200, 200, -1},
-        {"model=7,fw=0x2FFF,levels=200", 100, 199, 200, -1},
-        {"model=8,fw=0x3000,levels=200", 100, 199, 200, -1},
-    };
-    for (const auto& c : aCases) {
-        SCOPED_TRACE(c.strUnit);
-        std::unique_ptr<COberin> pSensor = OpenSensor(c.strUnit);
-        ASSERT_EQ(pSensor->SetContrast(c.nContrast), 0ul);
-        Bytes image(IMG_PIXELS, kUntouched);
-        ASSERT_TRUE(pSensor->CaptureImage(image.data(), false));
-        EXPECT_EQ(*std::min_element(image.begin(), image.end()), c.nLow);
-        EXPECT_EQ(*std::max_element(image.begin(), image.end()), c.nHigh);
-        for (int i = 0; c.nMaxAt >= 0 && i < IMG_PIXELS; ++i)
-            ASSERT_EQ(image[i], pModBuf[i] == nMaxShade ? c.nMaxAt : 0) << i;
     }
 }
 
