@@ -246,6 +246,16 @@ TEST_F(Compose, StepsNearTheSidesMatchTheModel)
             }
         }
     }
+    // First frames of faint fingers on a flat background: steps of exactly 15 and 18 after conversion, and
+    // profiles peaking at 46 and 50.
+    for (int nSetup : {0, 1}) {
+        for (const auto& f :
+             {std::make_pair(5, 600), std::make_pair(6, 600), std::make_pair(85, 48), std::make_pair(85, 52)}) {
+            Setup(nSetup, 250, gen);
+            Rolling(0, 0, 0);
+            Call(Frame(100, 300, *m_pProc, gen, f.first, f.second), 1);
+        }
+    }
     EXPECT_GT(m_anResults[0], 50);
     EXPECT_GT(m_anResults[1], 10);
     EXPECT_EQ(0, m_pProc->ImageComposition(nullptr, nullptr, 0, -4, 1.0f));

@@ -1,6 +1,6 @@
 // Single capture on the virtual scanner: the finished image of every model
-// and firmware class pinned by its digest (shading and scaling included), the
-// latent pre-check and the refusals around a capture, and DoModify.
+// and firmware class pinned by its digest, the latent pre-check and the
+// refusals around a capture, the limits of the shading, and DoModify.
 #include <climits>
 #include <ostream>
 
@@ -137,6 +137,33 @@ TEST_F(SensorTest, CaptureAroundTheLatentCheck)
         if (c.cImage == 'u') { EXPECT_EQ(nUntouched, image.size()); }
         if (c.cImage == 'w') { EXPECT_TRUE(nWhite == nNominal && nWhite + nUntouched == image.size()) << nWhite; }
         if (c.cImage == 'c') { EXPECT_EQ(GetLTWaterM(image.data(), 228, 292), 1); }
+    }
+}
+
+// Models 5 and 6 add the shading table and scale the level above 90 by the
+// contrast factor, truncated and limited to 255: the saturation and the
+// floor the flat finger of the digests does not reach.
+TEST_F(SensorTest, ShadingAndScaleAtTheirLimits)
+{
+    const int nMaxShade = *std::max_element(pModBuf, pModBuf + IMG_PIXELS);
+    const struct {
+        std::string strUnit;
+        unsigned long nContrast;
+        int nLow, nHigh;  // every level of the image lies in [nLow, nHigh]
+    } aCases[] = {
+        {"model=5,levels=" + std::to_string(91 - nMaxShade), 16, 0, 1},  // 1 x 1.55 truncates to 1
+        {"model=5,levels=255", 16, 255, 255},                           // 165 x 1.55 = 255.75
+        {"model=6,levels=120", 100, 94, 255},                           // 30 x 3.15 = 94.5
+        {"model=6,levels=100", 0, 11, (10 + nMaxShade) * 115 / 100},    // 10 x 1.15 = 11.5
+    };
+    for (const auto& c : aCases) {
+        SCOPED_TRACE(c.strUnit);
+        std::unique_ptr<COberin> pSensor = OpenSensor(c.strUnit);
+        ASSERT_EQ(pSensor->SetContrast(c.nContrast), 0ul);
+        Bytes image(IMG_PIXELS, kUntouched);
+        ASSERT_TRUE(pSensor->CaptureImage(image.data(), false));
+        EXPECT_EQ(*std::min_element(image.begin(), image.end()) * 1000 + *std::max_element(image.begin(), image.end()),
+                  c.nLow * 1000 + c.nHigh);
     }
 }
 
