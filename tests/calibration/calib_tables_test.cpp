@@ -1,7 +1,9 @@
 // The coordinate and shading tables linked into the driver are what the
 // calibration model generates (the virtual scanner inverts that model, so a
-// stale generated file would fail here); whether they straighten an image is
-// the round trip's to show.
+// stale generated file would fail here), and every model profile has the
+// correction path of its geometry; whether the tables straighten an image is
+// the round trip's to show, which also ties the model's geometry to the
+// driver's modify tables.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,9 +11,23 @@
 #include <vector>
 
 #include "calibration/calibmodel.h"
+#include "profile/model_profile.h"
 #include "tavk05/isproc.h"
 
 namespace {
+
+TEST(CalibPaths, EveryModelProfileHasThePathOfItsGeometry)
+{
+    for (const tavk05profile::ModelProfile& row : tavk05profile::kProfiles) {
+        const int nFirmware = row.bNewFirmware ? tavk05profile::kFirstNewFirmware : tavk05profile::kFirmware1103;
+        const tavk05cal::Path ePath = tavk05cal::PathForDevice(row.nDeviceType, static_cast<unsigned>(nFirmware));
+        const tavk05cal::CGeometry geo(ePath);
+        EXPECT_EQ(static_cast<int>(row.nRawWidth * 10000 + row.nRawHeight), geo.RawWidth() * 10000 + geo.RawHeight())
+            << row.nDeviceType << "/" << row.bNewFirmware;
+        const bool bCalc = ePath == tavk05cal::PATH_CALC_1288 || ePath == tavk05cal::PATH_CALC_1800;
+        EXPECT_EQ(row.eCorrection != tavk05profile::kCorrectTables, bCalc) << row.nDeviceType;
+    }
+}
 
 const int kStride = 660;
 

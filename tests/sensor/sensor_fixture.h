@@ -83,11 +83,8 @@ protected:
         const char* pszTmp = std::getenv("TAVK05_TEST_TMP");
         m_strDir = (pszTmp != nullptr && *pszTmp != '\0') ? pszTmp : "/tmp";
         ::mkdir(m_strDir.c_str(), 0755);
-        const ::testing::TestInfo* pInfo = ::testing::UnitTest::GetInstance()->current_test_info();
-        std::string strName = std::string(pInfo->test_suite_name()) + "-" + pInfo->name();
-        for (char& ch : strName) ch = ch == '/' ? '_' : ch;  // parameterised names
-        m_strConf = m_strDir + "/sensor-" + strName + "-" + std::to_string(static_cast<long>(::getpid())) + ".conf";
-        ::setenv("TAVK05_CONF", m_strConf.c_str(), 1);  // each test program has its own anyway
+        m_strConf = m_strDir + "/sensor-" + std::to_string(static_cast<long>(::getpid())) + ".conf";
+        ::setenv("TAVK05_CONF", m_strConf.c_str(), 1);  // the settings tests point it elsewhere
         ::unlink(m_strConf.c_str());
     }
 

@@ -89,18 +89,6 @@ protected:
     std::string m_strDir, m_strFile;
 };
 
-TEST_F(PngReadTest, WrittenImageReadsBackExactly)
-{
-    std::vector<unsigned char> vecImage(360000);
-    for (size_t i = 0; i < vecImage.size(); ++i) vecImage[i] = static_cast<unsigned char>(i * 31 + i / 600);
-    std::string strError;
-    ASSERT_TRUE(cli::WritePng(m_strFile, vecImage.data(), 600, 600, &strError)) << strError;
-    std::vector<unsigned char> vecBack;
-    unsigned nW = 0, nH = 0;
-    ASSERT_TRUE(cli::ReadPng(m_strFile, &vecBack, &nW, &nH, &strError)) << strError;
-    EXPECT_EQ(vecBack, vecImage);
-}
-
 TEST_F(PngReadTest, OtherSizesAndFormatsAreNamed)
 {
     const char* const pszNotGrey = "not a 600 x 600 8-bit grey image";
