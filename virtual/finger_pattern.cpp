@@ -242,6 +242,10 @@ FingerGenome MakeGenome(uint32_t nSeed)
     // so a full roll (scene_model.h) ends on the ridges before the far nail.
     g.fOutlineA = 0.78 * g.fContactA + rng.Range(150.0, 160.0);
     g.fOutlineB = rng.Range(245.0, 265.0);
+    // Pads are not symmetric: the arcs around the tip centre left or right
+    // of the finger's axis, and the ridges toward the joint slope a little.
+    g.fTipCentreX = 300.0 + rng.Range(-40.0, 40.0);
+    g.fBaseSlope = rng.Range(-0.15, 0.15);
     return g;
 }
 
@@ -276,7 +280,7 @@ double CFingerPattern::Orientation(double x, double y) const
     const double fCoreY = g.nCores > 0 ? g.aptCore[0].y : 300.0;
     const double fTipWeight = 1.0 - fmath::SmoothStep(fCoreY - 60.0, fCoreY + 230.0, y);
     const double fDepth = g.fTipCentreY - y;
-    const double fTip = fTipWeight * fmath::Atan(g.fTipBend * (x - 300.0) / (fDepth > 60.0 ? fDepth : 60.0));
+    const double fTip = fTipWeight * fmath::Atan(g.fTipBend * (x - g.fTipCentreX) / (fDepth > 60.0 ? fDepth : 60.0));
     fTheta += fTip;
     // Towards the first joint the ridges run level again.
     fTheta -= g.fTheta0 * fmath::SmoothStep(fCoreY + 90.0, fCoreY + 330.0, y);
@@ -287,6 +291,8 @@ double CFingerPattern::Orientation(double x, double y) const
         const double fAway = fmath::SmoothStep(g.fPatternInner, g.fPatternOuter, PatternDistance(g, x, y));
         fTheta += fAway * (fTip - fTheta);
     }
+    // Towards the joint the ridges run across the finger at its own slope.
+    fTheta += g.fBaseSlope * fmath::SmoothStep(fCoreY + 60.0, fCoreY + 300.0, y);
 
     for (int i = 0; i < 6; ++i) {
         fTheta += m_afFlow[i][3] * fmath::Cos(m_afFlow[i][0] * x + m_afFlow[i][1] * y + m_afFlow[i][2]);

@@ -48,10 +48,12 @@ struct FingerGenome {
     int nDeltas;
     FingerPoint aptDelta[2];
     double fTheta0;        // base angle of the zero-pole orientation model
-    double fTipCentreY;    // ridges above the core follow arcs around (300, this)
+    double fTipCentreX;    // ridges above the core follow arcs around this point
+    double fTipCentreY;
     double fTipBend;       // strength of that bending
     double fPatternInner;  // within this distance of a core-delta pair the flow is the pattern's own,
     double fPatternOuter;  // beyond this one it follows the finger's outline
+    double fBaseSlope;     // slope of the ridges toward the first joint, radians
     double fArchHeight;    // arch only: rise of the central hump
     double fArchWidth;     // arch only: width of the hump
     double fTilt;          // slant of the pattern against the finger's axis, radians
