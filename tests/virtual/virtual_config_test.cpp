@@ -7,9 +7,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "virtual/virtual_fixture.h"
+#include "virtual_unit_test.h"
 
 namespace {
+
+using VirtualTest = VirtualUnitTest;
 
 // idVendor, idProduct and bcdDevice of unit nIndex, as its descriptor tells.
 std::vector<unsigned> DescriptorOf(int nIndex)
@@ -46,12 +48,11 @@ TEST_F(VirtualTest, SerialAppearsInDeviceId)
 {
     AttachUnits("0:model=5,serial=X9.y_z-1;1:model=8");
     const tavk05virt::UnitState state = State(0);
-    EXPECT_EQ(std::string("TAVK05-5-X9.y_z-1"), reinterpret_cast<const char*>(state.abyDeviceId));
-    EXPECT_EQ(std::vector<unsigned char>(64 - 18, 0), std::vector<unsigned char>(state.abyDeviceId + 18,
-                                                                                 state.abyDeviceId + 64));
+    const unsigned char* p = state.abyDeviceId;
+    EXPECT_EQ(std::string("TAVK05-5-X9.y_z-1") + std::string(64 - 17, '\0'), std::string(p, p + 64));
     // Units differ without a serial given.
-    EXPECT_NE(0, std::memcmp(State(1).abyDeviceId + 9, state.abyDeviceId + 9, 8));
-    EXPECT_EQ(0, std::memcmp(State(1).abyDeviceId, "TAVK05-8-", 9));
+    const std::string strOther(reinterpret_cast<const char*>(State(1).abyDeviceId), 17);
+    EXPECT_TRUE(strOther.compare(0, 9, "TAVK05-8-") == 0 && strOther.compare(9, 8, std::string(p + 9, p + 17)) != 0);
 }
 
 TEST_F(VirtualTest, BadSyntaxIsRefusedWithAMessageNamingTheProblem)
