@@ -282,10 +282,15 @@ bool VirtualRead(int fd, void* pBuf, size_t nBytes, ssize_t* pResult)
             // A read of the real node may block until the device has a frame:
             // it runs outside the lock on a duplicate of the descriptor, which
             // the host cannot close (nor the kernel hand out again) meanwhile.
-            fdReal = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+            // The descriptor is checked again first: the host may have closed
+            // it while the read was paced.
+            const FdEntry* pEntry = FindFd(reg, fd);
+            const bool bSame = pEntry != nullptr && pEntry->nGeneration == nGeneration && pEntry->nHandle == nHandle;
+            fdReal = bSame ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : -1;
             if (fdReal < 0) {
-                nResult = -errno;
+                nResult = bSame ? -errno : -EBADF;
                 if (pRecorder) pRecorder->Read(nHandle, nBytes, nResult, pBuf);
+                pRecorder.reset();  // the unit still holds it
                 pUnit->PassedThrough();
                 SetReadResult(nResult, pResult);
                 return true;
