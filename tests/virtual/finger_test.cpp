@@ -301,7 +301,8 @@ TEST(FingerImpression, EachImpressionLaysTheSkinAnew)
         const Impression again = MakeImpression(g.nSeed, nNumber);
         EXPECT_TRUE(imp.fShiftY == again.fShiftY && imp.fTwist == again.fTwist && imp.fDragX == again.fDragX &&
                     imp.afWobble[1][2] == again.afWobble[1][2]);
-        EXPECT_TRUE(std::fabs(flat.fCx + imp.fShiftX - pose.fCx) < 1e-9 && pose.fPressure == flat.fPressure * imp.fPressure);
+        EXPECT_TRUE(std::fabs(flat.fCx + imp.fShiftX - pose.fCx) < 1e-9 &&
+                    pose.fPressure == flat.fPressure * imp.fPressure);
         // The centre of the contact sticks: there the skin has only moved
         // with the finger, by the shift.
         double sx = 0.0;

@@ -144,7 +144,9 @@ TEST(VirtualEnvironment, EnvironmentConfiguresUnitsAtLoad)
     EXPECT_LT(strOut.find("tavk05-virtual: unit 2"), nUnits) << strOut;
     EXPECT_LT(strOut.find("nokey"), nUnits) << strOut;
     int nTold = 0;  // each told once, nothing else
-    for (size_t i = strOut.find("tavk05-virtual:"); i != std::string::npos; i = strOut.find("tavk05-virtual:", i + 1)) ++nTold;
+    for (size_t i = strOut.find("tavk05-virtual:"); i != std::string::npos; i = strOut.find("tavk05-virtual:", i + 1)) {
+        ++nTold;
+    }
     EXPECT_EQ(2, nTold) << strOut;
 }
 

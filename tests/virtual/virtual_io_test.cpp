@@ -105,9 +105,7 @@ TEST_F(VirtualTest, VirtualDescriptorsAreRealDescriptors)
     EXPECT_TRUE(State(0).bOpen);  // fdB still open
     EXPECT_EQ(0, close(fdB) + close(fdC));
     EXPECT_FALSE(State(0).bOpen);
-    errno = 0;
-    EXPECT_EQ(-1, close(fdB));
-    EXPECT_EQ(EBADF, errno);
+    EXPECT_TRUE(close(fdB) == -1 && errno == EBADF);
     EXPECT_EQ(2, State(0).nCloseCount);
     unsigned char aby[18];
     EXPECT_EQ(-1, ioctl(fdB, 4, aby));
@@ -132,8 +130,7 @@ TEST_F(VirtualTest, DescriptorBlockAndRequestLog)
     EXPECT_EQ(std::vector<unsigned char>(18, 0xFF), vecLog[0].vecBlock);  // as it arrived
     EXPECT_TRUE(!vecLog[1].bFailed && vecLog[2].bFailed);
     tavk05virt::ClearLog(0);
-    EXPECT_TRUE(tavk05virt::RequestLog(0).empty());
-    EXPECT_EQ(3u, State().nRequests);
+    EXPECT_TRUE(tavk05virt::RequestLog(0).empty() && State().nRequests == 3u);
     close(fd);
 }
 
@@ -208,17 +205,12 @@ TEST_F(VirtualTest, DetachedReplacedOrStaleDescriptorsAreNotTheUnit)
     const int fd1 = OpenNode(1);
     AttachUnits("0:model=8");
     unsigned char aby[64];
-    errno = 0;
-    EXPECT_EQ(-1, ioctl(fd0, 9, aby));
-    EXPECT_EQ(ENODEV, errno);
+    EXPECT_TRUE(ioctl(fd0, 9, aby) == -1 && errno == ENODEV);
     EXPECT_EQ(0, State(0).nOpenCount);  // a fresh unit
     EXPECT_EQ(0, ioctl(fd1, 9, aby));
     tavk05virt::DetachAll();
-    errno = 0;
-    EXPECT_EQ(-1, read(fd1, aby, sizeof aby));
-    EXPECT_EQ(ENODEV, errno);
-    EXPECT_EQ(0, close(fd0));
-    EXPECT_EQ(0, close(fd1));
+    EXPECT_TRUE(read(fd1, aby, sizeof aby) == -1 && errno == ENODEV);
+    EXPECT_EQ(0, close(fd0) + close(fd1));
 
     // A descriptor closed behind the interposers' back and reused by the
     // kernel for a plain file is that file.
@@ -267,15 +259,12 @@ TEST_F(VirtualTest, ConcurrentUseKeepsCountsExact)
         close(fd);
     };
     std::thread t0(worker, 0), t1(worker, 0), t2(worker, 1);
-    t0.join();
-    t1.join();
-    t2.join();
+    for (std::thread* p : {&t0, &t1, &t2}) p->join();
     EXPECT_EQ(0, nFailures.load());
-    EXPECT_EQ(2u * nRounds, State(0).nReads);
-    EXPECT_EQ(2u * nRounds, State(0).nRequests);
+    const tavk05virt::UnitState state = State(0);
+    EXPECT_TRUE(state.nReads == 2u * nRounds && state.nRequests == 2u * nRounds && state.nCloseCount == 2 &&
+                !state.bOpen);
     EXPECT_EQ(static_cast<unsigned long>(nRounds), State(1).nReads);
-    EXPECT_EQ(2, State(0).nCloseCount);
-    EXPECT_FALSE(State(0).bOpen);
 }
 
 // ---------------------------------------------------------------------------

@@ -369,17 +369,16 @@ struct PairScore {
 // Keeps the ten highest scores, one entry per finger pair.
 void NoteWorst(std::vector<PairScore>* pvec, const PairScore& pair)
 {
-    for (PairScore& p : *pvec) {
-        if (p.nProbe == pair.nProbe && p.nEnrolled == pair.nEnrolled) {
-            p.nScore = std::max(p.nScore, pair.nScore);
-            std::sort(pvec->begin(), pvec->end(), [](const PairScore& a, const PairScore& b) { return a.nScore > b.nScore; });
-            return;
-        }
+    const auto it = std::find_if(pvec->begin(), pvec->end(), [&](const PairScore& p) {
+        return p.nProbe == pair.nProbe && p.nEnrolled == pair.nEnrolled;
+    });
+    if (it == pvec->end()) {
+        pvec->push_back(pair);
+    } else {
+        it->nScore = std::max(it->nScore, pair.nScore);
     }
-    if (pvec->size() == 10 && pvec->back().nScore >= pair.nScore) return;
-    if (pvec->size() == 10) pvec->pop_back();
-    pvec->push_back(pair);
     std::sort(pvec->begin(), pvec->end(), [](const PairScore& a, const PairScore& b) { return a.nScore > b.nScore; });
+    if (pvec->size() > 10) pvec->pop_back();
 }
 
 bool ParseRange(const char* psz, uint32_t* pnFirst, uint32_t* pnLast)
