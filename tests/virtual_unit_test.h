@@ -3,8 +3,12 @@
 #ifndef TAVK05_TESTS_VIRTUAL_UNIT_TEST_H
 #define TAVK05_TESTS_VIRTUAL_UNIT_TEST_H
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 
 #include "tavk05/virtual.h"
@@ -31,6 +35,16 @@ protected:
         tavk05virt::UnitState state = {};
         EXPECT_TRUE(tavk05virt::GetState(nIndex, &state)) << "unit " << nIndex;
         return state;
+    }
+
+    static int OpenNode(int nIndex) { return open(("/dev/tavk05" + std::to_string(nIndex)).c_str(), O_RDONLY); }
+
+    // A scratch file path under TAVK05_TEST_TMP (or /tmp).
+    static std::string TempPath(const std::string& strName)
+    {
+        const char* pszDir = std::getenv("TAVK05_TEST_TMP");
+        return std::string(pszDir != nullptr && *pszDir != '\0' ? pszDir : "/tmp") + "/tv_" + std::to_string(getpid()) +
+               "_" + strName;
     }
 };
 

@@ -24,7 +24,7 @@ const int kHalf = CFingerPattern::kSize / 2;
 const int kRadius = 4;                        // Gabor kernel radius in cells
 const int kTaps = 2 * kRadius + 1;
 const int kOrientations = 24;                 // 7.5 degree steps
-const int kPeriods = 3;                       // 0.94, 1.00 and 1.06 times the mean
+const int kPeriods = 5;                       // 0.88 to 1.12 times the mean in steps of 0.06
 const double kPeriodStep = 0.06;
 const int kIterations = 18;
 const float kGrowthGain = 2.2f;
@@ -79,6 +79,60 @@ void NormaliseAmplitude(float* pField, float* pScratch)
     }
 }
 
+// Half the angle at which pole p sees (x, y), continuous everywhere but on
+// the ray from p in direction (fCutX, fCutY) (a unit vector), where it jumps
+// by pi.
+double HalfAngle(const FingerPoint& p, double fCutX, double fCutY, double x, double y)
+{
+    // The point turned so that the cut direction points along -x, where
+    // atan2 has its own cut; then turned back.
+    const double dx = x - p.x;
+    const double dy = y - p.y;
+    const double u = -(dx * fCutX + dy * fCutY);
+    const double v = -(dy * fCutX - dx * fCutY);
+    const double fCut = fmath::Atan2(fCutY, fCutX);
+    return 0.5 * (fmath::Atan2(v, u) + fCut + (fCut > 0.0 ? -kPi : kPi));
+}
+
+// Zero-pole model: each core turns the flow by half a turn around it, each
+// delta by half a turn the other way. Core i and delta i are a pair whose
+// cuts both run from the core through the delta and on: beyond the delta
+// the two jumps cancel, so the sum is continuous except between the core and
+// its delta, where it jumps by pi (the same orientation).
+double PoleAngle(const FingerGenome& g, double x, double y)
+{
+    double fSum = 0.0;
+    for (int i = 0; i < g.nCores; ++i) {
+        const FingerPoint& c = g.aptCore[i];
+        const FingerPoint& d = g.aptDelta[i < g.nDeltas ? i : 0];
+        const double fLength = std::sqrt((d.x - c.x) * (d.x - c.x) + (d.y - c.y) * (d.y - c.y)) + 1e-9;
+        const double ux = (d.x - c.x) / fLength;
+        const double uy = (d.y - c.y) / fLength;
+        fSum += HalfAngle(c, ux, uy, x, y);
+        if (i < g.nDeltas) fSum -= HalfAngle(d, ux, uy, x, y);
+    }
+    return fSum;
+}
+
+// Distance of (x, y) from the pattern area: the segments from each core to
+// its delta.
+double PatternDistance(const FingerGenome& g, double x, double y)
+{
+    double fBest = 1e9;
+    for (int i = 0; i < g.nCores && i < g.nDeltas; ++i) {
+        const FingerPoint& c = g.aptCore[i];
+        const FingerPoint& d = g.aptDelta[i];
+        const double ex = d.x - c.x;
+        const double ey = d.y - c.y;
+        const double t = fmath::Clamp(((x - c.x) * ex + (y - c.y) * ey) / (ex * ex + ey * ey + 1e-9), 0.0, 1.0);
+        const double dx = x - (c.x + t * ex);
+        const double dy = y - (c.y + t * ey);
+        const double f = std::sqrt(dx * dx + dy * dy);
+        if (f < fBest) fBest = f;
+    }
+    return fBest;
+}
+
 }  // namespace
 
 const char* FingerClassName(FingerClass eClass)
@@ -102,12 +156,19 @@ FingerGenome MakeGenome(uint32_t nSeed)
     const uint32_t nDraw = rng.Below(100);
     g.eClass = nDraw < 33 ? kClassLeftLoop : nDraw < 65 ? kClassRightLoop : nDraw < 95 ? kClassWhorl : kClassArch;
 
-    // People differ in where the pattern sits on the pad, how fine the
-    // ridges are (0.40 to 0.53 mm) and how the flow bends toward the tip.
-    const FingerPoint ptCore = {300.0 + rng.Range(-40.0, 40.0), 270.0 + rng.Range(-40.0, 40.0)};
+    // People differ in where the pattern sits on the pad and how it slants,
+    // how fine the ridges are (0.40 to 0.53 mm) and how evenly, how the flow
+    // bends toward the tip, and how often ridges end or fork.
+    const FingerPoint ptCore = {300.0 + rng.Range(-55.0, 55.0), 265.0 + rng.Range(-50.0, 50.0)};
+    g.fTilt = rng.Range(-0.3, 0.3);
     g.fPeriod = rng.Range(7.9, 10.5);
-    g.fTipCentreY = rng.Range(600.0, 820.0);
-    g.fTipBend = rng.Range(0.8, 1.9);
+    g.fPeriodSwing = rng.Range(0.02, 0.045);
+    g.fPeriodToTip = rng.Range(-0.06, 0.01);
+    g.fRidgeReach = rng.Range(0.45, 0.7);
+    g.fTipCentreY = rng.Range(380.0, 520.0);
+    g.fTipBend = rng.Range(1.0, 1.6);
+    g.fPatternInner = rng.Range(70.0, 120.0);
+    g.fPatternOuter = g.fPatternInner + rng.Range(90.0, 170.0);
     g.fArchHeight = rng.Range(35.0, 95.0);
     g.fArchWidth = rng.Range(70.0, 130.0);
 
@@ -119,8 +180,8 @@ FingerGenome MakeGenome(uint32_t nSeed)
         g.nCores = 1;
         g.aptCore[0] = ptCore;
         g.nDeltas = 1;
-        g.aptDelta[0].x = ptCore.x + fSide * rng.Range(60.0, 165.0);
-        g.aptDelta[0].y = ptCore.y + rng.Range(75.0, 175.0);
+        g.aptDelta[0].x = ptCore.x + fSide * rng.Range(55.0, 175.0);
+        g.aptDelta[0].y = ptCore.y + rng.Range(70.0, 185.0);
         break;
     }
     case kClassWhorl: {
@@ -146,23 +207,34 @@ FingerGenome MakeGenome(uint32_t nSeed)
         break;
     }
 
-    // Base angle: the ridges just above the (upper) core run level, capping
-    // the loop or whorl; without singular points the flow is level anyway.
+    // The slant turns the deltas and the second core about the first core.
+    if (g.nCores > 0) {
+        const FingerPoint ptPivot = g.aptCore[0];
+        const double c = fmath::Cos(g.fTilt);
+        const double s = fmath::Sin(g.fTilt);
+        const auto Turn = [&](FingerPoint* p) {
+            const double dx = p->x - ptPivot.x;
+            const double dy = p->y - ptPivot.y;
+            p->x = ptPivot.x + c * dx - s * dy;
+            p->y = ptPivot.y + s * dx + c * dy;
+        };
+        for (int i = 1; i < g.nCores; ++i) Turn(&g.aptCore[i]);
+        for (int i = 0; i < g.nDeltas; ++i) Turn(&g.aptDelta[i]);
+    }
+    // Base angle: the ridges just above the (upper) core run level, then
+    // the pattern slants; without singular points the flow is level anyway.
     g.fTheta0 = 0.0;
     if (g.nCores > 0) {
-        const double px = g.aptCore[0].x;
-        const double py = g.aptCore[0].y - 25.0;
-        double fSum = 0.0;
-        for (int i = 0; i < g.nCores; ++i) fSum += 0.5 * fmath::Atan2(py - g.aptCore[i].y, px - g.aptCore[i].x);
-        for (int i = 0; i < g.nDeltas; ++i) fSum -= 0.5 * fmath::Atan2(py - g.aptDelta[i].y, px - g.aptDelta[i].x);
-        g.fTheta0 = -fSum;
+        int nUpper = 0;
+        if (g.nCores > 1 && g.aptCore[1].y < g.aptCore[0].y) nUpper = 1;
+        g.fTheta0 = g.fTilt - PoleAngle(g, g.aptCore[nUpper].x, g.aptCore[nUpper].y - 25.0);
     }
 
     // Finger size and shape: narrow to broad pads, short to long.
     g.ptContact.x = 300.0 + rng.Range(-15.0, 15.0);
     g.ptContact.y = 305.0 + rng.Range(-15.0, 15.0);
-    g.fContactA = rng.Range(128.0, 155.0);
-    g.fContactB = rng.Range(175.0, 218.0);
+    g.fContactA = rng.Range(124.0, 160.0);
+    g.fContactB = rng.Range(170.0, 222.0);
     g.fContactAngle = rng.Range(-0.15, 0.15);
     g.ptOutline.x = 300.0;
     g.ptOutline.y = 330.0;
@@ -170,6 +242,10 @@ FingerGenome MakeGenome(uint32_t nSeed)
     // so a full roll (scene_model.h) ends on the ridges before the far nail.
     g.fOutlineA = 0.78 * g.fContactA + rng.Range(150.0, 160.0);
     g.fOutlineB = rng.Range(245.0, 265.0);
+    // Pads are not symmetric: the arcs around the tip centre left or right
+    // of the finger's axis, and the ridges toward the joint slope a little.
+    g.fTipCentreX = 300.0 + rng.Range(-40.0, 40.0);
+    g.fBaseSlope = rng.Range(-0.15, 0.15);
     return g;
 }
 
@@ -178,35 +254,47 @@ CFingerPattern::CFingerPattern(const FingerGenome& genome) : m_genome(genome)
     CRandom rng(fmath::Hash(genome.nSeed, 0x706572696F64ULL));
     for (int i = 0; i < 4; ++i) fmath::RandomWave(rng, 180.0, 420.0, m_afWave[i]);
     // The flow's own twists: a few slow waves of the ridge direction, up to
-    // about 0.9 radians together, as no two fingers bend alike. Without
+    // about 0.6 radians together, as no two fingers bend alike. Without
     // them fingers of one class share their flow so closely that a minutiae
-    // matcher finds chance agreements between them.
+    // matcher finds chance agreements between them; much stronger ones
+    // bend the ridges so often that they end and fork more than real skin.
     CRandom flow(fmath::Hash(genome.nSeed, 0x666C6F77ULL));
     for (int i = 0; i < 3; ++i) {
         fmath::RandomWave(flow, 220.0, 520.0, m_afFlow[i]);
-        m_afFlow[i][3] = flow.Range(0.15, 0.3);
+        m_afFlow[i][3] = flow.Range(0.1, 0.2);
+    }
+    // Local irregularity: ridges that wander a little over a few periods.
+    for (int i = 3; i < 6; ++i) {
+        fmath::RandomWave(flow, 70.0, 150.0, m_afFlow[i]);
+        m_afFlow[i][3] = flow.Range(0.05, 0.12);
     }
 }
 
 double CFingerPattern::Orientation(double x, double y) const
 {
     const FingerGenome& g = m_genome;
-    // Zero-pole model: each core turns the flow by half a turn around it,
-    // each delta by half a turn the other way.
-    double fTheta = g.fTheta0;
-    for (int i = 0; i < g.nCores; ++i) fTheta += 0.5 * fmath::Atan2(y - g.aptCore[i].y, x - g.aptCore[i].x);
-    for (int i = 0; i < g.nDeltas; ++i) fTheta -= 0.5 * fmath::Atan2(y - g.aptDelta[i].y, x - g.aptDelta[i].x);
+    double fTheta = g.fTheta0 + PoleAngle(g, x, y);
 
     // Towards the fingertip the ridges follow its rounded outline: arcs
-    // around a point well below the finger, fading out below the core.
+    // around a point below the pad, fading out below the core.
     const double fCoreY = g.nCores > 0 ? g.aptCore[0].y : 300.0;
     const double fTipWeight = 1.0 - fmath::SmoothStep(fCoreY - 60.0, fCoreY + 230.0, y);
     const double fDepth = g.fTipCentreY - y;
-    fTheta += fTipWeight * fmath::Atan(g.fTipBend * (x - 300.0) / (fDepth > 60.0 ? fDepth : 60.0));
+    const double fTip = fTipWeight * fmath::Atan(g.fTipBend * (x - g.fTipCentreX) / (fDepth > 60.0 ? fDepth : 60.0));
+    fTheta += fTip;
     // Towards the first joint the ridges run level again.
     fTheta -= g.fTheta0 * fmath::SmoothStep(fCoreY + 90.0, fCoreY + 330.0, y);
+    // Away from the pattern area the ridges forget its cores and deltas:
+    // around the tip they follow the outline, towards the joint they run
+    // across the finger. The blend is zero on the cuts of the pole angles.
+    if (g.nCores > 0 && g.nDeltas > 0) {
+        const double fAway = fmath::SmoothStep(g.fPatternInner, g.fPatternOuter, PatternDistance(g, x, y));
+        fTheta += fAway * (fTip - fTheta);
+    }
+    // Towards the joint the ridges run across the finger at its own slope.
+    fTheta += g.fBaseSlope * fmath::SmoothStep(fCoreY + 60.0, fCoreY + 300.0, y);
 
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 6; ++i) {
         fTheta += m_afFlow[i][3] * fmath::Cos(m_afFlow[i][0] * x + m_afFlow[i][1] * y + m_afFlow[i][2]);
     }
 
@@ -225,8 +313,10 @@ double CFingerPattern::Period(double x, double y) const
 {
     double fWave = 0.0;
     for (int i = 0; i < 4; ++i) fWave += fmath::Cos(m_afWave[i][0] * x + m_afWave[i][1] * y + m_afWave[i][2]);
-    // +-8 % around the mean, a little finer towards the tip.
-    return m_genome.fPeriod * (1.0 + 0.022 * fWave - 0.02 * fmath::Clamp((300.0 - y) / 300.0, -1.0, 1.0));
+    // Up to +-14 % around the mean, finer (or, on a few fingers, coarser)
+    // towards the tip.
+    return m_genome.fPeriod *
+           (1.0 + m_genome.fPeriodSwing * fWave + m_genome.fPeriodToTip * fmath::Clamp((300.0 - y) / 300.0, -1.0, 1.0));
 }
 
 bool CFingerPattern::Grow()
@@ -250,9 +340,9 @@ bool CFingerPattern::Grow()
         const double fCos = fmath::Cos(fTheta);
         const double fSin = fmath::Sin(fTheta);
         for (int p = 0; p < kPeriods; ++p) {
-            const double fPeriod = fMeanPeriod * (1.0 + kPeriodStep * (p - 1));
+            const double fPeriod = fMeanPeriod * (1.0 + kPeriodStep * (p - kPeriods / 2));
             const double fSigmaAcross = 0.42 * fPeriod;
-            const double fSigmaAlong = 0.55 * fPeriod;
+            const double fSigmaAlong = m_genome.fRidgeReach * fPeriod;
             double afEnv[kTaps * kTaps];
             double afWave[kTaps * kTaps];
             double fEnvSum = 0.0;
@@ -289,7 +379,7 @@ bool CFingerPattern::Grow()
             fTheta -= std::floor(fTheta);
             const int o = static_cast<int>(fTheta * kOrientations + 0.5) % kOrientations;
             const double fRel = (Period(x, y) / m_genome.fPeriod - 1.0) / kPeriodStep;
-            const int p = fmath::Clamp(static_cast<int>(std::floor(fRel + 1.5)), 0, kPeriods - 1);
+            const int p = fmath::Clamp(static_cast<int>(std::floor(fRel + 0.5)) + kPeriods / 2, 0, kPeriods - 1);
             pBin[j * kHalf + i] = static_cast<unsigned char>(o * kPeriods + p);
         }
     }

@@ -1,9 +1,11 @@
 // Synthetic fingerprints for the virtual scanner.
 //
 // A finger is decided entirely by a 32-bit seed: its pattern class (loop to
-// the left or right, whorl or arch), the cores and deltas of its ridge flow,
-// its ridge period, the outline of the finger from nail edge to nail edge and
-// the ellipse it touches when pressed flat. The ridge pattern is grown once
+// the left or right, whorl or arch), the cores and deltas of its ridge flow
+// and the slant of the pattern, how far the pattern reaches before the ridges
+// follow the finger's outline, its ridge period and how that varies, the
+// outline of the finger from nail edge to nail edge and the ellipse it
+// touches when pressed flat. The ridge pattern is grown once
 // per finger on a 600 x 600 canvas in finished-image coordinates (500 ppi,
 // about 9 pixels from ridge to ridge): noise is filtered again and again
 // with Gabor filters that follow the orientation field until ridges have
@@ -46,11 +48,19 @@ struct FingerGenome {
     int nDeltas;
     FingerPoint aptDelta[2];
     double fTheta0;        // base angle of the zero-pole orientation model
-    double fTipCentreY;    // ridges above the core follow arcs around (300, this)
+    double fTipCentreX;    // ridges above the core follow arcs around this point
+    double fTipCentreY;
     double fTipBend;       // strength of that bending
+    double fPatternInner;  // within this distance of a core-delta pair the flow is the pattern's own,
+    double fPatternOuter;  // beyond this one it follows the finger's outline
+    double fBaseSlope;     // slope of the ridges toward the first joint, radians
     double fArchHeight;    // arch only: rise of the central hump
     double fArchWidth;     // arch only: width of the hump
+    double fTilt;          // slant of the pattern against the finger's axis, radians
     double fPeriod;        // mean ridge period in pixels
+    double fPeriodSwing;   // amplitude of each of the period's waves (relative)
+    double fPeriodToTip;   // relative change of the period from the centre to the tip
+    double fRidgeReach;    // Gabor length along the ridges, in periods: shorter grows more endings and forks
     // Contact of the finger pressed flat: a rotated ellipse.
     FingerPoint ptContact;
     double fContactA;      // horizontal semi-axis
@@ -94,8 +104,9 @@ private:
     FingerGenome m_genome;
     // Period variation: a few random plane waves.
     double m_afWave[4][3];
-    // Flow variation: plane waves of the ridge direction (kx, ky, phase, amplitude).
-    double m_afFlow[3][4];
+    // Flow variation: plane waves of the ridge direction (kx, ky, phase,
+    // amplitude), three slow ones and three of a few ridges' length.
+    double m_afFlow[6][4];
     std::unique_ptr<unsigned char[]> m_pRidge;
     std::unique_ptr<unsigned char[]> m_pSkin;
 };

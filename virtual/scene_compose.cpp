@@ -185,8 +185,12 @@ void ComposeGlass(const CFingerPattern* pPattern, const FingerPose& pose, unsign
             const double q2 = contact.Radius2(x, y);
             if (q2 >= 1.0) continue;
             // Full pressure over the middle of the pad, falling to nothing
-            // at the rim.
-            double fProfile = fmath::SmoothStep(1.0, 0.45, std::sqrt(q2));
+            // at the rim. A finger held on its side for a roll is pressed
+            // firmly over nearly all of its narrow strip: with the soft rim
+            // of a flat fingertip, its pressed middle is too narrow for the
+            // driver's placement quality (a ridge area of about 120 x 250
+            // pixels), so a side whose ridges run level never reaches it.
+            double fProfile = fmath::SmoothStep(1.0, pose.bRolled ? 0.8 : 0.45, std::sqrt(q2));
             if (pose.bRolled) {
                 const double fOut2 = outline.Radius2(x, y);
                 if (fOut2 >= 1.0) continue;

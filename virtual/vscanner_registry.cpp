@@ -216,6 +216,21 @@ bool VirtualIoctl(int fd, unsigned long nRequest, void* pArg, int* pResult)
     }
 }
 
+namespace {
+
+// Result of a read as the interposer returns it.
+void SetReadResult(ssize_t nResult, ssize_t* pResult)
+{
+    if (nResult < 0) {
+        *pResult = -1;
+        errno = static_cast<int>(-nResult);
+    } else {
+        *pResult = nResult;
+    }
+}
+
+}  // namespace
+
 bool VirtualRead(int fd, void* pBuf, size_t nBytes, ssize_t* pResult)
 {
     try {
@@ -232,7 +247,12 @@ bool VirtualRead(int fd, void* pBuf, size_t nBytes, ssize_t* pResult)
             }
             CVirtualUnit* pUnit = UnitOf(reg, *pEntry);
             if (pUnit == nullptr || pUnit->Vanished()) {
-                if (pUnit != nullptr) pUnit->Read(pEntry->nHandle, fd, pBuf, nBytes);  // counted; fails at once
+                if (pUnit != nullptr) {
+                    // Counted; fails at once.
+                    ssize_t nIgnored = 0;
+                    std::shared_ptr<CSessionRecorder> pIgnored;
+                    pUnit->Read(pEntry->nHandle, pBuf, nBytes, &nIgnored, &pIgnored);
+                }
                 *pResult = -1;
                 errno = ENODEV;
                 return true;
@@ -246,16 +266,48 @@ bool VirtualRead(int fd, void* pBuf, size_t nBytes, ssize_t* pResult)
         if (tDue > CVirtualUnit::Clock::now()) {
             std::this_thread::sleep_until(tDue);
         }
-        std::lock_guard<std::mutex> lock(reg.mutex);
-        CVirtualUnit* pUnit =
-            reg.anGeneration[nIndex] == nGeneration ? reg.apUnits[nIndex].get() : nullptr;
-        const ssize_t nResult = pUnit != nullptr ? pUnit->Read(nHandle, fd, pBuf, nBytes) : -ENODEV;
-        if (nResult < 0) {
-            *pResult = -1;
-            errno = static_cast<int>(-nResult);
-        } else {
-            *pResult = nResult;
+        const auto SameUnit = [&reg, nIndex, nGeneration]() {
+            return reg.anGeneration[nIndex] == nGeneration ? reg.apUnits[nIndex].get() : nullptr;
+        };
+        std::shared_ptr<CSessionRecorder> pRecorder;
+        int fdReal = -1;
+        {
+            std::lock_guard<std::mutex> lock(reg.mutex);
+            CVirtualUnit* pUnit = SameUnit();
+            ssize_t nResult = -ENODEV;
+            if (pUnit == nullptr || pUnit->Read(nHandle, pBuf, nBytes, &nResult, &pRecorder)) {
+                SetReadResult(nResult, pResult);
+                return true;
+            }
+            // A read of the real node may block until the device has a frame:
+            // it runs outside the lock on a duplicate of the descriptor, which
+            // the host cannot close (nor the kernel hand out again) meanwhile.
+            // The descriptor is checked again first: the host may have closed
+            // it while the read was paced.
+            const FdEntry* pEntry = FindFd(reg, fd);
+            const bool bSame = pEntry != nullptr && pEntry->nGeneration == nGeneration && pEntry->nHandle == nHandle;
+            fdReal = bSame ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : -1;
+            if (fdReal < 0) {
+                nResult = bSame ? -errno : -EBADF;
+                if (pRecorder) pRecorder->Read(nHandle, nBytes, nResult, pBuf);
+                pRecorder.reset();  // the unit still holds it
+                pUnit->PassedThrough();
+                SetReadResult(nResult, pResult);
+                return true;
+            }
         }
+        ssize_t nResult = RealRead(fdReal, pBuf, nBytes);
+        if (nResult < 0) nResult = -errno;
+        RealClose(fdReal);
+        {
+            // The read is recorded in the session it began in, even when the
+            // unit was detached or given a new recording since.
+            std::lock_guard<std::mutex> lock(reg.mutex);
+            if (pRecorder) pRecorder->Read(nHandle, nBytes, nResult, pBuf);
+            if (CVirtualUnit* pUnit = SameUnit()) pUnit->PassedThrough();
+        }
+        pRecorder.reset();
+        SetReadResult(nResult, pResult);
         return true;
     } catch (...) {
         *pResult = -1;

@@ -385,7 +385,8 @@ bool CVirtualUnit::EnsureFrame(const RenderInput& in)
     return true;
 }
 
-ssize_t CVirtualUnit::Read(unsigned long nHandle, int fd, void* pBuf, size_t nBytes)
+bool CVirtualUnit::Read(unsigned long nHandle, void* pBuf, size_t nBytes, ssize_t* pnResult,
+                        std::shared_ptr<CSessionRecorder>* ppRecorder)
 {
     ++m_nReads;
     m_nLastReadBytes = nBytes;
@@ -397,14 +398,15 @@ ssize_t CVirtualUnit::Read(unsigned long nHandle, int fd, void* pBuf, size_t nBy
     } else if (m_readFail.Hit()) {
         nResult = -EIO;
     } else if (m_bPassThrough) {
-        nResult = RealRead(fd, pBuf, nBytes);
-        if (nResult < 0) nResult = -errno;
+        *ppRecorder = m_pRecorder;
+        return false;
     } else {
         nResult = RenderRead(pBuf, nBytes);
     }
     if (m_pRecorder) m_pRecorder->Read(nHandle, nBytes, nResult, pBuf);
     CountOperation();
-    return nResult;
+    *pnResult = nResult;
+    return true;
 }
 
 ssize_t CVirtualUnit::RenderRead(void* pBuf, size_t nBytes)

@@ -48,8 +48,15 @@ public:
     // When a read arriving now may deliver its frame (pacing by delay= and
     // fps=); reserves that frame slot.
     Clock::time_point ReserveRead(Clock::time_point tNow);
-    // One read: the byte count, or -errno.
-    ssize_t Read(unsigned long nHandle, int fd, void* pBuf, size_t nBytes);
+    // One read. The unit answers it itself: true, with the byte count or
+    // -errno in *pnResult. A unit that passes through answers false: the
+    // caller reads the real node outside the registry lock, gives the outcome
+    // to the recorder left in *ppRecorder (held by the caller, so the read is
+    // recorded even when the unit is detached meanwhile) and, when the unit
+    // is still there, calls PassedThrough.
+    bool Read(unsigned long nHandle, void* pBuf, size_t nBytes, ssize_t* pnResult,
+              std::shared_ptr<CSessionRecorder>* ppRecorder);
+    void PassedThrough() { CountOperation(); }
 
     bool Vanished() const { return m_bVanished; }
     void GetState(UnitState* pState) const;
@@ -136,7 +143,7 @@ private:
     std::deque<Request> m_dequeLog;
 
     // Session: recorded, played back, or passed through to the real node.
-    std::unique_ptr<CSessionRecorder> m_pRecorder;
+    std::shared_ptr<CSessionRecorder> m_pRecorder;
     std::unique_ptr<CSessionReplay> m_pReplay;
     bool m_bPassThrough;
     unsigned long m_nHandles;

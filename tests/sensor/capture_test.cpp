@@ -70,15 +70,15 @@ TEST_P(CapturePathTest, FinishedImageOfTheFlatFinger)
 INSTANTIATE_TEST_SUITE_P(
     ModelsAndFirmware, CapturePathTest,
     ::testing::Values(
-        CapturePath{"model=3", 3, 1280, 676, 926720, 4, 0x680e00d71a1403baull, 0xe8c5e1fe514b08c8ull},
-        CapturePath{"model=4", 4, 1280, 676, 926720, 4, 0x680e00d71a1403baull, 0xe8c5e1fe514b08c8ull},
-        CapturePath{"product=0x0630", 0, 1280, 676, 926720, 4, 0x680e00d71a1403baull, 0xe8c5e1fe514b08c8ull},
-        CapturePath{"model=5", 5, 1288, 876, 1128448, 1, 0xe6e58451f7e32bc8ull, 0xdae3eb74812784d3ull},
-        CapturePath{"model=6", 6, 1288, 876, 1128448, 1, 0xe6e58451f7e32bc8ull, 0xdae3eb74812784d3ull},
-        CapturePath{"model=7,fw=0x2FFF", 7, 1288, 876, 1128448, 1, 0xcc385d43d1a007d4ull, 0xff8a2dcdf1b7f858ull},
-        CapturePath{"model=8,fw=0x1005", 8, 1288, 876, 1128448, 1, 0xcc385d43d1a007d4ull, 0xff8a2dcdf1b7f858ull},
-        CapturePath{"model=7,fw=0x3000", 7, 1800, 1280, 2304000, 1, 0x99218920cbd3b847ull, 0xb64221535ef43c2cull},
-        CapturePath{"model=8,fw=0xFFFF", 8, 1800, 1280, 2304000, 1, 0x99218920cbd3b847ull, 0xb64221535ef43c2cull}));
+        CapturePath{"model=3", 3, 1280, 676, 926720, 4, 0xf3d1160ca80df37dull, 0x4992f59ea3cdeebcull},
+        CapturePath{"model=4", 4, 1280, 676, 926720, 4, 0xf3d1160ca80df37dull, 0x4992f59ea3cdeebcull},
+        CapturePath{"product=0x0630", 0, 1280, 676, 926720, 4, 0xf3d1160ca80df37dull, 0x4992f59ea3cdeebcull},
+        CapturePath{"model=5", 5, 1288, 876, 1128448, 1, 0x3ec4b93452fc03fdull, 0x1a1c430a3187e796ull},
+        CapturePath{"model=6", 6, 1288, 876, 1128448, 1, 0x3ec4b93452fc03fdull, 0x1a1c430a3187e796ull},
+        CapturePath{"model=7,fw=0x2FFF", 7, 1288, 876, 1128448, 1, 0xfecd117578a797cull, 0x6c5efbdc1667a655ull},
+        CapturePath{"model=8,fw=0x1005", 8, 1288, 876, 1128448, 1, 0xfecd117578a797cull, 0x6c5efbdc1667a655ull},
+        CapturePath{"model=7,fw=0x3000", 7, 1800, 1280, 2304000, 1, 0x71ed4d14d40e04e9ull, 0x9770490c39faa32aull},
+        CapturePath{"model=8,fw=0xFFFF", 8, 1800, 1280, 2304000, 1, 0x71ed4d14d40e04e9ull, 0x9770490c39faa32aull}));
 
 // What a capture reads and leaves in the host's buffer (size code 1) around
 // the latent pre-check (on latent-capable units in check mode) and its refusals.

@@ -12,7 +12,9 @@
 //     matcher logs is one impostor image pair (probe against one enrolled
 //     image); the best of a finger's impressions scores the finger pair.
 // The program prints the genuine match rate, the false match rate, both
-// score distributions and the pattern classes of the range.
+// score distributions, the pattern classes of the range and the finger pairs
+// that came closest to a false match (the ones to look at first when fingers
+// are too alike).
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -358,6 +360,27 @@ void PrintDistribution(const char* pszName, std::vector<int> vec)
     std::printf("\n");
 }
 
+struct PairScore {
+    uint32_t nProbe;
+    uint32_t nEnrolled;
+    int nScore;
+};
+
+// Keeps the ten highest scores, one entry per finger pair.
+void NoteWorst(std::vector<PairScore>* pvec, const PairScore& pair)
+{
+    const auto it = std::find_if(pvec->begin(), pvec->end(), [&](const PairScore& p) {
+        return p.nProbe == pair.nProbe && p.nEnrolled == pair.nEnrolled;
+    });
+    if (it == pvec->end()) {
+        pvec->push_back(pair);
+    } else {
+        it->nScore = std::max(it->nScore, pair.nScore);
+    }
+    std::sort(pvec->begin(), pvec->end(), [](const PairScore& a, const PairScore& b) { return a.nScore > b.nScore; });
+    if (pvec->size() > 10) pvec->pop_back();
+}
+
 bool ParseRange(const char* psz, uint32_t* pnFirst, uint32_t* pnLast)
 {
     unsigned long nFirst = 0;
@@ -497,6 +520,7 @@ int main(int argc, char** argv)
     std::vector<int> vecImpostor;
     std::vector<int> vecMinutiae;
     std::vector<int> vecFingerPair;  // best impostor score of a probe against each other finger
+    std::vector<PairScore> vecWorst;  // the highest impostor finger pairs
     long nGenuineMatches = 0;
     long nFalseMatches = 0;
     long nImpostorPairs = 0;
@@ -591,6 +615,12 @@ int main(int argc, char** argv)
                 } else if (s > vecFingerPair.back()) {
                     vecFingerPair.back() = s;
                 }
+                const size_t nTemplate = j / static_cast<size_t>(nStages);
+                if (nTemplate < vecRest.size()) {
+                    const size_t g = static_cast<size_t>(
+                        std::find(vecGallery.begin(), vecGallery.end(), vecRest[nTemplate]) - vecGallery.begin());
+                    NoteWorst(&vecWorst, {nFirst + static_cast<uint32_t>(f), nFirst + static_cast<uint32_t>(g), s});
+                }
             }
             if (!pMatch) break;
             const auto it = std::find(vecRest.begin(), vecRest.end(), pMatch);
@@ -621,6 +651,9 @@ int main(int argc, char** argv)
     PrintDistribution("impostor", vecImpostor);
     PrintDistribution("impostor finger-pair (best of the impressions)", vecFingerPair);
     PrintDistribution("probe minutiae", vecMinutiae);
+    std::printf("highest impostor finger pairs (probe seed / enrolled seed: score):");
+    for (const PairScore& pair : vecWorst) std::printf(" %u/%u: %d", pair.nProbe, pair.nEnrolled, pair.nScore);
+    std::printf("\n");
     if (nFailed) std::printf("failed captures, enrolments or comparisons: %ld\n", nFailed);
 
     for (FpPrint* p : vecGallery) {
