@@ -195,12 +195,12 @@ void ResampleInTwoPasses(const tagModifyEntry* const* ppTable, const unsigned ch
 
 // Both halves of the interpolating correction over the W rows of a modify
 // table, read entry by entry: every usable entry produces its right-half
-// pixel from the image and its left-half pixel from the mirrored image. With the targets placed as the table build places them,
-// right and left targets of different entries never coincide, and the
-// centre column, targeted by both halves of entry 0, keeps the left value
-// as it is stored second -- as if the whole right half had been computed
-// before the left half. A table edited otherwise is done in the two passes
-// instead.
+// pixel from the image and its left-half pixel from the mirrored image.
+// With the targets placed as the table build places them, right and left
+// targets of different entries never coincide, and the centre column,
+// targeted by both halves of entry 0, keeps the left value as it is stored
+// second -- as if the whole right half had been computed before the left
+// half. A table edited otherwise is done in the two passes instead.
 template <class G, bool bMirror>
 void Resample(const tagModifyEntry* const* ppTable, const unsigned char* const* apRow, unsigned char* pDst)
 {
@@ -283,13 +283,10 @@ namespace imageproc {
 void ResampleCompact(const CompactJob& job, unsigned nFrom)
 {
     const unsigned n = job.nRight > job.nLeft ? job.nRight : job.nLeft;
-    const float fr = job.fRowFrac;
-    const float fRowNear = 1.0f - fr;
     for (unsigned j = nFrom; j < n; ++j) {
         const unsigned c = job.pnCol[j];
-        const float fc = job.pfColFrac[j];
-        const float fColNear = 1.0f - fc;
-        const float afWeight[4] = {fColNear * fRowNear, fc * fRowNear, fc * fr, fColNear * fr};
+        float afWeight[4];
+        BilinearWeights(job.fRowFrac, job.pfColFrac[j], afWeight);
         const ptrdiff_t nOffset = static_cast<ptrdiff_t>(job.nStep) * static_cast<ptrdiff_t>(j);
         if (j < job.nRight) {
             const unsigned char aby[4] = {job.pTop[c], job.pTop[c + 1], job.pBottom[c + 1], job.pBottom[c]};
@@ -345,9 +342,8 @@ bool CCompactTable::Derive(const tagModifyEntry* const* ppTable)
                 return false;
             }
             const float fc = e.fSrcCol - static_cast<float>(e.nSrcCol);
-            const float fRowNear = 1.0f - fr;
-            const float fColNear = 1.0f - fc;
-            const float afWeight[4] = {fColNear * fRowNear, fc * fRowNear, fc * fr, fColNear * fr};
+            float afWeight[4];
+            BilinearWeights(fr, fc, afWeight);
             if (std::memcmp(afWeight, e.fWeight, sizeof afWeight) != 0)
                 return false;
             m_pnCol[y * S::kStride + j] = static_cast<unsigned short>(nCol);

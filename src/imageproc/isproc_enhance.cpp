@@ -95,24 +95,25 @@ void CountLevels(const unsigned char* pImage, long long n, long long (&anHist)[2
     }
 }
 
-// Replaces every level of pImage[0 .. n - 1] by its entry in ucMap. Four
-// levels are read as one word and their four entries written as one word:
-// a store per pixel would cost more than the lookups.
+// The four levels packed in a word, each replaced by its entry in ucMap.
+inline uint32_t MapWord(uint32_t n, const unsigned char (&ucMap)[256])
+{
+    return ucMap[n & 0xFF] | static_cast<uint32_t>(ucMap[(n >> 8) & 0xFF]) << 8 |
+           static_cast<uint32_t>(ucMap[(n >> 16) & 0xFF]) << 16 | static_cast<uint32_t>(ucMap[n >> 24]) << 24;
+}
+
+// Replaces every level of pImage[0 .. n - 1] by its entry in ucMap. Levels
+// are read and their entries written four to a word, two words a step: a
+// store per pixel would cost more than the lookups.
 void MapLevels(unsigned char* pImage, long long n, const unsigned char (&ucMap)[256])
 {
     long long i = 0;
     for (; i + 8 <= n; i += 8) {
-        uint32_t nLo, nHi;
-        std::memcpy(&nLo, pImage + i, 4);
-        std::memcpy(&nHi, pImage + i + 4, 4);
-        const uint32_t nMappedLo = ucMap[nLo & 0xFF] | static_cast<uint32_t>(ucMap[(nLo >> 8) & 0xFF]) << 8 |
-                                   static_cast<uint32_t>(ucMap[(nLo >> 16) & 0xFF]) << 16 |
-                                   static_cast<uint32_t>(ucMap[nLo >> 24]) << 24;
-        const uint32_t nMappedHi = ucMap[nHi & 0xFF] | static_cast<uint32_t>(ucMap[(nHi >> 8) & 0xFF]) << 8 |
-                                   static_cast<uint32_t>(ucMap[(nHi >> 16) & 0xFF]) << 16 |
-                                   static_cast<uint32_t>(ucMap[nHi >> 24]) << 24;
-        std::memcpy(pImage + i, &nMappedLo, 4);
-        std::memcpy(pImage + i + 4, &nMappedHi, 4);
+        uint32_t anWord[2];
+        std::memcpy(anWord, pImage + i, 8);
+        anWord[0] = MapWord(anWord[0], ucMap);
+        anWord[1] = MapWord(anWord[1], ucMap);
+        std::memcpy(pImage + i, anWord, 8);
     }
     for (; i < n; ++i)
         pImage[i] = ucMap[pImage[i]];

@@ -63,7 +63,6 @@ void BuildModifyTable(tagModifyEntry* const* ppTable, const ModifyParams& p, boo
         const float x = static_cast<float>(dRow / static_cast<double>(a));
         const int ix = FloorToInt(static_cast<double>(x));
         const float fr = x - static_cast<float>(ix);
-        const float fRowNear = 1.0f - fr;
         const bool bRowInside = ix >= 0 && ix <= p.nMaxRow;
         const unsigned nRowBase = static_cast<unsigned>(ix) * p.nSrcWidth + p.nSrcCentre;
         const unsigned nDstCentre = static_cast<unsigned>(i) * nW + static_cast<unsigned>(nHalf);
@@ -89,16 +88,12 @@ void BuildModifyTable(tagModifyEntry* const* ppTable, const ModifyParams& p, boo
                 continue;
             }
             const float fc = y - static_cast<float>(iy);
-            const float fColNear = 1.0f - fc;
             const unsigned nTopLeft = nRowBase + static_cast<unsigned>(iy);
             e.nSrcIndex[0] = nTopLeft;
             e.nSrcIndex[1] = nTopLeft + 1;
             e.nSrcIndex[2] = nTopLeft + p.nSrcWidth + 1;
             e.nSrcIndex[3] = nTopLeft + p.nSrcWidth;
-            e.fWeight[0] = fColNear * fRowNear;
-            e.fWeight[1] = fc * fRowNear;
-            e.fWeight[2] = fc * fr;
-            e.fWeight[3] = fColNear * fr;
+            imageproc::BilinearWeights(fr, fc, e.fWeight);
         }
     }
 }

@@ -13,6 +13,20 @@ namespace imageproc {
 
 void BuildFreshModifyTables(tagModifyEntry* const* ppTable, tagModifyEntry* const* ppTableEx);
 
+// The bilinear weights of an entry, in the order of its four neighbours
+// (top left, top right, bottom right, bottom left), from its row and column
+// fractions, in single precision: what the table build stores and what the
+// compact form of a table recomputes.
+inline void BilinearWeights(float fr, float fc, float (&afWeight)[4])
+{
+    const float fRowNear = 1.0f - fr;
+    const float fColNear = 1.0f - fc;
+    afWeight[0] = fColNear * fRowNear;
+    afWeight[1] = fc * fRowNear;
+    afWeight[2] = fc * fr;
+    afWeight[3] = fColNear * fr;
+}
+
 // Memory for the rows of the modify tables: one anonymous mapping, handed
 // out row by row, each row starting on a page. The rows are written once,
 // in the constructor, and only their first half; with all 51 MB in one
