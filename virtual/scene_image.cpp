@@ -5,129 +5,44 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
 
+#include "png/png_grey.h"
 #include "scene_compose.h"
-
-#ifdef TAVK05_HAVE_PNG
-#include <png.h>
-#endif
 
 namespace tavk05virt {
 
 namespace {
 
-const unsigned kMaxSide = 4096;
-const double kPixelsPerMetre500 = 500.0 / 0.0254;
-
-struct FileCloser {
-    void operator()(std::FILE* p) const { std::fclose(p); }
-};
-
-#ifdef TAVK05_HAVE_PNG
-// libpng's own handlers print to the host's standard error; the message
-// for the host is made here instead.
-void PngError(png_structp pPng, png_const_charp)
-{
-    png_longjmp(pPng, 1);
-}
-
-void PngWarning(png_structp, png_const_charp) {}
-#endif
+const double kPpi = 500.0;
 
 }  // namespace
 
 bool ReadGreyPng(const std::string& strPath, std::vector<unsigned char>* pPixels, unsigned* pnWidth,
                  unsigned* pnHeight, std::string* pError)
 {
-#ifndef TAVK05_HAVE_PNG
-    (void)pPixels;
-    (void)pnWidth;
-    (void)pnHeight;
-    if (pError) *pError = strPath + ": this virtual scanner was built without PNG support";
-    return false;
-#else
-    std::unique_ptr<std::FILE, FileCloser> pFile(std::fopen(strPath.c_str(), "rb"));
-    if (!pFile) {
-        if (pError) *pError = strPath + ": cannot open: " + std::strerror(errno);
+    tavk05png::GreyImage image;
+    std::string strError;
+    const double fLow = 0.98 * kPpi, fHigh = 1.02 * kPpi;
+    if (!tavk05png::ReadGrey(strPath, &image, &strError)) {
+        if (pError) *pError = strError;
         return false;
     }
-    unsigned char abySignature[8];
-    if (std::fread(abySignature, 1, sizeof abySignature, pFile.get()) != sizeof abySignature ||
-        png_sig_cmp(abySignature, 0, sizeof abySignature) != 0) {
-        if (pError) *pError = strPath + ": not a PNG file";
-        return false;
-    }
-    png_structp pPng = png_create_read_struct(PNG_LIBPNG_VER_STRING, nullptr, PngError, PngWarning);
-    png_infop pInfo = pPng ? png_create_info_struct(pPng) : nullptr;
-    if (!pInfo) {
-        png_destroy_read_struct(&pPng, nullptr, nullptr);
-        if (pError) *pError = strPath + ": out of memory";
-        return false;
-    }
-    // libpng's error exit leaves through longjmp: nothing below owns memory
-    // of its own (the rows go straight into the caller's buffer).
-    std::vector<unsigned char>& vecPixels = *pPixels;
-    const char* volatile pszProblem = nullptr;
-    if (setjmp(png_jmpbuf(pPng))) {
-        png_destroy_read_struct(&pPng, &pInfo, nullptr);
-        if (pError) *pError = strPath + ": " + (pszProblem ? pszProblem : "damaged or truncated PNG data");
-        return false;
-    }
-    png_set_user_limits(pPng, kMaxSide, kMaxSide);
-    png_init_io(pPng, pFile.get());
-    png_set_sig_bytes(pPng, sizeof abySignature);
-    png_read_info(pPng, pInfo);
-    const png_uint_32 nWidth = png_get_image_width(pPng, pInfo);
-    const png_uint_32 nHeight = png_get_image_height(pPng, pInfo);
-    png_uint_32 nResX = 0;
-    png_uint_32 nResY = 0;
-    int nUnit = 0;
-    if (png_get_pHYs(pPng, pInfo, &nResX, &nResY, &nUnit) && nUnit == PNG_RESOLUTION_METER) {
-        const double fLow = 0.98 * kPixelsPerMetre500;
-        const double fHigh = 1.02 * kPixelsPerMetre500;
-        if (nResX < fLow || nResX > fHigh || nResY < fLow || nResY > fHigh) {
-            png_destroy_read_struct(&pPng, &pInfo, nullptr);
-            if (pError) {
-                *pError = strPath + ": " + std::to_string(static_cast<int>(nResX * 0.0254 + 0.5)) +
-                          " ppi; the scanner takes 500 ppi prints";
-            }
-            return false;
+    // A file that states its resolution must state the scanner's.
+    if ((image.fPpiX != 0.0 || image.fPpiY != 0.0) &&
+        (image.fPpiX < fLow || image.fPpiX > fHigh || image.fPpiY < fLow || image.fPpiY > fHigh)) {
+        if (pError) {
+            *pError = strPath + ": " + std::to_string(static_cast<int>(image.fPpiX + 0.5)) +
+                      " ppi; the scanner takes 500 ppi prints";
         }
-    }
-    // Whatever the file holds, 8-bit grey comes out.
-    const int nColour = png_get_color_type(pPng, pInfo);
-    png_set_strip_16(pPng);
-    png_set_expand(pPng);
-    if (nColour & PNG_COLOR_MASK_COLOR) png_set_rgb_to_gray_fixed(pPng, 1, -1, -1);
-    png_set_strip_alpha(pPng);
-    const int nPasses = png_set_interlace_handling(pPng);
-    png_read_update_info(pPng, pInfo);
-    if (png_get_rowbytes(pPng, pInfo) != nWidth || png_get_channels(pPng, pInfo) != 1) {
-        pszProblem = "unsupported pixel layout";
-        png_error(pPng, "layout");
-    }
-    try {
-        vecPixels.assign(static_cast<size_t>(nWidth) * nHeight, 0);
-    } catch (const std::bad_alloc&) {
-        png_destroy_read_struct(&pPng, &pInfo, nullptr);
-        if (pError) *pError = strPath + ": out of memory";
         return false;
     }
-    for (int nPass = 0; nPass < nPasses; ++nPass) {
-        for (png_uint_32 y = 0; y < nHeight; ++y) {
-            png_read_row(pPng, vecPixels.data() + static_cast<size_t>(y) * nWidth, nullptr);
-        }
-    }
-    png_read_end(pPng, nullptr);
-    png_destroy_read_struct(&pPng, &pInfo, nullptr);
-    *pnWidth = nWidth;
-    *pnHeight = nHeight;
+    pPixels->swap(image.vecPixels);
+    *pnWidth = image.nWidth;
+    *pnHeight = image.nHeight;
     return true;
-#endif
 }
 
 void PlacePrint(const unsigned char* pPrint, unsigned nWidth, unsigned nHeight, unsigned char* pGlass)

@@ -61,6 +61,10 @@ private:
 // check leaves no file behind.
 bool OutputWritable(const std::string& strPath);
 
+// Writes a finished 600 x 600 image as PNG ("-": standard output); prints why
+// not.
+bool SavePng(const std::string& strPath, const unsigned char* pImage);
+
 // Parses a whole number in [nMin, nMax] (decimal or 0x hex).
 bool ParseLong(const std::string& str, long nMin, long nMax, long* pValue);
 

@@ -1,6 +1,8 @@
 // Status texts, error reporting and the sensor session of the tavk05 command.
 #include "cli.h"
 
+#include "png/png_grey.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -55,32 +57,18 @@ void ExplainOpenFailure(const char* pszNode)
 
 bool OutputWritable(const std::string& strPath)
 {
-    if (strPath == "-") {
-        if (isatty(STDOUT_FILENO)) {
-            std::fprintf(stderr, "tavk05: will not write a PNG to a terminal: redirect standard output\n");
-            return false;
-        }
-        return true;
-    }
-    int hFile = open(strPath.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    bool bCreated = false;
-    if (hFile < 0 && errno == ENOENT) {
-        hFile = open(strPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        bCreated = hFile >= 0;
-    }
-    if (hFile < 0) {
-        std::fprintf(stderr, "tavk05: cannot write %s: %s\n", strPath.c_str(), std::strerror(errno));
-        return false;
-    }
-    struct stat st;
-    const bool bRegular = fstat(hFile, &st) == 0 && S_ISREG(st.st_mode);
-    close(hFile);
-    if (bCreated) unlink(strPath.c_str());
-    if (!bRegular) {
-        std::fprintf(stderr, "tavk05: cannot write %s: not a regular file\n", strPath.c_str());
-        return false;
-    }
-    return true;
+    std::string strError;
+    if (tavk05png::CheckTarget(strPath, &strError)) return true;
+    std::fprintf(stderr, "tavk05: cannot write %s\n", strError.c_str());
+    return false;
+}
+
+bool SavePng(const std::string& strPath, const unsigned char* pImage)
+{
+    std::string strError;
+    if (tavk05png::WriteGrey(strPath, pImage, IMG_WIDTH, IMG_HEIGHT, &strError)) return true;
+    std::fprintf(stderr, "tavk05: cannot write %s\n", strError.c_str());
+    return false;
 }
 
 Session::Session() = default;

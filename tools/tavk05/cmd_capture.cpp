@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "cli.h"
-#include "png_io.h"
+#include "png/png_grey.h"
 #include "profile/model_profile.h"
 #include "tavk05/mark.h"
 
@@ -161,11 +161,7 @@ int CmdCapture(const Options& opt)
         std::printf("no latent print on the glass\n");
         return EXIT_OK;
     }
-    std::string strError;
-    if (!WritePng(strOutput, vecImage.data(), IMG_WIDTH, IMG_HEIGHT, &strError)) {
-        std::fprintf(stderr, "tavk05: %s\n", strError.c_str());
-        return EXIT_IO;
-    }
+    if (!SavePng(strOutput, vecImage.data())) return EXIT_IO;
     const unsigned long nLast = tavk05profile::kImageSizeCodes - 1;
     const tavk05profile::ImageSize& nominal = tavk05profile::kImageSizes[std::min(sensor.m_nImageSize, nLast)];
     std::fprintf(strOutput == "-" ? stderr : stdout, "%s: 600 x 600, marks for %u x %u\n", strOutput.c_str(),
@@ -197,11 +193,7 @@ int CmdBackground(const Options& opt)
     for (int i = 0; i < IMG_PIXELS; ++i) nSum += pBackground[i];
     std::fprintf(strOutput == "-" ? stderr : stdout, "background captured: mean grey level %llu\n", nSum / IMG_PIXELS);
     if (!strOutput.empty()) {
-        std::string strError;
-        if (!WritePng(strOutput, pBackground, IMG_WIDTH, IMG_HEIGHT, &strError)) {
-            std::fprintf(stderr, "tavk05: %s\n", strError.c_str());
-            return EXIT_IO;
-        }
+        if (!SavePng(strOutput, pBackground)) return EXIT_IO;
         std::fprintf(strOutput == "-" ? stderr : stdout, "%s written\n", strOutput.c_str());
     }
     return EXIT_OK;
@@ -223,13 +215,20 @@ int CmdVerify(const Options& opt)
     }
     if (strFile.empty()) return Usage("verify needs a PNG file");
 
-    std::vector<unsigned char> vecImage;
-    unsigned nWidth = 0, nHeight = 0;
+    // Marks are exact grey levels: only an image stored as 8-bit grey at the
+    // finished size is checked, never one converted on reading.
+    tavk05png::GreyImage image;
     std::string strError;
-    if (!ReadPng(strFile, &vecImage, &nWidth, &nHeight, &strError)) {
+    if (!tavk05png::ReadGrey(strFile, &image, &strError)) {
         std::fprintf(stderr, "tavk05: %s\n", strError.c_str());
         return EXIT_IO;
     }
+    if (!image.bStoredGrey8 || image.nWidth != IMG_WIDTH || image.nHeight != IMG_HEIGHT) {
+        std::fprintf(stderr, "tavk05: %s: not a %d x %d 8-bit grey image\n", strFile.c_str(), IMG_WIDTH, IMG_HEIGHT);
+        return EXIT_IO;
+    }
+    const unsigned nWidth = image.nWidth, nHeight = image.nHeight;
+    std::vector<unsigned char>& vecImage = image.vecPixels;
     if (nW == 0) {
         nW = nWidth;
         nH = nHeight;

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "cli.h"
-#include "png_io.h"
 #include "term_picture.h"
 
 namespace cli {
@@ -259,11 +258,7 @@ int RunLive(const Options& opt, bool bRoll)
     // A weak rolled print (57) or a time-out still leaves an image worth keeping.
     const bool bImage = nStatus == TAVK05_OK || nStatus == TAVK05_E_LATENT || nStatus == TAVK05_E_NO_IMAGE;
     if (!args.strOutput.empty() && bImage) {
-        std::string strError;
-        if (!WritePng(args.strOutput, vecImage.data(), IMG_WIDTH, IMG_HEIGHT, &strError)) {
-            std::fprintf(stderr, "tavk05: %s\n", strError.c_str());
-            return EXIT_IO;
-        }
+        if (!SavePng(args.strOutput, vecImage.data())) return EXIT_IO;
         std::fprintf(pInfo, "%s written\n", args.strOutput.c_str());
     }
     return nStatus == TAVK05_OK ? EXIT_OK : EXIT_DEVICE;
