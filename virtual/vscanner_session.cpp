@@ -204,7 +204,7 @@ CSessionReplay::~CSessionReplay()
 
 std::unique_ptr<CSessionReplay> CSessionReplay::Load(const std::string& strPath, int nIndex, std::string* pError)
 {
-    const int fd = RealOpen(strPath.c_str(), O_RDONLY | O_CLOEXEC, 0);
+    const int fd = RealOpen(strPath.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0);
     if (fd < 0) {
         *pError = "replay: cannot open '" + strPath + "': " + std::strerror(errno);
         return nullptr;

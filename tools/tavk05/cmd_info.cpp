@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -137,25 +138,40 @@ private:
     std::string m_strScratch;
 };
 
+// Reads the start of a regular file and never waits on a FIFO or device:
+// the bytes read, -1 when the path cannot be opened, -2 when it is not a
+// regular file.
+long ReadFileStart(const std::string& strPath, char* pBuf, size_t nSize, long long* pnFileSize)
+{
+    const int hFile = open(strPath.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (hFile < 0) return -1;
+    struct stat st;
+    long nRead = -2;
+    if (fstat(hFile, &st) == 0 && S_ISREG(st.st_mode)) {
+        nRead = std::max<long>(0, read(hFile, pBuf, nSize));
+        *pnFileSize = st.st_size;
+    }
+    close(hFile);
+    return nRead;
+}
+
 int ConfigShow()
 {
     // Shown as the driver sees it: only a regular file, only its start (a
-    // FIFO at the path must not hang the command, a huge file not flood it).
+    // huge file must not flood the terminal).
     const std::string strPath = COberin::ConfigPath();
-    const int hFile = open(strPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    struct stat st;
-    if (hFile < 0) {
+    char szText[512];
+    long long nFileSize = 0;
+    const long nRead = ReadFileStart(strPath, szText, sizeof szText, &nFileSize);
+    if (nRead == -1) {
         std::printf("%s: not present\n", strPath.c_str());
-    } else if (fstat(hFile, &st) != 0 || !S_ISREG(st.st_mode)) {
+    } else if (nRead == -2) {
         std::printf("%s: not a regular file\n", strPath.c_str());
     } else {
         std::printf("%s:\n", strPath.c_str());
-        char szText[512];
-        const ssize_t nRead = read(hFile, szText, sizeof szText);
-        if (nRead > 0) std::fwrite(szText, 1, static_cast<size_t>(nRead), stdout);
-        if (st.st_size > static_cast<off_t>(sizeof szText)) std::printf("\n[... %lld bytes in all]\n", static_cast<long long>(st.st_size));
+        std::fwrite(szText, 1, static_cast<size_t>(nRead), stdout);
+        if (nFileSize > static_cast<long long>(sizeof szText)) std::printf("\n[... %lld bytes in all]\n", nFileSize);
     }
-    if (hFile >= 0) close(hFile);
     ConfigSensor sensor;
     std::printf("the driver reads: brightness %lu, contrast %lu, gain %lu, scan mode %lu\n",
                 sensor->m_nBrightness, sensor->m_nContrast, sensor->m_nGain, sensor->m_nScanMode);
@@ -221,13 +237,10 @@ int ConfigSet(const std::vector<std::string>& vecArgs)
     sensor.Finish();
     // The sensor reports nothing when it cannot write the file: read it back.
     const std::string strPath = COberin::ConfigPath();
-    std::string strHave;
-    if (std::FILE* pFile = std::fopen(strPath.c_str(), "r")) {
-        char szBuf[256];
-        const size_t nRead = std::fread(szBuf, 1, sizeof szBuf, pFile);
-        strHave.assign(szBuf, nRead);
-        std::fclose(pFile);
-    }
+    char szBuf[256];
+    long long nFileSize = 0;
+    const long nRead = ReadFileStart(strPath, szBuf, sizeof szBuf, &nFileSize);
+    const std::string strHave(szBuf, static_cast<size_t>(std::max(0L, nRead)));
     if (strHave != strWanted) {
         std::fprintf(stderr, "tavk05: the settings file %s could not be written (not a regular file, or no "
                              "permission); the settings are unchanged\n", strPath.c_str());
