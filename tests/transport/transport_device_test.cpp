@@ -125,52 +125,6 @@ TEST_F(TransportTest, CloseLeavesTheNodeOfOldFirmwareOpen)
     EXPECT_FALSE(DescriptorIsOpen(fd));  // the destructor closes
 }
 
-std::vector<unsigned char> OptionBlock(unsigned char byExposure, unsigned char byGain)
-{
-    std::vector<unsigned char> vec = {1, 2, byExposure, byGain};
-    vec.resize(128, 0);
-    return vec;
-}
-
-TEST_F(TransportTest, RequestsCarryTheirBlocks)
-{
-    AttachUnits("0:model=7");
-    CVxdInterface vxd;
-    OpenAndClearLog(vxd);
-    EXPECT_EQ(VXD_OK, vxd.SetGain(2));
-    EXPECT_EQ(VXD_OK, vxd.SetExposure(40));
-    EXPECT_EQ(VXD_OK, vxd.SetLedOn(true, 0x0201));
-    EXPECT_EQ(0x01, State().byLedSelector);
-    EXPECT_TRUE(State().bLedOn);
-    unsigned char abyIn[100];
-    for (unsigned i = 0; i < sizeof abyIn; ++i) abyIn[i] = static_cast<unsigned char>(200 - i);
-    ASSERT_EQ(VXD_OK, vxd.DevIoCtlSetValue(abyIn, sizeof abyIn));
-    ASSERT_EQ(VXD_OK, vxd.DevIoCtlSetValue(abyIn, 10));
-    unsigned char abyOut[64];
-    unsigned long nLen = 12345;
-    ASSERT_EQ(VXD_OK, vxd.DevIoCtlGetValue(abyOut, &nLen));
-    EXPECT_EQ(64u, nLen);
-    std::vector<unsigned char> vecShort(64, 0);
-    std::memcpy(vecShort.data(), abyIn, 10);
-    EXPECT_EQ(0, std::memcmp(vecShort.data(), abyOut, 64));
-    ASSERT_EQ(VXD_OK, vxd.DevIoCtlGetDevID(abyOut, &nLen));
-    EXPECT_EQ(0, std::memcmp(abyOut, State().abyDeviceId, 64));
-
-    const std::vector<tavk05virt::Request> vecLog = tavk05virt::RequestLog(0);
-    const std::vector<std::pair<unsigned long, std::vector<unsigned char>>> vecExpected = {
-        {5, OptionBlock(0, 2)}, {5, OptionBlock(40, 2)}, {8, {1, 0x01}},
-        {18, std::vector<unsigned char>(abyIn, abyIn + 64)}, {18, vecShort},
-        {17, std::vector<unsigned char>(64, 0)}, {9, std::vector<unsigned char>(64, 0)},  // gets go out zeroed
-    };
-    ASSERT_EQ(vecExpected.size(), vecLog.size());
-    for (size_t i = 0; i < vecLog.size(); ++i) {
-        EXPECT_EQ(vecExpected[i].first, vecLog[i].nRequest) << i;
-        EXPECT_EQ(vecExpected[i].second, vecLog[i].vecBlock) << i;
-    }
-    EXPECT_EQ(40, vxd.m_byExposure);
-    EXPECT_EQ(2, vxd.m_byGain);
-}
-
 TEST_F(TransportTest, AcquisitionModesAndRequestFreeOperations)
 {
     AttachUnits("0:model=6");
