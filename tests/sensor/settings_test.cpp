@@ -342,8 +342,9 @@ TEST_F(SensorTest, ControlCodes)
         EXPECT_EQ(RequestNumbers(), c.vecRequests);
         if (!c.vecSent.empty()) { EXPECT_EQ(tavk05virt::RequestLog(0).back().vecBlock, c.vecSent); }
         if (c.bLenWord) { EXPECT_EQ(nLen, c.nLen); }
-        const tavk05virt::UnitState st = State(0);
-        const Bytes vecBlock = c.nCode == 514 ? Bytes(st.abyDeviceId, st.abyDeviceId + 64) : vecValue;
+        Bytes vecId(64, 0);  // the unit's device ID: its model and serial
+        std::memcpy(vecId.data(), "TAVK05-8-AB-12", 14);
+        const Bytes vecBlock = c.nCode == 514 ? vecId : vecValue;
         const size_t nBlock = c.nStatus == 0 ? c.nLen : 0;
         EXPECT_EQ(Bytes(out.begin(), out.begin() + nBlock), Bytes(vecBlock.begin(), vecBlock.begin() + nBlock));
         EXPECT_EQ(std::count(out.begin() + nBlock, out.end(), 0xEE), 100 - static_cast<long>(nBlock));

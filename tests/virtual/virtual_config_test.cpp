@@ -44,17 +44,6 @@ TEST_F(VirtualTest, ModelsAndExplicitKeysSetTheIdentityInAnyOrder)
     }
 }
 
-TEST_F(VirtualTest, SerialAppearsInDeviceId)
-{
-    AttachUnits("0:model=5,serial=X9.y_z-1;1:model=8");
-    const tavk05virt::UnitState state = State(0);
-    const unsigned char* p = state.abyDeviceId;
-    EXPECT_EQ(std::string("TAVK05-5-X9.y_z-1") + std::string(64 - 17, '\0'), std::string(p, p + 64));
-    // Units differ without a serial given.
-    const std::string strOther(reinterpret_cast<const char*>(State(1).abyDeviceId), 17);
-    EXPECT_TRUE(strOther.compare(0, 9, "TAVK05-8-") == 0 && strOther.compare(9, 8, std::string(p + 9, p + 17)) != 0);
-}
-
 TEST_F(VirtualTest, BadSyntaxIsRefusedWithAMessageNamingTheProblem)
 {
     const char* const aapszCases[][2] = {
@@ -72,6 +61,8 @@ TEST_F(VirtualTest, BadSyntaxIsRefusedWithAMessageNamingTheProblem)
         {"0:replay=/nonexistent/x", "cannot open"}, {"0:replay=/tmp", "not a regular file"},
         {"0:record=/dev/null", "not a regular file"}, {"0:record=/nonexistent/x", "cannot create"},
         {"0:scene=flat,seed=x", "seed"}, {"0:scene=rolls", "roll-left"}, {"0:latentcheck", "latentcheck"},
+        {"0:seed=4294967296", "seed"}, {"0:seed=-1", "seed"}, {"0:wait=3x", "wait"}, {"0:latent=", "latent"},
+        {"0:latentcheck=3", "latentcheck"}, {"0:scene=Flat", "Flat"},
     };
     for (const auto& apsz : aapszCases) {
         std::string strError;
