@@ -94,6 +94,26 @@ double HalfAngle(const FingerPoint& p, double fCutX, double fCutY, double x, dou
     return 0.5 * (fmath::Atan2(v, u) + fCut + (fCut > 0.0 ? -kPi : kPi));
 }
 
+// How unevenly a singular point turns the flow around itself: with the
+// plain half angle the turn is spread evenly over every direction; real
+// skin turns it where the ridges bend. Around a loop's core the ridges turn
+// over its head and its limbs run side by side along the axis; below a
+// delta the basal ridges run almost level over a wide sector, and the flow
+// turns in the narrow sectors beside its upper arm. The term is periodic in
+// the direction (so the field stays continuous and every pole keeps its
+// index), makes the half angle grow at the rate 1/2 - fAmount * cos(phi -
+// fAxis) around the point (slowest toward fAxis), and fades over a few
+// ridges so that far away the flow is the plain model's.
+double Shape(const FingerPoint& p, double fAmount, double fAxis, double x, double y)
+{
+    if (fAmount == 0.0) return 0.0;
+    const double dx = x - p.x;
+    const double dy = y - p.y;
+    const double fRange = 120.0;
+    const double fFade = 1.0 / (1.0 + (dx * dx + dy * dy) / (fRange * fRange));
+    return -fAmount * fmath::Sin(fmath::Atan2(dy, dx) - fAxis) * fFade;
+}
+
 // Zero-pole model: each core turns the flow by half a turn around it, each
 // delta by half a turn the other way. Core i and delta i are a pair whose
 // cuts both run from the core through the delta and on: beyond the delta
@@ -108,8 +128,8 @@ double PoleAngle(const FingerGenome& g, double x, double y)
         const double fLength = std::sqrt((d.x - c.x) * (d.x - c.x) + (d.y - c.y) * (d.y - c.y)) + 1e-9;
         const double ux = (d.x - c.x) / fLength;
         const double uy = (d.y - c.y) / fLength;
-        fSum += HalfAngle(c, ux, uy, x, y);
-        if (i < g.nDeltas) fSum -= HalfAngle(d, ux, uy, x, y);
+        fSum += HalfAngle(c, ux, uy, x, y) + Shape(c, g.fCoreShape, g.fLoopAxis, x, y);
+        if (i < g.nDeltas) fSum -= HalfAngle(d, ux, uy, x, y) + Shape(d, g.fDeltaShape, g.fBasalAxis, x, y);
     }
     return fSum;
 }
@@ -221,15 +241,6 @@ FingerGenome MakeGenome(uint32_t nSeed)
         for (int i = 1; i < g.nCores; ++i) Turn(&g.aptCore[i]);
         for (int i = 0; i < g.nDeltas; ++i) Turn(&g.aptDelta[i]);
     }
-    // Base angle: the ridges just above the (upper) core run level, then
-    // the pattern slants; without singular points the flow is level anyway.
-    g.fTheta0 = 0.0;
-    if (g.nCores > 0) {
-        int nUpper = 0;
-        if (g.nCores > 1 && g.aptCore[1].y < g.aptCore[0].y) nUpper = 1;
-        g.fTheta0 = g.fTilt - PoleAngle(g, g.aptCore[nUpper].x, g.aptCore[nUpper].y - 25.0);
-    }
-
     // Finger size and shape: narrow to broad pads, short to long.
     g.ptContact.x = 300.0 + rng.Range(-15.0, 15.0);
     g.ptContact.y = 305.0 + rng.Range(-15.0, 15.0);
@@ -246,6 +257,19 @@ FingerGenome MakeGenome(uint32_t nSeed)
     // of the finger's axis, and the ridges toward the joint slope a little.
     g.fTipCentreX = 300.0 + rng.Range(-40.0, 40.0);
     g.fBaseSlope = rng.Range(-0.15, 0.15);
+    // How the flow turns around the singular points: a loop's limbs run
+    // side by side toward its open side (the delta's side mirrored), and
+    // below every delta the basal ridges spread almost level.
+    if (g.eClass == kClassLeftLoop || g.eClass == kClassRightLoop) {
+        g.fCoreShape = rng.Range(0.25, 0.4);
+        g.fLoopAxis = kPi - fmath::Atan2(g.aptDelta[0].y - g.aptCore[0].y, g.aptDelta[0].x - g.aptCore[0].x);
+    }
+    g.fDeltaShape = g.nDeltas > 0 ? rng.Range(0.25, 0.4) : 0.0;
+    g.fBasalAxis = 0.5 * kPi + g.fTilt;
+    // Base angle: far from the pattern the ridges run level, slanted with
+    // the pattern; without singular points the flow is level anyway.
+    g.fTheta0 = 0.0;
+    if (g.nCores > 0) g.fTheta0 = g.fTilt - PoleAngle(g, g.aptCore[0].x, g.aptCore[0].y - 1e5);
     return g;
 }
 
@@ -279,8 +303,13 @@ double CFingerPattern::Orientation(double x, double y) const
     // around a point below the pad, fading out below the core.
     const double fCoreY = g.nCores > 0 ? g.aptCore[0].y : 300.0;
     const double fTipWeight = 1.0 - fmath::SmoothStep(fCoreY - 60.0, fCoreY + 230.0, y);
-    const double fDepth = g.fTipCentreY - y;
-    const double fTip = fTipWeight * fmath::Atan(g.fTipBend * (x - g.fTipCentreX) / (fDepth > 60.0 ? fDepth : 60.0));
+    // The depth below the point levels off smoothly at 60 pixels near and
+    // below the centre: a hard floor would turn the ridges faster on one side
+    // of a level line than on the other, and the growth lines that up with
+    // ridge endings.
+    const double fHeight = g.fTipCentreY - y - 60.0;
+    const double fDepth = 60.0 + 0.5 * (fHeight + std::sqrt(fHeight * fHeight + 3600.0));
+    const double fTip = fTipWeight * fmath::Atan(g.fTipBend * (x - g.fTipCentreX) / fDepth);
     fTheta += fTip;
     // Towards the first joint the ridges run level again.
     fTheta -= g.fTheta0 * fmath::SmoothStep(fCoreY + 90.0, fCoreY + 330.0, y);
@@ -288,7 +317,7 @@ double CFingerPattern::Orientation(double x, double y) const
     // around the tip they follow the outline, towards the joint they run
     // across the finger. The blend is zero on the cuts of the pole angles.
     if (g.nCores > 0 && g.nDeltas > 0) {
-        const double fAway = fmath::SmoothStep(g.fPatternInner, g.fPatternOuter, PatternDistance(g, x, y));
+        const double fAway = fTipWeight * fmath::SmoothStep(g.fPatternInner, g.fPatternOuter, PatternDistance(g, x, y));
         fTheta += fAway * (fTip - fTheta);
     }
     // Towards the joint the ridges run across the finger at its own slope.

@@ -70,6 +70,12 @@ struct FingerGenome {
     FingerPoint ptOutline;
     double fOutlineA;
     double fOutlineB;
+    // Uneven turn of the flow around the singular points (see PoleAngle):
+    // amounts and the directions in which each turns slowest.
+    double fCoreShape;     // loops: the limbs run side by side along fLoopAxis
+    double fLoopAxis;
+    double fDeltaShape;    // the basal ridges below a delta run almost level
+    double fBasalAxis;
 };
 
 FingerGenome MakeGenome(uint32_t nSeed);
