@@ -224,6 +224,7 @@ FingerGenome MakeGenome(uint32_t nSeed)
     case kClassArch:
         g.nCores = 0;
         g.nDeltas = 0;
+        g.ptArch = ptCore;
         break;
     }
 
@@ -264,12 +265,11 @@ FingerGenome MakeGenome(uint32_t nSeed)
         g.fCoreShape = rng.Range(0.25, 0.4);
         g.fLoopAxis = kPi - fmath::Atan2(g.aptDelta[0].y - g.aptCore[0].y, g.aptDelta[0].x - g.aptCore[0].x);
     }
-    g.fDeltaShape = g.nDeltas > 0 ? rng.Range(0.25, 0.4) : 0.0;
+    g.fDeltaShape = g.nDeltas > 0 ? 0.0 * rng.Range(0.25, 0.4) : 0.0;
     g.fBasalAxis = 0.5 * kPi + g.fTilt;
     // Base angle: far from the pattern the ridges run level, slanted with
-    // the pattern; without singular points the flow is level anyway.
-    g.fTheta0 = 0.0;
-    if (g.nCores > 0) g.fTheta0 = g.fTilt - PoleAngle(g, g.aptCore[0].x, g.aptCore[0].y - 1e5);
+    // the pattern; an arch slants as a whole.
+    g.fTheta0 = g.fTilt - PoleAngle(g, ptCore.x, ptCore.y - 1e5);
     return g;
 }
 
@@ -323,16 +323,29 @@ double CFingerPattern::Orientation(double x, double y) const
     // Towards the joint the ridges run across the finger at its own slope.
     fTheta += g.fBaseSlope * fmath::SmoothStep(fCoreY + 60.0, fCoreY + 300.0, y);
 
-    for (int i = 0; i < 6; ++i) {
+    for (int i = 0; i < 3; ++i) {
         fTheta += m_afFlow[i][3] * fmath::Cos(m_afFlow[i][0] * x + m_afFlow[i][1] * y + m_afFlow[i][2]);
+    }
+    // The short waves bend the ridges along their length (they meander) and
+    // barely squeeze them: a wave that ran across the ridges would turn
+    // neighbouring ridges against each other and force endings in rows.
+    // Each is weighted by how closely it runs along the ridges here.
+    const double fAlongX = fmath::Cos(fTheta);
+    const double fAlongY = fmath::Sin(fTheta);
+    for (int i = 3; i < 6; ++i) {
+        const double fAlong = (m_afFlow[i][0] * fAlongX + m_afFlow[i][1] * fAlongY) /
+                              std::sqrt(m_afFlow[i][0] * m_afFlow[i][0] + m_afFlow[i][1] * m_afFlow[i][1]);
+        fTheta += 2.0 * fAlong * fAlong * m_afFlow[i][3] *
+                  fmath::Cos(m_afFlow[i][0] * x + m_afFlow[i][1] * y + m_afFlow[i][2]);
     }
 
     if (g.eClass == kClassArch) {
-        // A hump in the middle, highest a little above the centre.
-        const double dx = x - 300.0;
+        // A hump about where a loop's core would be, highest a little above it.
+        const double dx = x - g.ptArch.x;
+        const double dy = y - g.ptArch.y;
         const double w2 = g.fArchWidth * g.fArchWidth;
-        const double fRise = g.fArchHeight * (1.0 - fmath::SmoothStep(220.0, 560.0, y)) *
-                             fmath::SmoothStep(-40.0, 180.0, y);
+        const double fRise = g.fArchHeight * (1.0 - fmath::SmoothStep(-45.0, 295.0, dy)) *
+                             fmath::SmoothStep(-305.0, -85.0, dy);
         fTheta += fmath::Atan(fRise * dx / w2 * fmath::Exp(-dx * dx / (2.0 * w2)));
     }
     return fTheta;
