@@ -269,7 +269,7 @@ FingerGenome MakeGenome(uint32_t nSeed)
     g.fBasalAxis = 0.5 * kPi + g.fTilt;
     // Base angle: far from the pattern the ridges run level, slanted with
     // the pattern; an arch slants as a whole.
-    g.fTheta0 = g.fTilt - PoleAngle(g, ptCore.x, ptCore.y - 1e5);
+    g.fTheta0 = g.nCores > 0 ? g.fTilt - PoleAngle(g, ptCore.x, ptCore.y - 1e5) : 0.0;
     return g;
 }
 
