@@ -94,16 +94,14 @@ double HalfAngle(const FingerPoint& p, double fCutX, double fCutY, double x, dou
     return 0.5 * (fmath::Atan2(v, u) + fCut + (fCut > 0.0 ? -kPi : kPi));
 }
 
-// How unevenly a singular point turns the flow around itself: with the
-// plain half angle the turn is spread evenly over every direction; real
-// skin turns it where the ridges bend. Around a loop's core the ridges turn
-// over its head and its limbs run side by side along the axis; below a
-// delta the basal ridges run almost level over a wide sector, and the flow
-// turns in the narrow sectors beside its upper arm. The term is periodic in
-// the direction (so the field stays continuous and every pole keeps its
-// index), makes the half angle grow at the rate 1/2 - fAmount * cos(phi -
-// fAxis) around the point (slowest toward fAxis), and fades over a few
-// ridges so that far away the flow is the plain model's.
+// How unevenly a loop's core turns the flow around itself: the plain half
+// angle spreads the turn evenly over every direction, while the ridges of a
+// loop turn over its head and its limbs run side by side along its axis. The
+// term is periodic in the direction (so the field stays continuous and the
+// core keeps its index), makes the half angle grow at the rate
+// 1/2 - fAmount * cos(phi - fAxis) around the point (slowest toward fAxis),
+// and fades over a dozen ridges so that far away the flow is the plain
+// model's.
 double Shape(const FingerPoint& p, double fAmount, double fAxis, double x, double y)
 {
     if (fAmount == 0.0) return 0.0;
@@ -129,7 +127,7 @@ double PoleAngle(const FingerGenome& g, double x, double y)
         const double ux = (d.x - c.x) / fLength;
         const double uy = (d.y - c.y) / fLength;
         fSum += HalfAngle(c, ux, uy, x, y) + Shape(c, g.fCoreShape, g.fLoopAxis, x, y);
-        if (i < g.nDeltas) fSum -= HalfAngle(d, ux, uy, x, y) + Shape(d, g.fDeltaShape, g.fBasalAxis, x, y);
+        if (i < g.nDeltas) fSum -= HalfAngle(d, ux, uy, x, y);
     }
     return fSum;
 }
@@ -258,17 +256,19 @@ FingerGenome MakeGenome(uint32_t nSeed)
     // of the finger's axis, and the ridges toward the joint slope a little.
     g.fTipCentreX = 300.0 + rng.Range(-40.0, 40.0);
     g.fBaseSlope = rng.Range(-0.15, 0.15);
-    // How the flow turns around the singular points: a loop's limbs run
-    // side by side toward its open side (the delta's side mirrored), and
-    // below every delta the basal ridges spread almost level.
+    // A loop's limbs run side by side toward its open side: with level
+    // ridges far away, the zero-pole model opens a loop in the direction of
+    // its delta mirrored about the vertical.
     if (g.eClass == kClassLeftLoop || g.eClass == kClassRightLoop) {
         g.fCoreShape = rng.Range(0.25, 0.4);
         g.fLoopAxis = kPi - fmath::Atan2(g.aptDelta[0].y - g.aptCore[0].y, g.aptDelta[0].x - g.aptCore[0].x);
     }
-    g.fDeltaShape = g.nDeltas > 0 ? 0.0 * rng.Range(0.25, 0.4) : 0.0;
-    g.fBasalAxis = 0.5 * kPi + g.fTilt;
-    // Base angle: far from the pattern the ridges run level, slanted with
-    // the pattern; an arch slants as a whole.
+    // Base angle: far from the pattern area the flow of the cores and
+    // deltas runs level, slanted with the pattern. The ridges below the
+    // pattern then fan out from it into the basal ridges by themselves; a
+    // base angle that levelled the ridges over the core instead would leave
+    // them slanted far away, and turning them level there would squeeze them
+    // across a band lined with ridge endings.
     g.fTheta0 = g.nCores > 0 ? g.fTilt - PoleAngle(g, ptCore.x, ptCore.y - 1e5) : 0.0;
     return g;
 }
@@ -311,11 +311,10 @@ double CFingerPattern::Orientation(double x, double y) const
     const double fDepth = 60.0 + 0.5 * (fHeight + std::sqrt(fHeight * fHeight + 3600.0));
     const double fTip = fTipWeight * fmath::Atan(g.fTipBend * (x - g.fTipCentreX) / fDepth);
     fTheta += fTip;
-    // Towards the first joint the ridges run level again.
-    fTheta -= g.fTheta0 * fmath::SmoothStep(fCoreY + 90.0, fCoreY + 330.0, y);
-    // Away from the pattern area the ridges forget its cores and deltas:
-    // around the tip they follow the outline, towards the joint they run
-    // across the finger. The blend is zero on the cuts of the pole angles.
+    // Away from the pattern area, toward the tip, the ridges forget its
+    // cores and deltas and follow the outline; below the pattern they keep
+    // its own flow, which fans out into level ridges (see fTheta0). The
+    // blend is zero on the cuts of the pole angles.
     if (g.nCores > 0 && g.nDeltas > 0) {
         const double fAway = fTipWeight * fmath::SmoothStep(g.fPatternInner, g.fPatternOuter, PatternDistance(g, x, y));
         fTheta += fAway * (fTip - fTheta);

@@ -71,12 +71,10 @@ struct FingerGenome {
     FingerPoint ptOutline;
     double fOutlineA;
     double fOutlineB;
-    // Uneven turn of the flow around the singular points (see PoleAngle):
-    // amounts and the directions in which each turns slowest.
-    double fCoreShape;     // loops: the limbs run side by side along fLoopAxis
+    // Loops: how unevenly the flow turns around the core (see Shape in
+    // finger_pattern.cpp), slowest along the axis on which the limbs run.
+    double fCoreShape;
     double fLoopAxis;
-    double fDeltaShape;    // the basal ridges below a delta run almost level
-    double fBasalAxis;
 };
 
 FingerGenome MakeGenome(uint32_t nSeed);
