@@ -325,16 +325,17 @@ double CFingerPattern::Orientation(double x, double y) const
     for (int i = 0; i < 3; ++i) {
         fTheta += m_afFlow[i][3] * fmath::Cos(m_afFlow[i][0] * x + m_afFlow[i][1] * y + m_afFlow[i][2]);
     }
-    // The short waves bend the ridges along their length (they meander) and
-    // barely squeeze them: a wave that ran across the ridges would turn
-    // neighbouring ridges against each other and force endings in rows.
-    // Each is weighted by how closely it runs along the ridges here.
+    // The short waves bend the ridges along their length more than they
+    // squeeze them: a wave that runs across the ridges turns neighbouring
+    // ridges against each other and forces endings in rows. Each counts
+    // half where it runs across the ridges and one and a half times where
+    // it runs along them.
     const double fAlongX = fmath::Cos(fTheta);
     const double fAlongY = fmath::Sin(fTheta);
     for (int i = 3; i < 6; ++i) {
         const double fAlong = (m_afFlow[i][0] * fAlongX + m_afFlow[i][1] * fAlongY) /
                               std::sqrt(m_afFlow[i][0] * m_afFlow[i][0] + m_afFlow[i][1] * m_afFlow[i][1]);
-        fTheta += 2.0 * fAlong * fAlong * m_afFlow[i][3] *
+        fTheta += (0.5 + fAlong * fAlong) * m_afFlow[i][3] *
                   fmath::Cos(m_afFlow[i][0] * x + m_afFlow[i][1] * y + m_afFlow[i][2]);
     }
 
