@@ -94,6 +94,24 @@ double HalfAngle(const FingerPoint& p, double fCutX, double fCutY, double x, dou
     return 0.5 * (fmath::Atan2(v, u) + fCut + (fCut > 0.0 ? -kPi : kPi));
 }
 
+// How unevenly a loop's core turns the flow around itself: the plain half
+// angle spreads the turn evenly over every direction, while the ridges of a
+// loop turn over its head and its limbs run side by side along its axis. The
+// term is periodic in the direction (so the field stays continuous and the
+// core keeps its index), makes the half angle grow at the rate
+// 1/2 - fAmount * cos(phi - fAxis) around the point (slowest toward fAxis),
+// and fades over a dozen ridges so that far away the flow is the plain
+// model's.
+double Shape(const FingerPoint& p, double fAmount, double fAxis, double x, double y)
+{
+    if (fAmount == 0.0) return 0.0;
+    const double dx = x - p.x;
+    const double dy = y - p.y;
+    const double fRange = 120.0;
+    const double fFade = 1.0 / (1.0 + (dx * dx + dy * dy) / (fRange * fRange));
+    return -fAmount * fmath::Sin(fmath::Atan2(dy, dx) - fAxis) * fFade;
+}
+
 // Zero-pole model: each core turns the flow by half a turn around it, each
 // delta by half a turn the other way. Core i and delta i are a pair whose
 // cuts both run from the core through the delta and on: beyond the delta
@@ -108,7 +126,7 @@ double PoleAngle(const FingerGenome& g, double x, double y)
         const double fLength = std::sqrt((d.x - c.x) * (d.x - c.x) + (d.y - c.y) * (d.y - c.y)) + 1e-9;
         const double ux = (d.x - c.x) / fLength;
         const double uy = (d.y - c.y) / fLength;
-        fSum += HalfAngle(c, ux, uy, x, y);
+        fSum += HalfAngle(c, ux, uy, x, y) + Shape(c, g.fCoreShape, g.fLoopAxis, x, y);
         if (i < g.nDeltas) fSum -= HalfAngle(d, ux, uy, x, y);
     }
     return fSum;
@@ -204,6 +222,7 @@ FingerGenome MakeGenome(uint32_t nSeed)
     case kClassArch:
         g.nCores = 0;
         g.nDeltas = 0;
+        g.ptArch = ptCore;
         break;
     }
 
@@ -221,15 +240,6 @@ FingerGenome MakeGenome(uint32_t nSeed)
         for (int i = 1; i < g.nCores; ++i) Turn(&g.aptCore[i]);
         for (int i = 0; i < g.nDeltas; ++i) Turn(&g.aptDelta[i]);
     }
-    // Base angle: the ridges just above the (upper) core run level, then
-    // the pattern slants; without singular points the flow is level anyway.
-    g.fTheta0 = 0.0;
-    if (g.nCores > 0) {
-        int nUpper = 0;
-        if (g.nCores > 1 && g.aptCore[1].y < g.aptCore[0].y) nUpper = 1;
-        g.fTheta0 = g.fTilt - PoleAngle(g, g.aptCore[nUpper].x, g.aptCore[nUpper].y - 25.0);
-    }
-
     // Finger size and shape: narrow to broad pads, short to long.
     g.ptContact.x = 300.0 + rng.Range(-15.0, 15.0);
     g.ptContact.y = 305.0 + rng.Range(-15.0, 15.0);
@@ -246,6 +256,20 @@ FingerGenome MakeGenome(uint32_t nSeed)
     // of the finger's axis, and the ridges toward the joint slope a little.
     g.fTipCentreX = 300.0 + rng.Range(-40.0, 40.0);
     g.fBaseSlope = rng.Range(-0.15, 0.15);
+    // A loop's limbs run side by side toward its open side: with level
+    // ridges far away, the zero-pole model opens a loop in the direction of
+    // its delta mirrored about the vertical.
+    if (g.eClass == kClassLeftLoop || g.eClass == kClassRightLoop) {
+        g.fCoreShape = rng.Range(0.25, 0.4);
+        g.fLoopAxis = kPi - fmath::Atan2(g.aptDelta[0].y - g.aptCore[0].y, g.aptDelta[0].x - g.aptCore[0].x);
+    }
+    // Base angle: far from the pattern area the flow of the cores and
+    // deltas runs level, slanted with the pattern. The ridges below the
+    // pattern then fan out from it into the basal ridges by themselves; a
+    // base angle that levelled the ridges over the core instead would leave
+    // them slanted far away, and turning them level there would squeeze them
+    // across a band lined with ridge endings.
+    g.fTheta0 = g.nCores > 0 ? g.fTilt - PoleAngle(g, ptCore.x, ptCore.y - 1e5) : 0.0;
     return g;
 }
 
@@ -279,31 +303,49 @@ double CFingerPattern::Orientation(double x, double y) const
     // around a point below the pad, fading out below the core.
     const double fCoreY = g.nCores > 0 ? g.aptCore[0].y : 300.0;
     const double fTipWeight = 1.0 - fmath::SmoothStep(fCoreY - 60.0, fCoreY + 230.0, y);
-    const double fDepth = g.fTipCentreY - y;
-    const double fTip = fTipWeight * fmath::Atan(g.fTipBend * (x - g.fTipCentreX) / (fDepth > 60.0 ? fDepth : 60.0));
+    // The depth below the point levels off smoothly at 60 pixels near and
+    // below the centre: a hard floor would turn the ridges faster on one side
+    // of a level line than on the other, and the growth lines that up with
+    // ridge endings.
+    const double fHeight = g.fTipCentreY - y - 60.0;
+    const double fDepth = 60.0 + 0.5 * (fHeight + std::sqrt(fHeight * fHeight + 3600.0));
+    const double fTip = fTipWeight * fmath::Atan(g.fTipBend * (x - g.fTipCentreX) / fDepth);
     fTheta += fTip;
-    // Towards the first joint the ridges run level again.
-    fTheta -= g.fTheta0 * fmath::SmoothStep(fCoreY + 90.0, fCoreY + 330.0, y);
-    // Away from the pattern area the ridges forget its cores and deltas:
-    // around the tip they follow the outline, towards the joint they run
-    // across the finger. The blend is zero on the cuts of the pole angles.
+    // Away from the pattern area, toward the tip, the ridges forget its
+    // cores and deltas and follow the outline; below the pattern they keep
+    // its own flow, which fans out into level ridges (see fTheta0). The
+    // blend is zero on the cuts of the pole angles.
     if (g.nCores > 0 && g.nDeltas > 0) {
-        const double fAway = fmath::SmoothStep(g.fPatternInner, g.fPatternOuter, PatternDistance(g, x, y));
+        const double fAway = fTipWeight * fmath::SmoothStep(g.fPatternInner, g.fPatternOuter, PatternDistance(g, x, y));
         fTheta += fAway * (fTip - fTheta);
     }
     // Towards the joint the ridges run across the finger at its own slope.
     fTheta += g.fBaseSlope * fmath::SmoothStep(fCoreY + 60.0, fCoreY + 300.0, y);
 
-    for (int i = 0; i < 6; ++i) {
+    for (int i = 0; i < 3; ++i) {
         fTheta += m_afFlow[i][3] * fmath::Cos(m_afFlow[i][0] * x + m_afFlow[i][1] * y + m_afFlow[i][2]);
+    }
+    // The short waves bend the ridges along their length more than they
+    // squeeze them: a wave that runs across the ridges turns neighbouring
+    // ridges against each other and forces endings in rows. Each counts
+    // half where it runs across the ridges and one and a half times where
+    // it runs along them.
+    const double fAlongX = fmath::Cos(fTheta);
+    const double fAlongY = fmath::Sin(fTheta);
+    for (int i = 3; i < 6; ++i) {
+        const double fAlong = (m_afFlow[i][0] * fAlongX + m_afFlow[i][1] * fAlongY) /
+                              std::sqrt(m_afFlow[i][0] * m_afFlow[i][0] + m_afFlow[i][1] * m_afFlow[i][1]);
+        fTheta += (0.5 + fAlong * fAlong) * m_afFlow[i][3] *
+                  fmath::Cos(m_afFlow[i][0] * x + m_afFlow[i][1] * y + m_afFlow[i][2]);
     }
 
     if (g.eClass == kClassArch) {
-        // A hump in the middle, highest a little above the centre.
-        const double dx = x - 300.0;
+        // A hump about where a loop's core would be, highest a little above it.
+        const double dx = x - g.ptArch.x;
+        const double dy = y - g.ptArch.y;
         const double w2 = g.fArchWidth * g.fArchWidth;
-        const double fRise = g.fArchHeight * (1.0 - fmath::SmoothStep(220.0, 560.0, y)) *
-                             fmath::SmoothStep(-40.0, 180.0, y);
+        const double fRise = g.fArchHeight * (1.0 - fmath::SmoothStep(-45.0, 295.0, dy)) *
+                             fmath::SmoothStep(-305.0, -85.0, dy);
         fTheta += fmath::Atan(fRise * dx / w2 * fmath::Exp(-dx * dx / (2.0 * w2)));
     }
     return fTheta;

@@ -56,6 +56,7 @@ struct FingerGenome {
     double fBaseSlope;     // slope of the ridges toward the first joint, radians
     double fArchHeight;    // arch only: rise of the central hump
     double fArchWidth;     // arch only: width of the hump
+    FingerPoint ptArch;    // arch only: where the hump stands
     double fTilt;          // slant of the pattern against the finger's axis, radians
     double fPeriod;        // mean ridge period in pixels
     double fPeriodSwing;   // amplitude of each of the period's waves (relative)
@@ -70,6 +71,10 @@ struct FingerGenome {
     FingerPoint ptOutline;
     double fOutlineA;
     double fOutlineB;
+    // Loops: how unevenly the flow turns around the core (see Shape in
+    // finger_pattern.cpp), slowest along the axis on which the limbs run.
+    double fCoreShape;
+    double fLoopAxis;
 };
 
 FingerGenome MakeGenome(uint32_t nSeed);

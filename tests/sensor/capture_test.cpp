@@ -70,15 +70,15 @@ TEST_P(CapturePathTest, FinishedImageOfTheFlatFinger)
 INSTANTIATE_TEST_SUITE_P(
     ModelsAndFirmware, CapturePathTest,
     ::testing::Values(
-        CapturePath{"model=3", 3, 1280, 676, 926720, 4, 0xf3d1160ca80df37dull, 0x4992f59ea3cdeebcull},
-        CapturePath{"model=4", 4, 1280, 676, 926720, 4, 0xf3d1160ca80df37dull, 0x4992f59ea3cdeebcull},
-        CapturePath{"product=0x0630", 0, 1280, 676, 926720, 4, 0xf3d1160ca80df37dull, 0x4992f59ea3cdeebcull},
-        CapturePath{"model=5", 5, 1288, 876, 1128448, 1, 0x3ec4b93452fc03fdull, 0x1a1c430a3187e796ull},
-        CapturePath{"model=6", 6, 1288, 876, 1128448, 1, 0x3ec4b93452fc03fdull, 0x1a1c430a3187e796ull},
-        CapturePath{"model=7,fw=0x2FFF", 7, 1288, 876, 1128448, 1, 0xfecd117578a797cull, 0x6c5efbdc1667a655ull},
-        CapturePath{"model=8,fw=0x1005", 8, 1288, 876, 1128448, 1, 0xfecd117578a797cull, 0x6c5efbdc1667a655ull},
-        CapturePath{"model=7,fw=0x3000", 7, 1800, 1280, 2304000, 1, 0x71ed4d14d40e04e9ull, 0x9770490c39faa32aull},
-        CapturePath{"model=8,fw=0xFFFF", 8, 1800, 1280, 2304000, 1, 0x71ed4d14d40e04e9ull, 0x9770490c39faa32aull}));
+        CapturePath{"model=3", 3, 1280, 676, 926720, 4, 0xca37e62cf1e39b2eull, 0x180a76f92e5ca1dbull},
+        CapturePath{"model=4", 4, 1280, 676, 926720, 4, 0xca37e62cf1e39b2eull, 0x180a76f92e5ca1dbull},
+        CapturePath{"product=0x0630", 0, 1280, 676, 926720, 4, 0xca37e62cf1e39b2eull, 0x180a76f92e5ca1dbull},
+        CapturePath{"model=5", 5, 1288, 876, 1128448, 1, 0x2d38c7f95af3d78cull, 0x7d2efc0f0d1c1f2aull},
+        CapturePath{"model=6", 6, 1288, 876, 1128448, 1, 0x2d38c7f95af3d78cull, 0x7d2efc0f0d1c1f2aull},
+        CapturePath{"model=7,fw=0x2FFF", 7, 1288, 876, 1128448, 1, 0x119e7c79b3e284faull, 0xe54fa83cd55fe3bbull},
+        CapturePath{"model=8,fw=0x1005", 8, 1288, 876, 1128448, 1, 0x119e7c79b3e284faull, 0xe54fa83cd55fe3bbull},
+        CapturePath{"model=7,fw=0x3000", 7, 1800, 1280, 2304000, 1, 0xb8ea714179ce59b7ull, 0xa67de3238609213eull},
+        CapturePath{"model=8,fw=0xFFFF", 8, 1800, 1280, 2304000, 1, 0xb8ea714179ce59b7ull, 0xa67de3238609213eull}));
 
 // What a capture reads and leaves in the host's buffer (size code 1) around
 // the latent pre-check (on latent-capable units in check mode) and its refusals.
