@@ -80,24 +80,6 @@ double At(const unsigned char* p, double x, double y)
     return p[iy * kSize + ix];
 }
 
-TEST(FingerMath, PortableFunctionsMatchTheLibrary)
-{
-    for (double x = -60.0; x <= 60.0; x += 0.37) {
-        EXPECT_NEAR(fmath::Exp(x) / std::exp(x), 1.0, 1e-12) << x;
-    }
-    for (double x = -40.0; x <= 40.0; x += 0.031) {
-        EXPECT_NEAR(fmath::Cos(x), std::cos(x), 1e-12) << x;
-        EXPECT_NEAR(fmath::Sin(x), std::sin(x), 1e-12) << x;
-    }
-    for (double y = -3.0; y <= 3.0; y += 0.25) {
-        for (double x = -3.0; x <= 3.0; x += 0.25) {
-            if (x == 0.0 && y == 0.0) continue;
-            EXPECT_NEAR(fmath::Atan2(y, x), std::atan2(y, x), 1e-9) << y << ", " << x;
-        }
-    }
-    EXPECT_EQ(0.0, fmath::Exp(-800.0));
-}
-
 TEST(FingerPattern, SeedDecidesTheFingerAndItsClass)
 {
     const std::unique_ptr<CFingerPattern> pA = CFingerPattern::Create(77);
