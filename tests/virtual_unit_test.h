@@ -1,5 +1,6 @@
 // Base fixture of the tests that run on virtual units: every test starts and
-// ends with no unit attached, and attaching or injecting must succeed.
+// ends with no unit attached, and attaching or injecting must succeed; with
+// the file helpers those tests share.
 #ifndef TAVK05_TESTS_VIRTUAL_UNIT_TEST_H
 #define TAVK05_TESTS_VIRTUAL_UNIT_TEST_H
 
@@ -8,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -38,6 +40,25 @@ protected:
     }
 
     static int OpenNode(int nIndex) { return open(("/dev/tavk05" + std::to_string(nIndex)).c_str(), O_RDONLY); }
+
+    // A whole file as a string ("" when it cannot be read), and a new content.
+    static std::string FileText(const std::string& strPath)
+    {
+        std::string str;
+        if (FILE* pFile = std::fopen(strPath.c_str(), "rb")) {
+            for (int ch; (ch = std::fgetc(pFile)) != EOF;) str += static_cast<char>(ch);
+            std::fclose(pFile);
+        }
+        return str;
+    }
+
+    static void WriteFile(const std::string& strPath, const std::string& strContent)
+    {
+        FILE* pFile = std::fopen(strPath.c_str(), "wb");
+        ASSERT_NE(pFile, nullptr) << strPath;
+        EXPECT_EQ(std::fwrite(strContent.data(), 1, strContent.size(), pFile), strContent.size());
+        std::fclose(pFile);
+    }
 
     // A scratch file path under TAVK05_TEST_TMP (or /tmp).
     static std::string TempPath(const std::string& strName)

@@ -13,10 +13,8 @@
 
 namespace {
 
-using sensortest::FileText;
 using sensortest::SensorTest;
 using sensortest::SettingsText;
-using sensortest::WriteFile;
 
 const uid_t kNobody = 65534;
 

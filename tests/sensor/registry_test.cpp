@@ -29,7 +29,7 @@ protected:
     // Whether a sensor saved its settings (its destructor did) since the last call.
     bool Saved()
     {
-        const bool bSaved = sensortest::FileText(m_strConf) != "";
+        const bool bSaved = FileText(m_strConf) != "";
         ::unlink(m_strConf.c_str());
         return bSaved;
     }

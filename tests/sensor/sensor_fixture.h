@@ -31,25 +31,6 @@ inline unsigned long long Digest(const Bytes& vec)
     return n;
 }
 
-// A whole file as a string ("" when it cannot be read), and a new content.
-inline std::string FileText(const std::string& strPath)
-{
-    std::string str;
-    if (FILE* pFile = std::fopen(strPath.c_str(), "rb")) {
-        for (int ch; (ch = std::fgetc(pFile)) != EOF;) str += static_cast<char>(ch);
-        std::fclose(pFile);
-    }
-    return str;
-}
-
-inline void WriteFile(const std::string& strPath, const std::string& strContent)
-{
-    FILE* pFile = std::fopen(strPath.c_str(), "wb");
-    ASSERT_NE(pFile, nullptr) << strPath;
-    std::fwrite(strContent.data(), 1, strContent.size(), pFile);
-    std::fclose(pFile);
-}
-
 // The settings file exactly as the driver writes it.
 inline std::string SettingsText(int nBrightness, int nContrast, int nGain, int nScanMode)
 {

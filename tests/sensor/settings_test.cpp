@@ -51,7 +51,7 @@ TEST_F(SensorTest, ConstructionAndDeviceInfo)
 TEST_F(SensorTest, OpenAndClose)
 {
     AttachUnits("0:model=4;3:model=7,fw=0x3000");
-    sensortest::WriteFile(m_strConf, sensortest::SettingsText(71, 33, 4, 1));
+    WriteFile(m_strConf, sensortest::SettingsText(71, 33, 4, 1));
     COberin sensor(nullptr);
     EXPECT_EQ(sensor.OpenDevice(2, 0), 55ul);
     EXPECT_EQ(sensor.GetError(), 55ul);

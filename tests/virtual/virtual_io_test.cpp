@@ -40,14 +40,6 @@ std::string ReadAll(int fd)
     return str;
 }
 
-void WriteFile(const std::string& strPath, const std::string& strBytes)
-{
-    FILE* pFile = std::fopen(strPath.c_str(), "wb");
-    ASSERT_NE(nullptr, pFile);
-    EXPECT_EQ(strBytes.size(), std::fwrite(strBytes.data(), 1, strBytes.size(), pFile));
-    std::fclose(pFile);
-}
-
 TEST_F(VirtualTest, OrdinaryFilesAndPipesPassThroughEveryVariant)
 {
     AttachUnits("0:model=6");
