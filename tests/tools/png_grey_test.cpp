@@ -61,8 +61,10 @@ protected:
     void SetUp() override
     {
         const char* pszTmp = std::getenv("TAVK05_TEST_TMP");
-        m_strDir = std::string(pszTmp != nullptr ? pszTmp : "/tmp") + "/png-test-" + std::to_string(::getpid());
-        ::mkdir(m_strDir.c_str(), 0755);
+        const std::string strBase = pszTmp != nullptr ? pszTmp : "/tmp";
+        m_strDir = strBase + "/png-test-" + std::to_string(::getpid());
+        ::mkdir(strBase.c_str(), 0755);
+        ASSERT_EQ(::mkdir(m_strDir.c_str(), 0755), 0) << m_strDir;
         m_strFile = m_strDir + "/f.png";
     }
     void TearDown() override { std::system(("rm -rf '" + m_strDir + "'").c_str()); }
