@@ -3,8 +3,6 @@
 
 #include "png/png_grey.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
