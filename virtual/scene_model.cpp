@@ -18,7 +18,7 @@ const SceneName kNames[] = {
     {kSceneEmpty, "empty"},       {kSceneFlat, "flat"},      {kSceneLatent, "latent"},
     {kSceneDark, "dark"},         {kScenePale, "pale"},      {kScenePlace, "place"},
     {kSceneRoll, "roll"},         {kSceneRollLeft, "roll-left"}, {kSceneRollFast, "roll-fast"},
-    {kSceneLift, "lift"},
+    {kSceneLift, "lift"},         {kScenePerson, "person"},
 };
 
 // The finger pressed flat, as the genome describes it.
@@ -100,7 +100,7 @@ const char* SceneKindName(SceneKind eKind)
 
 const char* SceneKindList()
 {
-    return "empty, flat, latent, dark, pale, place, roll, roll-left, roll-fast, lift";
+    return "empty, flat, latent, dark, pale, place, roll, roll-left, roll-fast, lift, person";
 }
 
 FingerPose PoseAt(const SceneConfig& config, const FingerGenome& g, unsigned long nRead)
@@ -118,6 +118,7 @@ FingerPose PoseAt(const SceneConfig& config, const FingerGenome& g, unsigned lon
     case kSceneEmpty:
         return FingerPose();
     case kSceneFlat:
+    case kScenePerson:  // resting
         return FlatPose(g);
     case kSceneLatent: {
         FingerPose pose;
@@ -173,6 +174,20 @@ FingerPose PoseAt(const SceneConfig& config, const FingerGenome& g, unsigned lon
         // Gone at once: the finger is pulled off the glass mid-roll.
         return FingerPose();
     }
+    }
+    return FingerPose();
+}
+
+FingerPose PersonPoseAt(const SceneConfig& config, const FingerGenome& g, PersonState eState, unsigned long nRead,
+                        unsigned long nSince)
+{
+    SceneConfig timeline;
+    timeline.eKind = eState == kPersonPlacing ? kScenePlace : kSceneRoll;
+    switch (eState) {
+    case kPersonResting: return PoseAt(config, g, nRead);
+    case kPersonLifted: return FingerPose();
+    case kPersonPlacing:
+    case kPersonRolling: return PoseAt(timeline, g, nSince);
     }
     return FingerPose();
 }

@@ -19,6 +19,10 @@
 //              composition must reject as too fast), then lifted
 //   lift       as roll, but the finger is lifted after 14 reads of rolling,
 //              half way across
+//   person     a person at the scanner who does what the host asks
+//              (PersonPoseAt): the finger lies flat on the glass until the
+//              host asks to lift it; asked to place it, it comes down as in
+//              place; asked to roll, it rolls as in roll and is lifted
 //
 // Further keys:
 //   latent=N   before the scene begins, the glass shows an earlier finger's
@@ -50,8 +54,13 @@ enum SceneKind {
     kSceneRoll,
     kSceneRollLeft,
     kSceneRollFast,
-    kSceneLift
+    kSceneLift,
+    kScenePerson
 };
+
+// What the person of the person scene is doing: resting the finger on the
+// glass (until first asked anything), or the last thing the host asked.
+enum PersonState { kPersonResting, kPersonLifted, kPersonPlacing, kPersonRolling };
 
 // Parses a scene name; false for an unknown one.
 bool ParseSceneKind(const std::string& strName, SceneKind* pKind);
@@ -118,6 +127,13 @@ struct FingerPose {
 
 // Where a scene stands after nRead reads (0 = the first read of the scene).
 FingerPose PoseAt(const SceneConfig& config, const FingerGenome& genome, unsigned long nRead);
+
+// Where the person scene stands at read nRead of the scene, nSince reads
+// after the person began doing eState: resting is the flat finger (after
+// latent= and wait=, as in the other scenes); placing and rolling play the
+// place and roll timelines from the moment they were asked.
+FingerPose PersonPoseAt(const SceneConfig& config, const FingerGenome& genome, PersonState eState,
+                        unsigned long nRead, unsigned long nSince);
 
 // The pose as impression nNumber lays the finger down. A flat finger moves
 // and turns with its contact; a rolled one keeps the scene's contact strip

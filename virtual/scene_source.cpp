@@ -57,11 +57,21 @@ public:
 
     bool Usable() const { return m_pGlass && m_pSignal; }
 
+    bool Person(PersonAction eAction, unsigned long nNextFrame) override
+    {
+        if (m_settings.config.eKind != kScenePerson) return false;
+        if (eAction == kPersonPlace) ++m_nPlacements;
+        m_ePerson = eAction == kPersonLift ? kPersonLifted : eAction == kPersonPlace ? kPersonPlacing : kPersonRolling;
+        m_nPersonFrame = nNextFrame;
+        return true;
+    }
+
     unsigned long long FrameKey(const RenderInput& in) const override
     {
         const Read read = Classify(in);
         uint64_t nKey = fmath::Hash(read.nTime, read.bLatent ? 1 : 0);
         nKey = fmath::Hash(nKey, read.nImpression);
+        nKey = fmath::Hash(nKey, (static_cast<uint64_t>(m_ePerson) << 32) | read.nSince);
         if (m_pPrints) nKey = fmath::Hash(nKey, read.nAcquisition % m_pPrints->Count());
         nKey = fmath::Hash(nKey, (static_cast<uint64_t>(in.byExposure) << 8) | in.byGain);
         return fmath::Hash(nKey, (static_cast<uint64_t>(in.nDevType) << 16) | in.wBcdDevice);
@@ -104,6 +114,7 @@ private:
         unsigned long nTime;        // reads since the scene was set
         unsigned long nImpression;  // how the finger lies (finger_impression.h)
         unsigned long nAcquisition; // acquisitions since the scene was set
+        unsigned long nSince;       // reads since the person began its present doing
         bool bLatent;               // the driver reads this one as a latent image
     };
 
@@ -111,7 +122,10 @@ private:
     {
         if (!m_pPattern) return FingerPose();
         const FingerGenome& g = m_pPattern->Genome();
-        return PlaceImpression(PoseAt(m_settings.config, g, read.nTime), g, read.nImpression);
+        const FingerPose pose = m_settings.config.eKind == kScenePerson
+                                    ? PersonPoseAt(m_settings.config, g, m_ePerson, read.nTime, read.nSince)
+                                    : PoseAt(m_settings.config, g, read.nTime);
+        return PlaceImpression(pose, g, read.nImpression);
     }
 
     // A finger that just lies on the glass is put down anew for every
@@ -120,7 +134,8 @@ private:
     {
         const SceneKind eKind = m_settings.config.eKind;
         return !m_settings.config.bImpressionFixed &&
-               (eKind == kSceneFlat || eKind == kSceneDark || eKind == kScenePale);
+               (eKind == kSceneFlat || eKind == kSceneDark || eKind == kScenePale ||
+                (eKind == kScenePerson && m_ePerson == kPersonResting));
     }
 
     // Scene time and kind of a read. The unit calls FrameKey and then Render
@@ -135,7 +150,10 @@ private:
         }
         Read read;
         read.nTime = in.nFrame >= m_nFirstFrame ? in.nFrame - m_nFirstFrame : 0;
+        read.nSince = in.nFrame >= m_nPersonFrame ? in.nFrame - m_nPersonFrame : 0;
         read.nImpression = m_settings.config.nImpression;
+        // A person who puts the finger down again lays it differently.
+        if (m_ePerson == kPersonPlacing && !m_settings.config.bImpressionFixed) read.nImpression = m_nPlacements - 1;
         read.nAcquisition = in.nAcquisition >= m_nFirstAcquisition ? in.nAcquisition - m_nFirstAcquisition : 0;
         if (PlacedPerAcquisition() && in.nAcquisition > m_nFirstAcquisition) {
             read.nImpression = in.nAcquisition - m_nFirstAcquisition;
@@ -174,6 +192,11 @@ private:
     mutable unsigned long m_nMemoAcquisition = 0;
     mutable bool m_bMemoLatent = false;
     mutable bool m_bMemoLive = false;
+    // The person scene: what the person does since frame m_nPersonFrame, and
+    // how often it was asked to put the finger down.
+    PersonState m_ePerson = kPersonResting;
+    unsigned long m_nPersonFrame = 0;
+    unsigned long m_nPlacements = 0;
 };
 
 }  // namespace

@@ -64,6 +64,8 @@ bool CheckFingerSceneKey(const std::string& strKey, const std::string& strValue,
     "                    34 reads, lifted over 2; scene=roll-left: toward lower\n" \
     "  scene=roll-fast   as roll, 120 columns a read for 2 reads (too fast)\n" \
     "  scene=lift        as roll, lifted after 14 reads of rolling\n" \
+    "  scene=person      the default: a finger rests flat on the glass; the host\n" \
+    "                    asks the person to lift, place or roll it (tavk05/virtual.h)\n" \
     "  seed=N            the finger, 0..4294967295 (default 1)\n" \
     "  latent=N          N reads of residue before the scene begins\n" \
     "  wait=N            N reads of empty glass before the scene begins\n" \

@@ -174,4 +174,36 @@ const char* Syntax()
     return SyntaxText();
 }
 
+namespace {
+
+bool PersonAt(int nIndex, PersonAction eAction)
+{
+    bool bDone = false;
+    WithUnit(nIndex, [&](CVirtualUnit& unit) { bDone = unit.Person(eAction); });
+    return bDone;
+}
+
+}  // namespace
+
+bool Lift(int nIndex)
+{
+    return PersonAt(nIndex, kPersonLift);
+}
+
+bool Place(int nIndex)
+{
+    return PersonAt(nIndex, kPersonPlace);
+}
+
+bool Roll(int nIndex)
+{
+    return PersonAt(nIndex, kPersonRoll);
+}
+
 }  // namespace tavk05virt
+
+const tavk05virt::Api* Tavk05VirtualApi()
+{
+    static const tavk05virt::Api kApi = {1, tavk05virt::Attach, tavk05virt::Lift, tavk05virt::Place, tavk05virt::Roll};
+    return &kApi;
+}

@@ -312,6 +312,12 @@ bool ParseKeys(const std::string& strKeys, UnitKeys* pKeys, std::string* pError)
         *pError = "scene=levels needs levels=V1/V2/...";
         return false;
     }
+    bool abPrints[2] = {};
+    for (const auto& key : pKeys->vecSceneKeys) abPrints[key.first == "images"] |= key.first.compare(0, 5, "image") == 0;
+    if (abPrints[0] && abPrints[1]) {
+        *pError = "image= and images= contradict each other (give one print or one folder)";
+        return false;
+    }
     if (pKeys->bRecordVirtual && !pKeys->strRecord) {
         *pError = "virtual goes with record=FILE";
         return false;
@@ -385,9 +391,10 @@ const char* SyntaxText()
            "  serial=S          serial number (letters, digits, - _ .; at most 32); the device\n"
            "                    ID block reads \"TAVK05-<model>-<serial>\"\n"
            "Frames (one frame per read; a read returns min(requested, frame size) bytes):\n"
-           "  scene=pattern     byte (x, y) of frame k is (x + y + k) mod 256, tail zero (default)\n"
+           "  scene=pattern     byte (x, y) of frame k is (x + y + k) mod 256, tail zero\n"
            "  scene=levels      every byte of frame k is levels[k mod n]\n"
            "  levels=V1/V2/...  grey levels 0..255 of the levels scene (selects it)\n"
+           "  (without scene= and levels= a unit shows scene=person)\n"
            "  delay=MS          every read takes at least MS milliseconds more\n"
            "  fps=N             at most N frames a second (0: no pacing)\n"
            TAVK05_FINGER_SCENE_SYNTAX

@@ -90,23 +90,60 @@ bool IsKnownScene(const std::string& strScene)
     return strScene == "pattern" || strScene == "levels" || IsFingerScene(strScene);
 }
 
+namespace {
+
+bool IsFingerKey(const SceneParams& params, const char* pszKey)
+{
+    for (const auto& key : params.vecSceneKeys) {
+        if (key.first == pszKey) return true;
+    }
+    return false;
+}
+
+// Keys that ask for things a scene cannot show together; false with a
+// message naming both.
+bool Consistent(const SceneParams& params, const std::string& strScene, std::string* pError)
+{
+    std::string strClash;
+    if (!params.vecLevels.empty() && strScene != "levels") {
+        strClash = "levels= and scene=" + strScene + " contradict each other (levels= gives the grey levels of "
+                   "scene=levels)";
+    } else if ((strScene == "pattern" || strScene == "levels") && !params.vecSceneKeys.empty()) {
+        strClash = params.vecSceneKeys.front().first + "= and scene=" + strScene +
+                   " contradict each other (scene=" + strScene + " shows no finger)";
+    } else if ((strScene == "empty" || strScene == "latent") &&
+               (IsFingerKey(params, "image") || IsFingerKey(params, "images"))) {
+        strClash = std::string(IsFingerKey(params, "image") ? "image=" : "images=") + " and scene=" + strScene +
+                   " contradict each other (scene=" + strScene + " shows no finger)";
+    }
+    if (strClash.empty()) return true;
+    if (pError) *pError = strClash;
+    return false;
+}
+
+}  // namespace
+
 std::unique_ptr<CFrameSource> MakeFrameSource(const SceneParams& params, std::string* pError)
 {
+    // Without scene= a unit shows the levels it was given, or else the person.
+    const std::string strScene =
+        !params.strScene.empty() ? params.strScene : params.vecLevels.empty() ? "person" : "levels";
     std::unique_ptr<CFrameSource> pSource;
-    if (params.strScene.empty() || params.strScene == "pattern") {
+    if (!Consistent(params, strScene, pError)) return pSource;
+    if (strScene == "pattern") {
         pSource.reset(new (std::nothrow) CPatternSource());
-    } else if (params.strScene == "levels") {
+    } else if (strScene == "levels") {
         if (params.vecLevels.empty()) {
             if (pError) *pError = "scene 'levels' needs levels=V1/V2/...";
             return pSource;
         }
         pSource.reset(new (std::nothrow) CLevelsSource(params.vecLevels));
-    } else if (IsFingerScene(params.strScene)) {
+    } else if (IsFingerScene(strScene)) {
         FingerSceneSettings settings;
-        if (!ParseFingerScene(params.strScene, params.vecSceneKeys, &settings, pError)) return pSource;
+        if (!ParseFingerScene(strScene, params.vecSceneKeys, &settings, pError)) return pSource;
         return MakeFingerSource(settings, pError);
     } else if (pError) {
-        *pError = "unknown scene '" + params.strScene + "'";
+        *pError = "unknown scene '" + strScene + "'";
     }
     if (!pSource && pError && pError->empty()) {
         *pError = "out of memory";

@@ -52,16 +52,22 @@ struct RenderInput {
 
 // Settings a scene takes from the unit configuration.
 struct SceneParams {
-    std::string strScene;                   // "pattern" (default), "levels" or a finger scene
+    std::string strScene;                   // "pattern", "levels", a finger scene, or empty: not chosen
     std::vector<unsigned char> vecLevels;   // grey levels of the "levels" scene
     // Keys of the finger scenes (seed=, latent=, wait=, latentcheck=; see
     // scene_source.h), in the order given; a later key overrides an earlier.
     std::vector<std::pair<std::string, std::string>> vecSceneKeys;
 };
 
+// What a host asks of the person at the glass (the person scene).
+enum PersonAction { kPersonLift, kPersonPlace, kPersonRoll };
+
 class CFrameSource {
 public:
     virtual ~CFrameSource() {}
+    // The person at the glass does eAction from the read that would be frame
+    // nNextFrame on; false for a source without a person.
+    virtual bool Person(PersonAction, unsigned long) { return false; }
     // Identity of the frame Render would produce for this input (the geometry
     // aside, which the unit compares itself). The unit keeps its last frame and
     // renders again only when the identity changes, so a read of an unchanged

@@ -67,8 +67,8 @@ CVirtualUnit::CVirtualUnit(int nIndex)
       m_bPassThrough(false),
       m_nHandles(0)
 {
-    m_scene.strScene = "pattern";
-    m_pSource = MakeFrameSource(m_scene, nullptr);
+    // The frame source comes with the first key set applied (the person,
+    // unless the keys choose another scene).
 }
 
 bool CVirtualUnit::Apply(const UnitKeys& keys, std::string* pError)
@@ -84,7 +84,11 @@ bool CVirtualUnit::Apply(const UnitKeys& keys, std::string* pError)
         for (const auto& key : keys.vecSceneKeys) {
             bool bReplaced = false;
             for (auto& old : scene.vecSceneKeys) {
-                if (old.first == key.first) {
+                // image= and images= name the prints: a later one replaces either.
+                const bool bPrints = (old.first == "image" || old.first == "images") &&
+                                     (key.first == "image" || key.first == "images");
+                if (old.first == key.first || bPrints) {
+                    old.first = key.first;
                     old.second = key.second;
                     bReplaced = true;
                 }

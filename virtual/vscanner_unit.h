@@ -58,6 +58,10 @@ public:
               std::shared_ptr<CSessionRecorder>* ppRecorder);
     void PassedThrough() { CountOperation(); }
 
+    // The person at the glass does eAction from the next read on; false when
+    // the unit shows no person.
+    bool Person(PersonAction eAction) { return m_pSource && m_pSource->Person(eAction, m_nFrames); }
+
     bool Vanished() const { return m_bVanished; }
     void GetState(UnitState* pState) const;
     std::vector<Request> Log() const;

@@ -76,6 +76,32 @@ TAVK05_VIRTUAL_API bool GetSession(int nIndex, SessionStatus* pStatus);
 // The syntax help text (keys, values, examples).
 TAVK05_VIRTUAL_API const char* Syntax();
 
+// The person at the glass of a unit that shows scene=person (the default):
+// the finger rests flat on the glass until the host asks otherwise. Each
+// call takes effect from the unit's next read. Lift: the glass is clear (for
+// a background frame). Place: the finger comes down and settles (3 reads of
+// clear glass, then 6 reads), and lies differently each time. Roll: the
+// finger is put down on its side, held for 6 reads, rolled across the glass
+// for 34 reads and lifted over 2. False when the unit is not attached or
+// shows another scene.
+TAVK05_VIRTUAL_API bool Lift(int nIndex);
+TAVK05_VIRTUAL_API bool Place(int nIndex);
+TAVK05_VIRTUAL_API bool Roll(int nIndex);
+
+// The API for a program that finds the virtual scanner only preloaded
+// (LD_PRELOAD) and is not linked with it, as the tavk05 command does:
+//     auto pfn = reinterpret_cast<const tavk05virt::Api* (*)()>(dlsym(RTLD_DEFAULT, "Tavk05VirtualApi"));
+// pfn is null where no virtual scanner is loaded (real hardware).
+struct Api {
+    unsigned nVersion;  // 1: the members below
+    bool (*pfnAttach)(const std::string& strUnits, std::string* pError);
+    bool (*pfnLift)(int nIndex);
+    bool (*pfnPlace)(int nIndex);
+    bool (*pfnRoll)(int nIndex);
+};
+
 }  // namespace tavk05virt
+
+extern "C" TAVK05_VIRTUAL_API const tavk05virt::Api* Tavk05VirtualApi();
 
 #endif

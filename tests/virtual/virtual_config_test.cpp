@@ -1,5 +1,6 @@
 // Unit configuration: the INDEX:key=value syntax, its errors, and the keys'
 // effect on what a unit reports.
+#include <dlfcn.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 
@@ -7,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "tavk05/oberin.h"
 #include "virtual_unit_test.h"
 
 namespace {
@@ -62,6 +64,10 @@ TEST_F(VirtualTest, BadSyntaxIsRefusedWithAMessageNamingTheProblem)
         {"0:scene=flat,seed=x", "seed"}, {"0:scene=rolls", "roll-left"}, {"0:latentcheck", "latentcheck"},
         {"0:seed=4294967296", "seed"}, {"0:seed=-1", "seed"}, {"0:wait=3x", "wait"}, {"0:latent=", "latent"},
         {"0:latentcheck=3", "latentcheck"}, {"0:scene=Flat", "Flat"},
+        {"0:image=a.png,images=b", "image= and images= contradict"},
+        {"0:scene=empty,images=b", "images= and scene=empty contradict"},
+        {"0:scene=pattern,seed=3", "seed= and scene=pattern contradict"},
+        {"0:scene=flat,levels=3", "levels= and scene=flat contradict"},
     };
     for (const auto& apsz : aapszCases) {
         std::string strError;
@@ -99,6 +105,40 @@ TEST_F(VirtualTest, AttachAndInjectAreAllOrNothing)
                                "replug", "record=", "virtual", "replay=", "latentcheck=M"}) {
         EXPECT_NE(std::string::npos, strHelp.find(pszKey)) << pszKey;
     }
+}
+
+// Whether the next single capture of unit 0 shows a finger (its ridge area
+// as the live capture measures it).
+bool FingerSeen(COberin& sensor)
+{
+    std::vector<unsigned char> vecImage(IMG_PIXELS);
+    EXPECT_EQ(0u, sensor.GetImage(vecImage.data()));
+    return sensor.m_ImageProc.CheckImageQuality2(IMG_WIDTH, IMG_HEIGHT, vecImage.data()) >= 25;
+}
+
+TEST_F(VirtualTest, ThePersonDoesWhatTheHostAsks)
+{
+    AttachUnits("0:model=7;1:model=7,scene=flat");  // unit 0 without scene=: the person
+    COberin sensor(nullptr);
+    ASSERT_EQ(0u, sensor.OpenDevice(0, 0));
+    EXPECT_TRUE(FingerSeen(sensor)) << "resting on the glass before anything is asked";
+    EXPECT_TRUE(tavk05virt::Lift(0));
+    EXPECT_FALSE(FingerSeen(sensor)) << "lifted";
+    EXPECT_TRUE(tavk05virt::Place(0));
+    std::vector<bool> vecPlace;
+    for (int i = 0; i < 10; ++i) vecPlace.push_back(FingerSeen(sensor));
+    EXPECT_EQ((std::vector<bool>{false, false, false, false, true, true, true, true, true, true}), vecPlace);
+    EXPECT_TRUE(tavk05virt::Roll(0));
+    int nRolled = 0;
+    for (int i = 0; i < 44; ++i) nRolled += FingerSeen(sensor);
+    EXPECT_EQ(42, nRolled) << "held 6 reads, rolled over 34, lifted over 2";
+    EXPECT_FALSE(tavk05virt::Lift(1)) << "scene=flat has no person";
+    EXPECT_FALSE(tavk05virt::Place(5)) << "no unit";
+    // A program that finds the library only preloaded reaches the same calls.
+    using GetApi = const tavk05virt::Api* (*)();
+    const auto pfnGet = reinterpret_cast<GetApi>(dlsym(RTLD_DEFAULT, "Tavk05VirtualApi"));
+    ASSERT_NE(nullptr, pfnGet);
+    EXPECT_EQ(&tavk05virt::Roll, pfnGet()->pfnRoll);
 }
 
 // The environment variable is read when the library loads, so it is checked

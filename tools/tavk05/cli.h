@@ -2,6 +2,7 @@
 #ifndef TAVK05_CLI_H
 #define TAVK05_CLI_H
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -18,11 +19,50 @@ enum {
     EXIT_IO = 4        // a file could not be read or written
 };
 
+// The command line, parsed and checked against the option table
+// (cli_options.cpp).
 struct Options {
     unsigned long nDevice = 0;     // device index 0..7
     bool bVerbose = false;
-    std::vector<std::string> vecArgs;  // the subcommand's own arguments
+    bool bVirtual = false;         // --virtual
+    std::string strUnits;          // its units
+    std::string strCommand;
+    std::map<std::string, std::string> mapValues;  // the command's options given ("" for a flag)
+    std::vector<std::string> vecArgs;              // its arguments besides the options
+
+    bool Has(const char* pszName) const;
+    std::string Value(const char* pszName) const;
+    long Number(const char* pszName, long nDefault) const;  // a value checked when parsed
 };
+
+// Parses the whole command line; -1 to go on, else the exit status (help,
+// version or a usage error, already printed).
+int ParseCommandLine(int argc, char** argv, Options* pOpt);
+int RunCommand(const Options& opt);
+// "WxH" into its two numbers.
+bool ParseSizeValue(const std::string& str, unsigned long* pWidth, unsigned long* pHeight);
+
+// The image formats the command writes, chosen by the output file's
+// extension: one row each.
+struct ImageWriter {
+    const char* pszExtension;  // lower case, with the dot
+    const char* pszFormat;
+    bool (*pfnWrite)(const std::string& strPath, const unsigned char* pImage, unsigned nWidth, unsigned nHeight,
+                     std::string* pError);
+};
+// The writer for a path ("-": the first, PNG), or null.
+const ImageWriter* FindWriter(const std::string& strPath);
+// ".png" (or ".png, .wsq and .fir") for messages and help.
+std::string WriterList();
+
+// What the person at the virtual scanner's glass is asked to do.
+enum PersonAsk { kAskLift, kAskPlace, kAskRoll };
+// On the virtual scanner the person at unit nDevice's glass does as the
+// prompt says; on hardware nothing happens. True when a person listened.
+bool AskPerson(unsigned long nDevice, PersonAsk eAsk);
+// In the run under the virtual scanner: attaches the units of --virtual
+// through its API. An exit status, EXIT_OK to go on.
+int AttachVirtualUnits(const std::string& strUnits);
 
 // Meaning of a driver status code, in words.
 const char* StatusText(unsigned long nStatus);
@@ -58,12 +98,12 @@ private:
 // Whether an image can be written to strPath, found out before the device is
 // touched, so that a capture is never lost to a bad output path; prints why
 // not. A regular file or a new one in a writable directory qualifies; the
-// check leaves no file behind.
+// check leaves no file behind. (The format was checked with the options.)
 bool OutputWritable(const std::string& strPath);
 
-// Writes a finished 600 x 600 image as PNG ("-": standard output); prints why
-// not.
-bool SavePng(const std::string& strPath, const unsigned char* pImage);
+// Writes a finished 600 x 600 image in the format of the path's extension
+// ("-": PNG on standard output); prints why not.
+bool SaveImage(const std::string& strPath, const unsigned char* pImage);
 
 // Parses a whole number in [nMin, nMax] (decimal or 0x hex).
 bool ParseLong(const std::string& str, long nMin, long nMax, long* pValue);
@@ -72,8 +112,9 @@ bool ParseLong(const std::string& str, long nMin, long nMax, long* pValue);
 // frame the live conversion subtracts and refuses one that shows a finger;
 // WaitForFinger asks for the finger and watches live frames until one shows
 // it, or the time-out. Both return an exit status (EXIT_OK to go on).
-int TakeBackground(COberin& sensor);
-int WaitForFinger(COberin& sensor, long nTimeoutMs);
+// On the virtual scanner the person at the glass follows both prompts.
+int TakeBackground(COberin& sensor, unsigned long nDevice);
+int WaitForFinger(COberin& sensor, unsigned long nDevice, long nTimeoutMs);
 
 int CmdInfo(const Options& opt);
 int CmdList(const Options& opt);

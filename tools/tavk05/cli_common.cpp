@@ -2,11 +2,15 @@
 #include "cli.h"
 
 #include "png/png_grey.h"
+#include "tavk05/virtual.h"
 
+#include <dlfcn.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace cli {
@@ -61,12 +65,76 @@ bool OutputWritable(const std::string& strPath)
     return false;
 }
 
-bool SavePng(const std::string& strPath, const unsigned char* pImage)
+namespace {
+
+const ImageWriter kWriters[] = {
+    {".png", "PNG, 8-bit grey, 500 ppi", tavk05png::WriteGrey},
+};
+
+// The virtual scanner's API when it is loaded (preloaded by --virtual, or by
+// the user), else null.
+const tavk05virt::Api* VirtualApi()
+{
+    using GetApi = const tavk05virt::Api* (*)();
+    const auto pfnGet = reinterpret_cast<GetApi>(dlsym(RTLD_DEFAULT, "Tavk05VirtualApi"));
+    const tavk05virt::Api* pApi = pfnGet != nullptr ? pfnGet() : nullptr;
+    return pApi != nullptr && pApi->nVersion >= 1 ? pApi : nullptr;
+}
+
+}  // namespace
+
+const ImageWriter* FindWriter(const std::string& strPath)
+{
+    if (strPath == "-") return &kWriters[0];
+    const size_t nDot = strPath.rfind('.');
+    if (nDot == std::string::npos || strPath.find('/', nDot) != std::string::npos) return nullptr;
+    std::string strExtension = strPath.substr(nDot);
+    for (char& ch : strExtension) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+    for (const ImageWriter& writer : kWriters) {
+        if (strExtension == writer.pszExtension) return &writer;
+    }
+    return nullptr;
+}
+
+std::string WriterList()
+{
+    std::string str;
+    const size_t nCount = sizeof kWriters / sizeof kWriters[0];
+    for (size_t i = 0; i < nCount; ++i) {
+        str += std::string(i == 0 ? "" : i + 1 == nCount ? " or " : ", ") + kWriters[i].pszExtension;
+    }
+    return str;
+}
+
+bool SaveImage(const std::string& strPath, const unsigned char* pImage)
 {
     std::string strError;
-    if (tavk05png::WriteGrey(strPath, pImage, IMG_WIDTH, IMG_HEIGHT, &strError)) return true;
-    std::fprintf(stderr, "tavk05: cannot write %s\n", strError.c_str());
+    const ImageWriter* pWriter = FindWriter(strPath);
+    if (pWriter != nullptr && pWriter->pfnWrite(strPath, pImage, IMG_WIDTH, IMG_HEIGHT, &strError)) return true;
+    std::fprintf(stderr, "tavk05: cannot write %s\n", pWriter != nullptr ? strError.c_str() : strPath.c_str());
     return false;
+}
+
+bool AskPerson(unsigned long nDevice, PersonAsk eAsk)
+{
+    const tavk05virt::Api* pApi = VirtualApi();
+    if (pApi == nullptr) return false;
+    const int nIndex = static_cast<int>(nDevice);
+    return eAsk == kAskLift ? pApi->pfnLift(nIndex) : eAsk == kAskPlace ? pApi->pfnPlace(nIndex)
+                                                                        : pApi->pfnRoll(nIndex);
+}
+
+int AttachVirtualUnits(const std::string& strUnits)
+{
+    const tavk05virt::Api* pApi = VirtualApi();
+    if (pApi == nullptr) {
+        std::fprintf(stderr, "tavk05: the virtual scanner did not load (LD_PRELOAD=%s)\n",
+                     std::getenv("LD_PRELOAD") != nullptr ? std::getenv("LD_PRELOAD") : "");
+        return EXIT_IO;
+    }
+    std::string strError;
+    if (!pApi->pfnAttach(strUnits, &strError)) return Usage("--virtual='" + strUnits + "': " + strError);
+    return EXIT_OK;
 }
 
 Session::Session() = default;

@@ -1,6 +1,7 @@
 // tavk05 capture, background and verify.
 #include <algorithm>
 #include <cstdio>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -46,59 +47,17 @@ private:
     unsigned long m_nBrightness, m_nContrast, m_nGain;
 };
 
-bool ParseSize(const std::string& str, unsigned long* pWidth, unsigned long* pHeight)
+// The capture's options, checked against their ranges when parsed.
+void ReadCaptureSettings(const Options& opt, CaptureSettings* pSet)
 {
-    unsigned long nW = 0, nH = 0;
-    char chX = 0;
-    char chExtra = 0;
-    if (std::sscanf(str.c_str(), "%lu%c%lu%c", &nW, &chX, &nH, &chExtra) != 3 || (chX != 'x' && chX != 'X')) {
-        return false;
-    }
-    *pWidth = nW;
-    *pHeight = nH;
-    return true;
-}
-
-int ParseCaptureArgs(const Options& opt, std::string* pOutput, CaptureSettings* pSet)
-{
-    const std::vector<std::string>& a = opt.vecArgs;
-    for (size_t i = 0; i < a.size(); ++i) {
-        const std::string& s = a[i];
-        const bool bHasValue = i + 1 < a.size();
-        long nValue = 0;
-        if ((s == "-o" || s == "--output") && bHasValue) {
-            *pOutput = a[++i];
-        } else if (s == "--brightness" && bHasValue && ParseLong(a[++i], 0, 100, &nValue)) {
-            pSet->nBrightness = nValue;
-        } else if (s == "--contrast" && bHasValue && ParseLong(a[++i], 0, 100, &nValue)) {
-            pSet->nContrast = nValue;
-        } else if (s == "--gain" && bHasValue && ParseLong(a[++i], 1, 8, &nValue) && (nValue & (nValue - 1)) == 0) {
-            pSet->nGain = nValue;
-        } else if (s == "--size" && bHasValue) {
-            const bool bNominal = ParseSize(a[++i], &pSet->nWidth, &pSet->nHeight);
-            bool bKnown = false;
-            for (const auto& size : tavk05profile::kImageSizes) {
-                bKnown |= size.nWidth == pSet->nWidth && size.nHeight == pSet->nHeight;
-            }
-            if (!bNominal || !bKnown) {
-                return Usage("capture: --size must be one of 356x292, 228x292, 356x456, 248x292, 260x300, 600x600, not '" +
-                             a[i] + "'");
-            }
-        } else if (s == "--now") {
-            pSet->bNow = true;
-        } else if (s == "--timeout" && bHasValue) {
-            if (!ParseLong(a[++i], 1, 3600000, &pSet->nTimeoutMs)) {
-                return Usage("--timeout takes milliseconds 1..3600000, not '" + a[i] + "'");
-            }
-        } else if (s == "--latent") {
-            pSet->nLatentMode = 1;
-        } else if (s == "--latent-only") {
-            pSet->nLatentMode = 2;
-        } else {
-            return Usage("capture: bad or incomplete option '" + s + "'");
-        }
-    }
-    return EXIT_OK;
+    pSet->bNow = opt.Has("now");
+    pSet->nTimeoutMs = opt.Number("timeout", pSet->nTimeoutMs);
+    pSet->nBrightness = opt.Number("brightness", -1);
+    pSet->nContrast = opt.Number("contrast", -1);
+    pSet->nGain = opt.Number("gain", -1);
+    if (opt.Has("size")) ParseSizeValue(opt.Value("size"), &pSet->nWidth, &pSet->nHeight);
+    if (opt.Has("latent")) pSet->nLatentMode = 1;
+    if (opt.Has("latent-only")) pSet->nLatentMode = 2;
 }
 
 }  // namespace
@@ -106,8 +65,9 @@ int ParseCaptureArgs(const Options& opt, std::string* pOutput, CaptureSettings* 
 bool ParseLong(const std::string& str, long nMin, long nMax, long* pValue)
 {
     char* pEnd = nullptr;
-    const long n = std::strtol(str.c_str(), &pEnd, 0);
-    if (str.empty() || *pEnd != '\0' || n < nMin || n > nMax) {
+    errno = 0;
+    const long n = std::strtol(str.c_str(), &pEnd, 10);
+    if (str.empty() || errno != 0 || *pEnd != '\0' || n < nMin || n > nMax) {
         return false;
     }
     *pValue = n;
@@ -116,10 +76,10 @@ bool ParseLong(const std::string& str, long nMin, long nMax, long* pValue)
 
 int CmdCapture(const Options& opt)
 {
-    std::string strOutput;
+    const std::string strOutput = opt.Value("output");
     CaptureSettings set;
-    if (const int nUsage = ParseCaptureArgs(opt, &strOutput, &set)) return nUsage;
-    if (strOutput.empty()) return Usage("capture needs -o FILE.png");
+    ReadCaptureSettings(opt, &set);
+    if (strOutput.empty()) return Usage("capture needs -o FILE (" + WriterList() + ")");
     if (!OutputWritable(strOutput)) return EXIT_IO;
 
     Session session;
@@ -149,8 +109,8 @@ int CmdCapture(const Options& opt)
     // Guided: clear glass for the background, then wait for the finger; with
     // --now (or when only the glass is checked) one frame is taken at once.
     if (!set.bNow && set.nLatentMode != 2) {
-        if (const int nExit = TakeBackground(sensor)) return nExit;
-        if (const int nExit = WaitForFinger(sensor, set.nTimeoutMs)) return nExit;
+        if (const int nExit = TakeBackground(sensor, opt.nDevice)) return nExit;
+        if (const int nExit = WaitForFinger(sensor, opt.nDevice, set.nTimeoutMs)) return nExit;
     }
     std::vector<unsigned char> vecImage(IMG_PIXELS, 255);
     nStatus = Traced("GetImage", sensor.GetImage(vecImage.data()));
@@ -161,7 +121,7 @@ int CmdCapture(const Options& opt)
         std::printf("no latent print on the glass\n");
         return EXIT_OK;
     }
-    if (!SavePng(strOutput, vecImage.data())) return EXIT_IO;
+    if (!SaveImage(strOutput, vecImage.data())) return EXIT_IO;
     const unsigned long nLast = tavk05profile::kImageSizeCodes - 1;
     const tavk05profile::ImageSize& nominal = tavk05profile::kImageSizes[std::min(sensor.m_nImageSize, nLast)];
     std::fprintf(strOutput == "-" ? stderr : stdout, "%s: 600 x 600, marks for %u x %u\n", strOutput.c_str(),
@@ -171,14 +131,9 @@ int CmdCapture(const Options& opt)
 
 int CmdBackground(const Options& opt)
 {
-    std::string strOutput;
-    for (size_t i = 0; i < opt.vecArgs.size(); ++i) {
-        if ((opt.vecArgs[i] == "-o" || opt.vecArgs[i] == "--output") && i + 1 < opt.vecArgs.size()) {
-            strOutput = opt.vecArgs[++i];
-        } else {
-            return Usage("background: bad option '" + opt.vecArgs[i] + "'");
-        }
-    }
+    const std::string strOutput = opt.Value("output");
+    // The person at a virtual scanner keeps the glass clear.
+    AskPerson(opt.nDevice, kAskLift);
     if (!strOutput.empty() && !OutputWritable(strOutput)) return EXIT_IO;
     Session session;
     if (!session.Open(opt.nDevice)) return EXIT_DEVICE;
@@ -193,7 +148,7 @@ int CmdBackground(const Options& opt)
     for (int i = 0; i < IMG_PIXELS; ++i) nSum += pBackground[i];
     std::fprintf(strOutput == "-" ? stderr : stdout, "background captured: mean grey level %llu\n", nSum / IMG_PIXELS);
     if (!strOutput.empty()) {
-        if (!SavePng(strOutput, pBackground)) return EXIT_IO;
+        if (!SaveImage(strOutput, pBackground)) return EXIT_IO;
         std::fprintf(strOutput == "-" ? stderr : stdout, "%s written\n", strOutput.c_str());
     }
     return EXIT_OK;
@@ -201,19 +156,9 @@ int CmdBackground(const Options& opt)
 
 int CmdVerify(const Options& opt)
 {
-    std::string strFile;
+    const std::string strFile = opt.vecArgs[0];
     unsigned long nW = 0, nH = 0;
-    for (size_t i = 0; i < opt.vecArgs.size(); ++i) {
-        const std::string& s = opt.vecArgs[i];
-        if (s == "--size" && i + 1 < opt.vecArgs.size()) {
-            if (!ParseSize(opt.vecArgs[++i], &nW, &nH)) return Usage("--size takes WxH, e.g. 248x292");
-        } else if (strFile.empty() && !s.empty() && s[0] != '-') {
-            strFile = s;
-        } else {
-            return Usage("verify: bad option '" + s + "'");
-        }
-    }
-    if (strFile.empty()) return Usage("verify needs a PNG file");
+    if (opt.Has("size")) ParseSizeValue(opt.Value("size"), &nW, &nH);
 
     // Marks are exact grey levels: only an image stored as 8-bit grey at the
     // finished size is checked, never one converted on reading.

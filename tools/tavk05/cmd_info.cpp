@@ -34,9 +34,8 @@ std::string PrintableId(const unsigned char* pBlock, unsigned long nLen)
 
 }  // namespace
 
-int CmdList(const Options& opt)
+int CmdList(const Options&)
 {
-    if (!opt.vecArgs.empty()) return Usage("list takes no arguments");
     ISensor* pSensor = nullptr;
     if (CreateISensor(nullptr, &pSensor) != 0 || pSensor == nullptr) return Fail("CreateISensor", TAVK05_E_CREATE);
     COberin& sensor = *static_cast<COberin*>(pSensor);
@@ -66,9 +65,6 @@ int CmdList(const Options& opt)
 
 int CmdInfo(const Options& opt)
 {
-    if (!opt.vecArgs.empty()) {
-        return Usage("info takes no arguments");
-    }
     Session session;
     if (!session.Open(opt.nDevice)) {
         return EXIT_DEVICE;

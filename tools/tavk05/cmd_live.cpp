@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -15,13 +16,6 @@
 namespace cli {
 
 namespace {
-
-struct LiveArgs {
-    std::string strOutput;
-    long nTimeoutMs = 20000;
-    long nThreshold = 40;
-    bool bNoPicture = false;
-};
 
 // Set by Ctrl-C; the next callback stops the acquisition.
 volatile sig_atomic_t g_bInterrupted = 0;
@@ -107,33 +101,6 @@ unsigned long Callback(void* pContext, void* pInfo)
     return TAVK05_CB_CONTINUE;
 }
 
-int ParseLiveArgs(const char* pszCommand, const Options& opt, LiveArgs* pArgs)
-{
-    const std::vector<std::string>& a = opt.vecArgs;
-    for (size_t i = 0; i < a.size(); ++i) {
-        const std::string& s = a[i];
-        const bool bHasValue = i + 1 < a.size();
-        if ((s == "-o" || s == "--output") && bHasValue) {
-            pArgs->strOutput = a[++i];
-        } else if (s == "--timeout" && bHasValue) {
-            if (!ParseLong(a[++i], 1, 3600000, &pArgs->nTimeoutMs)) {
-                return Usage("--timeout takes milliseconds 1..3600000, not '" + a[i] + "'");
-            }
-        } else if (s == "--threshold" && bHasValue) {
-            if (!ParseLong(a[++i], 0, 100, &pArgs->nThreshold)) {
-                return Usage("--threshold takes 0..100, not '" + a[i] + "'");
-            }
-        } else if (s == "--background") {
-            // Accepted from older scripts: the background is always taken now.
-        } else if (s == "--no-picture") {
-            pArgs->bNoPicture = true;
-        } else {
-            return Usage(std::string(pszCommand) + ": bad or incomplete option '" + s + "'");
-        }
-    }
-    return EXIT_OK;
-}
-
 // Quality above which a frame is taken to show a finger: the background must
 // stay below it, and the guided capture waits for a live frame above it.
 const int kFingerQuality = 25;
@@ -154,9 +121,10 @@ unsigned long WaitCallback(void* pContext, void* pInfo)
 
 }  // namespace
 
-int TakeBackground(COberin& sensor)
+int TakeBackground(COberin& sensor, unsigned long nDevice)
 {
     std::fprintf(stderr, "Keep the glass clear: taking the background...\n");
+    const bool bPerson = AskPerson(nDevice, kAskLift);
     const unsigned long nStatus =
         Traced("DevIoControl(background)", sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr));
     if (nStatus != TAVK05_OK) return Fail("background capture", nStatus);
@@ -164,14 +132,20 @@ int TakeBackground(COberin& sensor)
     if (nQuality >= kFingerQuality) {
         std::fprintf(stderr, "tavk05: something lies on the glass (background quality %d, at most %d expected): "
                              "lift the finger, clean the glass and try again\n", nQuality, kFingerQuality - 1);
+        // A virtual unit with a scene of its own puts the finger down at once.
+        if (!bPerson && std::getenv("TAVK05_CLI_VIRTUAL") != nullptr) {
+            std::fprintf(stderr, "tavk05: on the virtual scanner, leave out scene= (the person at the glass then "
+                                 "follows the prompts), or give wait=N reads of clear glass first\n");
+        }
         return EXIT_DEVICE;
     }
     return EXIT_OK;
 }
 
-int WaitForFinger(COberin& sensor, long nTimeoutMs)
+int WaitForFinger(COberin& sensor, unsigned long nDevice, long nTimeoutMs)
 {
     std::fprintf(stderr, "Place your finger on the glass.\n");
+    AskPerson(nDevice, kAskPlace);
     Progress progress;
     progress.bTty = isatty(STDERR_FILENO) != 0;
     std::vector<unsigned char> vecImage(IMG_PIXELS, 255);
@@ -202,20 +176,25 @@ namespace {
 
 int RunLive(const Options& opt, bool bRoll)
 {
-    LiveArgs args;
-    if (bRoll) args.nThreshold = 20;
-    if (const int nUsage = ParseLiveArgs(bRoll ? "roll" : "live", opt, &args)) return nUsage;
-    if (!args.strOutput.empty() && !OutputWritable(args.strOutput)) return EXIT_IO;
+    const std::string strOutput = opt.Value("output");
+    const long nTimeoutMs = opt.Number("timeout", 20000);
+    if (!strOutput.empty() && !OutputWritable(strOutput)) return EXIT_IO;
 
     Session session;
     if (!session.Open(opt.nDevice)) return EXIT_DEVICE;
     COberin& sensor = *session.Get();
+    // Device types 5 and 6 show the corrected frame itself in live view, not
+    // its difference from the background: the ridges fade toward the edge of
+    // the contact and the measured ridge area, the quality, runs lower.
+    const unsigned long nType = sensor.GetDeviceType();
+    const long nThreshold = opt.Number("threshold", bRoll || nType == 5 || nType == 6 ? 20 : 40);
 
     // The live conversion subtracts the background: without one the glass's
     // own shading would look like ridges.
-    if (const int nExit = TakeBackground(sensor)) return nExit;
+    if (const int nExit = TakeBackground(sensor, opt.nDevice)) return nExit;
     std::fprintf(stderr, bRoll ? "Place your finger on the glass; roll it across when asked.\n"
                                : "Place your finger on the glass.\n");
+    AskPerson(opt.nDevice, bRoll ? kAskRoll : kAskPlace);
     if (bRoll) {
         sensor.WriteData(155, 1);
         if (sensor.ReadData(155) != 1) {
@@ -227,7 +206,7 @@ int RunLive(const Options& opt, bool bRoll)
     Progress progress;
     progress.bRoll = bRoll;
     progress.bTty = isatty(STDERR_FILENO) != 0;
-    progress.bPicture = progress.bTty && !args.bNoPicture;
+    progress.bPicture = progress.bTty && !opt.Has("no-picture");
     progress.pImage = vecImage.data();
     sensor.SetCallBackFunction(1, Callback, &progress);
 
@@ -239,8 +218,8 @@ int RunLive(const Options& opt, bool bRoll)
     sigaction(SIGINT, &saInterrupt, &saOld);
     if (progress.bPicture) std::fputs("\x1b[?25l", stderr);  // no cursor over the picture
     const unsigned long nStatus =
-        Traced("GetLiveImageEx2", sensor.GetLiveImageEx2(vecImage.data(), static_cast<unsigned long>(args.nTimeoutMs),
-                                                         0, nullptr, static_cast<unsigned long>(args.nThreshold)));
+        Traced("GetLiveImageEx2", sensor.GetLiveImageEx2(vecImage.data(), static_cast<unsigned long>(nTimeoutMs),
+                                                         0, nullptr, static_cast<unsigned long>(nThreshold)));
     if (bRoll) sensor.WriteData(155, 0);
     if (progress.bPicture) std::fputs("\x1b[0m\x1b[?25h", stderr);
     if (progress.bTty) std::fputc('\n', stderr);
@@ -251,15 +230,15 @@ int RunLive(const Options& opt, bool bRoll)
         return 130;
     }
 
-    std::FILE* pInfo = args.strOutput == "-" ? stderr : stdout;
+    std::FILE* pInfo = strOutput == "-" ? stderr : stdout;
     const int nQuality = sensor.m_ImageProc.CheckImageQuality2(IMG_WIDTH, IMG_HEIGHT, vecImage.data());
     std::fprintf(pInfo, "%s ended after %u frames: status %lu (%s), quality %d\n",
                  bRoll ? "rolled capture" : "live view", progress.nFrame, nStatus, StatusText(nStatus), nQuality);
     // A weak rolled print (57) or a time-out still leaves an image worth keeping.
     const bool bImage = nStatus == TAVK05_OK || nStatus == TAVK05_E_LATENT || nStatus == TAVK05_E_NO_IMAGE;
-    if (!args.strOutput.empty() && bImage) {
-        if (!SavePng(args.strOutput, vecImage.data())) return EXIT_IO;
-        std::fprintf(pInfo, "%s written\n", args.strOutput.c_str());
+    if (!strOutput.empty() && bImage) {
+        if (!SaveImage(strOutput, vecImage.data())) return EXIT_IO;
+        std::fprintf(pInfo, "%s written\n", strOutput.c_str());
     }
     return nStatus == TAVK05_OK ? EXIT_OK : EXIT_DEVICE;
 }
