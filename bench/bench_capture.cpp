@@ -30,10 +30,10 @@ struct ModelPath {
 };
 
 const ModelPath kPaths[] = {
-    {"0:model=4", "model 4: 1280x676, CorrectImage"},
-    {"0:model=5", "model 5: 1288x876, CorrectImage 1103, shading"},
-    {"0:model=7,fw=0x2FFF", "model 7 older firmware: 1288x876, CorrectImageCalc"},
-    {"0:model=7,fw=0x3000", "model 7 new firmware: 1800x1280, CorrectImageCalcEx"},
+    {"0:model=4,scene=pattern", "model 4: 1280x676, CorrectImage"},
+    {"0:model=5,scene=pattern", "model 5: 1288x876, CorrectImage 1103, shading"},
+    {"0:model=7,fw=0x2FFF,scene=pattern", "model 7 older firmware: 1288x876, CorrectImageCalc"},
+    {"0:model=7,fw=0x3000,scene=pattern", "model 7 new firmware: 1800x1280, CorrectImageCalcEx"},
 };
 
 // The sensors write their settings file when destroyed; keep it out of /etc.

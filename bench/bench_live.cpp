@@ -126,7 +126,7 @@ void BM_LiveLoopPerFrame(benchmark::State& state)
     const int nModel = static_cast<int>(state.range(0));
     std::string strError;
     tavk05virt::DetachAll();
-    if (!tavk05virt::Attach("0:model=" + std::to_string(nModel) + ",fps=0", &strError)) {
+    if (!tavk05virt::Attach("0:model=" + std::to_string(nModel) + ",fps=0,scene=pattern", &strError)) {
         state.SkipWithError(strError.c_str());
         return;
     }

@@ -38,19 +38,19 @@ void ReadFrames(benchmark::State& state, const char* pszUnit, unsigned long nByt
 
 void BM_ReadDataExNewFirmware(benchmark::State& state)
 {
-    ReadFrames(state, "0:model=8,fw=0x3000", 2304000, false);
+    ReadFrames(state, "0:model=8,fw=0x3000,scene=pattern", 2304000, false);
 }
 BENCHMARK(BM_ReadDataExNewFirmware)->Unit(benchmark::kMillisecond);
 
 void BM_ReadDataModel4Averaged(benchmark::State& state)
 {
-    ReadFrames(state, "0:model=4", 926720, true);
+    ReadFrames(state, "0:model=4,scene=pattern", 926720, true);
 }
 BENCHMARK(BM_ReadDataModel4Averaged)->Unit(benchmark::kMillisecond);
 
 void BM_ReadDataModel6Single(benchmark::State& state)
 {
-    ReadFrames(state, "0:model=6", 1128448, true);
+    ReadFrames(state, "0:model=6,scene=pattern", 1128448, true);
 }
 BENCHMARK(BM_ReadDataModel6Single)->Unit(benchmark::kMillisecond);
 

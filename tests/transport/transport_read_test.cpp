@@ -182,12 +182,12 @@ const AverageCase kAverages[] = {
     {"product=0x0999,fw=0x3000,levels=4/8/12/16", 1280, 676, 4, [](unsigned long, unsigned, unsigned) { return 10; }},
     {"model=4,levels=40,shortread=100@3", 1280, 676, 4,
      [](unsigned long p, unsigned, unsigned) { return p < 100 ? 40 : 20; }},
-    {"model=3", 1280, 676, 4,
+    {"model=3,scene=pattern", 1280, 676, 4,
      [](unsigned long p, unsigned w, unsigned h) {
          return (Pattern(p, w, h, 0) + Pattern(p, w, h, 1) + Pattern(p, w, h, 2) + Pattern(p, w, h, 3)) / 4;
      }},
-    {"model=5", 1288, 876, 1, [](unsigned long p, unsigned w, unsigned h) { return Pattern(p, w, h, 0); }},
-    {"model=8,fw=0x3000", 1800, 1280, 1, [](unsigned long p, unsigned w, unsigned h) { return Pattern(p, w, h, 0); }},
+    {"model=5,scene=pattern", 1288, 876, 1, [](unsigned long p, unsigned w, unsigned h) { return Pattern(p, w, h, 0); }},
+    {"model=8,fw=0x3000,scene=pattern", 1800, 1280, 1, [](unsigned long p, unsigned w, unsigned h) { return Pattern(p, w, h, 0); }},
 };
 
 class SingleCapture : public TransportTest, public ::testing::WithParamInterface<AverageCase> {};

@@ -127,11 +127,12 @@ TEST_F(VirtualTest, ThePersonDoesWhatTheHostAsks)
     EXPECT_TRUE(tavk05virt::Place(0));
     std::vector<bool> vecPlace;
     for (int i = 0; i < 10; ++i) vecPlace.push_back(FingerSeen(sensor));
-    EXPECT_EQ((std::vector<bool>{false, false, false, false, true, true, true, true, true, true}), vecPlace);
+    // 3 reads of clear glass; then the contact grows as the finger settles.
+    EXPECT_EQ((std::vector<bool>{false, false, false, false, false, false, true, true, true, true}), vecPlace);
     EXPECT_TRUE(tavk05virt::Roll(0));
     int nRolled = 0;
     for (int i = 0; i < 44; ++i) nRolled += FingerSeen(sensor);
-    EXPECT_EQ(42, nRolled) << "held 6 reads, rolled over 34, lifted over 2";
+    EXPECT_EQ(41, nRolled) << "held 6 reads, rolled over 34, the first of 2 lifting reads";
     EXPECT_FALSE(tavk05virt::Lift(1)) << "scene=flat has no person";
     EXPECT_FALSE(tavk05virt::Place(5)) << "no unit";
     // A program that finds the library only preloaded reaches the same calls.
