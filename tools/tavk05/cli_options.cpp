@@ -65,7 +65,7 @@ const OptionDef kOptions[] = {
     {"capture", "latent", 0, kFlag, "", 0, 0, "refuse the capture when a latent print is on the glass"},
     {"capture", "latent-only", 0, kFlag, "", 0, 0, "only check the glass for a latent print"},
     {"verify", "size", 0, kDims, "WxH", 0, 0, "the marks' nominal size (default: the image's)"},
-    {"live", "threshold", 0, kNumber, "N", 0, 100, "quality that ends live view (default 40; 20 on device\ntypes 5 and 6, whose live frames are not background-corrected)"},
+    {"live", "threshold", 0, kNumber, "N", 0, 100, "quality that ends live view (default 40; 20 on device\ntypes 5 and 6, whose live view lacks background correction)"},
     {"roll", "threshold", 0, kNumber, "N", 0, 100, "quality a rolled print must reach (default 20)"},
     {"live roll", "timeout", 0, kNumber, "MS", 1, 3600000, "give up after MS (default 20000)"},
     {"live roll", "no-picture", 0, kFlag, "", 0, 0, "no picture on the terminal, only the progress line"},
