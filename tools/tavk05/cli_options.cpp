@@ -55,9 +55,9 @@ const OptionDef kOptions[] = {
     {"", "version", 0, kFlag, "", 0, 0, "the version of libtavk05 in use"},
     {"", "list-options", 0, kFlag, "", 0, 0, ""},
     {"capture background live roll", "output", 'o', kOutput, "FILE", 0, 0,
-     "write the image to FILE in the format its extension names\n(- for PNG on standard output)"},
+     "write the image to FILE, in the format its extension\nnames (- for PNG on standard output)"},
     {"capture", "now", 0, kFlag, "", 0, 0, "one frame at once, without the guidance"},
-    {"capture", "timeout", 0, kNumber, "MS", 1, 3600000, "wait for the finger at most MS (default 20000)"},
+    {"capture", "timeout", 0, kNumber, "MS", 1, 3600000, "wait for the finger at most MS\n(default 20000)"},
     {"capture", "brightness", 0, kNumber, "N", 0, 100, "brightness of this capture"},
     {"capture", "contrast", 0, kNumber, "N", 0, 100, "contrast of this capture"},
     {"capture", "gain", 0, kGain, "N", 1, 8, "gain of this capture: 1, 2, 4 or 8"},
@@ -65,7 +65,7 @@ const OptionDef kOptions[] = {
     {"capture", "latent", 0, kFlag, "", 0, 0, "refuse the capture when a latent print is on the glass"},
     {"capture", "latent-only", 0, kFlag, "", 0, 0, "only check the glass for a latent print"},
     {"verify", "size", 0, kDims, "WxH", 0, 0, "the marks' nominal size (default: the image's)"},
-    {"live", "threshold", 0, kNumber, "N", 0, 100, "quality that ends live view (default 40; 20 on device\ntypes 5 and 6, whose live view lacks background correction)"},
+    {"live", "threshold", 0, kNumber, "N", 0, 100, "quality that ends live view (default 40;\n20 on device types 5 and 6, whose live view\nlacks background correction)"},
     {"roll", "threshold", 0, kNumber, "N", 0, 100, "quality a rolled print must reach (default 20)"},
     {"live roll", "timeout", 0, kNumber, "MS", 1, 3600000, "give up after MS (default 20000)"},
     {"live roll", "no-picture", 0, kFlag, "", 0, 0, "no picture on the terminal, only the progress line"},
@@ -85,15 +85,15 @@ struct CommandDef {
 int CmdHelp(const Options& opt);
 
 const CommandDef kCommands[] = {
-    {"capture", "-o FILE", "one finished 600 x 600 image, corner-marked: asks for clear\nglass (background), "
-     "waits for the finger, then captures", CmdCapture, 0, 0},
-    {"live", "[-o FILE]", "live view until a frame reaches the quality threshold\n(the background is taken first: "
-     "keep the glass clear)", CmdLive, 0, 0},
-    {"roll", "[-o FILE]", "rolled print: place the finger, then roll it across the glass\n(models 3, 5, 7)",
+    {"capture", "-o FILE", "one finished 600 x 600 image, corner-marked: asks\nfor clear glass (background), "
+     "waits for the finger,\nthen captures", CmdCapture, 0, 0},
+    {"live", "[-o FILE]", "live view until a frame reaches the quality\nthreshold (the background is taken first: "
+     "keep\nthe glass clear)", CmdLive, 0, 0},
+    {"roll", "[-o FILE]", "rolled print: place the finger, then roll it\nacross the glass (models 3, 5, 7)",
      CmdRoll, 0, 0},
     {"verify", "FILE.png", "check the four corner marks (exit 0 when all hold)", CmdVerify, 1, 1},
     {"list", "", "every scanner present: node, type, firmware, device ID", CmdList, 0, 0},
-    {"info", "", "device type, firmware, frame geometry, settings, device ID", CmdInfo, 0, 0},
+    {"info", "", "device type, firmware, frame geometry, settings,\ndevice ID", CmdInfo, 0, 0},
     {"background", "[-o FILE]", "capture the background frame used by live view", CmdBackground, 0, 0},
     {"config", "show | set KEY=N...", "the settings file: show it, or set brightness=0..100,\ncontrast=0..100, "
      "gain=1|2|4|8, scanmode=0", CmdConfig, 1, 100},
@@ -106,7 +106,7 @@ const char kHelpHead[] =
     "Drive a TAVK05 fingerprint scanner (/dev/tavk05N) through libtavk05.\n"
     "\n"
     "First steps, on the virtual scanner (no hardware needed):\n"
-    "  tavk05 --virtual capture -o finger.png   # keep the glass clear, then the finger\n"
+    "  tavk05 --virtual capture -o finger.png   # clear glass, then the finger\n"
     "  tavk05 verify finger.png\n"
     "  tavk05 --virtual live -o live.png\n"
     "  tavk05 --virtual roll -o rolled.png\n"
@@ -144,7 +144,7 @@ const CommandDef* FindCommand(const std::string& strName)
 // are indented to that column.
 void PrintColumns(const std::string& strLeft, const std::string& strText)
 {
-    const size_t kColumn = 23;
+    const size_t kColumn = 24;
     std::string strOut = strLeft;
     if (strOut.size() + 1 > kColumn) {
         strOut += "\n" + std::string(kColumn, ' ');
@@ -158,6 +158,16 @@ void PrintColumns(const std::string& strLeft, const std::string& strText)
     std::printf("%s\n", strOut.c_str());
 }
 
+// The nominal image sizes, "356x292, 228x292, ...".
+std::string ImageSizeList()
+{
+    std::string str;
+    for (const auto& size : tavk05profile::kImageSizes) {
+        str += std::string(str.empty() ? "" : ", ") + std::to_string(size.nWidth) + "x" + std::to_string(size.nHeight);
+    }
+    return str;
+}
+
 std::string OptionHelp(const OptionDef& def)
 {
     std::string str = def.pszHelp;
@@ -166,14 +176,15 @@ std::string OptionHelp(const OptionDef& def)
     } else if (def.eKind == kOutput) {
         str += "; formats: " + WriterList();
     } else if (def.eKind == kImageSize) {
-        str += ":\n" + std::string("356x292, 228x292, 356x456, 248x292, 260x300, 600x600");
+        str += ":\n" + ImageSizeList();
     }
     return str;
 }
 
-void PrintOption(const OptionDef& def)
+// An option's line; a command's options stand further in than its name.
+void PrintOption(const OptionDef& def, const char* pszIndent)
 {
-    std::string strLeft = def.chShort ? std::string("  -") + def.chShort + ", --" : std::string("      --");
+    std::string strLeft = pszIndent + (def.chShort ? std::string("-") + def.chShort + ", --" : std::string("    --"));
     strLeft += def.pszLong;
     if (def.eKind == kOptional) {
         strLeft += std::string("[=") + def.pszValue + "]";
@@ -187,7 +198,7 @@ void PrintCommand(const CommandDef& cmd)
 {
     PrintColumns(std::string("  ") + cmd.pszName + (*cmd.pszArgs ? " " : "") + cmd.pszArgs, cmd.pszText);
     for (const OptionDef& def : kOptions) {
-        if (*def.pszCommands != '\0' && *def.pszHelp != '\0' && BelongsTo(def, cmd.pszName)) PrintOption(def);
+        if (*def.pszCommands != '\0' && *def.pszHelp != '\0' && BelongsTo(def, cmd.pszName)) PrintOption(def, "    ");
     }
 }
 
@@ -198,7 +209,7 @@ int PrintHelp(const std::string& strCommand)
         for (const CommandDef& cmd : kCommands) PrintCommand(cmd);
         std::printf("\nGlobal options (before or after the command):\n");
         for (const OptionDef& def : kOptions) {
-            if (*def.pszCommands == '\0' && *def.pszHelp != '\0') PrintOption(def);
+            if (*def.pszCommands == '\0' && *def.pszHelp != '\0') PrintOption(def, "  ");
         }
         std::fputs(kHelpTail, stdout);
         return EXIT_OK;
@@ -263,14 +274,10 @@ bool CheckValue(const OptionDef& def, const std::string& strValue, std::string* 
         *pMust = "1, 2, 4 or 8";
         return ParseLong(strValue, 1, 8, &n) && (n & (n - 1)) == 0;
     case kImageSize: {
-        *pMust = "one of";
+        *pMust = "one of " + ImageSizeList();
         bool bKnown = false;
         const bool bDims = ParseDims(strValue, &nW, &nH);
-        for (const auto& size : tavk05profile::kImageSizes) {
-            *pMust += std::string(&size == tavk05profile::kImageSizes ? " " : ", ") + std::to_string(size.nWidth) +
-                      "x" + std::to_string(size.nHeight);
-            bKnown |= bDims && size.nWidth == nW && size.nHeight == nH;
-        }
+        for (const auto& size : tavk05profile::kImageSizes) bKnown |= bDims && size.nWidth == nW && size.nHeight == nH;
         return bKnown;
     }
     case kDims:
