@@ -71,7 +71,9 @@ public:
         const Read read = Classify(in);
         uint64_t nKey = fmath::Hash(read.nTime, read.bLatent ? 1 : 0);
         nKey = fmath::Hash(nKey, read.nImpression);
-        nKey = fmath::Hash(nKey, (static_cast<uint64_t>(m_ePerson) << 32) | read.nSince);
+        if (m_settings.config.eKind == kScenePerson) {
+            nKey = fmath::Hash(nKey, (static_cast<uint64_t>(m_ePerson) << 32) | read.nSince);
+        }
         if (m_pPrints) nKey = fmath::Hash(nKey, read.nAcquisition % m_pPrints->Count());
         nKey = fmath::Hash(nKey, (static_cast<uint64_t>(in.byExposure) << 8) | in.byGain);
         return fmath::Hash(nKey, (static_cast<uint64_t>(in.nDevType) << 16) | in.wBcdDevice);
