@@ -20,7 +20,7 @@ const uid_t kNobody = 65534;
 
 // Run as "TAVK05_SAVE_ONCE=1 test_sensor", the program only lets one sensor
 // save its settings and exits: the privileged-process test runs a
-// set-user-ID copy of itself that way.
+// set-group-ID copy of itself that way.
 struct SaveOnceMode {
     SaveOnceMode()
     {
@@ -351,21 +351,22 @@ TEST_F(ConfigTest, KillDuringSaveLeavesACompleteFileAndNoTemporaries)
     EXPECT_EQ(Entries(), (std::vector<std::string>{"kill.conf", "kill.conf.tmp." + std::to_string(::getpid()) + ".7"}));
 }
 
-// A privileged process (here set-user-ID to nobody, run by root) ignores
-// TAVK05_CONF: the file it names stays although the process could write it.
+// A privileged process (here set-group-ID to nogroup, run by root: it stays
+// root, so it loads the build tree's libraries wherever the tree was cloned)
+// ignores TAVK05_CONF: the file it names stays although it could write it.
 TEST_F(ConfigTest, PrivilegedProcessIgnoresTheVariable)
 {
-    if (::geteuid() != 0) GTEST_SKIP() << "needs root to make a set-user-ID program";
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to make a set-group-ID program";
     struct statvfs vfs = {};
     if (::statvfs(m_strPriv.c_str(), &vfs) != 0 || (vfs.f_flag & ST_NOSUID)) GTEST_SKIP() << "mounted nosuid";
     char szSelf[4096];
     const ssize_t nLen = ::readlink("/proc/self/exe", szSelf, sizeof(szSelf) - 1);
     ASSERT_GT(nLen, 0);
     szSelf[nLen] = '\0';
-    const std::string strProgram = m_strPriv + "/suid-host";
+    const std::string strProgram = m_strPriv + "/sgid-host";
     ASSERT_EQ(std::system(("cp '" + std::string(szSelf) + "' '" + strProgram + "'").c_str()), 0);
-    ASSERT_EQ(::chown(strProgram.c_str(), kNobody, kNobody), 0);
-    ASSERT_EQ(::chmod(strProgram.c_str(), 04755), 0);
+    ASSERT_EQ(::chown(strProgram.c_str(), 0, kNobody), 0);
+    ASSERT_EQ(::chmod(strProgram.c_str(), 02755), 0);
     const std::string strVictim = m_strPriv + "/victim";
     WriteFile(strVictim, "precious\n");
     ASSERT_EQ(::chmod(strVictim.c_str(), 0666), 0);
