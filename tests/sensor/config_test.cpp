@@ -18,21 +18,18 @@ using sensortest::SettingsText;
 
 const uid_t kNobody = 65534;
 
-// Run as "TAVK05_SAVE_ONCE=1 test_sensor", the program only lets one sensor
-// save its settings and exits: the privileged-process test runs a
-// set-group-ID copy of itself that way.
-struct SaveOnceMode {
-    SaveOnceMode()
+// Run as "TAVK05_PRINT_PATH=1 test_sensor", the program prints the settings
+// path its sensors would use and exits: the privileged-process test runs a
+// set-group-ID copy of itself that way (a save would reach /etc).
+struct PrintPathMode {
+    PrintPathMode()
     {
-        if (std::getenv("TAVK05_SAVE_ONCE") == nullptr) return;
-        {
-            COberin sensor(nullptr);
-            sensor.m_nBrightness = 77;
-        }
+        if (std::getenv("TAVK05_PRINT_PATH") == nullptr) return;
+        std::printf("%s", COberin::ConfigPath());
         std::fflush(nullptr);
         ::_exit(0);
     }
-} g_saveOnceMode;
+} g_printPathMode;
 
 class ConfigTest : public SensorTest {
 protected:
@@ -353,7 +350,8 @@ TEST_F(ConfigTest, KillDuringSaveLeavesACompleteFileAndNoTemporaries)
 
 // A privileged process (here set-group-ID to nogroup, run by root: it stays
 // root, so it loads the build tree's libraries wherever the tree was cloned)
-// ignores TAVK05_CONF: the file it names stays although it could write it.
+// ignores TAVK05_CONF and uses /etc/tavk05rf.conf; without the privilege the
+// same program takes the variable's file.
 TEST_F(ConfigTest, PrivilegedProcessIgnoresTheVariable)
 {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root to make a set-group-ID program";
@@ -363,20 +361,21 @@ TEST_F(ConfigTest, PrivilegedProcessIgnoresTheVariable)
     const ssize_t nLen = ::readlink("/proc/self/exe", szSelf, sizeof(szSelf) - 1);
     ASSERT_GT(nLen, 0);
     szSelf[nLen] = '\0';
-    const std::string strProgram = m_strPriv + "/sgid-host";
+    const std::string strProgram = m_strPriv + "/sgid-host", strOther = m_strPriv + "/other.conf";
     ASSERT_EQ(std::system(("cp '" + std::string(szSelf) + "' '" + strProgram + "'").c_str()), 0);
     ASSERT_EQ(::chown(strProgram.c_str(), 0, kNobody), 0);
     ASSERT_EQ(::chmod(strProgram.c_str(), 02755), 0);
-    const std::string strVictim = m_strPriv + "/victim";
-    WriteFile(strVictim, "precious\n");
-    ASSERT_EQ(::chmod(strVictim.c_str(), 0666), 0);
-    const std::string strCommand = "TAVK05_SAVE_ONCE=1 TAVK05_CONF='" + strVictim + "' '" + strProgram + "' >/dev/null 2>&1";
-    EXPECT_EQ(std::system(strCommand.c_str()), 0);
-    EXPECT_EQ(FileText(strVictim), "precious\n");
-    // Without privilege the same program does write it: the test can see a save.
+    auto PathUsed = [&] {
+        std::string str;
+        FILE* pOut = ::popen(("TAVK05_PRINT_PATH=1 TAVK05_CONF='" + strOther + "' '" + strProgram + "'").c_str(), "r");
+        char sz[256];
+        while (pOut != nullptr && std::fgets(sz, sizeof(sz), pOut) != nullptr) str += sz;
+        EXPECT_EQ(pOut != nullptr ? ::pclose(pOut) : -1, 0);
+        return str;
+    };
+    EXPECT_EQ(PathUsed(), "/etc/tavk05rf.conf");
     ASSERT_EQ(::chmod(strProgram.c_str(), 0755), 0);
-    EXPECT_EQ(std::system(strCommand.c_str()), 0);
-    EXPECT_EQ(FileText(strVictim), SettingsText(77, 20, 2, 0));
+    EXPECT_EQ(PathUsed(), strOther);
 }
 
 }  // namespace
