@@ -18,16 +18,20 @@ $(addprefix build-,$(TEST_PRESETS)): build-%: deps
 
 build: $(addprefix build-,$(BUILD_PRESETS))
 
+# The test programs run under scripts/settings-guard, which fails them if
+# they touch /etc/tavk05rf.conf.
 $(addprefix test-,$(TEST_PRESETS)): test-%: build-%
-	ctest --preset $* -j$(JOBS)
+	scripts/settings-guard ctest --preset $* -j$(JOBS)
 
 # The whole suite on both ABIs and under the sanitizers, then the check
 # that both ABIs compute identical images, then the Debian packages built and
-# used by hosts.
+# used by hosts, then the benchmarks and the demo checked for leaving the
+# workstation's settings file alone.
 test: $(addprefix test-,$(TEST_PRESETS))
 	@scripts/cross-abi-check
 	@scripts/make-deb
 	@scripts/deb-check
+	@scripts/settings-guard
 
 demo: build
 	@scripts/demo

@@ -3,8 +3,11 @@
 // named Stage/<stage>/ours and Stage/<stage>/opencv), one table of the two
 // medians and their ratio. Without OpenCV the table shows ours alone.
 #include <benchmark/benchmark.h>
+#include <dirent.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
@@ -56,10 +59,42 @@ private:
     std::map<std::string, std::pair<double, double>> m_stages;  // ours, opencv (0 when absent)
 };
 
+// Every sensor a benchmark makes writes its settings when it is destroyed,
+// the shared ones at exit. They write to a file of this run, in a private
+// directory removed at exit, never to /etc/tavk05rf.conf (nor to a file
+// TAVK05_CONF named for other work). Called before any sensor exists, the
+// removal runs after the last one is destroyed.
+std::string& PrivateSettingsDir()
+{
+    static std::string s_strDir;
+    return s_strDir;
+}
+
+bool UsePrivateSettings()
+{
+    char szDir[] = "/tmp/tavk05-bench-XXXXXX";
+    if (mkdtemp(szDir) == nullptr) return false;
+    PrivateSettingsDir() = szDir;
+    setenv("TAVK05_CONF", (PrivateSettingsDir() + "/tavk05rf.conf").c_str(), 1);
+    std::atexit([] {
+        if (DIR* pDir = opendir(PrivateSettingsDir().c_str())) {
+            while (const dirent* pEntry = readdir(pDir))
+                if (pEntry->d_name[0] != '.') unlink((PrivateSettingsDir() + "/" + pEntry->d_name).c_str());
+            closedir(pDir);
+        }
+        rmdir(PrivateSettingsDir().c_str());
+    });
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    if (!UsePrivateSettings()) {
+        std::perror("bench_tavk05: no private directory for the settings file");
+        return 1;
+    }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;

@@ -38,4 +38,16 @@ else()
   set(TAVK05_UDEV_DIR lib/udev/rules.d)
 endif()
 install(FILES data/udev/60-tavk05.rules DESTINATION ${TAVK05_UDEV_DIR} COMPONENT command)
-install(FILES data/tavk05rf.conf DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR} COMPONENT command)
+# The settings file holds the workstation's own settings once a sensor has
+# been used: an install puts the defaults there only where there is none yet.
+# The defaults also go to the data directory, from which the Debian package's
+# maintainer scripts make the file (it is not a conffile: the library rewrites it).
+install(FILES data/tavk05rf.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/tavk05 COMPONENT command)
+install(CODE "
+  set(_conf \"\$ENV{DESTDIR}${CMAKE_INSTALL_FULL_SYSCONFDIR}/tavk05rf.conf\")
+  if(EXISTS \"\${_conf}\" OR IS_SYMLINK \"\${_conf}\")
+    message(STATUS \"Kept as it is: \${_conf}\")
+  else()
+    file(INSTALL \"${PROJECT_SOURCE_DIR}/data/tavk05rf.conf\"
+         DESTINATION \"${CMAKE_INSTALL_FULL_SYSCONFDIR}\")
+  endif()" COMPONENT command)

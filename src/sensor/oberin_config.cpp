@@ -20,6 +20,7 @@
 #include <cstring>
 #include <string>
 
+#include "sensor/guarded_path.h"
 #include "tavk05/oberin.h"
 
 namespace {
@@ -33,13 +34,9 @@ const long kGainOffset = 50;
 const long kScanModeOffset = 67;
 
 // How far the reader may look into the file: a value is found behind at most
-// this many bytes of white space, and no more digits than make a number
-// saturate are read. Whatever a file holds, reading it costs a few pages.
+// this many bytes of white space, and its digits end there at the latest.
+// Whatever a file holds, reading it costs a few pages.
 const long kReadLimit = 64 * 1024;
-const int kMaxDigits = 32;
-
-// Symbolic links followed from the settings path to the file it names.
-const int kMaxLinks = 40;
 
 // An owned descriptor, closed when it goes out of scope.
 class CFileDesc {
@@ -102,9 +99,10 @@ bool IsSpace(int c)
 }
 
 // Reads one decimal number at nOffset into *pnValue as "%d" would: white
-// space skipped, an optional sign, digits; a value too large for a long
-// saturates as the C library's conversion does and is then narrowed to int.
-// No number leaves *pnValue as it was.
+// space skipped, an optional sign, digits of any count; a value too large
+// for a long saturates as the C library's conversion does (the magnitude is
+// clamped before it could wrap) and is then narrowed to int. No number
+// leaves *pnValue as it was.
 void ReadValueAt(CPrefixReader& reader, long nOffset, unsigned long* pnValue)
 {
     long nPos = nOffset;
@@ -119,10 +117,9 @@ void ReadValueAt(CPrefixReader& reader, long nOffset, unsigned long* pnValue)
     unsigned long long nMagnitude = 0;
     const unsigned long long nLimit = bNegative ? static_cast<unsigned long long>(LONG_MAX) + 1ULL
                                                 : static_cast<unsigned long long>(LONG_MAX);
-    for (int nDigits = 0; c >= '0' && c <= '9' && nDigits < kMaxDigits; ++nDigits) {
-        nMagnitude = nMagnitude * 10 + static_cast<unsigned long long>(c - '0');
-        if (nMagnitude > nLimit) nMagnitude = nLimit;
-        c = reader.At(++nPos);
+    for (; c >= '0' && c <= '9'; c = reader.At(++nPos)) {
+        const unsigned nDigit = static_cast<unsigned>(c - '0');
+        nMagnitude = nMagnitude > (nLimit - nDigit) / 10 ? nLimit : nMagnitude * 10 + nDigit;
     }
     const long nLong = bNegative ? (nMagnitude == nLimit ? LONG_MIN : -static_cast<long>(nMagnitude))
                                  : static_cast<long>(nMagnitude);
@@ -144,57 +141,23 @@ bool WriteAll(int fd, const char* p, size_t n)
     return true;
 }
 
-std::string DirectoryOf(const std::string& strPath)
-{
-    const size_t nSlash = strPath.rfind('/');
-    if (nSlash == std::string::npos) return ".";
-    if (nSlash == 0) return "/";
-    return strPath.substr(0, nSlash);
-}
-
-std::string BaseNameOf(const std::string& strPath)
-{
-    const size_t nSlash = strPath.rfind('/');
-    return nSlash == std::string::npos ? strPath : strPath.substr(nSlash + 1);
-}
-
-// Follows symbolic links from strPath to the name of the file they lead to
-// (which need not exist yet). False for a loop or an unreadable link.
-bool ResolveLinks(std::string strPath, std::string* pstrTarget)
-{
-    for (int nHop = 0; nHop <= kMaxLinks; ++nHop) {
-        struct stat st;
-        if (::lstat(strPath.c_str(), &st) != 0 || !S_ISLNK(st.st_mode)) {
-            *pstrTarget = strPath;
-            return true;
-        }
-        char szLink[PATH_MAX];
-        const ssize_t nLen = ::readlink(strPath.c_str(), szLink, sizeof(szLink) - 1);
-        if (nLen <= 0) return false;
-        szLink[nLen] = '\0';
-        if (szLink[0] == '/') {
-            strPath = szLink;
-        } else {
-            strPath = DirectoryOf(strPath) + "/" + szLink;
-        }
-    }
-    return false;
-}
-
 // Temporaries of this file are named "<name>.tmp.<pid>.<n>". A process
 // killed between creating and renaming one leaves it behind; those of
 // processes that no longer exist are removed before the next save.
-std::string TempName(const std::string& strTarget, unsigned nTry)
+std::string TempName(const std::string& strName, unsigned nTry)
 {
-    return strTarget + ".tmp." + std::to_string(static_cast<long>(::getpid())) + "." + std::to_string(nTry);
+    return strName + ".tmp." + std::to_string(static_cast<long>(::getpid())) + "." + std::to_string(nTry);
 }
 
-void RemoveStaleTemporaries(const std::string& strTarget)
+void RemoveStaleTemporaries(int nDir, const std::string& strName)
 {
-    const std::string strDir = DirectoryOf(strTarget);
-    const std::string strPrefix = BaseNameOf(strTarget) + ".tmp.";
-    DIR* pDir = ::opendir(strDir.c_str());
-    if (pDir == nullptr) return;
+    const std::string strPrefix = strName + ".tmp.";
+    const int nList = ::openat(nDir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* pDir = nList >= 0 ? ::fdopendir(nList) : nullptr;
+    if (pDir == nullptr) {
+        if (nList >= 0) ::close(nList);
+        return;
+    }
     while (const struct dirent* pEntry = ::readdir(pDir)) {
         const char* pszName = pEntry->d_name;
         if (std::strncmp(pszName, strPrefix.c_str(), strPrefix.size()) != 0) continue;
@@ -206,10 +169,9 @@ void RemoveStaleTemporaries(const std::string& strTarget)
         std::strtoul(pEnd + 1, &pEndTry, 10);
         if (pEndTry == pEnd + 1 || *pEndTry != '\0') continue;
         if (::kill(static_cast<pid_t>(nPid), 0) == 0 || errno != ESRCH) continue;  // still alive
-        const std::string strStale = strDir + "/" + pszName;
         struct stat st;
-        if (::lstat(strStale.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid()) {
-            ::unlink(strStale.c_str());
+        if (::fstatat(nDir, pszName, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid()) {
+            ::unlinkat(nDir, pszName, 0);
         }
     }
     ::closedir(pDir);
@@ -226,22 +188,21 @@ void CopyAttributes(const struct stat& stOld, int fd)
     ::fchmod(fd, stOld.st_mode & 07777);
 }
 
-// Writes szText to a new file in the target's directory and renames it over
-// the target, so that a crash leaves either the old or the new file, never
+// Writes szText to a new file in the directory nDir and renames it over
+// strName there, so that a crash leaves either the old or the new file, never
 // half of one. The new file is made unnamed (O_TMPFILE) where the system
 // offers that, and gets a name only for the instant before the rename.
 // False when the directory does not allow a new file.
-bool ReplaceAtomically(const std::string& strTarget, const struct stat* pOld, const char* pszText, size_t nBytes,
-                       bool bUnnamedAllowed = true)
+bool ReplaceAtomically(int nDir, const std::string& strName, const struct stat* pOld, const char* pszText,
+                       size_t nBytes, bool bUnnamedAllowed = true)
 {
-    const std::string strDir = DirectoryOf(strTarget);
-    CFileDesc fd(bUnnamedAllowed ? ::open(strDir.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666) : -1);
+    CFileDesc fd(bUnnamedAllowed ? ::openat(nDir, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666) : -1);
     const bool bUnnamed = fd.Valid();
     std::string strTemp;
     if (!bUnnamed) {
         for (unsigned nTry = 0; nTry < 16 && !fd.Valid(); ++nTry) {
-            strTemp = TempName(strTarget, nTry);
-            fd.Reset(::open(strTemp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666));
+            strTemp = TempName(strName, nTry);
+            fd.Reset(::openat(nDir, strTemp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666));
             if (!fd.Valid() && errno != EEXIST) return false;
         }
         if (!fd.Valid()) return false;
@@ -253,8 +214,8 @@ bool ReplaceAtomically(const std::string& strTarget, const struct stat* pOld, co
         const std::string strProc = "/proc/self/fd/" + std::to_string(fd.Get());
         bDone = false;
         for (unsigned nTry = 0; nTry < 16; ++nTry) {
-            strTemp = TempName(strTarget, nTry);
-            if (::linkat(AT_FDCWD, strProc.c_str(), AT_FDCWD, strTemp.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+            strTemp = TempName(strName, nTry);
+            if (::linkat(AT_FDCWD, strProc.c_str(), nDir, strTemp.c_str(), AT_SYMLINK_FOLLOW) == 0) {
                 bDone = true;
                 break;
             }
@@ -263,12 +224,12 @@ bool ReplaceAtomically(const std::string& strTarget, const struct stat* pOld, co
         if (!bDone) {
             // No /proc to name it through: use a named temporary instead.
             fd.Reset(-1);
-            return ReplaceAtomically(strTarget, pOld, pszText, nBytes, false);
+            return ReplaceAtomically(nDir, strName, pOld, pszText, nBytes, false);
         }
     }
     bDone = fd.Close() && bDone;
-    if (bDone && std::rename(strTemp.c_str(), strTarget.c_str()) == 0) return true;
-    if (!strTemp.empty()) ::unlink(strTemp.c_str());
+    if (bDone && ::renameat(nDir, strTemp.c_str(), nDir, strName.c_str()) == 0) return true;
+    if (!strTemp.empty()) ::unlinkat(nDir, strTemp.c_str(), 0);
     return true;  // the directory allowed a new file; the old one stays as it was
 }
 
@@ -287,10 +248,21 @@ const char* COberin::ConfigPath()
 
 void COberin::RetrieveConfig()
 {
-    // Opening without blocking keeps a FIFO at the path from stalling
-    // OpenDevice. Only a regular file is read: anything else that opens
-    // (a directory, a FIFO, a device) gives no numbers, like an empty file.
-    CFileDesc fd(::open(ConfigPath(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    // The file is reached without following a link another user planted
+    // (guarded_path.h), and opened without blocking, so that a FIFO at the
+    // path cannot stall OpenDevice. Only a regular file is read: anything
+    // else that opens (a directory, a FIFO, a device) gives no numbers, like
+    // an empty file.
+    CFileDesc fd;
+    try {
+        tavk05path::CResolved path;
+        if (tavk05path::Resolve(ConfigPath(), tavk05path::kKernelRule, true, &path) == 0) {
+            fd.Reset(::openat(path.m_nDirFd, path.m_strName.c_str(),
+                              O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC));
+        }
+    } catch (...) {
+        // No memory for the path strings: as if the file could not be opened.
+    }
     if (!fd.Valid()) {
         m_nBrightness = 40;
         m_nContrast = 20;
@@ -313,9 +285,10 @@ void COberin::RetrieveConfig()
 // writing would have succeeded, and only a regular file: a device node, FIFO,
 // socket or directory at the path is left alone, as is a file this process
 // may not write. A symbolic link is followed and the file it names is
-// updated. Where the directory allows a new file the update is atomic
-// (temporary file and rename, mode and owner kept); where only the file
-// itself is writable it is rewritten in place. Failures are not reported.
+// updated, unless another user planted it (guarded_path.h). Where the
+// directory allows a new file the update is atomic (temporary file and
+// rename, mode and owner kept); where only the file itself is writable it is
+// rewritten in place. Failures are not reported.
 void COberin::SaveConfig()
 {
     char szText[160];
@@ -332,22 +305,24 @@ void COberin::SaveConfig()
     const size_t nBytes = static_cast<size_t>(nLen);
 
     try {
-        std::string strTarget;
-        if (!ResolveLinks(ConfigPath(), &strTarget)) return;
+        tavk05path::CResolved path;
+        if (tavk05path::Resolve(ConfigPath(), tavk05path::kKernelRule, true, &path) != 0) return;
+        const int nDir = path.m_nDirFd;
+        const std::string& strName = path.m_strName;
         struct stat st;
-        if (::lstat(strTarget.c_str(), &st) != 0) {
+        if (::fstatat(nDir, strName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
             if (errno != ENOENT) return;
             // A new file: only where its directory allows one.
-            RemoveStaleTemporaries(strTarget);
-            ReplaceAtomically(strTarget, nullptr, szText, nBytes);
+            RemoveStaleTemporaries(nDir, strName);
+            ReplaceAtomically(nDir, strName, nullptr, szText, nBytes);
             return;
         }
         if (!S_ISREG(st.st_mode)) return;
-        CFileDesc fd(::open(strTarget.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC));
+        CFileDesc fd(::openat(nDir, strName.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC));
         struct stat stOpen;
         if (!fd.Valid() || ::fstat(fd.Get(), &stOpen) != 0 || !S_ISREG(stOpen.st_mode)) return;
-        RemoveStaleTemporaries(strTarget);
-        if (ReplaceAtomically(strTarget, &stOpen, szText, nBytes)) return;
+        RemoveStaleTemporaries(nDir, strName);
+        if (ReplaceAtomically(nDir, strName, &stOpen, szText, nBytes)) return;
         // The directory is not ours but the file is writable: rewrite it in
         // place, new text first, then cut off what is left of the old.
         if (::pwrite(fd.Get(), szText, nBytes, 0) == static_cast<ssize_t>(nBytes)) {

@@ -18,30 +18,29 @@ using sensortest::SettingsText;
 
 const uid_t kNobody = 65534;
 
-// Run as "TAVK05_SAVE_ONCE=1 test_sensor", the program only lets one sensor
-// save its settings and exits: the privileged-process test runs a
-// set-user-ID copy of itself that way.
-struct SaveOnceMode {
-    SaveOnceMode()
+// Run as "TAVK05_PRINT_PATH=1 test_sensor", the program prints the settings
+// path its sensors would use and exits: the privileged-process test runs a
+// set-group-ID copy of itself that way (a save would reach /etc).
+struct PrintPathMode {
+    PrintPathMode()
     {
-        if (std::getenv("TAVK05_SAVE_ONCE") == nullptr) return;
-        {
-            COberin sensor(nullptr);
-            sensor.m_nBrightness = 77;
-        }
+        if (std::getenv("TAVK05_PRINT_PATH") == nullptr) return;
+        std::printf("%s", COberin::ConfigPath());
         std::fflush(nullptr);
         ::_exit(0);
     }
-} g_saveOnceMode;
+} g_printPathMode;
 
 class ConfigTest : public SensorTest {
 protected:
+    // The scratch directory lies under /tmp, not in the build tree: the tests
+    // that act as nobody must reach it wherever the tree was cloned.
     void SetUp() override
     {
         SensorTest::SetUp();
-        std::string strTemplate = m_strDir + "/settings-path-XXXXXX";
-        ASSERT_NE(::mkdtemp(&strTemplate[0]), nullptr);
-        m_strPriv = strTemplate;
+        char szTemplate[] = "/tmp/tavk05-settings-XXXXXX";
+        ASSERT_NE(::mkdtemp(szTemplate), nullptr);
+        m_strPriv = szTemplate;
         ::chmod(m_strPriv.c_str(), 0777);
     }
 
@@ -118,14 +117,19 @@ TEST_F(ConfigTest, PathTextAndDefaults)
     sensor.m_nBrightness = sensor.m_nContrast = 90;
     sensor.m_nScanMode = 1;
     ASSERT_EQ(sensor.OpenDevice(0, 0), 0ul);
-    EXPECT_EQ(sensor.m_nBrightness * 1000000 + sensor.m_nContrast * 10000 + sensor.m_nGain * 10 + sensor.m_nScanMode,
-              40200010ul);
+    EXPECT_EQ(sensor.m_nBrightness, 40ul);
+    EXPECT_EQ(sensor.m_nContrast, 20ul);
+    EXPECT_EQ(sensor.m_nGain, 1ul);
+    EXPECT_EQ(sensor.m_nScanMode, 0ul);
 }
 
 // The reader behaves as fscanf("%d") at the offsets 15, 33, 50 and 67 would
 // (a value it cannot read stays as it was): on files the driver writes for a
 // grid of values, whose one- and three-digit numbers shift the later
-// offsets, and on random text, while reading only a bounded prefix.
+// offsets, on numbers at and around the limits of int and long (and 2^64),
+// and on random numbers of any sign and length with leading zeros, while
+// reading only a bounded prefix. Numbers of 20 digits and more saturate (the
+// C library's conversion gives LONG_MAX, narrowed to int) and must not wrap.
 TEST_F(ConfigTest, ReaderMatchesTheFormattedRead)
 {
     const std::string strFile = m_strPriv + "/read.conf";
@@ -134,6 +138,10 @@ TEST_F(ConfigTest, ReaderMatchesTheFormattedRead)
     for (int b : {0, 5, 40, 100})
         for (int c : {0, 20, 99, 100})
             for (int g : {1, 8}) vecTexts.push_back(SettingsText(b, c, g, b % 2));
+    for (const char* pszEdge : {"2147483647", "2147483648", "4294967295", "4294967296", "9223372036854775807",
+                                "9223372036854775808", "18446744073709551615", "18446744073709551616",
+                                "123456789012345678901", "99999999999999999999", "0000000000000000000000000000000000042"})
+        for (const char* pszSign : {"", "-", "+"}) vecTexts.push_back(std::string(15, ' ') + pszSign + pszEdge);
     std::mt19937 rng(1234);
     const std::string strAlphabet = "0123456789          \n\t+-=xB";
     for (int nCase = 0; nCase < 300; ++nCase) {
@@ -144,13 +152,24 @@ TEST_F(ConfigTest, ReaderMatchesTheFormattedRead)
             strText += strAlphabet[rng() % strAlphabet.size()];
         vecTexts.push_back(strText);
     }
+    for (int nCase = 0; nCase < 2000; ++nCase) {  // numbers: sign, leading zeros, 1 to 400 digits
+        std::string strText;
+        while (strText.size() < 90) {
+            strText += std::string(rng() % 3, ' ') + "  +-"[rng() % 4];
+            strText += std::string(rng() % 4 == 0 ? rng() % 60 : 0, '0');
+            for (size_t i = 0, n = 1 + (rng() % 8 == 0 ? rng() % 400 : rng() % 25); i < n; ++i)
+                strText += static_cast<char>('0' + rng() % 10);
+            strText += "\n="[rng() % 2];
+        }
+        vecTexts.push_back(strText);
+    }
     COberin sensor(nullptr);
+    const long anOffsets[4] = {15, 33, 50, 67};
     for (const std::string& strText : vecTexts) {
         WriteFile(strFile, strText);
         unsigned long anExpected[4] = {11, 22, 33, 44};
         FILE* pFile = std::fopen(strFile.c_str(), "r");
         ASSERT_NE(pFile, nullptr);
-        const long anOffsets[4] = {15, 33, 50, 67};
         for (int i = 0; i < 4; ++i) {
             int nValue = 0;
             if (std::fseek(pFile, anOffsets[i], SEEK_SET) == 0 && std::fscanf(pFile, "%d", &nValue) == 1)
@@ -160,8 +179,8 @@ TEST_F(ConfigTest, ReaderMatchesTheFormattedRead)
         sensor.m_nBrightness = 11, sensor.m_nContrast = 22, sensor.m_nGain = 33, sensor.m_nScanMode = 44;
         sensor.RetrieveConfig();
         const unsigned long anGot[4] = {sensor.m_nBrightness, sensor.m_nContrast, sensor.m_nGain, sensor.m_nScanMode};
-        ASSERT_EQ(std::vector<unsigned long>(anGot, anGot + 4), std::vector<unsigned long>(anExpected, anExpected + 4))
-            << "'" << strText << "'";
+        for (int i = 0; i < 4; ++i)
+            ASSERT_EQ(anGot[i], anExpected[i]) << "at offset " << anOffsets[i] << " of '" << strText << "'";
     }
 }
 
@@ -209,6 +228,70 @@ TEST_F(ConfigTest, SymbolicLinksUpdateTheFileTheyName)
     for (const char* pszLink : {"/rel.conf", "/abs.conf", "/dangling.conf"})
         EXPECT_TRUE(::lstat((m_strPriv + pszLink).c_str(), &st) == 0 && S_ISLNK(st.st_mode)) << pszLink;
     EXPECT_EQ(Entries(), (std::vector<std::string>{"abs.conf", "dangling.conf", "etc", "rel.conf"}));
+}
+
+// In a sticky, world-writable directory (as /tmp) a link is followed only
+// when it belongs to the process's user or to the directory's owner, as the
+// kernel's protected_symlinks rule decides, whatever that setting is here: a
+// link nobody planted to a root-owned file (as /etc/shadow), or to a
+// directory on the way, is neither read nor written through, and stays.
+TEST_F(ConfigTest, LinksOthersPlantedInSharedDirectoriesAreNotFollowed)
+{
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
+    const struct {
+        const char* pszCase;
+        uid_t nDirOwner;
+        mode_t nDirMode;
+        uid_t nLinkOwner;
+        bool bLinkToDirectory;  // the link stands for the directory on the way, not the file
+        bool bAsNobody;         // the saving process runs as nobody
+        bool bFollowed;
+    } aCases[] = {
+        {"nobody's link in root's sticky directory", 0, 01777, kNobody, false, false, false},
+        {"nobody's link to a directory on the way", 0, 01777, kNobody, true, false, false},
+        {"root's link, root's directory", 0, 01777, 0, false, false, true},
+        {"nobody's link, nobody's directory", kNobody, 01777, kNobody, true, false, true},
+        {"root's own link in nobody's directory", kNobody, 01777, 0, false, false, true},
+        {"nobody's link, directory not sticky", 0, 0777, kNobody, false, false, true},
+        {"nobody's own link, saved by nobody", 0, 01777, kNobody, false, true, true},
+        {"a third user's link, saved by nobody", 0, 01777, 4321, true, true, false},
+    };
+    int nCase = 0;
+    for (const auto& c : aCases) {
+        SCOPED_TRACE(c.pszCase);
+        const std::string strShared = m_strPriv + "/shared" + std::to_string(nCase);
+        const std::string strEtc = m_strPriv + "/etc" + std::to_string(nCase++);
+        const std::string strTarget = strEtc + "/shadow";
+        ASSERT_EQ(::mkdir(strShared.c_str(), 0), 0);
+        ASSERT_EQ(::chown(strShared.c_str(), c.nDirOwner, c.nDirOwner), 0);
+        ASSERT_EQ(::chmod(strShared.c_str(), c.nDirMode), 0);
+        ASSERT_EQ(::mkdir(strEtc.c_str(), 0755), 0);
+        WriteFile(strTarget, SettingsText(61, 20, 2, 0));
+        ASSERT_EQ(::chmod(strTarget.c_str(), c.bAsNobody ? 0666 : 0640), 0);
+        const std::string strLink = strShared + (c.bLinkToDirectory ? "/etc" : "/tavk05rf.conf");
+        ASSERT_EQ(::symlink(c.bLinkToDirectory ? strEtc.c_str() : strTarget.c_str(), strLink.c_str()), 0);
+        ASSERT_EQ(::lchown(strLink.c_str(), c.nLinkOwner, c.nLinkOwner), 0);
+        const std::string strPath = c.bLinkToDirectory ? strLink + "/shadow" : strLink;
+        struct stat stBefore = {}, st = {};
+        ASSERT_EQ(::stat(strTarget.c_str(), &stBefore), 0);
+        ::usleep(10000);
+        if (!c.bAsNobody) {
+            ::setenv("TAVK05_CONF", strPath.c_str(), 1);
+            COberin sensor(nullptr);
+            sensor.RetrieveConfig();
+            EXPECT_EQ(sensor.m_nBrightness, c.bFollowed ? 61ul : 40ul);  // 40: as if there were no file
+        }
+        if (c.bAsNobody) SaveAsNobody(strPath); else SaveTo(strPath, 42);
+        EXPECT_EQ(FileText(strTarget), SettingsText(c.bFollowed ? 42 : 61, 20, 2, 0));
+        ASSERT_EQ(::stat(strTarget.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, c.bAsNobody ? 0666u : 0640u);
+        if (!c.bFollowed) {
+            EXPECT_EQ(st.st_mtim.tv_sec, stBefore.st_mtim.tv_sec);
+            EXPECT_EQ(st.st_mtim.tv_nsec, stBefore.st_mtim.tv_nsec);
+        }
+        ASSERT_EQ(::lstat(strLink.c_str(), &st), 0);
+        EXPECT_TRUE(S_ISLNK(st.st_mode));
+    }
 }
 
 // Permissions decide as an open for writing would: a file the process may
@@ -265,31 +348,34 @@ TEST_F(ConfigTest, KillDuringSaveLeavesACompleteFileAndNoTemporaries)
     EXPECT_EQ(Entries(), (std::vector<std::string>{"kill.conf", "kill.conf.tmp." + std::to_string(::getpid()) + ".7"}));
 }
 
-// A privileged process (here set-user-ID to nobody, run by root) ignores
-// TAVK05_CONF: the file it names stays although the process could write it.
+// A privileged process (here set-group-ID to nogroup, run by root: it stays
+// root, so it loads the build tree's libraries wherever the tree was cloned)
+// ignores TAVK05_CONF and uses /etc/tavk05rf.conf; without the privilege the
+// same program takes the variable's file.
 TEST_F(ConfigTest, PrivilegedProcessIgnoresTheVariable)
 {
-    if (::geteuid() != 0) GTEST_SKIP() << "needs root to make a set-user-ID program";
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to make a set-group-ID program";
     struct statvfs vfs = {};
     if (::statvfs(m_strPriv.c_str(), &vfs) != 0 || (vfs.f_flag & ST_NOSUID)) GTEST_SKIP() << "mounted nosuid";
     char szSelf[4096];
     const ssize_t nLen = ::readlink("/proc/self/exe", szSelf, sizeof(szSelf) - 1);
     ASSERT_GT(nLen, 0);
     szSelf[nLen] = '\0';
-    const std::string strProgram = m_strPriv + "/suid-host";
+    const std::string strProgram = m_strPriv + "/sgid-host", strOther = m_strPriv + "/other.conf";
     ASSERT_EQ(std::system(("cp '" + std::string(szSelf) + "' '" + strProgram + "'").c_str()), 0);
-    ASSERT_EQ(::chown(strProgram.c_str(), kNobody, kNobody), 0);
-    ASSERT_EQ(::chmod(strProgram.c_str(), 04755), 0);
-    const std::string strVictim = m_strPriv + "/victim";
-    WriteFile(strVictim, "precious\n");
-    ASSERT_EQ(::chmod(strVictim.c_str(), 0666), 0);
-    const std::string strCommand = "TAVK05_SAVE_ONCE=1 TAVK05_CONF='" + strVictim + "' '" + strProgram + "' >/dev/null 2>&1";
-    EXPECT_EQ(std::system(strCommand.c_str()), 0);
-    EXPECT_EQ(FileText(strVictim), "precious\n");
-    // Without privilege the same program does write it: the test can see a save.
+    ASSERT_EQ(::chown(strProgram.c_str(), 0, kNobody), 0);
+    ASSERT_EQ(::chmod(strProgram.c_str(), 02755), 0);
+    auto PathUsed = [&] {
+        std::string str;
+        FILE* pOut = ::popen(("TAVK05_PRINT_PATH=1 TAVK05_CONF='" + strOther + "' '" + strProgram + "'").c_str(), "r");
+        char sz[256];
+        while (pOut != nullptr && std::fgets(sz, sizeof(sz), pOut) != nullptr) str += sz;
+        EXPECT_EQ(pOut != nullptr ? ::pclose(pOut) : -1, 0);
+        return str;
+    };
+    EXPECT_EQ(PathUsed(), "/etc/tavk05rf.conf");
     ASSERT_EQ(::chmod(strProgram.c_str(), 0755), 0);
-    EXPECT_EQ(std::system(strCommand.c_str()), 0);
-    EXPECT_EQ(FileText(strVictim), SettingsText(77, 20, 2, 0));
+    EXPECT_EQ(PathUsed(), strOther);
 }
 
 }  // namespace

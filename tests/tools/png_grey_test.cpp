@@ -181,4 +181,34 @@ TEST_F(PngTest, OtherPathsAreLeftAlone)
     EXPECT_EQ(std::system(("test $(ls -A '" + m_strDir + "' | wc -l) = 4").c_str()), 0);
 }
 
+// A link of another user anywhere on the path is not followed, root's links
+// and the user's own are: root cannot be led to replace its own file through
+// a folder link nobody planted in a shared directory, whatever the kernel's
+// fs.protected_symlinks says.
+TEST_F(PngTest, LinksOfOtherUsersOnThePathAreNotFollowed)
+{
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to plant another user's link";
+    const unsigned char abyPixel[1] = {9};
+    const std::string strPub = m_strDir + "/pub", strEtc = m_strDir + "/etc", strShadow = strEtc + "/shadow";
+    ASSERT_EQ(::mkdir(strPub.c_str(), 0), 0);
+    ASSERT_EQ(::chmod(strPub.c_str(), 01777), 0);
+    ASSERT_EQ(::mkdir(strEtc.c_str(), 0755), 0);
+    const struct {
+        uid_t nOwner;
+        bool bWritten;
+    } aCases[] = {{65534, false}, {4321, false}, {0, true}};
+    for (const auto& c : aCases) {
+        const std::string strLink = strPub + "/scans" + std::to_string(c.nOwner);
+        ASSERT_EQ(::symlink(strEtc.c_str(), strLink.c_str()), 0);
+        ASSERT_EQ(::lchown(strLink.c_str(), c.nOwner, c.nOwner), 0);
+        std::ofstream(strShadow, std::ios::trunc) << "root:secret\n";
+        std::string strError;
+        EXPECT_EQ(tavk05png::WriteGrey(strLink + "/shadow", abyPixel, 1, 1, &strError), c.bWritten) << c.nOwner;
+        EXPECT_EQ(strError.find(strLink + ", a symbolic link of another user") != std::string::npos, !c.bWritten)
+            << strError;
+        std::ifstream in(strShadow);
+        EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}) == "root:secret\n", !c.bWritten) << c.nOwner;
+    }
+}
+
 }  // namespace

@@ -1,9 +1,13 @@
 // Prints one line "NAME DIGEST" for every table and processing path of the
 // driver, computed from deterministic inputs. Both ABIs must print the same.
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <cstdlib>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "profile/model_profile.h"
@@ -58,7 +62,8 @@ uint64_t TableDigest(tagModifyEntry** ppRows, int nRows, int nEntries)
 
 }  // namespace
 
-int main()
+// Prints every digest; the exit status.
+int PrintDigests()
 {
     Print("usXtable", Fnv(usXtable, sizeof usXtable));
     Print("usYtable", Fnv(usYtable, sizeof usYtable));
@@ -128,4 +133,18 @@ int main()
         tavk05virt::DetachAll();
     }
     return 0;
+}
+
+int main()
+{
+    // The sensors made below write their settings when destroyed: to a file
+    // of this run, never to /etc/tavk05rf.conf.
+    char szDir[] = "/tmp/tavk05-digest-XXXXXX";
+    if (mkdtemp(szDir) == nullptr) return 1;
+    const std::string strConf = std::string(szDir) + "/tavk05rf.conf";
+    setenv("TAVK05_CONF", strConf.c_str(), 1);
+    const int nExit = PrintDigests();
+    unlink(strConf.c_str());
+    rmdir(szDir);
+    return nExit;
 }

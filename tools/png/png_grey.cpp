@@ -1,5 +1,6 @@
 // Grey PNG files through libpng (see png_grey.h).
 #include "png/png_grey.h"
+#include "sensor/guarded_path.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -29,10 +30,47 @@ std::string Problem(const std::string& strPath, const char* pszWhat)
     return strPath + ": " + pszWhat;
 }
 
-std::string Directory(const std::string& strPath)
+// Reaches the directory that is to hold strPath, following no link on the way
+// that belongs to another user (root's own links excepted) and leaving a link
+// in the last component for the caller to refuse. False with a message.
+bool Reach(const std::string& strPath, tavk05path::CResolved* pTarget, std::string* pError)
 {
-    const std::string::size_type n = strPath.rfind('/');
-    return n == std::string::npos ? "." : (n == 0 ? "/" : strPath.substr(0, n));
+    const int nResult = tavk05path::Resolve(strPath.c_str(), tavk05path::kOwnOrRoot, false, pTarget);
+    if (nResult == tavk05path::kLinkRefused) {
+        *pError = Problem(strPath, ("reached through " + pTarget->m_strRefused +
+                                    ", a symbolic link of another user; not followed").c_str());
+    } else if (nResult != 0) {
+        *pError = Problem(strPath, std::strerror(nResult));
+    }
+    return nResult == 0;
+}
+
+// Whether the last component may be written: absent, or a regular file of
+// the user's own (never a link). Fills *pStat when it exists.
+bool CheckLast(const std::string& strPath, const tavk05path::CResolved& target, struct stat* pStat, bool* pExists,
+               std::string* pError)
+{
+    *pExists = false;
+    if (fstatat(target.m_nDirFd, target.m_strName.c_str(), pStat, AT_SYMLINK_NOFOLLOW) == 0) {
+        *pExists = true;
+        const char* pszWhy = S_ISLNK(pStat->st_mode)        ? "is a symbolic link; not followed"
+                             : !S_ISREG(pStat->st_mode)     ? "not a regular file"
+                             : pStat->st_uid != geteuid()   ? "belongs to another user; not replaced"
+                                                            : nullptr;
+        if (pszWhy != nullptr) {
+            *pError = Problem(strPath, pszWhy);
+            return false;
+        }
+    } else if (errno != ENOENT) {
+        *pError = Problem(strPath, std::strerror(errno));
+        return false;
+    }
+    // The new file is made beside the target and renamed over it.
+    if (faccessat(target.m_nDirFd, ".", W_OK | X_OK, AT_EACCESS) != 0) {
+        *pError = Problem(strPath, std::strerror(errno));
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -46,26 +84,10 @@ bool CheckTarget(const std::string& strPath, std::string* pError)
         }
         return true;
     }
+    tavk05path::CResolved target;
     struct stat st;
-    if (lstat(strPath.c_str(), &st) == 0) {
-        const char* pszWhy = S_ISLNK(st.st_mode)     ? "is a symbolic link; not followed"
-                             : !S_ISREG(st.st_mode)  ? "not a regular file"
-                             : st.st_uid != geteuid() ? "belongs to another user; not replaced"
-                                                      : nullptr;
-        if (pszWhy != nullptr) {
-            *pError = Problem(strPath, pszWhy);
-            return false;
-        }
-    } else if (errno != ENOENT) {
-        *pError = Problem(strPath, std::strerror(errno));
-        return false;
-    }
-    // The new file is made beside the target and renamed over it.
-    if (faccessat(AT_FDCWD, Directory(strPath).c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
-        *pError = Problem(strPath, std::strerror(errno));
-        return false;
-    }
-    return true;
+    bool bExists = false;
+    return Reach(strPath, &target, pError) && CheckLast(strPath, target, &st, &bExists, pError);
 }
 
 #ifdef TAVK05_HAVE_PNG
@@ -226,8 +248,8 @@ bool ReadGrey(const std::string& strPath, GreyImage* pImage, std::string* pError
 bool WriteGrey(const std::string& strPath, const unsigned char* pPixels, unsigned nWidth, unsigned nHeight,
                std::string* pError)
 {
-    if (!CheckTarget(strPath, pError)) return false;
     if (strPath == "-") {
+        if (!CheckTarget(strPath, pError)) return false;
         FilePtr pOut(fdopen(dup(STDOUT_FILENO), "wb"));
         if (!pOut || !Encode(pOut.get(), pPixels, nWidth, nHeight) || std::fflush(pOut.get()) != 0) {
             *pError = Problem("standard output", errno != 0 ? std::strerror(errno) : "PNG encoding failed");
@@ -235,15 +257,20 @@ bool WriteGrey(const std::string& strPath, const unsigned char* pPixels, unsigne
         }
         return true;
     }
-    // A new file beside the target, never an existing one: O_EXCL and
-    // O_NOFOLLOW make a name someone planted fail instead of being used.
+    // The directory is held by a descriptor from here on, so every name below
+    // is looked up in the directory that was checked. A new file is made
+    // beside the target, never an existing one: O_EXCL and O_NOFOLLOW make a
+    // name someone planted fail instead of being used.
+    tavk05path::CResolved target;
     struct stat st;
-    const bool bReplacing = lstat(strPath.c_str(), &st) == 0;
+    bool bReplacing = false;
+    if (!Reach(strPath, &target, pError) || !CheckLast(strPath, target, &st, &bReplacing, pError)) return false;
+    const int nDir = target.m_nDirFd;
     std::string strTemp;
     int fd = -1;
     for (int nTry = 0; fd < 0 && nTry < 100; ++nTry) {
-        strTemp = Directory(strPath) + "/.tavk05-" + std::to_string(getpid()) + "-" + std::to_string(nTry) + ".png";
-        fd = open(strTemp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+        strTemp = ".tavk05-" + std::to_string(getpid()) + "-" + std::to_string(nTry) + ".png";
+        fd = openat(nDir, strTemp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
         if (fd < 0 && errno != EEXIST) break;
     }
     if (fd < 0) {
@@ -258,9 +285,9 @@ bool WriteGrey(const std::string& strPath, const unsigned char* pPixels, unsigne
                           fsync(fileno(pOut.get())) == 0;
     const int nError = errno;
     const bool bClosed = pOut && std::fclose(pOut.release()) == 0;
-    if (bWritten && bClosed && std::rename(strTemp.c_str(), strPath.c_str()) == 0) return true;
+    if (bWritten && bClosed && renameat(nDir, strTemp.c_str(), nDir, target.m_strName.c_str()) == 0) return true;
     const int nLast = errno != 0 ? errno : nError;
-    unlink(strTemp.c_str());
+    unlinkat(nDir, strTemp.c_str(), 0);
     *pError = Problem(strPath, nLast != 0 ? std::strerror(nLast) : "PNG encoding failed");
     return false;
 }

@@ -10,6 +10,7 @@
 
 #include "cli.h"
 #include "profile/model_profile.h"
+#include "sensor/guarded_path.h"
 
 namespace cli {
 
@@ -134,12 +135,18 @@ private:
     std::string m_strScratch;
 };
 
-// Reads the start of a regular file and never waits on a FIFO or device:
-// the bytes read, -1 when the path cannot be opened, -2 when it is not a
-// regular file.
-long ReadFileStart(const std::string& strPath, char* pBuf, size_t nSize, long long* pnFileSize)
+// Reads the start of a regular file as the driver reaches it (no link of
+// another user followed) and never waits on a FIFO or device: the bytes
+// read, -1 when the path cannot be opened, -2 when it is not a regular file,
+// -3 when it lies behind a link that is not followed (*pstrLink names it).
+long ReadFileStart(const std::string& strPath, char* pBuf, size_t nSize, long long* pnFileSize,
+                   std::string* pstrLink = nullptr)
 {
-    const int hFile = open(strPath.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    tavk05path::CResolved path;
+    const int nReach = tavk05path::Resolve(strPath.c_str(), tavk05path::kKernelRule, true, &path);
+    if (nReach == tavk05path::kLinkRefused && pstrLink != nullptr) *pstrLink = path.m_strRefused;
+    if (nReach != 0) return nReach == tavk05path::kLinkRefused ? -3 : -1;
+    const int hFile = openat(path.m_nDirFd, path.m_strName.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC);
     if (hFile < 0) return -1;
     struct stat st;
     long nRead = -2;
@@ -161,6 +168,8 @@ int ConfigShow()
     const long nRead = ReadFileStart(strPath, szText, sizeof szText, &nFileSize);
     if (nRead == -1) {
         std::printf("%s: not present\n", strPath.c_str());
+    } else if (nRead == -3) {
+        std::printf("%s: behind a symbolic link another user planted; not followed\n", strPath.c_str());
     } else if (nRead == -2) {
         std::printf("%s: not a regular file\n", strPath.c_str());
     } else {
@@ -235,8 +244,15 @@ int ConfigSet(const std::vector<std::string>& vecArgs)
     const std::string strPath = COberin::ConfigPath();
     char szBuf[256];
     long long nFileSize = 0;
-    const long nRead = ReadFileStart(strPath, szBuf, sizeof szBuf, &nFileSize);
+    std::string strLink;
+    const long nRead = ReadFileStart(strPath, szBuf, sizeof szBuf, &nFileSize, &strLink);
     const std::string strHave(szBuf, static_cast<size_t>(std::max(0L, nRead)));
+    if (nRead == -3) {
+        std::fprintf(stderr, "tavk05: the settings file %s was not written: %s is a symbolic link in a sticky, "
+                             "world-writable directory, owned neither by you nor by the directory's owner, so it "
+                             "is not followed; the settings are unchanged\n", strPath.c_str(), strLink.c_str());
+        return EXIT_IO;
+    }
     if (strHave != strWanted) {
         std::fprintf(stderr, "tavk05: the settings file %s could not be written (not a regular file, or no "
                              "permission); the settings are unchanged\n", strPath.c_str());
