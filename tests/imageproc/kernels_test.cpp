@@ -77,38 +77,89 @@ TEST(ReverseKernel, OuterBlocksAndPlainMiddleReverseTheRow)
     }
 }
 
-// The compact correction kernel and the plain loop finishing after it give
-// the plain loop's row, for either direction, counts of every remainder,
-// any columns and fractions, and the extreme levels.
-TEST(CompactKernel, VectorPartAndPlainRestEqualPlainLoop)
+// The run kernel and the plain loop finishing after it give the plain
+// loop's pixels and stop at the same entry, in either direction, on runs
+// broken by an entry that fails each test of regularity in turn, at every
+// position of a group of four, with any columns, weights and levels.
+TEST(RunKernel, VectorPartAndPlainRestEqualPlainLoop)
 {
     std::mt19937 gen(13);
     const unsigned nWidth = 1700;
+    const unsigned nRowStart = 5 * nWidth;
     for (int nFill = 0; nFill < 3; ++nFill) {
         std::vector<unsigned char> src(2 * nWidth);
         for (unsigned char& by : src)
             by = nFill == 0 ? static_cast<unsigned char>(gen()) : nFill == 1 ? 255 : (gen() & 1) * 255;
-        for (unsigned nRight : {0u, 7u, 8u, 17u, 300u, 301u}) {
-            for (unsigned nLeft : {nRight, nRight + 1, nRight > 0 ? nRight - 1 : 0u}) {
-                std::vector<unsigned short> cols(nLeft + nRight + 1);
-                std::vector<float> fracs(cols.size());
-                for (size_t k = 0; k < cols.size(); ++k) {
-                    cols[k] = static_cast<unsigned short>(gen() % (nWidth - 1));
-                    fracs[k] = k % 5 == 0 ? 0.0f : static_cast<float>(gen() % 1000000) / 1e6f;
+        for (unsigned nEntries : {0u, 3u, 4u, 9u, 301u}) {
+            for (int nBreak = -1; nBreak < 9; ++nBreak) {  // which test the breaking entry fails
+                std::vector<tagModifyEntry> entries(nEntries);
+                for (unsigned k = 0; k < nEntries; ++k) {
+                    tagModifyEntry& e = entries[k];
+                    const unsigned c = gen() % (nWidth - 1);
+                    e.nSrcRow = 5;
+                    e.nSrcCol = static_cast<int>(gen() % 850);
+                    e.nDstRight = 1000 + k;
+                    e.nDstLeft = 1000 - k;
+                    const unsigned anIndex[4] = {nRowStart + c, nRowStart + c + 1, nRowStart + c + nWidth + 1,
+                                                 nRowStart + c + nWidth};
+                    std::copy(anIndex, anIndex + 4, e.nSrcIndex);
+                    for (float& f : e.fWeight)
+                        f = k % 7 == 0 ? 1e10f : static_cast<float>(gen() % 1000000) / 7e5f;
                 }
-                const float fRowFrac = static_cast<float>(gen() % 1000) / 1000.0f;
+                const unsigned nAt = nEntries == 0 ? 0 : gen() % nEntries;
+                if (nEntries > 0 && nBreak >= 0) {
+                    tagModifyEntry& e = entries[nAt];
+                    int* const apnField[9] = {&e.nSrcRow, &e.nSrcCol, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                              nullptr, nullptr};
+                    unsigned* const apuField[9] = {nullptr, nullptr, &e.nDstRight, &e.nDstLeft, &e.nSrcIndex[0],
+                                                   &e.nSrcIndex[1], &e.nSrcIndex[2], &e.nSrcIndex[3], &e.nSrcIndex[0]};
+                    if (apnField[nBreak] != nullptr)
+                        *apnField[nBreak] = nBreak == 0 ? 1300 : -1;
+                    else if (nBreak == 8)  // last column of the row: the block would leave it
+                        *apuField[nBreak] = nRowStart + nWidth - 1;
+                    else
+                        *apuField[nBreak] += 1;
+                }
                 for (int nStep : {-1, 1}) {
-                    std::vector<unsigned char> plain(700, 0x5A), vec(plain);
-                    imageproc::CompactJob job = {src.data(), src.data() + nWidth, nWidth, cols.data(), fracs.data(),
-                                                 fRowFrac, nRight, nLeft, plain.data(), 350, nStep};
-                    imageproc::ResampleCompact(job, 0);
-                    job.pOut = vec.data();
-                    const unsigned nDone = imageproc::ResampleCompactSse2(job);
-                    ASSERT_EQ(nDone, std::min(nRight, nLeft) / 8 * 8);
-                    imageproc::ResampleCompact(job, nDone);
-                    ASSERT_EQ(plain, vec) << nRight << " " << nLeft << " " << nStep;
+                    std::vector<unsigned char> plain(2400, 0x5A), vec(plain);
+                    imageproc::EntryRun run = {entries.data(), nEntries, 1000, 1000, nRowStart, src.data(),
+                                               src.data() + nWidth, nWidth, 1299, 849, &plain[1200], &plain[1200],
+                                               nStep};
+                    const unsigned nPlain = imageproc::ResampleRun(run, 0);
+                    run.pRight = run.pLeft = &vec[1200];
+                    const unsigned nVector = imageproc::ResampleRunSse2(run);
+                    ASSERT_EQ(nVector % 4, 0u);
+                    ASSERT_EQ(nVector, nPlain / 4 * 4) << nEntries << " " << nBreak;
+                    ASSERT_EQ(imageproc::ResampleRun(run, nVector), nPlain);
+                    ASSERT_EQ(nPlain, nBreak >= 0 && nEntries > 0 ? nAt : nEntries) << nBreak;
+                    ASSERT_EQ(plain, vec) << nEntries << " " << nBreak << " " << nStep;
                 }
             }
+        }
+    }
+}
+
+// The kernel passing over entries with built targets stops in the group of
+// four where the plain loop stops, at an edited target of either side.
+TEST(OutsideKernel, StopsWhereThePlainLoopStops)
+{
+    std::mt19937 gen(17);
+    for (unsigned nEntries : {0u, 3u, 4u, 9u, 325u}) {
+        for (int nBreak = -1; nBreak < 2; ++nBreak) {
+            std::vector<tagModifyEntry> entries(nEntries);
+            for (unsigned k = 0; k < nEntries; ++k) {
+                entries[k].nDstRight = 5000 + k;
+                entries[k].nDstLeft = 5000 - k;
+            }
+            const unsigned nAt = nEntries == 0 ? 0 : gen() % nEntries;
+            if (nEntries > 0 && nBreak >= 0)
+                (nBreak == 0 ? entries[nAt].nDstRight : entries[nAt].nDstLeft) += 660;
+            const imageproc::OutsideRun run = {entries.data(), nEntries, 5000, 5000};
+            const unsigned nPlain = imageproc::PassOutside(run, 0);
+            ASSERT_EQ(nPlain, nBreak >= 0 && nEntries > 0 ? nAt : nEntries);
+            const unsigned nVector = imageproc::PassOutsideSse2(run);
+            ASSERT_EQ(nVector, nPlain / 4 * 4) << nEntries << " " << nBreak;
+            ASSERT_EQ(imageproc::PassOutside(run, nVector), nPlain);
         }
     }
 }
