@@ -2,6 +2,7 @@
 // over a grid of lengths and misalignments, and on the extreme levels where
 // sums and orderings are tightest.
 #include "imageproc/correct_geometry.h"
+#include "imageproc/enhance.h"
 #include "imageproc/kernels.h"
 #include "sensor/live_jitter.h"
 
@@ -160,6 +161,105 @@ TEST(OutsideKernel, StopsWhereThePlainLoopStops)
             const unsigned nVector = imageproc::PassOutsideSse2(run);
             ASSERT_EQ(nVector, nPlain / 4 * 4) << nEntries << " " << nBreak;
             ASSERT_EQ(imageproc::PassOutside(run, nVector), nPlain);
+        }
+    }
+}
+
+// The enhancement kernels and the plain loops finishing after them give
+// the plain loops' results, on random levels, all white, black and white,
+// levels around 245 and dark levels among white, over lengths of every
+// remainder.
+TEST(EnhanceKernels, VectorPartAndPlainRestEqualPlainLoop)
+{
+    using namespace imageproc;
+    std::mt19937 gen(19);
+    unsigned char ucMonotone[256], ucAny[256];
+    for (int g = 0; g < 256; ++g) {
+        ucMonotone[g] = static_cast<unsigned char>(g < 90 ? g * 2 : 255);
+        ucAny[g] = static_cast<unsigned char>(gen());
+    }
+    std::vector<uint16_t> pairs(65536);
+    for (size_t n : {0u, 15u, 16u, 17u, 600u, 1001u}) {
+        for (int nFill = 0; nFill < 5; ++nFill) {
+            std::vector<unsigned char> a(n), b(n);
+            for (size_t i = 0; i < n; ++i) {
+                const unsigned r = static_cast<unsigned>(gen());
+                const unsigned char abyFill[5] = {static_cast<unsigned char>(r), 255, static_cast<unsigned char>(r & 1 ? 255 : 0),
+                                                  static_cast<unsigned char>(240 + r % 11),
+                                                  static_cast<unsigned char>(r % 9 == 0 ? r % 90 : 255)};
+                a[i] = abyFill[nFill];
+                b[i] = static_cast<unsigned char>(gen());
+            }
+            uint32_t anPlain[256] = {0}, anVector[256] = {0};
+            CountDarkLevels(a.data(), 0, n, anPlain);
+            CountDarkLevels(a.data(), CountDarkLevelsSse2(a.data(), n, anVector), n, anVector);
+            ASSERT_EQ(std::vector<uint32_t>(anPlain, anPlain + 256), std::vector<uint32_t>(anVector, anVector + 256));
+            for (const unsigned char* pMap : {ucMonotone, ucAny}) {
+                const unsigned char(&ucMap)[256] = *reinterpret_cast<const unsigned char(*)[256]>(pMap);
+                BuildPairMap(ucMap, pairs.data());
+                for (const uint16_t* pPairs : {static_cast<const uint16_t*>(nullptr), static_cast<const uint16_t*>(pairs.data())}) {
+                    std::vector<unsigned char> plain(a), vec(a);
+                    MapLevels(plain.data(), 0, n, ucMap);
+                    MapLevels(vec.data(), MapLevelsSse2(vec.data(), n, ucMap, pPairs), n, ucMap);
+                    ASSERT_EQ(plain, vec) << n << " " << nFill;
+                }
+            }
+            for (unsigned char byRef : {0, 77, 255}) {
+                uint64_t nSum = 0;
+                const size_t nDone = SumAbsDiffSse2(a.data(), n, byRef, nSum);
+                ASSERT_EQ(SumAbsDiff(a.data(), 0, n, byRef), nSum + SumAbsDiff(a.data(), nDone, n, byRef));
+            }
+            std::vector<unsigned char> plain(n), vec(n);
+            AbsDiffBytes(a.data(), b.data(), plain.data(), 0, n);
+            AbsDiffBytes(a.data(), b.data(), vec.data(), AbsDiffBytesSse2(a.data(), b.data(), vec.data(), n), n);
+            ASSERT_EQ(plain, vec);
+            std::vector<uint16_t> sumPlain(n), sumVector(n);
+            for (size_t i = 0; i < n; ++i)
+                sumPlain[i] = sumVector[i] = static_cast<uint16_t>(gen());
+            AddColumnRow(sumPlain.data(), a.data(), b.data(), 0, n);
+            AddColumnRow(sumVector.data(), a.data(), b.data(), AddColumnRowSse2(sumVector.data(), a.data(), b.data(), n),
+                         n);
+            ASSERT_EQ(sumPlain, sumVector);
+            for (int nFloor : {-1, 0, 100, 255})
+                for (int nCeiling : {0, 1, 20, 300}) {
+                    std::vector<unsigned char> white(b), whiteVector(b);
+                    WhitenFlat(white.data(), a.data(), b.data(), nFloor, nCeiling, 0, n);
+                    WhitenFlat(whiteVector.data(), a.data(), b.data(), nFloor, nCeiling,
+                               WhitenFlatSse2(whiteVector.data(), a.data(), b.data(), nFloor, nCeiling, n), n);
+                    ASSERT_EQ(white, whiteVector) << nFloor << " " << nCeiling;
+                }
+        }
+    }
+}
+
+// The square mean's kernel divides in single precision: its rows must equal
+// the integer division's for sums that divide exactly (every level of a
+// flat row), random sums of every size a square can hold, and any 16-bit
+// column sums, over the widths, half sides and row counts around its
+// limits.
+TEST(BoxMeanKernel, VectorPartAndPlainRestEqualPlainLoop)
+{
+    using namespace imageproc;
+    std::mt19937 gen(23);
+    for (size_t n : {17u, 18u, 40u, 600u}) {
+        for (unsigned nHalf : {0u, 1u, 8u, 15u, 16u}) {
+            for (unsigned nRows : {1u, 9u, 17u, 2000u}) {
+                for (int nFill = 0; nFill < 258; ++nFill) {
+                    std::vector<uint16_t> sums(n);
+                    for (uint16_t& v : sums)
+                        v = static_cast<uint16_t>(nFill < 256 ? nFill * nRows
+                                                              : nFill == 256 ? gen() % (255 * nRows + 1) : gen());
+                    std::vector<unsigned char> plain(n, 0x5A), vec(plain);
+                    BoxRow row = {sums.data(), n, nHalf, nRows, plain.data()};
+                    BoxMeanRow(row, 0, n);
+                    row.pOut = vec.data();
+                    const size_t nDone = BoxMeanRowSse2(row);
+                    ASSERT_TRUE(nDone == 0 || nHalf + nDone + nHalf <= n) << nDone;
+                    BoxMeanRow(row, 0, nHalf);
+                    BoxMeanRow(row, nHalf + nDone, n);
+                    ASSERT_EQ(plain, vec) << n << " " << nHalf << " " << nRows << " " << nFill;
+                }
+            }
         }
     }
 }
