@@ -7,6 +7,8 @@
 #if defined(__SSE2__)
 #include <emmintrin.h>
 
+#include "imageproc/grey_level_sse2.h"
+
 #include <cstring>
 
 namespace imageproc {
@@ -114,7 +116,7 @@ size_t AbsDiffBytesSse2(const unsigned char* pA, const unsigned char* pB, unsign
     for (; i + 16 <= n; i += 16) {
         const __m128i a = Load(pA + i);
         const __m128i b = Load(pB + i);
-        Store(pOut + i, _mm_or_si128(_mm_subs_epu8(a, b), _mm_subs_epu8(b, a)));
+        Store(pOut + i, greylevel::AbsDiff(a, b));
     }
     return i;
 }

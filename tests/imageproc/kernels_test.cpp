@@ -165,6 +165,67 @@ TEST(OutsideKernel, StopsWhereThePlainLoopStops)
     }
 }
 
+// The row kernels of the grey conversion, the quality profiles, the rolled
+// composition and the live preview, with the plain loops finishing after
+// them, give the plain loops' results on random, saturated and two-level
+// rows over lengths of every remainder.
+TEST(RowKernels, VectorPartAndPlainRestEqualPlainLoop)
+{
+    using namespace imageproc;
+    std::mt19937 gen(29);
+    for (size_t n : {0u, 15u, 16u, 17u, 598u, 1799u}) {
+        for (int nFill = 0; nFill < 3; ++nFill) {
+            std::vector<unsigned char> b(6 * (n + 2));
+            for (unsigned char& by : b)
+                by = nFill == 0 ? static_cast<unsigned char>(gen()) : nFill == 1 ? 255 : (gen() & 1) * 255;
+            const unsigned char* const p = b.data() + 1;
+            const size_t w = n + 2;
+            const Rows3 rows = {p, p + w, p + 2 * w};
+            const unsigned char* const pTake = p + 3 * w;
+            for (int nParity : {0, 1}) {
+                std::vector<unsigned char> plain(n + 1, 0x5A), vec(plain);
+                GreyRow(rows.pAbove, rows.pCentre, plain.data(), 0, n, nParity);
+                GreyRow(rows.pAbove, rows.pCentre, vec.data(), GreyRowSse2(rows.pAbove, rows.pCentre, vec.data(), n, nParity), n,
+                        nParity);
+                ASSERT_EQ(plain, vec) << "grey " << n << " " << nParity;
+            }
+            std::vector<uint16_t> plain(n), vec(n);
+            for (size_t i = 0; i < n; ++i)
+                plain[i] = vec[i] = static_cast<uint16_t>(gen() % 60000);
+            unsigned nPlainSum = 7, nVectorSum = 7;
+            GradientRow(rows, plain.data(), 0, n, nPlainSum);
+            GradientRow(rows, vec.data(), GradientRowSse2(rows, vec.data(), n, nVectorSum), n, nVectorSum);
+            ASSERT_EQ(plain, vec) << "gradient columns " << n;
+            ASSERT_EQ(nPlainSum, nVectorSum) << "gradient row " << n;
+            for (unsigned char byStep : {0, 15, 254}) {
+                ActivityRow(rows, plain.data(), byStep, 0, n);
+                ActivityRow(rows, vec.data(), byStep, ActivityRowSse2(rows, vec.data(), byStep, n), n);
+                ASSERT_EQ(plain, vec) << "activity " << n;
+            }
+            std::vector<int16_t> diffPlain(plain.begin(), plain.end()), diffVector(diffPlain);
+            AddColumnDiff(diffPlain.data(), rows.pAbove, rows.pCentre, rows.pBelow, pTake, 0, n);
+            AddColumnDiff(diffVector.data(), rows.pAbove, rows.pCentre, rows.pBelow, pTake,
+                          AddColumnDiffSse2(diffVector.data(), rows.pAbove, rows.pCentre, rows.pBelow, pTake, n), n);
+            ASSERT_EQ(diffPlain, diffVector) << "column differences " << n;
+            std::vector<unsigned char> dstPlain(rows.pAbove, rows.pAbove + n), dstVector(dstPlain);
+            TakeWhere(dstPlain.data(), rows.pCentre, pTake, 0, n);
+            TakeWhere(dstVector.data(), rows.pCentre, pTake, TakeWhereSse2(dstVector.data(), rows.pCentre, pTake, n), n);
+            ASSERT_EQ(dstPlain, dstVector) << "take " << n;
+            std::vector<unsigned char> jitter(n), darkPlain(n), darkVector(n);
+            for (unsigned char& by : jitter)
+                by = static_cast<unsigned char>(gen() % oberin::kJitterSpan);
+            std::vector<uint16_t> atPlain(n), atVector(n);
+            oberin::DarkenAndIndex(rows.pAbove, rows.pCentre, jitter.data(), darkPlain.data(), atPlain.data(), 0, n);
+            oberin::DarkenAndIndex(rows.pAbove, rows.pCentre, jitter.data(), darkVector.data(), atVector.data(),
+                                   oberin::DarkenAndIndexSse2(rows.pAbove, rows.pCentre, jitter.data(), darkVector.data(),
+                                                              atVector.data(), n),
+                                   n);
+            ASSERT_EQ(darkPlain, darkVector) << "darkening " << n;
+            ASSERT_EQ(atPlain, atVector) << "index " << n;
+        }
+    }
+}
+
 // The enhancement kernels and the plain loops finishing after them give
 // the plain loops' results, on random levels, all white, black and white,
 // levels around 245 and dark levels among white, over lengths of every
