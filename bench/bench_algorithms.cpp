@@ -7,6 +7,7 @@
 //   BM_RollFrame/0 (composition + quality, no contrast table)   <= 4 ms median
 //   BM_RollFrame/1 (the same with the contrast table and jitter) <= 4 ms median
 //   BM_CheckImageQuality2                                        <= 1 ms median
+#include "random_bytes.h"
 #include "tavk05/isproc.h"
 
 #include <benchmark/benchmark.h>
@@ -19,21 +20,7 @@ namespace {
 
 typedef std::vector<unsigned char> Image;
 
-// A finger as the live loop sees it: oval ridge area centred at column cx on a
-// bright empty glass (the background frame is 255 everywhere).
-Image FingerFrame(int cx)
-{
-    Image f(360000, 255);
-    for (int r = 0; r < 600; ++r)
-        for (int c = 0; c < 600; ++c) {
-            const double dx = (c - cx) / 110.0, dy = (r - 300) / 250.0;
-            if (dx * dx + dy * dy < 1.0) {
-                const double ridge = std::sin((r * 0.8 + c * 0.5) / 2.2);
-                f[r * 600 + c] = (unsigned char)(200 + 40 * ridge + (r * 7 + c * 13) % 9);
-            }
-        }
-    return f;
-}
+using benchinput::FingerFrame;
 
 CImageProc& Proc()
 {

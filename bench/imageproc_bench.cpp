@@ -141,8 +141,8 @@ void BM_Construct(benchmark::State& state)
 }
 BENCHMARK(BM_Construct)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// The first correction of a new processor also derives the compact form of
-// its modify table: construction plus that first frame.
+// Construction plus the first frame of a new processor: the entries of its
+// freshly built table are read for the first time.
 void BM_ConstructAndFirstCalcEx(benchmark::State& state)
 {
     Bytes src = Random(1800 * 1280, 5);

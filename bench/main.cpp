@@ -2,13 +2,21 @@
 // then, for the stages measured side by side with OpenCV (the benchmarks
 // named Stage/<stage>/ours and Stage/<stage>/opencv), one table of the two
 // medians and their ratio. Without OpenCV the table shows ours alone.
+//
+// The product ABI has no OpenCV of its own: `make bench` runs the x86_64
+// program with TAVK05_BENCH_TABLE naming a file, where it leaves its table
+// (stage, ours, OpenCV, tab-separated), and then the i386 program with
+// TAVK05_BENCH_BESIDE naming that file, which prints its own medians beside
+// the x86_64 ones and their ratios to x86_64 OpenCV.
 #include <benchmark/benchmark.h>
 #include <dirent.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -52,6 +60,47 @@ public:
             else
                 std::printf("%-28s %12.1f %12s %8s\n", strStage.c_str(), t.first, "-", "-");
         }
+    }
+
+    // The table as stage, ours and OpenCV (0 when absent), one line each.
+    bool WriteTable(const char* pszPath) const
+    {
+        std::ofstream out(pszPath);
+        for (const std::string& strStage : m_order)
+            out << strStage << '\t' << m_stages.at(strStage).first << '\t' << m_stages.at(strStage).second << '\n';
+        return static_cast<bool>(out);
+    }
+
+    // This program's medians beside those of the table another ABI's
+    // program wrote, and each against the OpenCV medians of that table.
+    bool PrintBeside(const char* pszPath) const
+    {
+        std::ifstream in(pszPath);
+        if (!in)
+            return false;
+        std::map<std::string, std::pair<double, double>> other;
+        std::string strLine;
+        while (std::getline(in, strLine)) {
+            std::istringstream fields(strLine);
+            std::string strStage;
+            std::pair<double, double> t;
+            if (std::getline(fields, strStage, '\t') && fields >> t.first >> t.second)
+                other[strStage] = t;
+        }
+        std::printf("\n%-28s %10s %10s %10s %8s %8s\n", "stage (median, us)", "x86_64", sizeof(void*) == 4 ? "i386" : "this ABI",
+                    "opencv", "x86_64", sizeof(void*) == 4 ? "i386" : "this");
+        for (const std::string& strStage : m_order) {
+            const auto it = other.find(strStage);
+            const double dOurs = m_stages.at(strStage).first;
+            if (it == other.end() || it->second.second <= 0.0) {
+                std::printf("%-28s %10s %10.1f %10s %8s %8s\n", strStage.c_str(), "-", dOurs, "-", "-", "-");
+                continue;
+            }
+            const double dOpenCv = it->second.second;
+            std::printf("%-28s %10.1f %10.1f %10.1f %8.2f %8.2f\n", strStage.c_str(), it->second.first, dOurs, dOpenCv,
+                        it->second.first / dOpenCv, dOurs / dOpenCv);
+        }
+        return true;
     }
 
 private:
@@ -101,6 +150,17 @@ int main(int argc, char** argv)
     CRatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.PrintRatios();
+    int nStatus = 0;
+    const char* pszTable = std::getenv("TAVK05_BENCH_TABLE");
+    if (pszTable != nullptr && *pszTable != '\0' && !reporter.WriteTable(pszTable)) {
+        std::fprintf(stderr, "bench: cannot write %s\n", pszTable);
+        nStatus = 1;
+    }
+    const char* pszBeside = std::getenv("TAVK05_BENCH_BESIDE");
+    if (pszBeside != nullptr && *pszBeside != '\0' && !reporter.PrintBeside(pszBeside)) {
+        std::fprintf(stderr, "bench: cannot read %s\n", pszBeside);
+        nStatus = 1;
+    }
     benchmark::Shutdown();
-    return 0;
+    return nStatus;
 }

@@ -119,11 +119,37 @@ void OursMedian(benchmark::State& state)
 }
 STAGE(OursMedian, "Stage/MedianFilter 3x3/ours");
 
+// A stage that works in place on a finished image, restored before every
+// iteration.
+template <typename Fn>
+void InPlaceOn(benchmark::State& state, const Bytes& src, Fn fnStage)
+{
+    Bytes work(IMG_PIXELS);
+    Loop(state, [&] {
+        std::memcpy(work.data(), src.data(), IMG_PIXELS);
+        fnStage(work.data());
+    });
+}
+
+// Histoequal and Final on a finger on bright glass, as a host applies them,
+// and Histoequal on random levels too.
 void OursHistoequal(benchmark::State& state)
+{
+    InPlaceOn(state, benchinput::FingerFrame(300), [](unsigned char* p) { Proc().Histoequal(p, IMG_WIDTH, IMG_HEIGHT); });
+}
+STAGE(OursHistoequal, "Stage/Histoequal finger/ours");
+
+void OursHistoequalRandom(benchmark::State& state)
 {
     InPlace(state, 7, [](unsigned char* p) { Proc().Histoequal(p, IMG_WIDTH, IMG_HEIGHT); });
 }
-STAGE(OursHistoequal, "Stage/Histoequal/ours");
+STAGE(OursHistoequalRandom, "Stage/Histoequal random/ours");
+
+void OursFinal(benchmark::State& state)
+{
+    InPlaceOn(state, benchinput::FingerFrame(300), [](unsigned char* p) { Proc().Final(p); });
+}
+STAGE(OursFinal, "Stage/Final 17x17/ours");
 
 // The live preview of models 3 and 4 with the contrast table: background
 // subtraction, table, jitter and scale.
@@ -245,9 +271,8 @@ void CvMedian(benchmark::State& state)
 }
 STAGE(CvMedian, "Stage/MedianFilter 3x3/opencv");
 
-void CvHistoequal(benchmark::State& state)
+void EqualizeHist(benchmark::State& state, const Bytes& src)
 {
-    const Bytes src = Random(IMG_PIXELS, 7);
     Bytes work(IMG_PIXELS);
     const cv::Mat in(IMG_HEIGHT, IMG_WIDTH, CV_8UC1, work.data());
     Loop(state, [&] {
@@ -255,7 +280,37 @@ void CvHistoequal(benchmark::State& state)
         cv::equalizeHist(in, in);
     });
 }
-STAGE(CvHistoequal, "Stage/Histoequal/opencv");
+
+void CvHistoequal(benchmark::State& state)
+{
+    EqualizeHist(state, benchinput::FingerFrame(300));
+}
+STAGE(CvHistoequal, "Stage/Histoequal finger/opencv");
+
+void CvHistoequalRandom(benchmark::State& state)
+{
+    EqualizeHist(state, Random(IMG_PIXELS, 7));
+}
+STAGE(CvHistoequalRandom, "Stage/Histoequal random/opencv");
+
+// Final's work: local 17 x 17 mean and mean square, the deviation from
+// them, and the flat places set to white.
+void CvFinal(benchmark::State& state)
+{
+    const Bytes src = benchinput::FingerFrame(300);
+    Bytes work(IMG_PIXELS);
+    cv::Mat in(IMG_HEIGHT, IMG_WIDTH, CV_8UC1, work.data());
+    cv::Mat mean, square, deviation, mask;
+    Loop(state, [&] {
+        std::memcpy(work.data(), src.data(), IMG_PIXELS);
+        cv::boxFilter(in, mean, CV_32F, cv::Size(17, 17), cv::Point(-1, -1), true, cv::BORDER_CONSTANT);
+        cv::sqrBoxFilter(in, square, CV_32F, cv::Size(17, 17), cv::Point(-1, -1), true, cv::BORDER_CONSTANT);
+        cv::sqrt(square - mean.mul(mean), deviation);
+        cv::compare(deviation, 20, mask, cv::CMP_LT);
+        in.setTo(255, mask);
+    });
+}
+STAGE(CvFinal, "Stage/Final 17x17/opencv");
 
 // Background minus frame, saturated, through one table (no jitter).
 void CvPreview(benchmark::State& state)

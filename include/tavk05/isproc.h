@@ -100,10 +100,7 @@ private:
     CImageProc& operator=(const CImageProc&);
 
     // What only the library's own code uses: the memory of the modify-table
-    // rows, and a compact form of each table for the interpolating
-    // corrections, derived from the table when a correction first reads it
-    // and again after InitModifyTable or InitModifyTableEx. Owned, made by
-    // the constructor.
+    // rows. Owned, made by the constructor.
     struct CPrivate;
     CPrivate* m_pPrivate;
 };

@@ -1,6 +1,7 @@
 // Internal to the library: the geometry of the interpolating corrections
-// and the bookkeeping their plain and vector loops share, and the vector
-// kernels of those loops (correct_sse2.cpp).
+// and the bookkeeping their plain and vector loops share, the plain loops
+// over runs of entries (isproc_correct.cpp) and their vector kernels
+// (correct_sse2.cpp).
 #ifndef TAVK05_SRC_IMAGEPROC_CORRECT_GEOMETRY_H
 #define TAVK05_SRC_IMAGEPROC_CORRECT_GEOMETRY_H
 
@@ -128,90 +129,90 @@ inline bool Usable(const tagModifyEntry& e)
 }
 
 // ------------------------------------------------------------------------
-// The compact form of a modify table.
+// Runs of regular entries.
 //
-// A table as the build lays it out has a regular shape: every entry of a
-// row takes its four neighbours as a 2 x 2 block from one source row pair,
-// all with the same row fraction, its weights are the products of that
-// fraction and the entry's column fraction, and its two targets are j
-// columns right and left of the canvas centre. Of such a table only this is
-// needed for the 600 x 600 crop window: per window row the source row pair,
-// the row fraction and how many leading entries have a target inside the
-// window; per entry the source column of its top-left neighbour and its
-// column fraction. That is 6 bytes per entry instead of the entry's 56, and
-// the correction reads the compact form instead of the entries.
-//
-// The compact form is derived from the entries themselves, and only when
-// every entry that matters passes the checks (the weights recomputed from
-// the two fractions equal to the bit the ones stored); otherwise the
-// correction reads the entries.
+// The corrections read the public entries at every call: whatever a host
+// wrote into them, and whenever, is what the image is made of. Most entries
+// are as the table build lays them out, and for those the work is simple:
+// an entry is regular when it is usable (nSrcRow and nSrcCol in range), its
+// two targets are j columns right and left of the canvas centre on its own
+// canvas row, and its four neighbours are a 2 x 2 block of one source row
+// pair (indexes i0, i0 + 1, i0 + SW + 1, i0 + SW, with i0 on the pair's top
+// row and not on its last column). A run is a stretch of consecutive
+// entries of a canvas row tested against one row pair; the run's work stops
+// at the first entry that is not regular, which the caller then takes on
+// its own, in the general way.
 
-// Entries of a window row whose right target (kRightEntries) or left
-// target (kLeftEntries) lies inside the window: entry j targets crop
-// columns kCentre + j and kCentre - j.
-template <class G>
-struct CropShape {
-    enum : unsigned {
-        kCentre = G::kCanvas / 2 - G::kCropLeft,
-        kRightEntries = kOut - kCentre < G::kCanvas / 2 ? kOut - kCentre : G::kCanvas / 2,
-        kLeftEntries = kCentre + 1 < G::kCanvas / 2 ? kCentre + 1 : G::kCanvas / 2,
-        kEntries = kRightEntries > kLeftEntries ? kRightEntries : kLeftEntries,
-        kStride = (kEntries + 7) / 8 * 8  // entries stored per window row
-    };
-};
-
-struct CompactRow {
-    unsigned nSrcRow;  // top row of the row pair
-    float fRowFrac;    // fSrcRow - nSrcRow, the same in every entry
-    unsigned nRight;   // entries 0 .. nRight - 1 store their right pixel
-    unsigned nLeft;    // entries 0 .. nLeft - 1 store their left pixel
-};
-
-// One window row to resample: the source row pair, the entries' columns and
-// fractions, and where the pixels go. Entry j stores its right pixel at
-// pOut[nCentreOut + nStep * j] and then its left pixel at
-// pOut[nCentreOut - nStep * j] (nStep is 1, or -1 when the row is stored
-// mirrored); the left pixel of entry 0 thus replaces its right one.
-struct CompactJob {
-    const unsigned char* pTop;
+struct EntryRun {
+    const tagModifyEntry* pEntry;  // the run's first entry
+    unsigned nEntries;             // entries at most; all their targets inside the crop window
+    unsigned nDstRight;            // nDstRight of the first entry as the build places it
+    unsigned nDstLeft;             // nDstLeft of the first entry as the build places it
+    unsigned nRowStart;            // source index of column 0 of the pair's top row
+    const unsigned char* pTop;     // the pair's rows, as images of nSrcWidth columns
     const unsigned char* pBottom;
-    unsigned nSrcWidth;  // the left half reads column nSrcWidth - 1 - c for c
-    const unsigned short* pnCol;
-    const float* pfColFrac;
-    float fRowFrac;
-    unsigned nRight;
-    unsigned nLeft;
-    unsigned char* pOut;
-    unsigned nCentreOut;
-    int nStep;
+    unsigned nSrcWidth;
+    unsigned nMaxRow;              // largest usable nSrcRow
+    unsigned nMaxCol;              // largest usable nSrcCol
+    unsigned char* pRight;         // where the first entry's right pixel goes
+    unsigned char* pLeft;          // where its left pixel goes
+    int nStep;                     // right pixels advance by nStep an entry, left ones by -nStep
 };
 
-// Entries nFrom to the larger count of the job, one by one: the plain loop.
-void ResampleCompact(const CompactJob& job, unsigned nFrom);
+// Whether entry k of the run is regular.
+inline bool Regular(const EntryRun& run, unsigned k)
+{
+    const tagModifyEntry& e = run.pEntry[k];
+    const unsigned SW = run.nSrcWidth;
+    const unsigned i0 = e.nSrcIndex[0];
+    return static_cast<unsigned>(e.nSrcRow) <= run.nMaxRow && static_cast<unsigned>(e.nSrcCol) <= run.nMaxCol &&
+           e.nDstRight == run.nDstRight + k && e.nDstLeft == run.nDstLeft - k && i0 - run.nRowStart < SW - 1 &&
+           e.nSrcIndex[1] == i0 + 1 && e.nSrcIndex[2] == i0 + SW + 1 && e.nSrcIndex[3] == i0 + SW;
+}
 
-// The compact form of one table.
-class CCompactTable {
-public:
-    // Checks the table and derives the compact form from it; false when the
-    // table is not shaped as described above (or memory is short).
-    template <class G>
-    bool Derive(const tagModifyEntry* const* ppTable);
+// The weighted sum of four neighbours as the correction defines it: the
+// products added in order in single precision, truncated toward zero, the
+// low 8 bits kept. A sum outside the range of int (weights a host wrote)
+// gives 0, as the processor's conversion does.
+inline unsigned char WeightedSum(const unsigned char (&aby)[4], const float (&afWeight)[4])
+{
+    float fSum = static_cast<float>(aby[0]) * afWeight[0];
+    fSum = fSum + static_cast<float>(aby[1]) * afWeight[1];
+    fSum = fSum + static_cast<float>(aby[2]) * afWeight[2];
+    fSum = fSum + static_cast<float>(aby[3]) * afWeight[3];
+    if (!(fSum > -2147483648.0f && fSum < 2147483648.0f))
+        return 0;
+    return static_cast<unsigned char>(static_cast<int>(fSum));
+}
 
-    const CompactRow& Row(unsigned y) const { return m_pRows[y]; }
-    const unsigned short* Columns(unsigned y) const { return m_pnCol.get() + static_cast<size_t>(y) * m_nStride; }
-    const float* Fractions(unsigned y) const { return m_pfFrac.get() + static_cast<size_t>(y) * m_nStride; }
+// Entries nFrom, nFrom + 1, ... of the run while they are regular: each
+// stores its right pixel, then its left pixel (read from the image
+// mirrored). Returns the first entry it did not do.
+unsigned ResampleRun(const EntryRun& run, unsigned nFrom);
 
-private:
-    unsigned m_nStride = 0;                      // entries stored per window row
-    std::unique_ptr<CompactRow[]> m_pRows;       // the 600 window rows
-    std::unique_ptr<unsigned short[]> m_pnCol;   // column of the top-left neighbour
-    std::unique_ptr<float[]> m_pfFrac;           // fSrcCol - nSrcCol
+// A stretch of consecutive entries of a canvas row whose targets, where
+// the build places them, lie outside the crop window: an entry whose targets
+// are there stores nothing that is seen, whatever its other fields hold.
+struct OutsideRun {
+    const tagModifyEntry* pEntry;  // the stretch's first entry
+    unsigned nEntries;
+    unsigned nDstRight;            // nDstRight of the first entry as the build places it
+    unsigned nDstLeft;             // nDstLeft of the first entry as the build places it
 };
+
+// Entries nFrom, nFrom + 1, ... of the stretch while their targets are where
+// the build places them; returns the first entry whose targets are not.
+unsigned PassOutside(const OutsideRun& run, unsigned nFrom);
 
 #if defined(__SSE2__)
-// Entries 0 to a multiple of 8 no larger than both counts of the job, eight
-// at a time; returns how many it did.
-unsigned ResampleCompactSse2(const CompactJob& job);
+// Entries 0, 1, ... of the run, four at a time, up to the first group of
+// four that holds an entry that is not regular; returns how many it did.
+unsigned ResampleRunSse2(const EntryRun& run);
+
+// Entries 0, 1, ... of the stretch, four at a time, up to the first group of
+// four that holds an entry whose targets are not where the build places
+// them; returns how many it passed.
+unsigned PassOutsideSse2(const OutsideRun& run);
 
 // Reverses the outer 16-byte blocks of n bytes, swapping them end for end,
 // while 32 or more bytes are left in the middle; returns how many bytes it
@@ -222,25 +223,9 @@ size_t ReverseOuterSse2(unsigned char* p, size_t n);
 } // namespace imageproc
 
 // What the processor keeps besides its public fields: the arena of the
-// modify-table rows, and per table the compact form that the corrections
-// read, derived at the first correction that reads the table and again
-// after the table is rebuilt. A slot checked without a compact form means
-// the table has another shape and is read entry by entry.
+// modify-table rows.
 struct CImageProc::CPrivate {
-    struct Slot {
-        bool bChecked = false;
-        const tagModifyEntry* const* ppTable = nullptr;  // the table checked
-        std::unique_ptr<imageproc::CCompactTable> pCompact;
-    };
     std::unique_ptr<imageproc::CTableArena> pArena;
-    Slot calc;
-    Slot ex;
-
-    // The compact form of ppTable, derived first if the slot has not
-    // checked this table yet; null when the table is to be read entry by
-    // entry.
-    template <class G>
-    static const imageproc::CCompactTable* Compact(Slot& slot, const tagModifyEntry* const* ppTable);
 };
 
 #endif

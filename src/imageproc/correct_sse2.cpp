@@ -1,10 +1,12 @@
-// SSE2 kernels of the corrections: eight entries of a compact modify-table
-// row at a time, and the byte reversal of the mirror.
+// SSE2 kernels of the corrections: runs of regular modify-table entries,
+// four at a time, read and checked straight from the entries, and the byte
+// reversal of the mirror.
 #include "imageproc/correct_geometry.h"
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -20,14 +22,6 @@ inline __m128i ReverseBytes(__m128i v)
     return _mm_or_si128(_mm_slli_epi16(v, 8), _mm_srli_epi16(v, 8));
 }
 
-// The eight 16-bit lanes in reverse order.
-inline __m128i ReverseWords(__m128i v)
-{
-    v = _mm_shuffle_epi32(v, _MM_SHUFFLE(0, 1, 2, 3));
-    v = _mm_shufflelo_epi16(v, _MM_SHUFFLE(2, 3, 0, 1));
-    return _mm_shufflehi_epi16(v, _MM_SHUFFLE(2, 3, 0, 1));
-}
-
 inline int Load16(const unsigned char* p)
 {
     uint16_t n;
@@ -35,22 +29,48 @@ inline int Load16(const unsigned char* p)
     return n;
 }
 
-// The two bytes at p + anOffset[k], for k from 0 to 7, as eight 16-bit
-// lanes: the byte at the lower address in the low half.
-inline __m128i Pairs(const unsigned char* p, const int (&anOffset)[8])
+// The four 32-bit words at p0 .. p3 (one per entry) as the rows of a 4 x 4
+// matrix, transposed: word k of every entry in lane order, as aOut[k].
+inline void Transpose(const void* p0, const void* p1, const void* p2, const void* p3, __m128i (&aOut)[4])
 {
-    __m128i v = _mm_cvtsi32_si128(Load16(p + anOffset[0]));
-    v = _mm_insert_epi16(v, Load16(p + anOffset[1]), 1);
-    v = _mm_insert_epi16(v, Load16(p + anOffset[2]), 2);
-    v = _mm_insert_epi16(v, Load16(p + anOffset[3]), 3);
-    v = _mm_insert_epi16(v, Load16(p + anOffset[4]), 4);
-    v = _mm_insert_epi16(v, Load16(p + anOffset[5]), 5);
-    v = _mm_insert_epi16(v, Load16(p + anOffset[6]), 6);
-    return _mm_insert_epi16(v, Load16(p + anOffset[7]), 7);
+    const __m128i a0 = _mm_loadu_si128(static_cast<const __m128i*>(p0));
+    const __m128i a1 = _mm_loadu_si128(static_cast<const __m128i*>(p1));
+    const __m128i a2 = _mm_loadu_si128(static_cast<const __m128i*>(p2));
+    const __m128i a3 = _mm_loadu_si128(static_cast<const __m128i*>(p3));
+    const __m128i t0 = _mm_unpacklo_epi32(a0, a1);
+    const __m128i t1 = _mm_unpacklo_epi32(a2, a3);
+    const __m128i t2 = _mm_unpackhi_epi32(a0, a1);
+    const __m128i t3 = _mm_unpackhi_epi32(a2, a3);
+    aOut[0] = _mm_unpacklo_epi64(t0, t1);
+    aOut[1] = _mm_unpackhi_epi64(t0, t1);
+    aOut[2] = _mm_unpacklo_epi64(t2, t3);
+    aOut[3] = _mm_unpackhi_epi64(t2, t3);
+}
+
+// Sign bits set where x is not within 0 .. nMax (x and nMax below 2^31
+// when within): x itself negative, or nMax - x negative.
+inline __m128i OutOfRange(__m128i x, __m128i max)
+{
+    return _mm_or_si128(x, _mm_sub_epi32(max, x));
+}
+
+// The two bytes at p + anAt[k], k from 0 to 3, and then at q + anAt[k], as
+// the eight 16-bit lanes of a vector.
+inline __m128i Pairs(const unsigned char* p, const unsigned char* q, const int (&anAt)[4])
+{
+    __m128i v = _mm_cvtsi32_si128(Load16(p + anAt[0]));
+    v = _mm_insert_epi16(v, Load16(p + anAt[1]), 1);
+    v = _mm_insert_epi16(v, Load16(p + anAt[2]), 2);
+    v = _mm_insert_epi16(v, Load16(p + anAt[3]), 3);
+    v = _mm_insert_epi16(v, Load16(q + anAt[0]), 4);
+    v = _mm_insert_epi16(v, Load16(q + anAt[1]), 5);
+    v = _mm_insert_epi16(v, Load16(q + anAt[2]), 6);
+    return _mm_insert_epi16(v, Load16(q + anAt[3]), 7);
 }
 
 // One weighted sum per lane: the same single-precision products and sums,
-// in the same order, as the plain loop, truncated toward zero.
+// in the same order, as the plain loop, truncated toward zero (a sum out of
+// the range of int gives 0x80000000, whose low byte is 0).
 inline __m128i WeightedFour(__m128i tl, __m128i tr, __m128i br, __m128i bl, const __m128 (&aw)[4])
 {
     __m128 sum = _mm_mul_ps(_mm_cvtepi32_ps(tl), aw[0]);
@@ -60,81 +80,149 @@ inline __m128i WeightedFour(__m128i tl, __m128i tr, __m128i br, __m128i bl, cons
     return _mm_cvttps_epi32(sum);
 }
 
-// Four entries: the weights from the column fractions fc and the row
-// fraction, then the right pixels from the pairs top and bottom (left
-// sample in the low byte) and the left pixels from the mirrored pairs
-// (whose high byte is the mirrored image's left sample). Each pair vector
-// holds four entries in 32-bit lanes.
-inline void Four(__m128i top, __m128i bottom, __m128i topMirror, __m128i bottomMirror, __m128 fc, __m128 fr,
-                 __m128 fRowNear, __m128i& right, __m128i& left)
-{
-    const __m128 fColNear = _mm_sub_ps(_mm_set1_ps(1.0f), fc);
-    const __m128 aw[4] = {_mm_mul_ps(fColNear, fRowNear), _mm_mul_ps(fc, fRowNear), _mm_mul_ps(fc, fr),
-                          _mm_mul_ps(fColNear, fr)};
-    const __m128i lowByte = _mm_set1_epi32(0xFF);
-    right = WeightedFour(_mm_and_si128(top, lowByte), _mm_srli_epi32(top, 8), _mm_srli_epi32(bottom, 8),
-                         _mm_and_si128(bottom, lowByte), aw);
-    left = WeightedFour(_mm_srli_epi32(topMirror, 8), _mm_and_si128(topMirror, lowByte),
-                        _mm_and_si128(bottomMirror, lowByte), _mm_srli_epi32(bottomMirror, 8), aw);
-}
+// Entries ahead of the one being read whose lines are asked for.
+const int kPrefetchEntries = 24;
 
-// The low bytes of eight 32-bit lanes as eight 16-bit lanes, in order.
-inline __m128i LowBytes(__m128i a, __m128i b)
+// The low bytes of four 32-bit lanes stored at p, p + nStep, p + 2 nStep,
+// p + 3 nStep.
+template <int nStep>
+inline void StoreFour(unsigned char* p, __m128i v)
 {
-    const __m128i lowByte = _mm_set1_epi32(0xFF);
-    return _mm_packs_epi32(_mm_and_si128(a, lowByte), _mm_and_si128(b, lowByte));
-}
-
-// Eight pixels of consecutive entries, stored at p, p + nStep, ... (p is
-// the first entry's place): leftwards for nStep -1.
-inline void StoreEight(unsigned char* p, int nStep, __m128i words)
-{
+    v = _mm_and_si128(v, _mm_set1_epi32(0xFF));
     if (nStep < 0) {
-        words = ReverseWords(words);
-        p -= 7;
+        v = _mm_shuffle_epi32(v, _MM_SHUFFLE(0, 1, 2, 3));
+        p -= 3;
     }
-    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(words, words));
+    v = _mm_packs_epi32(v, v);
+    v = _mm_packus_epi16(v, v);
+    const int32_t n = _mm_cvtsi128_si32(v);
+    std::memcpy(p, &n, sizeof n);
 }
 
 } // namespace
 
-unsigned ResampleCompactSse2(const CompactJob& job)
+namespace {
+
+// The run kernel for one direction of the stores (nStep 1 or -1), with the
+// run's fields in locals: the stores could otherwise alias them.
+template <int nStep>
+unsigned ResampleRunSse2(const EntryRun& run)
 {
-    const unsigned n = job.nRight < job.nLeft ? job.nRight : job.nLeft;
-    const __m128 fr = _mm_set1_ps(job.fRowFrac);
-    const __m128 fRowNear = _mm_sub_ps(_mm_set1_ps(1.0f), fr);
+    const tagModifyEntry* const pEntry = run.pEntry;
+    const unsigned nEntries = run.nEntries;
+    const unsigned char* const pTop = run.pTop;
+    const unsigned char* const pBottom = run.pBottom;
+    unsigned char* const pRight = run.pRight;
+    unsigned char* const pLeft = run.pLeft;
+    const unsigned SW = run.nSrcWidth;
+    const __m128i maxRow = _mm_set1_epi32(static_cast<int>(run.nMaxRow));
+    const __m128i maxCol = _mm_set1_epi32(static_cast<int>(run.nMaxCol));
+    const __m128i maxPairCol = _mm_set1_epi32(static_cast<int>(SW - 2));
+    const __m128i rowStart = _mm_set1_epi32(static_cast<int>(run.nRowStart));
+    const __m128i one = _mm_set1_epi32(1);
+    const __m128i below = _mm_set1_epi32(static_cast<int>(SW));
+    const __m128i four = _mm_set1_epi32(4);
     const __m128i zero = _mm_setzero_si128();
-    // Mirrored pairs start one column further left: the pair at
-    // SW - 2 - c holds the mirrored image's columns c + 1 and c.
-    const unsigned char* const pTopMirror = job.pTop + (job.nSrcWidth - 2);
-    const unsigned char* const pBottomMirror = job.pBottom + (job.nSrcWidth - 2);
-    unsigned j = 0;
-    for (; j + 8 <= n; j += 8) {
-        int anCol[8];
-        int anMirror[8];
-        for (int k = 0; k < 8; ++k) {
-            anCol[k] = job.pnCol[j + k];
-            anMirror[k] = -anCol[k];
-        }
-        const __m128i top = Pairs(job.pTop, anCol);
-        const __m128i bottom = Pairs(job.pBottom, anCol);
-        const __m128i topMirror = Pairs(pTopMirror, anMirror);
-        const __m128i bottomMirror = Pairs(pBottomMirror, anMirror);
+    const __m128i lowByte = _mm_set1_epi16(0xFF);
+    __m128i right = _mm_add_epi32(_mm_set1_epi32(static_cast<int>(run.nDstRight)), _mm_setr_epi32(0, 1, 2, 3));
+    __m128i left = _mm_sub_epi32(_mm_set1_epi32(static_cast<int>(run.nDstLeft)), _mm_setr_epi32(0, 1, 2, 3));
+    unsigned k = 0;
+    for (; k + 4 <= nEntries; k += 4) {
+        const tagModifyEntry* const e = pEntry + k;
+        // The entries are read once, front to back, far more of them than
+        // the caches hold: ask for the lines a little ahead.
+        _mm_prefetch(reinterpret_cast<const char*>(e + kPrefetchEntries), _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(e + kPrefetchEntries) + 64, _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(e + kPrefetchEntries) + 128, _MM_HINT_T0);
+        _mm_prefetch(reinterpret_cast<const char*>(e + kPrefetchEntries) + 192, _MM_HINT_T0);
+        __m128i aPlace[4];  // nSrcRow, nSrcCol, nDstRight, nDstLeft
+        __m128i aIndex[4];  // nSrcIndex[0 .. 3]
+        Transpose(&e[0].nSrcRow, &e[1].nSrcRow, &e[2].nSrcRow, &e[3].nSrcRow, aPlace);
+        Transpose(e[0].nSrcIndex, e[1].nSrcIndex, e[2].nSrcIndex, e[3].nSrcIndex, aIndex);
+        const __m128i col = _mm_sub_epi32(aIndex[0], rowStart);
+        // Mirrored pairs start one column further left: the pair at
+        // SW - 2 - c holds the mirrored image's columns c + 1 and c.
+        const __m128i mirror = _mm_sub_epi32(maxPairCol, col);
+        // Sign bits: a range broken; other bits: a field not as expected.
+        const __m128i range = _mm_or_si128(_mm_or_si128(OutOfRange(aPlace[0], maxRow), OutOfRange(aPlace[1], maxCol)),
+                                           _mm_or_si128(col, mirror));
+        __m128i diff = _mm_or_si128(_mm_xor_si128(aPlace[2], right), _mm_xor_si128(aPlace[3], left));
+        diff = _mm_or_si128(diff, _mm_xor_si128(aIndex[1], _mm_add_epi32(aIndex[0], one)));
+        diff = _mm_or_si128(diff, _mm_xor_si128(aIndex[3], _mm_add_epi32(aIndex[0], below)));
+        diff = _mm_or_si128(diff, _mm_xor_si128(aIndex[2], _mm_add_epi32(aIndex[3], one)));
+        if (_mm_movemask_ps(_mm_castsi128_ps(range)) != 0 ||
+            _mm_movemask_epi8(_mm_cmpeq_epi32(diff, zero)) != 0xFFFF)
+            break;
+        right = _mm_add_epi32(right, four);
+        left = _mm_sub_epi32(left, four);
 
-        __m128i rightLo, leftLo, rightHi, leftHi;
-        Four(_mm_unpacklo_epi16(top, zero), _mm_unpacklo_epi16(bottom, zero), _mm_unpacklo_epi16(topMirror, zero),
-             _mm_unpacklo_epi16(bottomMirror, zero), _mm_loadu_ps(job.pfColFrac + j), fr, fRowNear, rightLo, leftLo);
-        Four(_mm_unpackhi_epi16(top, zero), _mm_unpackhi_epi16(bottom, zero), _mm_unpackhi_epi16(topMirror, zero),
-             _mm_unpackhi_epi16(bottomMirror, zero), _mm_loadu_ps(job.pfColFrac + j + 4), fr, fRowNear, rightHi,
-             leftHi);
+        __m128 aw[4] = {_mm_loadu_ps(e[0].fWeight), _mm_loadu_ps(e[1].fWeight), _mm_loadu_ps(e[2].fWeight),
+                        _mm_loadu_ps(e[3].fWeight)};
+        _MM_TRANSPOSE4_PS(aw[0], aw[1], aw[2], aw[3]);
 
-        // Right pixels first: entry 0's left pixel replaces its right one.
-        const ptrdiff_t nOffset = static_cast<ptrdiff_t>(job.nStep) * static_cast<ptrdiff_t>(j);
-        unsigned char* const pCentre = job.pOut + job.nCentreOut;
-        StoreEight(pCentre + nOffset, job.nStep, LowBytes(rightLo, rightHi));
-        StoreEight(pCentre - nOffset, -job.nStep, LowBytes(leftLo, leftHi));
+        // Columns and mirrored columns are below 2^16 here.
+        const int anCol[4] = {_mm_extract_epi16(col, 0), _mm_extract_epi16(col, 2), _mm_extract_epi16(col, 4),
+                              _mm_extract_epi16(col, 6)};
+        const int anMirror[4] = {_mm_extract_epi16(mirror, 0), _mm_extract_epi16(mirror, 2),
+                                 _mm_extract_epi16(mirror, 4), _mm_extract_epi16(mirror, 6)};
+        // Each 16-bit lane a pair of samples, the left one in the low byte:
+        // the four top pairs, then the four bottom pairs.
+        const __m128i pairs = Pairs(pTop, pBottom, anCol);
+        const __m128i mirrored = Pairs(pTop, pBottom, anMirror);
+        const __m128i lo = _mm_and_si128(pairs, lowByte);
+        const __m128i hi = _mm_srli_epi16(pairs, 8);
+        const __m128i mirroredLo = _mm_and_si128(mirrored, lowByte);
+        const __m128i mirroredHi = _mm_srli_epi16(mirrored, 8);
+        const __m128i rightPixels =
+            WeightedFour(_mm_unpacklo_epi16(lo, zero), _mm_unpacklo_epi16(hi, zero), _mm_unpackhi_epi16(hi, zero),
+                         _mm_unpackhi_epi16(lo, zero), aw);
+        const __m128i leftPixels =
+            WeightedFour(_mm_unpacklo_epi16(mirroredHi, zero), _mm_unpacklo_epi16(mirroredLo, zero),
+                         _mm_unpackhi_epi16(mirroredLo, zero), _mm_unpackhi_epi16(mirroredHi, zero), aw);
+        // Right pixels first: entry 0's left pixel replaces its right one
+        // when both lie on the centre.
+        const ptrdiff_t nOffset = static_cast<ptrdiff_t>(nStep) * static_cast<ptrdiff_t>(k);
+        StoreFour<nStep>(pRight + nOffset, rightPixels);
+        StoreFour<-nStep>(pLeft - nOffset, leftPixels);
     }
-    return j;
+    return k;
+}
+
+} // namespace
+
+unsigned ResampleRunSse2(const EntryRun& run)
+{
+    static_assert(offsetof(tagModifyEntry, nSrcCol) == offsetof(tagModifyEntry, nSrcRow) + 4 &&
+                      offsetof(tagModifyEntry, nDstRight) == offsetof(tagModifyEntry, nSrcRow) + 8 &&
+                      offsetof(tagModifyEntry, nDstLeft) == offsetof(tagModifyEntry, nSrcRow) + 12,
+                  "the four words of an entry's range and targets lie together");
+    return run.nStep < 0 ? ResampleRunSse2<-1>(run) : ResampleRunSse2<1>(run);
+}
+
+unsigned PassOutsideSse2(const OutsideRun& run)
+{
+    static_assert(offsetof(tagModifyEntry, nDstLeft) == offsetof(tagModifyEntry, nDstRight) + 4,
+                  "an entry's two targets lie together");
+    // Targets of entries k and k + 1, then of k + 2 and k + 3.
+    __m128i expectLo = _mm_setr_epi32(static_cast<int>(run.nDstRight), static_cast<int>(run.nDstLeft),
+                                      static_cast<int>(run.nDstRight + 1), static_cast<int>(run.nDstLeft - 1));
+    __m128i expectHi = _mm_add_epi32(expectLo, _mm_setr_epi32(2, -2, 2, -2));
+    const __m128i step = _mm_setr_epi32(4, -4, 4, -4);
+    const __m128i zero = _mm_setzero_si128();
+    unsigned k = 0;
+    for (; k + 4 <= run.nEntries; k += 4) {
+        const tagModifyEntry* const e = run.pEntry + k;
+        const __m128i lo = _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(&e[0].nDstRight)),
+                                              _mm_loadl_epi64(reinterpret_cast<const __m128i*>(&e[1].nDstRight)));
+        const __m128i hi = _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(&e[2].nDstRight)),
+                                              _mm_loadl_epi64(reinterpret_cast<const __m128i*>(&e[3].nDstRight)));
+        const __m128i diff = _mm_or_si128(_mm_xor_si128(lo, expectLo), _mm_xor_si128(hi, expectHi));
+        if (_mm_movemask_epi8(_mm_cmpeq_epi32(diff, zero)) != 0xFFFF)
+            break;
+        expectLo = _mm_add_epi32(expectLo, step);
+        expectHi = _mm_add_epi32(expectHi, step);
+    }
+    return k;
 }
 
 size_t ReverseOuterSse2(unsigned char* p, size_t n)

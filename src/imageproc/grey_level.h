@@ -1,10 +1,8 @@
 // The small grey-level helpers shared by the sensor's capture paths and the
 // image processor: integer levels, products truncated toward zero, clamping
-// to the byte range, and the lane-wise difference of the vector kernels.
+// to the byte range (the vector kernels' helpers are in grey_level_sse2.h).
 #ifndef TAVK05_GREY_LEVEL_H
 #define TAVK05_GREY_LEVEL_H
-
-#include <emmintrin.h>  // SSE2: part of both the x86_64 and the i386 (-msse2) ABI
 
 namespace greylevel {
 
@@ -30,12 +28,6 @@ inline int Lightness(int d)
 {
     const int v = 255 - 3 * d;
     return v < 0 ? 0 : v;
-}
-
-// |a - b| of unsigned bytes, lane by lane.
-inline __m128i AbsDiff(__m128i a, __m128i b)
-{
-    return _mm_or_si128(_mm_subs_epu8(a, b), _mm_subs_epu8(b, a));
 }
 
 }  // namespace greylevel

@@ -2,15 +2,15 @@
 // is located (left and right finger edges from a column activity profile)
 // and the part beyond the seam is merged into the composite, pixel by
 // pixel, from whichever image is darker over the 21 x 21 box around it.
+#include "imageproc/kernels.h"
 #include "tavk05/isproc.h"
 #include "grey_level.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
-
-#include <emmintrin.h> // SSE2: part of both the x86_64 and the i386 (-msse2) ABI
 
 namespace {
 
@@ -65,43 +65,21 @@ void ConvertFrame(const unsigned char* pFrame, const unsigned char* pBackground,
     }
 }
 
-using greylevel::AbsDiff;
-
 // Column activity: for rows and columns 1..598, a pixel counts once when
 // its left and right neighbours, or else its upper and lower neighbours,
-// differ by more than the step. Sixteen pixels at a time; the counts
-// (at most 598) are kept in 16-bit lanes.
+// differ by more than the step. The counts (at most 598) fit 16 bits.
 void ActivityProfile(const unsigned char* pGrey, int* pActivity)
 {
-    unsigned short nCount[SIDE] = {0};
-    const __m128i vStep = _mm_set1_epi8((char)ACTIVITY_STEP);
-    const __m128i vOne = _mm_set1_epi8(1);
-    const __m128i vZero = _mm_setzero_si128();
-    const int nLastVector = SIDE - 2 - 15; // the last x whose 16 lanes end at column 598
+    uint16_t nCount[SIDE] = {0};
+    const size_t nInner = SIDE - 2;  // columns 1 .. 598
     for (int y = 1; y <= SIDE - 2; ++y) {
         const unsigned char* pUp = pGrey + (y - 1) * SIDE;
-        const unsigned char* pMid = pUp + SIDE;
-        const unsigned char* pDown = pMid + SIDE;
-        int x = 1;
-        for (; x <= nLastVector; x += 16) {
-            const __m128i vLeft = _mm_loadu_si128((const __m128i*)(pMid + x - 1));
-            const __m128i vRight = _mm_loadu_si128((const __m128i*)(pMid + x + 1));
-            const __m128i vAbove = _mm_loadu_si128((const __m128i*)(pUp + x));
-            const __m128i vBelow = _mm_loadu_si128((const __m128i*)(pDown + x));
-            // A lane is nonzero where a difference exceeds the step.
-            const __m128i vOver = _mm_or_si128(_mm_subs_epu8(AbsDiff(vLeft, vRight), vStep),
-                                               _mm_subs_epu8(AbsDiff(vAbove, vBelow), vStep));
-            const __m128i vHit = _mm_andnot_si128(_mm_cmpeq_epi8(vOver, vZero), vOne);
-            __m128i* pLo = (__m128i*)(nCount + x);
-            __m128i* pHi = (__m128i*)(nCount + x + 8);
-            _mm_storeu_si128(pLo, _mm_add_epi16(_mm_loadu_si128(pLo), _mm_unpacklo_epi8(vHit, vZero)));
-            _mm_storeu_si128(pHi, _mm_add_epi16(_mm_loadu_si128(pHi), _mm_unpackhi_epi8(vHit, vZero)));
-        }
-        for (; x <= SIDE - 2; ++x) {
-            const int bAcross = std::abs(pMid[x - 1] - pMid[x + 1]) > ACTIVITY_STEP;
-            const int bDown = std::abs(pUp[x] - pDown[x]) > ACTIVITY_STEP;
-            nCount[x] = (unsigned short)(nCount[x] + (bAcross | bDown));
-        }
+        const imageproc::Rows3 rows = {pUp + 1, pUp + SIDE + 1, pUp + 2 * SIDE + 1};
+        size_t nDone = 0;
+#if defined(__SSE2__)
+        nDone = imageproc::ActivityRowSse2(rows, nCount + 1, ACTIVITY_STEP, nInner);
+#endif
+        imageproc::ActivityRow(rows, nCount + 1, ACTIVITY_STEP, nDone, nInner);
     }
     for (int c = 0; c < SIDE; ++c)
         pActivity[c] = nCount[c];
@@ -120,31 +98,16 @@ void SmoothProfile(const int* pActivity, int* pSmooth)
     }
 }
 
-// Adds (xIn - yIn) - (xOut - yOut) to nCount column sums, sixteen columns at
-// a time in 16-bit lanes.
+// Adds (xIn - yIn) - (xOut - yOut) to nCount column sums.
 void UpdateColumnDiff(short* pColDiff, int nCount, const unsigned char* pXIn, const unsigned char* pYIn,
                       const unsigned char* pXOut, const unsigned char* pYOut)
 {
-    const __m128i vZero = _mm_setzero_si128();
-    int k = 0;
-    for (; k + 16 <= nCount; k += 16) {
-        const __m128i vXIn = _mm_loadu_si128((const __m128i*)(pXIn + k));
-        const __m128i vYIn = _mm_loadu_si128((const __m128i*)(pYIn + k));
-        const __m128i vXOut = _mm_loadu_si128((const __m128i*)(pXOut + k));
-        const __m128i vYOut = _mm_loadu_si128((const __m128i*)(pYOut + k));
-        const __m128i vLo = _mm_sub_epi16(
-            _mm_sub_epi16(_mm_unpacklo_epi8(vXIn, vZero), _mm_unpacklo_epi8(vYIn, vZero)),
-            _mm_sub_epi16(_mm_unpacklo_epi8(vXOut, vZero), _mm_unpacklo_epi8(vYOut, vZero)));
-        const __m128i vHi = _mm_sub_epi16(
-            _mm_sub_epi16(_mm_unpackhi_epi8(vXIn, vZero), _mm_unpackhi_epi8(vYIn, vZero)),
-            _mm_sub_epi16(_mm_unpackhi_epi8(vXOut, vZero), _mm_unpackhi_epi8(vYOut, vZero)));
-        __m128i* pLo = (__m128i*)(pColDiff + k);
-        __m128i* pHi = (__m128i*)(pColDiff + k + 8);
-        _mm_storeu_si128(pLo, _mm_add_epi16(_mm_loadu_si128(pLo), vLo));
-        _mm_storeu_si128(pHi, _mm_add_epi16(_mm_loadu_si128(pHi), vHi));
-    }
-    for (; k < nCount; ++k)
-        pColDiff[k] = (short)(pColDiff[k] + (pXIn[k] - pYIn[k]) - (pXOut[k] - pYOut[k]));
+    int16_t* const pDiff = reinterpret_cast<int16_t*>(pColDiff);
+    size_t nDone = 0;
+#if defined(__SSE2__)
+    nDone = imageproc::AddColumnDiffSse2(pDiff, pXIn, pYIn, pXOut, pYOut, static_cast<size_t>(nCount));
+#endif
+    imageproc::AddColumnDiff(pDiff, pXIn, pYIn, pXOut, pYOut, nDone, static_cast<size_t>(nCount));
 }
 
 // Merges the boxes whose left columns run from nBoxFirst to nBoxLast
@@ -201,17 +164,11 @@ bool MergeStrip(unsigned char* pComposite, const unsigned char* pNew, int nBoxFi
         const int nRow = (i + BOX_HALF) * SIDE + nBoxFirst + nTargetShift;
         unsigned char* pDst = pComposite + nRow;
         const unsigned char* pSrc = pNew + nRow;
-        int b = 0;
-        for (; b + 16 <= nBoxes; b += 16) {
-            const __m128i vTake = _mm_loadu_si128((const __m128i*)(ucTake + b));
-            const __m128i vSrc = _mm_loadu_si128((const __m128i*)(pSrc + b));
-            const __m128i vDst = _mm_loadu_si128((const __m128i*)(pDst + b));
-            _mm_storeu_si128((__m128i*)(pDst + b),
-                             _mm_or_si128(_mm_and_si128(vTake, vSrc), _mm_andnot_si128(vTake, vDst)));
-        }
-        for (; b < nBoxes; ++b)
-            if (ucTake[b])
-                pDst[b] = pSrc[b];
+        size_t nDone = 0;
+#if defined(__SSE2__)
+        nDone = imageproc::TakeWhereSse2(pDst, pSrc, ucTake, static_cast<size_t>(nBoxes));
+#endif
+        imageproc::TakeWhere(pDst, pSrc, ucTake, nDone, static_cast<size_t>(nBoxes));
     }
     return true;
 }
@@ -367,4 +324,28 @@ int CImageProc::ImageComposition(unsigned char* pFrame, unsigned char* pComposit
     m_nRollLeft = l;
     m_nRollRight = r;
     return RESULT_CONTINUE;
+}
+
+void imageproc::ActivityRow(const Rows3& rows, uint16_t* pCount, unsigned char byStep, size_t nFrom, size_t n)
+{
+    for (size_t x = nFrom; x < n; ++x) {
+        const int bAcross = std::abs(rows.pCentre[x - 1] - rows.pCentre[x + 1]) > byStep;
+        const int bDown = std::abs(rows.pAbove[x] - rows.pBelow[x]) > byStep;
+        pCount[x] = static_cast<uint16_t>(pCount[x] + (bAcross | bDown));
+    }
+}
+
+void imageproc::AddColumnDiff(int16_t* pDiff, const unsigned char* pXIn, const unsigned char* pYIn,
+                              const unsigned char* pXOut, const unsigned char* pYOut, size_t nFrom, size_t n)
+{
+    for (size_t k = nFrom; k < n; ++k)
+        pDiff[k] = static_cast<int16_t>(pDiff[k] + (pXIn[k] - pYIn[k]) - (pXOut[k] - pYOut[k]));
+}
+
+void imageproc::TakeWhere(unsigned char* pDst, const unsigned char* pSrc, const unsigned char* pTake, size_t nFrom,
+                          size_t n)
+{
+    for (size_t k = nFrom; k < n; ++k)
+        if (pTake[k] != 0)
+            pDst[k] = pSrc[k];
 }

@@ -14,10 +14,11 @@
 // destination, and pixels outside the window are not computed. The stored
 // bytes are the same.
 //
-// A table shaped as the build shapes it is read through its compact form
-// (correct_geometry.h), 6 bytes per entry of the window instead of 56:
-// the entries are far larger than the caches, and reading them was most of
-// the time of a frame.
+// The modify tables are public and the corrections read their entries as
+// they stand at each call, whatever a host wrote and when: no form of them
+// is derived and kept. Runs of entries laid out as the table build lays
+// them out are checked and resampled four at a time; any other entry is
+// taken on its own (correct_geometry.h).
 //
 // The vector kernels are in correct_sse2.cpp.
 #include "imageproc/correct_geometry.h"
@@ -77,17 +78,6 @@ void Lookup(const unsigned char* pSrc, unsigned long nSrcWidth, size_t nSrcPixel
             pOut[bMirror ? kOut - 1 - x : x] = v;
         }
     }
-}
-
-// Weighted sum of the four neighbours, added in order in single precision,
-// truncated toward zero; the low 8 bits are the pixel.
-inline unsigned char Weighted(const unsigned char (&aby)[4], const float (&afWeight)[4])
-{
-    float fSum = static_cast<float>(aby[0]) * afWeight[0];
-    fSum = fSum + static_cast<float>(aby[1]) * afWeight[1];
-    fSum = fSum + static_cast<float>(aby[2]) * afWeight[2];
-    fSum = fSum + static_cast<float>(aby[3]) * afWeight[3];
-    return static_cast<unsigned char>(static_cast<int>(fSum));
 }
 
 // The pixels of an entry's four neighbours in the image (abyRight) and in
@@ -156,9 +146,9 @@ inline bool ResampleEntry(const tagModifyEntry& e, const unsigned char* const* a
     Neighbours(e, apRow, rows, abyRight, abyLeft);
     const float afWeight[4] = {e.fWeight[0], e.fWeight[1], e.fWeight[2], e.fWeight[3]};
     if (nRight < kOutPixels)
-        pDst[nRight] = Weighted(abyRight, afWeight);
+        pDst[nRight] = WeightedSum(abyRight, afWeight);
     if (nLeft < kOutPixels)
-        pDst[nLeft] = Weighted(abyLeft, afWeight);
+        pDst[nLeft] = WeightedSum(abyLeft, afWeight);
     return true;
 }
 
@@ -185,7 +175,7 @@ void ResampleInTwoPasses(const tagModifyEntry* const* ppTable, const unsigned ch
                 unsigned char abyLeft[4];
                 Neighbours(e, apRow, rows, abyRight, abyLeft);
                 const float afWeight[4] = {e.fWeight[0], e.fWeight[1], e.fWeight[2], e.fWeight[3]};
-                pDst[nAt] = Weighted(nHalf == 0 ? abyRight : abyLeft, afWeight);
+                pDst[nAt] = WeightedSum(nHalf == 0 ? abyRight : abyLeft, afWeight);
             }
         }
     }
@@ -194,25 +184,88 @@ void ResampleInTwoPasses(const tagModifyEntry* const* ppTable, const unsigned ch
 
 
 // Both halves of the interpolating correction over the W rows of a modify
-// table, read entry by entry: every usable entry produces its right-half
-// pixel from the image and its left-half pixel from the mirrored image.
-// With the targets placed as the table build places them, right and left
-// targets of different entries never coincide, and the centre column,
-// targeted by both halves of entry 0, keeps the left value as it is stored
-// second -- as if the whole right half had been computed before the left
-// half. A table edited otherwise is done in the two passes instead.
+// table, entry by entry: every usable entry produces its right-half pixel
+// from the image and its left-half pixel from the mirrored image. With the
+// targets placed as the table build places them, right and left targets of
+// different entries never coincide, and the centre column, targeted by
+// both halves of entry 0, keeps the left value as it is stored second -- as
+// if the whole right half had been computed before the left half. A table
+// edited otherwise is done in the two passes instead.
+//
+// In a canvas row of the crop window, the leading entries whose built
+// targets both lie inside the window go in runs of regular entries
+// (vector kernel first, plain loop after it); an entry that breaks a run,
+// the entries further out and the rows outside the window are taken one by
+// one. Every entry is read at every call.
 template <class G, bool bMirror>
 void Resample(const tagModifyEntry* const* ppTable, const unsigned char* const* apRow, unsigned char* pDst)
 {
+    const unsigned W = G::kCanvas;
+    const unsigned nHalf = W / 2;
+    const unsigned SW = G::kSrcWidth;
+    const unsigned nCentre = nHalf - G::kCropLeft;  // crop column of the canvas centre
+    // Entry j targets crop columns nCentre + j and nCentre - j.
+    const unsigned nRunEntries = std::min(std::min(kOut - nCentre, nCentre + 1), nHalf);
     CCropMap<G, bMirror> crop;
     CSourceRow<G> rows;
-    for (unsigned r = 0; r < G::kCanvas; ++r) {
+    for (unsigned r = 0; r < W; ++r) {
         const tagModifyEntry* const pRow = ppTable[r];
         if (pRow == nullptr)
             continue;
-        for (unsigned c = 0; c < G::kCanvas / 2; ++c) {
-            if (!ResampleEntry(pRow[c], apRow, pDst, crop, rows)) {
-                // Everything stored so far is stored again, in pass order.
+        const unsigned y = r - G::kCropTop;  // wraps above the window
+        unsigned j = 0;
+        while (y < kOut && j < nRunEntries) {
+            const tagModifyEntry& e = pRow[j];
+            unsigned nDone = 0;
+            const unsigned nPair = e.nSrcIndex[0] / SW;
+            if (Usable<G>(e) && nPair + 1 < G::kSrcRows) {
+                unsigned char* const pOutRow = pDst + static_cast<size_t>(y) * kOut;
+                const unsigned nRightCol = nCentre + j;
+                const unsigned nLeftCol = nCentre - j;
+                EntryRun run;
+                run.pEntry = &e;
+                run.nEntries = nRunEntries - j;
+                run.nDstRight = r * W + nHalf + j;
+                run.nDstLeft = r * W + nHalf - j;
+                run.nRowStart = nPair * SW;
+                run.pTop = apRow[nPair];
+                run.pBottom = apRow[nPair + 1];
+                run.nSrcWidth = SW;
+                run.nMaxRow = G::kMaxRow;
+                run.nMaxCol = G::kMaxCol;
+                run.pRight = pOutRow + (bMirror ? kOut - 1 - nRightCol : nRightCol);
+                run.pLeft = pOutRow + (bMirror ? kOut - 1 - nLeftCol : nLeftCol);
+                run.nStep = bMirror ? -1 : 1;
+#if defined(__SSE2__)
+                nDone = ResampleRunSse2(run);
+#endif
+                nDone = ResampleRun(run, nDone);
+            }
+            if (nDone == 0) {
+                if (!ResampleEntry(e, apRow, pDst, crop, rows)) {
+                    // Everything stored so far is stored again, in pass order.
+                    ResampleInTwoPasses<G, bMirror>(ppTable, apRow, pDst);
+                    return;
+                }
+                nDone = 1;
+            }
+            j += nDone;
+        }
+        // The entries whose built targets lie outside the window: those
+        // whose targets are where the build places them are passed over.
+        const unsigned nOutside = y < kOut ? std::min(std::max(kOut - nCentre, nCentre + 1), nHalf) : 0;
+        for (; j < nHalf; ++j) {
+            if (j >= nOutside) {
+                OutsideRun run = {pRow + j, nHalf - j, r * W + nHalf + j, r * W + nHalf - j};
+                unsigned nPassed = 0;
+#if defined(__SSE2__)
+                nPassed = PassOutsideSse2(run);
+#endif
+                j += PassOutside(run, nPassed);
+                if (j == nHalf)
+                    break;
+            }
+            if (!ResampleEntry(pRow[j], apRow, pDst, crop, rows)) {
                 ResampleInTwoPasses<G, bMirror>(ppTable, apRow, pDst);
                 return;
             }
@@ -220,55 +273,20 @@ void Resample(const tagModifyEntry* const* ppTable, const unsigned char* const* 
     }
 }
 
-// The same through the compact form, window row by window row.
-template <class G, bool bMirror>
-void ResampleCompactTable(const CCompactTable& table, const unsigned char* const* apRow, unsigned char* pDst)
-{
-    typedef CropShape<G> S;
-    for (unsigned y = 0; y < kOut; ++y) {
-        const CompactRow& row = table.Row(y);
-        if (row.nRight == 0 && row.nLeft == 0)
-            continue;
-        CompactJob job;
-        job.pTop = apRow[row.nSrcRow];
-        job.pBottom = apRow[row.nSrcRow + 1];
-        job.nSrcWidth = G::kSrcWidth;
-        job.pnCol = table.Columns(y);
-        job.pfColFrac = table.Fractions(y);
-        job.fRowFrac = row.fRowFrac;
-        job.nRight = row.nRight;
-        job.nLeft = row.nLeft;
-        job.pOut = pDst + static_cast<size_t>(y) * kOut;
-        job.nCentreOut = bMirror ? kOut - 1 - S::kCentre : S::kCentre;
-        job.nStep = bMirror ? -1 : 1;
-        unsigned nDone = 0;
-#if defined(__SSE2__)
-        nDone = ResampleCompactSse2(job);
-#endif
-        ResampleCompact(job, nDone);
-    }
-}
-
-// Runs the resampling into the destination, through the compact form when
-// there is one: mirrored straight into place for the usual 600 x 600
-// output, else into the crop layout followed by the mirror over the
-// caller's width and height.
+// Runs the resampling into the destination: mirrored straight into place
+// for the usual 600 x 600 output, else into the crop layout followed by the
+// mirror over the caller's width and height.
 template <class G>
-void ResampleInto(const tagModifyEntry* const* ppTable, const CCompactTable* pCompact,
-                  const unsigned char* const* apRow, unsigned char* pDst, unsigned long nDstWidth,
-                  unsigned long nDstHeight, CImageProc& proc)
+void ResampleInto(const tagModifyEntry* const* ppTable, const unsigned char* const* apRow, unsigned char* pDst,
+                  unsigned long nDstWidth, unsigned long nDstHeight, CImageProc& proc)
 {
     const bool bUsual = nDstWidth == kOut && nDstHeight == kOut;
-    if (pCompact != nullptr && bUsual)
-        ResampleCompactTable<G, true>(*pCompact, apRow, pDst);
-    else if (pCompact != nullptr)
-        ResampleCompactTable<G, false>(*pCompact, apRow, pDst);
-    else if (bUsual)
+    if (bUsual) {
         Resample<G, true>(ppTable, apRow, pDst);
-    else
+    } else {
         Resample<G, false>(ppTable, apRow, pDst);
-    if (!bUsual)
         proc.RotateRightImage(pDst, static_cast<int>(nDstWidth), static_cast<int>(nDstHeight));
+    }
 }
 
 bool IsUsualOutput(unsigned long nWidth, unsigned long nHeight)
@@ -280,99 +298,34 @@ bool IsUsualOutput(unsigned long nWidth, unsigned long nHeight)
 
 namespace imageproc {
 
-void ResampleCompact(const CompactJob& job, unsigned nFrom)
+unsigned ResampleRun(const EntryRun& run, unsigned nFrom)
 {
-    const unsigned n = job.nRight > job.nLeft ? job.nRight : job.nLeft;
-    for (unsigned j = nFrom; j < n; ++j) {
-        const unsigned c = job.pnCol[j];
-        float afWeight[4];
-        BilinearWeights(job.fRowFrac, job.pfColFrac[j], afWeight);
-        const ptrdiff_t nOffset = static_cast<ptrdiff_t>(job.nStep) * static_cast<ptrdiff_t>(j);
-        if (j < job.nRight) {
-            const unsigned char aby[4] = {job.pTop[c], job.pTop[c + 1], job.pBottom[c + 1], job.pBottom[c]};
-            job.pOut[static_cast<ptrdiff_t>(job.nCentreOut) + nOffset] = Weighted(aby, afWeight);
-        }
-        if (j < job.nLeft) {
-            // The mirrored image's column c is the image's column SW - 1 - c.
-            const unsigned m = job.nSrcWidth - 1 - c;
-            const unsigned char aby[4] = {job.pTop[m], job.pTop[m - 1], job.pBottom[m - 1], job.pBottom[m]};
-            job.pOut[static_cast<ptrdiff_t>(job.nCentreOut) - nOffset] = Weighted(aby, afWeight);
-        }
+    const unsigned SW = run.nSrcWidth;
+    unsigned k = nFrom;
+    for (; k < run.nEntries && Regular(run, k); ++k) {
+        const tagModifyEntry& e = run.pEntry[k];
+        const unsigned c = e.nSrcIndex[0] - run.nRowStart;
+        const float afWeight[4] = {e.fWeight[0], e.fWeight[1], e.fWeight[2], e.fWeight[3]};
+        const unsigned char abyRight[4] = {run.pTop[c], run.pTop[c + 1], run.pBottom[c + 1], run.pBottom[c]};
+        // The mirrored image's column c is the image's column SW - 1 - c.
+        const unsigned m = SW - 1 - c;
+        const unsigned char abyLeft[4] = {run.pTop[m], run.pTop[m - 1], run.pBottom[m - 1], run.pBottom[m]};
+        const ptrdiff_t nOffset = static_cast<ptrdiff_t>(run.nStep) * static_cast<ptrdiff_t>(k);
+        run.pRight[nOffset] = WeightedSum(abyRight, afWeight);
+        run.pLeft[-nOffset] = WeightedSum(abyLeft, afWeight);
     }
+    return k;
 }
 
-template <class G>
-bool CCompactTable::Derive(const tagModifyEntry* const* ppTable)
+unsigned PassOutside(const OutsideRun& run, unsigned nFrom)
 {
-    typedef CropShape<G> S;
-    const unsigned W = G::kCanvas;
-    const unsigned nHalf = W / 2;
-    const unsigned SW = G::kSrcWidth;
-    m_nStride = S::kStride;
-    m_pRows.reset(new (std::nothrow) CompactRow[kOut]);
-    m_pnCol.reset(new (std::nothrow) unsigned short[kOut * S::kStride]());
-    m_pfFrac.reset(new (std::nothrow) float[kOut * S::kStride]());
-    if (!m_pRows || !m_pnCol || !m_pfFrac)
-        return false;
-    for (unsigned r = 0; r < W; ++r) {
-        const tagModifyEntry* const pRow = ppTable[r];
-        const unsigned y = r - G::kCropTop;  // wraps above the window
-        const bool bWindow = y < kOut;
-        CompactRow row = {0, 0.0f, 0, 0};
-        unsigned nUsable = 0;  // leading usable entries
-        for (unsigned j = 0; pRow != nullptr && j < nHalf; ++j) {
-            const tagModifyEntry& e = pRow[j];
-            // Every target where the build places it, in or out of the window.
-            if (e.nDstRight != r * W + nHalf + j || e.nDstLeft != r * W + nHalf - j)
-                return false;
-            if (!bWindow || j >= S::kEntries || !Usable<G>(e))
-                continue;
-            if (nUsable != j)
-                return false;  // a usable entry after one that is not
-            const unsigned i0 = e.nSrcIndex[0];
-            const unsigned nCol = i0 % SW;
-            if (e.nSrcIndex[1] != i0 + 1 || e.nSrcIndex[2] != i0 + SW + 1 || e.nSrcIndex[3] != i0 + SW ||
-                nCol + 1 >= SW)
-                return false;
-            const float fr = e.fSrcRow - static_cast<float>(e.nSrcRow);
-            if (j == 0) {
-                row.nSrcRow = i0 / SW;
-                row.fRowFrac = fr;
-            } else if (i0 / SW != row.nSrcRow || std::memcmp(&fr, &row.fRowFrac, sizeof fr) != 0) {
-                return false;
-            }
-            const float fc = e.fSrcCol - static_cast<float>(e.nSrcCol);
-            float afWeight[4];
-            BilinearWeights(fr, fc, afWeight);
-            if (std::memcmp(afWeight, e.fWeight, sizeof afWeight) != 0)
-                return false;
-            m_pnCol[y * S::kStride + j] = static_cast<unsigned short>(nCol);
-            m_pfFrac[y * S::kStride + j] = fc;
-            nUsable = j + 1;
-        }
-        if (bWindow) {
-            row.nRight = nUsable < S::kRightEntries ? nUsable : S::kRightEntries;
-            row.nLeft = nUsable < S::kLeftEntries ? nUsable : S::kLeftEntries;
-            m_pRows[y] = row;
-        }
-    }
-    return true;
+    unsigned k = nFrom;
+    while (k < run.nEntries && run.pEntry[k].nDstRight == run.nDstRight + k && run.pEntry[k].nDstLeft == run.nDstLeft - k)
+        ++k;
+    return k;
 }
 
 } // namespace imageproc
-
-template <class G>
-const CCompactTable* CImageProc::CPrivate::Compact(Slot& slot, const tagModifyEntry* const* ppTable)
-{
-    if (!slot.bChecked || slot.ppTable != ppTable) {
-        slot.bChecked = true;
-        slot.ppTable = ppTable;
-        slot.pCompact.reset(new (std::nothrow) CCompactTable);
-        if (slot.pCompact && !slot.pCompact->Derive<G>(ppTable))
-            slot.pCompact.reset();
-    }
-    return slot.pCompact.get();
-}
 
 int CImageProc::RotateRightImage(unsigned char* pImage, int nWidth, int nHeight)
 {
@@ -435,9 +388,7 @@ int CImageProc::CorrectImageCalc(unsigned char* pSrc, unsigned long /*nSrcWidth*
     for (unsigned p = 0; p < CalcGeometry::kSrcRows; ++p)
         apRow[p] = pImage + static_cast<size_t>(p) * CalcGeometry::kSrcWidth;
 
-    const CCompactTable* pCompact =
-        m_pPrivate ? CPrivate::Compact<CalcGeometry>(m_pPrivate->calc, m_ppModifyTable) : nullptr;
-    ResampleInto<CalcGeometry>(m_ppModifyTable, pCompact, apRow, pDst, nDstWidth, nDstHeight, *this);
+    ResampleInto<CalcGeometry>(m_ppModifyTable, apRow, pDst, nDstWidth, nDstHeight, *this);
     return 1;
 }
 
@@ -499,8 +450,6 @@ int CImageProc::CorrectImageCalcEx(unsigned char* pSrc, unsigned long nSrcWidth,
         }
     }
 
-    const CCompactTable* pCompact =
-        m_pPrivate ? CPrivate::Compact<ExGeometry>(m_pPrivate->ex, m_ppModifyTableEx) : nullptr;
-    ResampleInto<ExGeometry>(m_ppModifyTableEx, pCompact, apRow, pDst, nDstWidth, nDstHeight, *this);
+    ResampleInto<ExGeometry>(m_ppModifyTableEx, apRow, pDst, nDstWidth, nDstHeight, *this);
     return 1;
 }

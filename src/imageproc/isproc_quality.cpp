@@ -1,13 +1,12 @@
 // Frame quality measures: the gradient-span quality that the live capture
 // reports after every frame (and that places the finger window), a sparse
 // gradient count, and the grey-level mean and standard deviation.
+#include "imageproc/kernels.h"
 #include "tavk05/isproc.h"
-#include "grey_level.h"
 
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
-
-#include <emmintrin.h> // SSE2: part of both the x86_64 and the i386 (-msse2) ABI
 
 namespace {
 
@@ -52,43 +51,26 @@ void ProfileSpan(const int* pProfile, int nCount, int* pStart, int* pEnd)
     *pEnd = nEnd;
 }
 
-using greylevel::AbsDiff;
-
 // One pass over the image: for every pixel of rows and columns 1..size-2,
 // the difference of its left and right neighbours is added to its row's
 // entry and that of its upper and lower neighbours to its column's entry.
-// Sixteen pixels at a time: row sums with SAD, column sums in 16-bit lanes
-// that are moved to the int profile before they can overflow (257 rows of
-// 255 at most fill 16 bits).
+// Column sums are kept in 16 bits and moved to the int profile before they
+// can overflow (257 rows of 255 at most fill 16 bits).
 void GradientProfiles(const unsigned char* pImage, int nWidth, int nHeight, int* pRow, int* pCol)
 {
-    unsigned short nColPart[PROFILE_MAX] = {0};
+    uint16_t nColPart[PROFILE_MAX] = {0};
     int nPartRows = 0;
-    const __m128i vZero = _mm_setzero_si128();
-    const int nLastVector = nWidth - 2 - 15; // last x whose 16 lanes end at column W - 2
+    const size_t nInner = nWidth >= 2 ? static_cast<size_t>(nWidth - 2) : 0;  // columns 1 .. W - 2
     for (int y = 1; y <= nHeight - 2; ++y) {
         const unsigned char* pUp = pImage + (y - 1) * nWidth;
-        const unsigned char* pMid = pUp + nWidth;
-        const unsigned char* pDown = pMid + nWidth;
-        __m128i vRowSum = vZero;
-        int x = 1;
-        for (; x <= nLastVector; x += 16) {
-            const __m128i vLeft = _mm_loadu_si128((const __m128i*)(pMid + x - 1));
-            const __m128i vRight = _mm_loadu_si128((const __m128i*)(pMid + x + 1));
-            vRowSum = _mm_add_epi64(vRowSum, _mm_sad_epu8(vLeft, vRight));
-            const __m128i vCol = AbsDiff(_mm_loadu_si128((const __m128i*)(pUp + x)),
-                                         _mm_loadu_si128((const __m128i*)(pDown + x)));
-            __m128i* pLo = (__m128i*)(nColPart + x);
-            __m128i* pHi = (__m128i*)(nColPart + x + 8);
-            _mm_storeu_si128(pLo, _mm_add_epi16(_mm_loadu_si128(pLo), _mm_unpacklo_epi8(vCol, vZero)));
-            _mm_storeu_si128(pHi, _mm_add_epi16(_mm_loadu_si128(pHi), _mm_unpackhi_epi8(vCol, vZero)));
-        }
-        int nRowSum = _mm_cvtsi128_si32(vRowSum) + _mm_cvtsi128_si32(_mm_srli_si128(vRowSum, 8));
-        for (; x <= nWidth - 2; ++x) {
-            nRowSum += std::abs(pMid[x - 1] - pMid[x + 1]);
-            nColPart[x] = (unsigned short)(nColPart[x] + std::abs(pUp[x] - pDown[x]));
-        }
-        pRow[y] = nRowSum;
+        const imageproc::Rows3 rows = {pUp + 1, pUp + nWidth + 1, pUp + 2 * nWidth + 1};
+        unsigned nRowSum = 0;
+        size_t nDone = 0;
+#if defined(__SSE2__)
+        nDone = imageproc::GradientRowSse2(rows, nColPart + 1, nInner, nRowSum);
+#endif
+        imageproc::GradientRow(rows, nColPart + 1, nDone, nInner, nRowSum);
+        pRow[y] = static_cast<int>(nRowSum);
         if (++nPartRows == 257 || y == nHeight - 2) {
             for (int c = 0; c < nWidth; ++c) {
                 pCol[c] += nColPart[c];
@@ -213,4 +195,12 @@ int CImageProc::GetStdDeviation(int nWidth, int nHeight, unsigned char* pImage, 
         }
     }
     return (int)std::sqrt((double)nSquares / (double)nDivisor);
+}
+
+void imageproc::GradientRow(const Rows3& rows, uint16_t* pColSum, size_t nFrom, size_t n, unsigned& nRowSum)
+{
+    for (size_t x = nFrom; x < n; ++x) {
+        nRowSum += static_cast<unsigned>(std::abs(rows.pCentre[x - 1] - rows.pCentre[x + 1]));
+        pColSum[x] = static_cast<uint16_t>(pColSum[x] + std::abs(rows.pAbove[x] - rows.pBelow[x]));
+    }
 }

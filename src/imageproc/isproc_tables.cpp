@@ -154,18 +154,12 @@ void BuildFreshModifyTables(tagModifyEntry* const* ppTable, tagModifyEntry* cons
 
 } // namespace imageproc
 
-// A rebuild also drops the table's compact form: the next correction
-// derives it again from the entries.
 void CImageProc::InitModifyTable()
 {
     BuildModifyTable(m_ppModifyTable, kTable, false);
-    if (m_pPrivate)
-        m_pPrivate->calc = CPrivate::Slot();
 }
 
 void CImageProc::InitModifyTableEx()
 {
     BuildModifyTable(m_ppModifyTableEx, kTableEx, false);
-    if (m_pPrivate)
-        m_pPrivate->ex = CPrivate::Slot();
 }

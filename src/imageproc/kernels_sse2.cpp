@@ -1,11 +1,14 @@
-// SSE2 forms of the 3 x 3 row kernels, 16 pixels at a time. A row of 16 or
-// more pixels is done whole, its last 16 overlapping the block before (the
-// output must not overlap the rows); a shorter one is left to the plain
-// loop. Each returns how many pixels it did.
+// SSE2 forms of the row kernels, 16 pixels at a time. A 3 x 3 filter row of
+// 16 or more pixels is done whole, its last 16 overlapping the block before
+// (the output must not overlap the rows); a shorter one is left to the plain
+// loop. The other kernels do whole blocks of 16 and leave the rest to the
+// plain loop. Each returns how many pixels it did.
 #include "imageproc/kernels.h"
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
+
+#include "imageproc/grey_level_sse2.h"
 
 namespace imageproc {
 
@@ -106,6 +109,122 @@ size_t Mean3RowSse2(const Rows3& rows, unsigned char* pOut, size_t n)
 size_t Median3RowSse2(const Rows3& rows, unsigned char* pOut, size_t n)
 {
     return WholeRow<Median16>(rows, pOut, n);
+}
+
+size_t GreyRowSse2(const unsigned char* pTop, const unsigned char* pBottom, unsigned char* pOut, size_t n, int nParity)
+{
+    // Eight pixel pairs (x even, x + 1) per 16-bit lane: the low byte of a
+    // lane loaded at x is the even pixel's sample, the high byte the odd
+    // pixel's. The even pixel's TR is the odd pixel's TL and the even
+    // pixel's BR the odd pixel's BL, so four loads give all samples:
+    // TL/TR(even) from top[x], TR(odd) from top[x + 1], BL/BR(even) from
+    // bottom[x], BR(odd) from bottom[x + 1]. Sums are at most 765, and
+    // (v x 21846) >> 16 is v / 3 for all of them.
+    const __m128i lowByte = _mm_set1_epi16(0x00FF);
+    const __m128i third = _mm_set1_epi16(static_cast<short>(21846));
+    size_t x = 0;
+    // Reads reach x + 16, so a block needs x + 16 <= n.
+    for (; x + 16 <= n; x += 16) {
+        const __m128i t0 = Load(pTop + x);
+        const __m128i t1 = Load(pTop + x + 1);
+        const __m128i b0 = Load(pBottom + x);
+        const __m128i b1 = Load(pBottom + x + 1);
+        const __m128i topEven = _mm_and_si128(t0, lowByte);   // TL of the even pixel
+        const __m128i topOdd = _mm_srli_epi16(t0, 8);         // TR even = TL odd
+        const __m128i topNext = _mm_srli_epi16(t1, 8);        // TR of the odd pixel
+        const __m128i botEven = _mm_and_si128(b0, lowByte);   // BL of the even pixel
+        const __m128i botOdd = _mm_srli_epi16(b0, 8);         // BR even = BL odd
+        const __m128i botNext = _mm_srli_epi16(b1, 8);        // BR of the odd pixel
+        const __m128i aEven = _mm_add_epi16(topEven, botOdd);  // TL + BR
+        const __m128i bEven = _mm_add_epi16(topOdd, botEven);  // TR + BL
+        const __m128i aOdd = _mm_add_epi16(topOdd, botNext);
+        const __m128i bOdd = _mm_add_epi16(topNext, botOdd);
+        __m128i sumEven;
+        __m128i sumOdd;
+        if ((nParity & 1) == 0) {  // even x: x + parity even
+            sumEven = _mm_add_epi16(aEven, _mm_srli_epi16(bEven, 1));
+            sumOdd = _mm_add_epi16(bOdd, _mm_srli_epi16(aOdd, 1));
+        } else {
+            sumEven = _mm_add_epi16(bEven, _mm_srli_epi16(aEven, 1));
+            sumOdd = _mm_add_epi16(aOdd, _mm_srli_epi16(bOdd, 1));
+        }
+        const __m128i greyEven = _mm_mulhi_epu16(sumEven, third);
+        const __m128i greyOdd = _mm_mulhi_epu16(sumOdd, third);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut + x), _mm_or_si128(greyEven, _mm_slli_epi16(greyOdd, 8)));
+    }
+    return x;
+}
+
+// Row sums by SAD, column sums in 16-bit lanes.
+size_t GradientRowSse2(const Rows3& rows, uint16_t* pColSum, size_t n, unsigned& nRowSum)
+{
+    const __m128i zero = _mm_setzero_si128();
+    __m128i rowSum = zero;
+    size_t x = 0;
+    for (; x + 16 <= n; x += 16) {
+        rowSum = _mm_add_epi64(rowSum, _mm_sad_epu8(Load(rows.pCentre + x - 1), Load(rows.pCentre + x + 1)));
+        const __m128i col = greylevel::AbsDiff(Load(rows.pAbove + x), Load(rows.pBelow + x));
+        __m128i* pLo = reinterpret_cast<__m128i*>(pColSum + x);
+        __m128i* pHi = reinterpret_cast<__m128i*>(pColSum + x + 8);
+        _mm_storeu_si128(pLo, _mm_add_epi16(_mm_loadu_si128(pLo), _mm_unpacklo_epi8(col, zero)));
+        _mm_storeu_si128(pHi, _mm_add_epi16(_mm_loadu_si128(pHi), _mm_unpackhi_epi8(col, zero)));
+    }
+    nRowSum += static_cast<unsigned>(_mm_cvtsi128_si32(rowSum) + _mm_cvtsi128_si32(_mm_srli_si128(rowSum, 8)));
+    return x;
+}
+
+size_t ActivityRowSse2(const Rows3& rows, uint16_t* pCount, unsigned char byStep, size_t n)
+{
+    const __m128i step = _mm_set1_epi8(static_cast<char>(byStep));
+    const __m128i one = _mm_set1_epi8(1);
+    const __m128i zero = _mm_setzero_si128();
+    size_t x = 0;
+    for (; x + 16 <= n; x += 16) {
+        // A lane is nonzero where a difference exceeds the step.
+        const __m128i over =
+            _mm_or_si128(_mm_subs_epu8(greylevel::AbsDiff(Load(rows.pCentre + x - 1), Load(rows.pCentre + x + 1)), step),
+                         _mm_subs_epu8(greylevel::AbsDiff(Load(rows.pAbove + x), Load(rows.pBelow + x)), step));
+        const __m128i hit = _mm_andnot_si128(_mm_cmpeq_epi8(over, zero), one);
+        __m128i* pLo = reinterpret_cast<__m128i*>(pCount + x);
+        __m128i* pHi = reinterpret_cast<__m128i*>(pCount + x + 8);
+        _mm_storeu_si128(pLo, _mm_add_epi16(_mm_loadu_si128(pLo), _mm_unpacklo_epi8(hit, zero)));
+        _mm_storeu_si128(pHi, _mm_add_epi16(_mm_loadu_si128(pHi), _mm_unpackhi_epi8(hit, zero)));
+    }
+    return x;
+}
+
+size_t AddColumnDiffSse2(int16_t* pDiff, const unsigned char* pXIn, const unsigned char* pYIn,
+                         const unsigned char* pXOut, const unsigned char* pYOut, size_t n)
+{
+    const __m128i zero = _mm_setzero_si128();
+    size_t k = 0;
+    for (; k + 16 <= n; k += 16) {
+        const __m128i xIn = Load(pXIn + k);
+        const __m128i yIn = Load(pYIn + k);
+        const __m128i xOut = Load(pXOut + k);
+        const __m128i yOut = Load(pYOut + k);
+        const __m128i lo = _mm_sub_epi16(_mm_sub_epi16(_mm_unpacklo_epi8(xIn, zero), _mm_unpacklo_epi8(yIn, zero)),
+                                         _mm_sub_epi16(_mm_unpacklo_epi8(xOut, zero), _mm_unpacklo_epi8(yOut, zero)));
+        const __m128i hi = _mm_sub_epi16(_mm_sub_epi16(_mm_unpackhi_epi8(xIn, zero), _mm_unpackhi_epi8(yIn, zero)),
+                                         _mm_sub_epi16(_mm_unpackhi_epi8(xOut, zero), _mm_unpackhi_epi8(yOut, zero)));
+        __m128i* pLo = reinterpret_cast<__m128i*>(pDiff + k);
+        __m128i* pHi = reinterpret_cast<__m128i*>(pDiff + k + 8);
+        _mm_storeu_si128(pLo, _mm_add_epi16(_mm_loadu_si128(pLo), lo));
+        _mm_storeu_si128(pHi, _mm_add_epi16(_mm_loadu_si128(pHi), hi));
+    }
+    return k;
+}
+
+size_t TakeWhereSse2(unsigned char* pDst, const unsigned char* pSrc, const unsigned char* pTake, size_t n)
+{
+    const __m128i zero = _mm_setzero_si128();
+    size_t k = 0;
+    for (; k + 16 <= n; k += 16) {
+        const __m128i keep = _mm_cmpeq_epi8(Load(pTake + k), zero);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pDst + k),
+                         _mm_or_si128(_mm_andnot_si128(keep, Load(pSrc + k)), _mm_and_si128(keep, Load(pDst + k))));
+    }
+    return k;
 }
 
 } // namespace imageproc

@@ -15,8 +15,7 @@ void BuildFreshModifyTables(tagModifyEntry* const* ppTable, tagModifyEntry* cons
 
 // The bilinear weights of an entry, in the order of its four neighbours
 // (top left, top right, bottom right, bottom left), from its row and column
-// fractions, in single precision: what the table build stores and what the
-// compact form of a table recomputes.
+// fractions, in single precision: what the table build stores.
 inline void BilinearWeights(float fr, float fc, float (&afWeight)[4])
 {
     const float fRowNear = 1.0f - fr;

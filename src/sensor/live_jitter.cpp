@@ -4,10 +4,6 @@
 
 #include <cstring>
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
 namespace oberin {
 
 namespace {
@@ -64,6 +60,15 @@ void CLiveJitter::Next(unsigned char* pOut, size_t n)
     std::memcpy(m_anHistory, a + n, sizeof m_anHistory);
 }
 
+void DarkenAndIndex(const unsigned char* pBg, const unsigned char* pIn, const unsigned char* pJitter,
+                    unsigned char* pDark, uint16_t* pAt, size_t nFrom, size_t n)
+{
+    for (size_t i = nFrom; i < n; ++i) {
+        pDark[i] = static_cast<unsigned char>(pBg[i] > pIn[i] ? pBg[i] - pIn[i] : 0);
+        pAt[i] = static_cast<uint16_t>(pDark[i] * kJitterSpan + pJitter[i]);
+    }
+}
+
 void MapJittered(unsigned int nSeed, const unsigned char* pBackground, unsigned char* pFrame,
                  unsigned char* pOutput, size_t n, bool bKeepPrint, const unsigned char (&abyShown)[256 * kJitterSpan])
 {
@@ -76,30 +81,15 @@ void MapJittered(unsigned int nSeed, const unsigned char* pBackground, unsigned 
         jitter.Next(abyJitter, nCount);
         const unsigned char* pBg = pBackground + nStart;
         unsigned char* pIn = pFrame + nStart;
-        size_t i = 0;
+        size_t nDone = 0;
 #if defined(__SSE2__)
-        // The darkening, saturated at 0, and the table index, 16 pixels at a time.
-        const __m128i zero = _mm_setzero_si128();
-        const __m128i span = _mm_set1_epi16(kJitterSpan);
-        for (; i + 16 <= nCount; i += 16) {
-            const __m128i d = _mm_subs_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pBg + i)),
-                                            _mm_loadu_si128(reinterpret_cast<const __m128i*>(pIn + i)));
-            const __m128i j = _mm_loadu_si128(reinterpret_cast<const __m128i*>(abyJitter + i));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(abyDark + i), d);
-            const __m128i lo = _mm_add_epi16(_mm_mullo_epi16(_mm_unpacklo_epi8(d, zero), span), _mm_unpacklo_epi8(j, zero));
-            const __m128i hi = _mm_add_epi16(_mm_mullo_epi16(_mm_unpackhi_epi8(d, zero), span), _mm_unpackhi_epi8(j, zero));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(anAt + i), lo);
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(anAt + i + 8), hi);
-        }
+        nDone = DarkenAndIndexSse2(pBg, pIn, abyJitter, abyDark, anAt, nCount);
 #endif
-        for (; i < nCount; ++i) {
-            abyDark[i] = static_cast<unsigned char>(pBg[i] > pIn[i] ? pBg[i] - pIn[i] : 0);
-            anAt[i] = static_cast<uint16_t>(abyDark[i] * kJitterSpan + abyJitter[i]);
-        }
+        DarkenAndIndex(pBg, pIn, abyJitter, abyDark, anAt, nDone, nCount);
         if (bKeepPrint)
             std::memcpy(pIn, abyDark, nCount);
         unsigned char* pOut = pOutput + nStart;
-        for (i = 0; i < nCount; ++i)
+        for (size_t i = 0; i < nCount; ++i)
             pOut[i] = abyShown[anAt[i]];
     }
 }

@@ -44,6 +44,17 @@ private:
     uint32_t m_anHistory[kHistory];  // the last kHistory values of r given out
 };
 
+// For i from nFrom to n - 1: the darkening pDark[i] = background - frame, or
+// 0 where negative, and the index pAt[i] = pDark[i] x 9 + pJitter[i] of the
+// jittered mapping's table.
+void DarkenAndIndex(const unsigned char* pBg, const unsigned char* pIn, const unsigned char* pJitter,
+                    unsigned char* pDark, uint16_t* pAt, size_t nFrom, size_t n);
+#if defined(__SSE2__)
+// The same from the start, 16 pixels at a time; returns how many it did.
+size_t DarkenAndIndexSse2(const unsigned char* pBg, const unsigned char* pIn, const unsigned char* pJitter,
+                          unsigned char* pDark, uint16_t* pAt, size_t n);
+#endif
+
 // The jittered mapping of n pixels: with d = background - frame, or 0 where
 // negative, pOutput[i] = abyShown[d x 9 + the i-th jitter draw after
 // srandom(nSeed)]; with bKeepPrint the frame receives d.

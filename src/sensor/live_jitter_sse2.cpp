@@ -1,4 +1,5 @@
-// SSE2 form of the jitter block: four values of r at a time, by
+// SSE2 forms of the jitter block and of the darkening and table index of
+// the jittered mapping. The jitter block: four values of r at a time, by
 // r[j] = r[j - 6] + r[j - 34] + r[j - 31] (r[j - 3] expanded once), whose
 // nearest term lies two vectors back, and the remainder by 9 through a
 // multiply by 2^33 / 9 rounded up, exact for every 32-bit value.
@@ -49,6 +50,25 @@ size_t CLiveJitter::ExtendSse2(uint32_t* a, unsigned char* pOut, size_t n)
         _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut + k), _mm_packus_epi16(lo, hi));
     }
     return nDone;
+}
+
+size_t DarkenAndIndexSse2(const unsigned char* pBg, const unsigned char* pIn, const unsigned char* pJitter,
+                          unsigned char* pDark, uint16_t* pAt, size_t n)
+{
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i span = _mm_set1_epi16(kJitterSpan);
+    size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m128i d = _mm_subs_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pBg + i)),
+                                        _mm_loadu_si128(reinterpret_cast<const __m128i*>(pIn + i)));
+        const __m128i j = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pJitter + i));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pDark + i), d);
+        const __m128i lo = _mm_add_epi16(_mm_mullo_epi16(_mm_unpacklo_epi8(d, zero), span), _mm_unpacklo_epi8(j, zero));
+        const __m128i hi = _mm_add_epi16(_mm_mullo_epi16(_mm_unpackhi_epi8(d, zero), span), _mm_unpackhi_epi8(j, zero));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pAt + i), lo);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(pAt + i + 8), hi);
+    }
+    return i;
 }
 
 } // namespace oberin

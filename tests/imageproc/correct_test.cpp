@@ -217,23 +217,23 @@ TEST(CorrectImageCalc, MatchesTheModelAndComputesEveryPixel)
     EXPECT_EQ(want, got);
 }
 
-// The tables are public and used as stored. A private processor's tables,
-// edited in scattered entries and read by the model too: neighbours
-// anywhere, weights summing beyond 1 (the low 8 bits count), a neighbour
-// outside the source or a row out of range (skipped), the four terms in
-// another order, and targets across the centre column (the whole left pass
-// comes after the right pass).
-TEST(CorrectImageCalc, FollowsEditedTables)
+// The tables are public and used as they stand at each call. A private
+// processor's tables, edited after it has corrected a frame, in scattered
+// entries and again in others, read by the model too: neighbours anywhere,
+// weights summing beyond 1 (the low 8 bits count), a neighbour outside the
+// source or a row out of range (skipped), the four terms in another order,
+// and targets across the centre column (the whole left pass comes after
+// the right pass).
+void EditEntries(CImageProc& proc, unsigned nSeed, int nRowPhase)
 {
-    std::unique_ptr<CImageProc> pProc(new CImageProc);
-    std::mt19937 gen(77);
+    std::mt19937 gen(nSeed);
     for (bool bEx : {false, true}) {
         const int nSide = bEx ? 650 : 660;
         const unsigned nLimit = bEx ? 1700u * 1300u : 1288u * 876u;
         for (int r = 0; r < nSide; ++r) {
             for (int c = 0; c < nSide / 2; ++c) {
-                tagModifyEntry& e = (bEx ? pProc->m_ppModifyTableEx : pProc->m_ppModifyTable)[r][c];
-                const int k = (r * 7 + c) % 17;
+                tagModifyEntry& e = (bEx ? proc.m_ppModifyTableEx : proc.m_ppModifyTable)[r][c];
+                const int k = (r * 7 + c + nRowPhase) % 17;
                 for (int n = 0; n < 4 && k < 2; ++n) {
                     if (k == 0)
                         e.nSrcIndex[n] = gen() % nLimit;
@@ -253,10 +253,32 @@ TEST(CorrectImageCalc, FollowsEditedTables)
             }
         }
     }
+}
+
+TEST(CorrectImageCalc, FollowsTheTablesAsTheyStandAtEachCall)
+{
+    std::unique_ptr<CImageProc> pProc(new CImageProc);
+    pProc->m_nDeviceType = 8;
     const Bytes src = testutil::RandomBytes(1800 * 1280, 78);
-    for (bool bEx : {false, true})
-        for (unsigned long nOut : {600ul, 500ul})
-            ExpectCalcMatches(*pProc, bEx, src, bEx ? 1800 : 1288, bEx ? 1280 : 876, nOut, nOut - 100);
+    unsigned char* pSrc = const_cast<unsigned char*>(src.data());
+    Bytes first(kOut), second(kOut);
+    ASSERT_EQ(1, pProc->CorrectImageCalcEx(pSrc, 1800, 1280, first.data(), 600, 600, 0, 0));
+    // One entry of the window made to take its top-left neighbour alone:
+    // its two pixels change.
+    float* const pfWeight = pProc->m_ppModifyTableEx[300][100].fWeight;
+    std::fill(pfWeight, pfWeight + 4, 0.0f);
+    pfWeight[0] = 1.0f;
+    ASSERT_EQ(1, pProc->CorrectImageCalcEx(pSrc, 1800, 1280, second.data(), 600, 600, 0, 0));
+    long nChanged = 0;
+    for (size_t i = 0; i < kOut; ++i)
+        nChanged += first[i] != second[i] ? 1 : 0;
+    EXPECT_EQ(2, nChanged);
+    for (unsigned nRound = 0; nRound < 2; ++nRound) {
+        EditEntries(*pProc, 77 + nRound, static_cast<int>(nRound) * 8);
+        for (bool bEx : {false, true})
+            for (unsigned long nOut : {600ul, 500ul})
+                ExpectCalcMatches(*pProc, bEx, src, bEx ? 1800 : 1288, bEx ? 1280 : 876, nOut, nOut - 100);
+    }
 }
 
 struct Shape {
