@@ -38,14 +38,14 @@ demo: build
 
 # Every stage beside OpenCV on x86_64, then the same benchmarks built for the
 # product ABI (i386, without an OpenCV of its own) and their medians set
-# beside the x86_64 ones and OpenCV's. The benchmarks' sensors keep their
-# settings in the build tree.
+# beside the x86_64 ones and OpenCV's. The benchmark program gives its sensors
+# a settings file of its own.
 bench: build-x86_64
 	@cmake --preset i386 -DTAVK05_BENCH=ON >build/configure-i386.log 2>&1 || (cat build/configure-i386.log; exit 1)
 	cmake --build --preset i386 --target bench_tavk05 -j$(JOBS)
-	TAVK05_CONF=$(CURDIR)/build/bench.conf TAVK05_BENCH_TABLE=$(CURDIR)/build/bench-x86_64.txt \
+	TAVK05_BENCH_TABLE=$(CURDIR)/build/bench-x86_64.txt \
 	  build/x86_64/bin/bench_tavk05 --benchmark_counters_tabular=true $(BENCH_ARGS)
-	TAVK05_CONF=$(CURDIR)/build/bench.conf TAVK05_BENCH_BESIDE=$(CURDIR)/build/bench-x86_64.txt \
+	TAVK05_BENCH_BESIDE=$(CURDIR)/build/bench-x86_64.txt \
 	  build/i386/bin/bench_tavk05 --benchmark_counters_tabular=true $(BENCH_ARGS)
 
 # How libfprint's bozorth3 matcher scores the virtual fingers (not part of
