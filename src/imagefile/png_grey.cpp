@@ -1,5 +1,5 @@
 // Grey PNG files through libpng (see png_grey.h).
-#include "png/png_grey.h"
+#include "imagefile/png_grey.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
