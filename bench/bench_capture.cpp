@@ -19,7 +19,7 @@
 
 #include <unistd.h>
 
-#include "../src/sensor/oberin_capture.h"
+#include "sensor/oberin_capture.h"
 #include "tavk05/virtual.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "../src/sensor/oberin_filter.h"
+#include "sensor/oberin_filter.h"
 #include "tavk05/virtual.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include <random>
 #include <vector>
 
-#include "../src/sensor/oberin_filter.h"
+#include "sensor/oberin_filter.h"
 #include "tavk05/isproc.h"
 
 #if defined(TAVK05_BENCH_OPENCV)

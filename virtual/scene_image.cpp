@@ -9,7 +9,7 @@
 #include <memory>
 #include <new>
 
-#include "png/png_grey.h"
+#include "imagefile/png_grey.h"
 #include "scene_compose.h"
 
 namespace tavk05virt {

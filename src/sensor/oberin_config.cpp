@@ -20,7 +20,7 @@
 #include <cstring>
 #include <string>
 
-#include "sensor/guarded_path.h"
+#include "guardedpath/guarded_path.h"
 #include "tavk05/oberin.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // Status texts, error reporting and the sensor session of the tavk05 command.
 #include "cli.h"
 
-#include "png/png_grey.h"
+#include "imagefile/png_grey.h"
 #include "tavk05/virtual.h"
 
 #include <dlfcn.h>

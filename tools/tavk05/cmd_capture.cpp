@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "cli.h"
-#include "png/png_grey.h"
+#include "imagefile/png_grey.h"
 #include "profile/model_profile.h"
 #include "tavk05/mark.h"
 

@@ -10,7 +10,7 @@
 
 #include "cli.h"
 #include "profile/model_profile.h"
-#include "sensor/guarded_path.h"
+#include "guardedpath/guarded_path.h"
 
 namespace cli {
 

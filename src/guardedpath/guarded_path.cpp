@@ -1,5 +1,5 @@
 // Path walk that refuses links planted by other users (see guarded_path.h).
-#include "sensor/guarded_path.h"
+#include "guardedpath/guarded_path.h"
 
 #include <fcntl.h>
 #include <limits.h>

@@ -1,6 +1,6 @@
 // Grey PNG files through libpng (see png_grey.h).
-#include "png/png_grey.h"
-#include "sensor/guarded_path.h"
+#include "imagefile/png_grey.h"
+#include "guardedpath/guarded_path.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -14,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include "png/png_grey.h"
+#include "imagefile/png_grey.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "calibration/calibmodel_solve.h"
+#include "calibmodel_solve.h"
 
 namespace tavk05cal {
 

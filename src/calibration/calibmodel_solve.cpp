@@ -1,4 +1,4 @@
-#include "calibration/calibmodel_solve.h"
+#include "calibmodel_solve.h"
 
 namespace tavk05cal {
 
