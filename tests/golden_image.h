@@ -27,9 +27,8 @@ inline ::testing::AssertionResult MatchesGolden(const std::vector<unsigned char>
     std::string strError;
     const char* pszRegen = std::getenv("TAVK05_REGEN_GOLDEN");
     if (pszRegen != nullptr && std::string(pszRegen) == "1") {
-        if (!tavk05png::WriteGrey(strPath, image.data(), nWidth, nHeight, &strError))
-            return ::testing::AssertionFailure() << strError;
-        return ::testing::AssertionSuccess();
+        const bool bWritten = tavk05png::WriteGrey(strPath, image.data(), nWidth, nHeight, &strError);
+        return bWritten ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << strError;
     }
     tavk05png::GreyImage golden;
     if (!tavk05png::ReadGrey(strPath, &golden, &strError))
