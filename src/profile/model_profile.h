@@ -177,15 +177,19 @@ constexpr bool IsNewFirmware(int nFirmware)
 // no row has.
 constexpr int DeviceTypeOf(unsigned short wProduct, unsigned short wBcdDevice, ModelTable table = kBuiltInModels)
 {
-    const ModelProfile* pBest = nullptr;
+    // The best row kept by its values: a compared pointer is not constant under UBSan.
+    int nType = 0;
+    long nBestSpan = 0x10000;
     for (const ModelProfile& row : table) {
         if (!row.bFromDescriptor || row.wProduct != wProduct) continue;
         if (wBcdDevice < row.wFirmwareLow || wBcdDevice > row.wFirmwareHigh) continue;
-        if (pBest == nullptr || row.wFirmwareHigh - row.wFirmwareLow < pBest->wFirmwareHigh - pBest->wFirmwareLow) {
-            pBest = &row;
+        const long nSpan = static_cast<long>(row.wFirmwareHigh) - row.wFirmwareLow;
+        if (nSpan < nBestSpan) {
+            nBestSpan = nSpan;
+            nType = row.nDeviceType;
         }
     }
-    return pBest != nullptr ? pBest->nDeviceType : 0;
+    return nType;
 }
 
 // idProduct and default firmware of a model as a virtual unit reports them.
