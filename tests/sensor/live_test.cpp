@@ -452,8 +452,8 @@ TEST_F(LiveTest, LatentWait)
         unsigned long nTimeoutMs, nResult;
         int nReads;  // kSeveral: more than one; kThenFrames: three latent, one clean, then frames
     } aCases[] = {
-        {"latent", "", true, ReplyAt(0, 3), 60000, 54, 1}, {"latent", "", true, nullptr, 200, 54, kSeveral},
-        {"latent", "", false, nullptr, 200, 54, kSeveral}, {"latent", "fail=21", true, nullptr, 60000, 53, 0},
+        {"latent", "", true, ReplyAt(0, 3), 60000, 54, 1}, {"latent", "", true, nullptr, 1000, 54, kSeveral},
+        {"latent", "", false, nullptr, 1000, 54, kSeveral}, {"latent", "fail=21", true, nullptr, 60000, 53, 0},
         {"latent", "fail=22", true, nullptr, 60000, 53, 1}, {"flat,latent=3", "", true, ReplyAt(4, 6), 60000, 0, kThenFrames},
     };
     for (const auto& c : aCases) {
