@@ -6,6 +6,7 @@
 #include <cctype>
 #include <climits>
 
+#include "profile/model_profile.h"
 #include "vscanner_registry.h"
 #include "vscanner_render.h"
 #include "vscanner_requests.h"
@@ -156,7 +157,8 @@ const KeyDef kKeys[] = {
     {"model", kNeedsValue,
      [](const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError) {
          unsigned long n = 0;
-         if (!NumberIn(strKey, strValue, 3, 8, &n, pError)) return false;
+         if (!NumberIn(strKey, strValue, tavk05profile::FirstModel(), tavk05profile::LastModel(), &n, pError))
+             return false;
          pKeys->nModel = static_cast<int>(n);
          return true;
      }},

@@ -51,17 +51,6 @@ void FillPointwise(const CGeometry& geo, float* pfFx, float* pfFy)
 
 }  // namespace
 
-// The model profile row whose frames a path corrects.
-static const tavk05profile::ModelProfile& ProfileOfPath(Path ePath)
-{
-    switch (ePath) {
-    case PATH_TABLE_1288: return tavk05profile::ProfileOf(6, false);
-    case PATH_TABLE_1800: return tavk05profile::ProfileOf(6, true);
-    case PATH_CALC_1288: return tavk05profile::ProfileOf(7, false);
-    case PATH_CALC_1800: return tavk05profile::ProfileOf(7, true);
-    default: return tavk05profile::ProfileOf(4, false);
-    }
-}
 
 Path PathForDevice(int nDeviceType, unsigned int nFirmware)
 {
@@ -76,10 +65,16 @@ Path PathForDevice(int nDeviceType, unsigned int nFirmware)
     return profile.nRawWidth == tavk05profile::kMidWidth ? PATH_TABLE_1288 : PATH_TABLE_1280;
 }
 
+// The raw geometry a path corrects: the mid-sized sensor for the 1288 paths,
+// the large one for the 1800 paths, the small one for the main tables.
 void RawSize(Path ePath, int* pnWidth, int* pnHeight)
 {
-    *pnWidth = static_cast<int>(ProfileOfPath(ePath).nRawWidth);
-    *pnHeight = static_cast<int>(ProfileOfPath(ePath).nRawHeight);
+    const bool bMid = ePath == PATH_TABLE_1288 || ePath == PATH_CALC_1288;
+    const bool bLarge = ePath == PATH_TABLE_1800 || ePath == PATH_CALC_1800;
+    *pnWidth = static_cast<int>(bLarge ? tavk05profile::kLargeWidth : bMid ? tavk05profile::kMidWidth
+                                                                          : tavk05profile::kSmallWidth);
+    *pnHeight = static_cast<int>(bLarge ? tavk05profile::kLargeHeight : bMid ? tavk05profile::kMidHeight
+                                                                            : tavk05profile::kSmallHeight);
 }
 
 CGeometry::CGeometry(Path ePath)

@@ -5,6 +5,7 @@
 #include "imageproc/kernels.h"
 #include "tavk05/isproc.h"
 #include "grey_level.h"
+#include "profile/model_profile.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -32,12 +33,12 @@ enum { RESULT_CONTINUE = 0, RESULT_COMPLETE = 1, RESULT_TOO_FAST = 2 };
 // Background subtraction and grey mapping of the whole frame into pGrey.
 // d = background - frame (at least 0); then, by mode:
 //   no contrast table:  255 - 3d
-//   device type 7:      (125 - d) x contrast
+//   a roll base:        (base - d) x contrast (the model profile's nRollBase)
 //   otherwise:          (table[255 - 3d] + jitter of -4..+4 from rand()) x contrast
 // all clamped to 0..255. Products are formed in double, which holds them
 // exactly, and the per-level results are tabulated once per frame.
 void ConvertFrame(const unsigned char* pFrame, const unsigned char* pBackground, int bContrastTable,
-                  const unsigned char* pTable, int nDeviceType, float fContrast, unsigned char* pGrey)
+                  const unsigned char* pTable, int nRollBase, float fContrast, unsigned char* pGrey)
 {
     if (bContrastTable == 0) {
         for (int i = 0; i < SIDE * SIDE; ++i) {
@@ -45,10 +46,10 @@ void ConvertFrame(const unsigned char* pFrame, const unsigned char* pBackground,
         }
         return;
     }
-    if (nDeviceType == 7) {
+    if (nRollBase != 0) {
         unsigned char ucMap[256];
         for (int d = 0; d < 256; ++d)
-            ucMap[d] = greylevel::Truncate((double)(125 - d) * (double)fContrast);
+            ucMap[d] = greylevel::Truncate((double)(nRollBase - d) * (double)fContrast);
         for (int i = 0; i < SIDE * SIDE; ++i) {
             pGrey[i] = ucMap[greylevel::Darkening(pBackground[i], pFrame[i])];
         }
@@ -221,16 +222,18 @@ int CImageProc::ImageComposition(unsigned char* pFrame, unsigned char* pComposit
     std::unique_ptr<unsigned char[]> pGrey(new (std::nothrow) unsigned char[IMG_PIXELS]);
     if (!pGrey)
         return RESULT_CONTINUE;
-    ConvertFrame(pFrame, m_pBackground, m_bContrastTable, m_ucContrastTable, m_nDeviceType, fContrast,
+    const tavk05profile::ModelProfile& profile =
+        tavk05profile::ProfileOf(m_nDeviceType, false, tavk05profile::LibraryModels());
+    ConvertFrame(pFrame, m_pBackground, m_bContrastTable, m_ucContrastTable, profile.nRollBase, fContrast,
                  pGrey.get());
 
     int nActivity[SIDE];
     int nSmooth[SIDE];
     ActivityProfile(pGrey.get(), nActivity);
 
-    // Devices 5 and 6 merge the frame's own pixels; the finger is still
+    // Shaded models merge the frame's own pixels; the finger is still
     // located on the converted image.
-    const unsigned char* pNew = (m_nDeviceType == 5 || m_nDeviceType == 6) ? pFrame : pGrey.get();
+    const unsigned char* pNew = profile.bShading ? pFrame : pGrey.get();
 
     SmoothProfile(nActivity, nSmooth);
     int nPeak = nSmooth[0];

@@ -22,6 +22,7 @@
 //
 // The vector kernels are in correct_sse2.cpp.
 #include "imageproc/correct_geometry.h"
+#include "profile/model_profile.h"
 #include "tavk05/isproc.h"
 
 #include <algorithm>
@@ -349,7 +350,7 @@ int CImageProc::CorrectImage(unsigned char* pSrc, unsigned long nSrcWidth, unsig
     if (nDstWidth + nOffsetX - 1 >= nSrcWidth || nDstHeight + nOffsetY - 1 >= nSrcHeight)
         return 0;
 
-    const bool b1103 = m_nDeviceType >= 5 && m_nDeviceType <= 8;
+    const bool b1103 = tavk05profile::ProfileOf(m_nDeviceType, false, tavk05profile::LibraryModels()).bTables1103;
     const unsigned nOrigin = b1103 ? kTable1103Top * kTableStride + kTable1103Left
                                    : kTableTop * kTableStride + kTableLeft;
     const unsigned short* pX = (b1103 ? usXtable1103 : usXtable) + nOrigin;

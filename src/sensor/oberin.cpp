@@ -9,8 +9,10 @@
 namespace {
 
 // What a new sensor assumes until it opens a device.
-constexpr const tavk05profile::ModelProfile& kDefaultProfile =
-    tavk05profile::ProfileOf(tavk05profile::kDefaultDeviceType, false);
+const tavk05profile::ModelProfile& DefaultProfile()
+{
+    return tavk05profile::ProfileOf(tavk05profile::kDefaultDeviceType, false, tavk05profile::LibraryModels());
+}
 
 // The three work buffers of a sensor, taken all or nothing: each is held here
 // until all three are had, and handed to the sensor only then.
@@ -53,13 +55,13 @@ COberin::COberin(ISensor::tagCreateParam* /*pParam: not read*/)
       m_pRawBuf(nullptr),
       m_pRawCopyBuf(nullptr),
       m_pGreyBuf(nullptr),
-      m_nFrameBytes(kDefaultProfile.nFrameBytes),
+      m_nFrameBytes(DefaultProfile().nFrameBytes),
       m_nWidth(IMG_WIDTH),
       m_nHeight(IMG_HEIGHT),
       m_nGain(2),
       m_bPixelInvert(1),
       m_nContrast(20),
-      m_fContrastFactor(kDefaultProfile.fContrastFactor),
+      m_fContrastFactor(DefaultProfile().fContrastFactor),
       m_nBrightness(40),
       m_pCallbackContext(nullptr),
       m_CallbackInfo(),  // filled by the capture loops before each call
@@ -69,9 +71,9 @@ COberin::COberin(ISensor::tagCreateParam* /*pParam: not read*/)
       m_bCaptureEnable(true),
       m_wLedMode(0),
       m_nRollMode(0),
-      m_nDeviceType(kDefaultProfile.nDeviceType),
-      m_nRawWidth(kDefaultProfile.nRawWidth),
-      m_nRawHeight(kDefaultProfile.nRawHeight),
+      m_nDeviceType(DefaultProfile().nDeviceType),
+      m_nRawWidth(DefaultProfile().nRawWidth),
+      m_nRawHeight(DefaultProfile().nRawHeight),
       m_nScanMode(0),
       m_wDeviceIndex(0),
       m_bDevInitialized(false)

@@ -10,44 +10,21 @@ namespace {
 
 const unsigned long kMaxContrast = 100;
 
-// Factor = (contrast - neutral) x step + base, by model and firmware; the
-// bases and neutral contrasts are those of the model profile.
+// Factor = (contrast - neutral) x step + base; the base and the neutral
+// contrast are the model profile's.
 const double kFactorStep = 0.02;
-using tavk05profile::ProfileOf;
-const long kNeutralContrast = ProfileOf(0, false).nNeutralContrast;
-const long kNeutralContrastModel5 = ProfileOf(5, false).nNeutralContrast;
-const double kBaseModel78NewFirmware = ProfileOf(7, true).dContrastBase;
-const double kBaseModel78OldFirmware = ProfileOf(7, false).dContrastBase;
-const double kBaseModel56 = ProfileOf(5, false).dContrastBase;
-const double kBaseOther = ProfileOf(0, false).dContrastBase;
 
 // Contrast table: a sigmoid around level 160 composed with a gamma curve.
 const double kGamma = 0.4;
 const double kSlope = 4.0;
 const double kCentre = 160.0;
 
-float ContrastFactor(int nDeviceType, bool bNewFirmware, unsigned long nContrast)
+float ContrastFactor(const tavk05profile::ModelProfile& profile, unsigned long nContrast)
 {
     // The contrast is taken as signed, so contrasts below the neutral one
     // give factors below the base.
     const long c = static_cast<long>(nContrast);
-    double fFactor;
-    switch (nDeviceType) {
-    case 7:
-    case 8:
-        fFactor = static_cast<double>(c - kNeutralContrast) * kFactorStep +
-                  (bNewFirmware ? kBaseModel78NewFirmware : kBaseModel78OldFirmware);
-        break;
-    case 5:
-        fFactor = static_cast<double>(c - kNeutralContrastModel5) * kFactorStep + kBaseModel56;
-        break;
-    case 6:
-        fFactor = static_cast<double>(c - kNeutralContrast) * kFactorStep + kBaseModel56;
-        break;
-    default:
-        fFactor = static_cast<double>(c - kNeutralContrast) * kFactorStep + kBaseOther;
-        break;
-    }
+    const double fFactor = static_cast<double>(c - profile.nNeutralContrast) * kFactorStep + profile.dContrastBase;
     return static_cast<float>(fFactor);
 }
 
@@ -92,9 +69,10 @@ unsigned long COberin::SetContrast(unsigned long nContrast)
         return m_nError;
     }
     m_nContrast = nContrast;
-    m_fContrastFactor = ContrastFactor(m_nDeviceType, oberin::HasNewFirmware(m_pVxd), nContrast);
-    if (m_nDeviceType == 5 || m_nDeviceType == 6) {
-        // These models scale in the capture itself and use no table.
+    const tavk05profile::ModelProfile& profile = oberin::ProfileOf(*this);
+    m_fContrastFactor = ContrastFactor(profile, nContrast);
+    if (profile.bShading) {
+        // Shaded models scale in the capture itself and use no table.
         m_ImageProc.m_bContrastTable = 0;
     } else {
         BuildContrastTable(m_ImageProc.m_ucContrastTable);

@@ -109,9 +109,9 @@ void MapContrast(const COberin& sensor, unsigned char* pFrame, unsigned char* pO
     const CImageProc& proc = sensor.m_ImageProc;
     if (pFrame == nullptr || pOutput == nullptr || proc.m_pBackground == nullptr) return;
 
-    const int nType = sensor.m_nDeviceType;
-    if (nType == 5 || nType == 6) {
-        // These models are shaded and scaled at capture; the frame is shown as it is.
+    const tavk05profile::ModelProfile& profile = ProfileOf(sensor);
+    if (profile.bShading) {
+        // Shaded models are shaded and scaled at capture; the frame is shown as it is.
         if (pOutput != pFrame) std::memcpy(pOutput, pFrame, kPixels);
         return;
     }
@@ -126,8 +126,8 @@ void MapContrast(const COberin& sensor, unsigned char* pFrame, unsigned char* pO
             if (bKeepPrint) pFrame[i] = static_cast<unsigned char>(d);
             pOutput[i] = static_cast<unsigned char>(Lightness(d));
         }
-    } else if (proc.m_bContrastTable == 1 && (nType == 7 || nType == 8)) {
-        const int nBase = tavk05profile::ProfileOf(nType, HasNewFirmware(sensor.m_pVxd)).nPreviewBase;
+    } else if (proc.m_bContrastTable == 1 && profile.nPreviewBase != 0) {
+        const int nBase = profile.nPreviewBase;
         unsigned char byMap[256];
         for (int d = 0; d < 256; ++d) byMap[d] = greylevel::Truncate(static_cast<double>(nBase - d) * fFactor);
         for (int i = 0; i < kPixels; ++i) {

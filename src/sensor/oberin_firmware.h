@@ -17,7 +17,8 @@ inline bool HasNewFirmware(CVxdInterface* pVxd)
 
 inline const tavk05profile::ModelProfile& ProfileOf(const COberin& sensor)
 {
-    return tavk05profile::ProfileOf(sensor.m_nDeviceType, HasNewFirmware(sensor.m_pVxd));
+    return tavk05profile::ProfileOf(sensor.m_nDeviceType, HasNewFirmware(sensor.m_pVxd),
+                                    tavk05profile::LibraryModels());
 }
 
 }  // namespace oberin

@@ -101,7 +101,7 @@ int CVxdInterface::GetDevInfo()
     const unsigned short wBcdDevice = static_cast<unsigned short>(abyDesc[12] | (abyDesc[13] << 8));
     m_nFirmwareVersion = wBcdDevice;
     // An unknown product keeps the type the interface had.
-    const int nType = tavk05profile::DeviceTypeOf(wProduct, wBcdDevice);
+    const int nType = tavk05profile::DeviceTypeOf(wProduct, wBcdDevice, tavk05profile::LibraryModels());
     if (nType > 0) {
         m_nDevType = nType;
     }

@@ -22,7 +22,8 @@ const char kAllocMessage[] = "buffer allocation for iso read failed:";
 // enough that a single capture averages four consecutive frames.
 int FramesAveraged(int nDevType, int nFirmware)
 {
-    return tavk05profile::ProfileOf(nDevType, tavk05profile::IsNewFirmware(nFirmware)).nReadsAveraged;
+    return tavk05profile::ProfileOf(nDevType, tavk05profile::IsNewFirmware(nFirmware), tavk05profile::LibraryModels())
+        .nReadsAveraged;
 }
 
 void ReportAllocFailure()

@@ -1,16 +1,18 @@
 // Single capture on the virtual scanner: the finished image of every model
-// and firmware class pinned by its digest, the latent pre-check and the
-// refusals around a capture, the limits of the shading, and DoModify.
+// and firmware class pinned by a golden image of the committed print, the
+// latent pre-check and the refusals around a capture, the limits of the
+// shading, and DoModify.
 #include <climits>
 #include <ostream>
 
+#include "golden_image.h"
 #include "sensor_fixture.h"
 #include "tavk05/mark.h"
 
 namespace {
 
+using goldentest::MatchesGolden;
 using sensortest::Bytes;
-using sensortest::Digest;
 using sensortest::kUntouched;
 using sensortest::RequestsOf;
 using sensortest::SensorTest;
@@ -20,8 +22,8 @@ struct CapturePath {
     int nDeviceType;                 // what the descriptor makes of the unit
     unsigned long nRawWidth, nRawHeight, nFrameBytes;
     unsigned nReads;                 // reads of one capture (averaged models read four)
-    unsigned long long nDigest;      // finished image of the flat finger, size code 3
-    unsigned long long nRollDigest;  // the same through the rolled-capture variant
+    const char* pszGolden;           // finished image of the print, size code 3 (one per correction)
+    const char* pszRollGolden;       // the same through the rolled-capture variant; nullptr: not pinned
 };
 
 void PrintTo(const CapturePath& path, std::ostream* pOs) { *pOs << path.pszUnit; }
@@ -31,12 +33,13 @@ class CapturePathTest : public SensorTest, public ::testing::WithParamInterface<
 // Each path asks for a frame of its model's size, copies only the mosaic and
 // finishes the image (grey conversion, correction, shading, marks of the
 // nominal size) exactly as it did when checked against the public steps.
-TEST_P(CapturePathTest, FinishedImageOfTheFlatFinger)
+TEST_P(CapturePathTest, FinishedImageOfThePrint)
 {
     const CapturePath& path = GetParam();
-    std::unique_ptr<COberin> pSensor = OpenSensor(std::string(path.pszUnit) + ",scene=flat,fps=0");
+    std::unique_ptr<COberin> pSensor = OpenSensor(std::string(path.pszUnit) + ",scene=flat,fps=0," + goldentest::PrintKey());
     ASSERT_EQ(pSensor->GetDeviceType(), static_cast<unsigned long>(path.nDeviceType));
-    EXPECT_EQ(pSensor->m_nRawWidth * 10000 + pSensor->m_nRawHeight, path.nRawWidth * 10000 + path.nRawHeight);
+    EXPECT_EQ(pSensor->m_nRawWidth, path.nRawWidth);
+    EXPECT_EQ(pSensor->m_nRawHeight, path.nRawHeight);
     ASSERT_EQ(pSensor->m_nFrameBytes, path.nFrameBytes);
     ASSERT_EQ(pSensor->SetImageSize(248, 292), 0ul);
     std::memset(pSensor->m_pRawCopyBuf, 0xA5, OBERIN_FRAME_BUFFER_BYTES);
@@ -51,7 +54,7 @@ TEST_P(CapturePathTest, FinishedImageOfTheFlatFinger)
     EXPECT_EQ(sensortest::RequestNumbers(), (std::vector<unsigned long>{VXD_REQ_START_ACQUISITION,
                                                                           VXD_REQ_STOP_ACQUISITION}));
     EXPECT_EQ(pSensor->m_pRawCopyBuf[path.nRawWidth * path.nRawHeight], 0xA5) << "copied behind the mosaic";
-    EXPECT_EQ(Digest(image), path.nDigest);
+    EXPECT_TRUE(MatchesGolden(image, path.pszGolden));
     EXPECT_EQ(GetRBWaterM(image.data(), 248, 292), 1);
 
     // The rolled-capture variant reads one bare frame inside the caller's
@@ -60,28 +63,31 @@ TEST_P(CapturePathTest, FinishedImageOfTheFlatFinger)
     tavk05virt::ClearLog(0);
     image.assign(IMG_PIXELS, kUntouched);
     pSensor->m_nError = 53;
-    EXPECT_EQ(pSensor->GetImageForRoll(nullptr, 0) * 10 + pSensor->GetImageForRoll(image.data(), 0), 30ul);
+    EXPECT_EQ(pSensor->GetImageForRoll(nullptr, 0), 3ul);
+    EXPECT_EQ(pSensor->GetImageForRoll(image.data(), 0), 0ul);
     EXPECT_EQ(pSensor->GetError(), 53ul);
     EXPECT_EQ(State(0).nReads - nReads, path.nReads + 1);
     EXPECT_TRUE(tavk05virt::RequestLog(0).empty());
-    EXPECT_EQ(Digest(image), path.nRollDigest);
+    if (path.pszRollGolden != nullptr) { EXPECT_TRUE(MatchesGolden(image, path.pszRollGolden)); }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     ModelsAndFirmware, CapturePathTest,
     ::testing::Values(
-        CapturePath{"model=3", 3, 1280, 676, 926720, 4, 0xca37e62cf1e39b2eull, 0x180a76f92e5ca1dbull},
-        CapturePath{"model=4", 4, 1280, 676, 926720, 4, 0xca37e62cf1e39b2eull, 0x180a76f92e5ca1dbull},
-        CapturePath{"product=0x0630", 0, 1280, 676, 926720, 4, 0xca37e62cf1e39b2eull, 0x180a76f92e5ca1dbull},
-        CapturePath{"model=5", 5, 1288, 876, 1128448, 1, 0x2d38c7f95af3d78cull, 0x7d2efc0f0d1c1f2aull},
-        CapturePath{"model=6", 6, 1288, 876, 1128448, 1, 0x2d38c7f95af3d78cull, 0x7d2efc0f0d1c1f2aull},
-        CapturePath{"model=7,fw=0x2FFF", 7, 1288, 876, 1128448, 1, 0x119e7c79b3e284faull, 0xe54fa83cd55fe3bbull},
-        CapturePath{"model=8,fw=0x1005", 8, 1288, 876, 1128448, 1, 0x119e7c79b3e284faull, 0xe54fa83cd55fe3bbull},
-        CapturePath{"model=7,fw=0x3000", 7, 1800, 1280, 2304000, 1, 0xb8ea714179ce59b7ull, 0xa67de3238609213eull},
-        CapturePath{"model=8,fw=0xFFFF", 8, 1800, 1280, 2304000, 1, 0xb8ea714179ce59b7ull, 0xa67de3238609213eull}));
+        CapturePath{"model=3", 3, 1280, 676, 926720, 4, "capture-tables", "roll-frame-tables"},
+        CapturePath{"model=4", 4, 1280, 676, 926720, 4, "capture-tables", "roll-frame-tables"},
+        CapturePath{"product=0x0630", 0, 1280, 676, 926720, 4, "capture-tables", "roll-frame-tables"},
+        CapturePath{"model=5", 5, 1288, 876, 1128448, 1, "capture-tables-1103-shading", nullptr},
+        CapturePath{"model=6", 6, 1288, 876, 1128448, 1, "capture-tables-1103-shading", nullptr},
+        CapturePath{"model=7,fw=0x2FFF", 7, 1288, 876, 1128448, 1, "capture-calc", nullptr},
+        CapturePath{"model=8,fw=0x1005", 8, 1288, 876, 1128448, 1, "capture-calc", nullptr},
+        CapturePath{"model=7,fw=0x3000", 7, 1800, 1280, 2304000, 1, "capture-calc-ex", "roll-frame-calc-ex"},
+        CapturePath{"model=8,fw=0xFFFF", 8, 1800, 1280, 2304000, 1, "capture-calc-ex", "roll-frame-calc-ex"}));
 
 // What a capture reads and leaves in the host's buffer (size code 1) around
 // the latent pre-check (on latent-capable units in check mode) and its refusals.
+enum ImageLeft { kLeftAlone, kNominalWhite, kCaptured };
+
 struct CaptureCase {
     const char* pszName;
     const char* pszUnit;
@@ -93,27 +99,27 @@ struct CaptureCase {
     bool bNullImage;
     unsigned long nStatus;
     unsigned long nReads;
-    char cImage;                   // 'u' untouched, 'w' nominal image white, 'c' captured
+    ImageLeft eImage;
 };
 
 TEST_F(SensorTest, CaptureAroundTheLatentCheck)
 {
     const CaptureCase aCases[] = {
-        {"latent print", "model=4,levels=120", true, 1, 0, "", 0, false, 57, 1, 'w'},
-        {"latent print, check only", "model=4,levels=120", true, 2, 0, "", 0, false, 57, 1, 'w'},
-        {"latent print, no image", "model=4,levels=120", true, 2, 0, "", 0, true, 57, 1, 'u'},
-        {"residue alone", "model=8,scene=latent,latentcheck=1", true, 1, 0, "", 0, false, 57, 1, 'w'},
-        {"unit not capable", "model=5,levels=120", false, 1, 0, "", 0, false, 0, 1, 'c'},
-        {"capture only", "model=5,levels=120", true, 0, 0, "", 0, false, 0, 1, 'c'},
-        {"live finger", "model=7,fw=0x3000,scene=flat,latentcheck=1", true, 1, 0, "", 0, false, 0, 2, 'c'},
-        {"live finger, check only", "model=4,scene=flat,latentcheck=2", true, 2, 0, "", 0, false, 0, 1, 'u'},
-        {"latent start fails", "model=5", true, 1, 0, "fail=21", 0, false, 53, 0, 'u'},
-        {"latent stop fails", "model=5", true, 1, 0, "fail=22", 0, false, 53, 1, 'u'},
-        {"frame stop fails", "model=5", false, 1, 0, "fail=22", 0, false, 53, 1, 'u'},
-        {"adaptive scan mode", "model=4", true, 1, 1, "", 0, false, 4, 0, 'u'},
-        {"no image", "model=5", false, 1, 0, "", 0, true, 0, 0, 'u'},
-        {"frame beyond the buffers", "model=7", false, 1, 0, "", OBERIN_FRAME_BUFFER_BYTES + 1024, false, 2, 0, 'u'},
-        {"latent frame beyond memory", "model=7", true, 2, 0, "", ULONG_MAX - 100, false, 2, 0, 'u'},
+        {"latent print", "model=4,levels=120", true, 1, 0, "", 0, false, 57, 1, kNominalWhite},
+        {"latent print, check only", "model=4,levels=120", true, 2, 0, "", 0, false, 57, 1, kNominalWhite},
+        {"latent print, no image", "model=4,levels=120", true, 2, 0, "", 0, true, 57, 1, kLeftAlone},
+        {"residue alone", "model=8,scene=latent,latentcheck=1", true, 1, 0, "", 0, false, 57, 1, kNominalWhite},
+        {"unit not capable", "model=5,levels=120", false, 1, 0, "", 0, false, 0, 1, kCaptured},
+        {"capture only", "model=5,levels=120", true, 0, 0, "", 0, false, 0, 1, kCaptured},
+        {"live finger", "model=7,fw=0x3000,scene=flat,latentcheck=1", true, 1, 0, "", 0, false, 0, 2, kCaptured},
+        {"live finger, check only", "model=4,scene=flat,latentcheck=2", true, 2, 0, "", 0, false, 0, 1, kLeftAlone},
+        {"latent start fails", "model=5", true, 1, 0, "fail=21", 0, false, 53, 0, kLeftAlone},
+        {"latent stop fails", "model=5", true, 1, 0, "fail=22", 0, false, 53, 1, kLeftAlone},
+        {"frame stop fails", "model=5", false, 1, 0, "fail=22", 0, false, 53, 1, kLeftAlone},
+        {"adaptive scan mode", "model=4", true, 1, 1, "", 0, false, 4, 0, kLeftAlone},
+        {"no image", "model=5", false, 1, 0, "", 0, true, 0, 0, kLeftAlone},
+        {"frame beyond the buffers", "model=7", false, 1, 0, "", OBERIN_FRAME_BUFFER_BYTES + 1024, false, 2, 0, kLeftAlone},
+        {"latent frame beyond memory", "model=7", true, 2, 0, "", ULONG_MAX - 100, false, 2, 0, kLeftAlone},
     };
     for (const CaptureCase& c : aCases) {
         SCOPED_TRACE(c.pszName);
@@ -134,9 +140,12 @@ TEST_F(SensorTest, CaptureAroundTheLatentCheck)
         const size_t nNominal = 228 * 292;
         const size_t nWhite = static_cast<size_t>(std::count(image.begin(), image.begin() + nNominal, 255));
         const size_t nUntouched = static_cast<size_t>(std::count(image.begin(), image.end(), kUntouched));
-        if (c.cImage == 'u') { EXPECT_EQ(nUntouched, image.size()); }
-        if (c.cImage == 'w') { EXPECT_TRUE(nWhite == nNominal && nWhite + nUntouched == image.size()) << nWhite; }
-        if (c.cImage == 'c') { EXPECT_EQ(GetLTWaterM(image.data(), 228, 292), 1); }
+        if (c.eImage == kLeftAlone) { EXPECT_EQ(nUntouched, image.size()); }
+        if (c.eImage == kNominalWhite) {
+            EXPECT_EQ(nWhite, nNominal);
+            EXPECT_EQ(nUntouched, image.size() - nNominal);
+        }
+        if (c.eImage == kCaptured) { EXPECT_EQ(GetLTWaterM(image.data(), 228, 292), 1); }
     }
 }
 
@@ -149,7 +158,7 @@ TEST_F(SensorTest, ShadingAndScaleAtTheirLimits)
     const struct {
         std::string strUnit;
         unsigned long nContrast;
-        int nLow, nHigh;  // every level of the image lies in [nLow, nHigh]
+        int nLow, nHigh;  // the darkest and the lightest level of the image
     } aCases[] = {
         {"model=5,levels=" + std::to_string(91 - nMaxShade), 16, 0, 1},  // 1 x 1.55 truncates to 1
         {"model=5,levels=255", 16, 255, 255},                           // 165 x 1.55 = 255.75
@@ -162,8 +171,8 @@ TEST_F(SensorTest, ShadingAndScaleAtTheirLimits)
         ASSERT_EQ(pSensor->SetContrast(c.nContrast), 0ul);
         Bytes image(IMG_PIXELS, kUntouched);
         ASSERT_TRUE(pSensor->CaptureImage(image.data(), false));
-        EXPECT_EQ(*std::min_element(image.begin(), image.end()) * 1000 + *std::max_element(image.begin(), image.end()),
-                  c.nLow * 1000 + c.nHigh);
+        EXPECT_EQ(*std::min_element(image.begin(), image.end()), c.nLow);
+        EXPECT_EQ(*std::max_element(image.begin(), image.end()), c.nHigh);
     }
 }
 
@@ -197,7 +206,8 @@ TEST_F(SensorTest, DoModifyResamplesMirrorsScalesAndMarks)
                 ASSERT_EQ(dst[y * w + w - 1 - x], v) << "row " << y << ", column " << x;
             }
         }
-        EXPECT_EQ(GetLTWaterM(dst.data(), w, h) + GetRBWaterM(dst.data(), w, h), 2);
+        EXPECT_EQ(GetLTWaterM(dst.data(), w, h), 1);
+        EXPECT_EQ(GetRBWaterM(dst.data(), w, h), 1);
         EXPECT_EQ(std::count(dst.begin() + w * h, dst.end(), 9), IMG_PIXELS - w * h);
     }
     Bytes dst(IMG_PIXELS, 9);

@@ -23,14 +23,6 @@ typedef std::vector<unsigned char> Bytes;
 
 const unsigned char kUntouched = 0x5A;  // prefill of the host's image buffer
 
-// FNV-1a digest of an image: equal on both ABIs exactly when the bytes are.
-inline unsigned long long Digest(const Bytes& vec)
-{
-    unsigned long long n = 1469598103934665603ull;
-    for (unsigned char by : vec) n = (n ^ by) * 1099511628211ull;
-    return n;
-}
-
 // The settings file exactly as the driver writes it.
 inline std::string SettingsText(int nBrightness, int nContrast, int nGain, int nScanMode)
 {

@@ -12,6 +12,7 @@
 #include "finger_pattern.h"
 #include "scene_compose.h"
 #include "scene_model.h"
+#include "golden_image.h"
 
 namespace {
 
@@ -203,6 +204,16 @@ FingerPose PoseOf(SceneKind eKind, const FingerGenome& g, unsigned long nRead = 
     config.eKind = eKind;
     config.nSeed = g.nSeed;
     return PoseAt(config, g, nRead);
+}
+
+// The finger synthesis pinned: a flat finger on the glass, as a golden image
+// (the driver's tests use a committed print, which this cannot move).
+TEST(FingerOptics, FlatFingerOfSeed3)
+{
+    const std::shared_ptr<const CFingerPattern> p = GetFingerPattern(3);
+    std::vector<unsigned char> vecGlass(kSize * kSize);
+    ComposeGlass(p.get(), PoseOf(kSceneFlat, p->Genome()), vecGlass.data());
+    EXPECT_TRUE(goldentest::MatchesGolden(vecGlass, "finger-flat-seed-3", kSize, kSize));
 }
 
 TEST(FingerOptics, PressureAndSkinShapeThePrint)

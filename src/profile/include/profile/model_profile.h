@@ -27,7 +27,10 @@ enum Correction {
 struct ModelProfile {
     int nDeviceType;                 // 3..8; 0 for a product the driver does not know
     unsigned short wProduct;         // idProduct; 0 for none
-    bool bNewFirmware;               // firmware above kLastOldFirmware
+    bool bFromDescriptor;            // a device's descriptor selects the row (product and firmware range)
+    unsigned short wFirmwareLow;     // bcdDevice range that selects the row, inclusive; the narrowest
+    unsigned short wFirmwareHigh;    //   range that holds a device's firmware wins
+    bool bNewFirmware;               // the row's firmware class: above kLastOldFirmware
     unsigned short wDefaultFirmware; // bcdDevice a virtual unit of the model reports unless told; 0 not this row
     bool bOpenSetsGeometry;          // opening takes the geometry and factor below (else keeps what it had)
     unsigned long nRawWidth;         // colour mosaic width in samples
@@ -36,13 +39,16 @@ struct ModelProfile {
     int nReadsAveraged;              // frames a single capture averages
     Correction eCorrection;
     const char* pszCorrection;       // how the correction reads, for people
+    bool bTables1103;                // coordinate-table correction uses the 1103 tables (else the main ones)
     float fContrastFactor;           // factor before any contrast setting
     double dContrastBase;            // factor at the neutral contrast
     long nNeutralContrast;           // contrast that gives the base factor
-    bool bShading;                   // shading table and scaling after the correction
+    bool bShading;                   // shading table and scaling at capture; so the live view shows frames as
+                                     //   captured, no contrast table is built, and a roll merges frame pixels
     bool bRolls;                     // composes rolled prints
     bool bSmoothRoll;                // a finished rolled image is smoothed
-    int nPreviewBase;                // live view of models 7 and 8: the level of clear glass; 0 for the table
+    int nPreviewBase;                // live view maps a darkening d to (base - d) x factor; 0: the contrast table
+    int nRollBase;                   // rolled composition maps d to (base - d) x contrast; 0: the contrast table
 };
 
 // The sensor's geometry before any device is opened, and that of models 3
@@ -51,46 +57,113 @@ constexpr unsigned long kSmallWidth = 1280, kSmallHeight = 676, kSmallFrameBytes
 constexpr unsigned long kMidWidth = 1288, kMidHeight = 876, kMidFrameBytes = 1128448;
 constexpr unsigned long kLargeWidth = 1800, kLargeHeight = 1280, kLargeFrameBytes = 2304000;
 
+// The rows. The image processor knows only the device type, so the fields
+// it reads (bTables1103, bShading, nRollBase) are the same in both firmware
+// classes of a type (checked below).
 inline constexpr ModelProfile kProfiles[] = {
-    // type product firmware default-fw sets  width height frame reads correction ... preview base
-    {0, 0, false, 0, false, kSmallWidth, kSmallHeight, kSmallFrameBytes, 4, kCorrectTables,
-     "coordinate tables", 1.3f, 1.0, 20, false, true, true, 0},
-    {3, VXD_PRODUCT_0610, false, kFirmware1004, false, kSmallWidth, kSmallHeight, kSmallFrameBytes, 4,
-     kCorrectTables, "coordinate tables", 1.3f, 1.0, 20, false, true, true, 0},
-    {4, VXD_PRODUCT_0620, false, kFirmware1004, false, kSmallWidth, kSmallHeight, kSmallFrameBytes, 4,
-     kCorrectTables, "coordinate tables", 1.3f, 1.0, 20, false, false, true, 0},
-    {5, VXD_PRODUCT_0610, false, kFirmware1103, true, kMidWidth, kMidHeight, kMidFrameBytes, 1, kCorrectTables,
-     "coordinate tables 1103, shading", 1.55f, 1.55, 16, true, true, true, 0},
-    {5, VXD_PRODUCT_0610, true, 0, true, kLargeWidth, kLargeHeight, kLargeFrameBytes, 1, kCorrectTables,
-     "coordinate tables 1103, shading", 1.42f, 1.55, 16, true, true, true, 0},
-    {6, VXD_PRODUCT_0620, false, kFirmware1103, true, kMidWidth, kMidHeight, kMidFrameBytes, 1, kCorrectTables,
-     "coordinate tables 1103, shading", 1.55f, 1.55, 20, true, false, true, 0},
-    {6, VXD_PRODUCT_0620, true, 0, true, kLargeWidth, kLargeHeight, kLargeFrameBytes, 1, kCorrectTables,
-     "coordinate tables 1103, shading", 1.42f, 1.55, 20, true, false, true, 0},
-    {7, VXD_PRODUCT_0610, false, 0, true, kMidWidth, kMidHeight, kMidFrameBytes, 1, kCorrectCalc,
-     "bilinear, 1288 x 876 modify table", 2.0f, 2.0, 20, false, true, false, 125},
-    {7, VXD_PRODUCT_0610, true, kFirstNewFirmware, true, kLargeWidth, kLargeHeight, kLargeFrameBytes, 1,
-     kCorrectCalcEx, "bilinear, 1700 x 1300 modify table", 1.42f, 1.42, 20, false, true, false, 180},
-    {8, VXD_PRODUCT_0620, false, 0, true, kMidWidth, kMidHeight, kMidFrameBytes, 1, kCorrectCalc,
-     "bilinear, 1288 x 876 modify table", 2.0f, 2.0, 20, false, false, true, 125},
-    {8, VXD_PRODUCT_0620, true, kFirstNewFirmware, true, kLargeWidth, kLargeHeight, kLargeFrameBytes, 1,
-     kCorrectCalcEx, "bilinear, 1700 x 1300 modify table", 1.42f, 1.42, 20, false, false, true, 180},
+    {.nDeviceType = 0, .wProduct = 0, .bFromDescriptor = false, .wFirmwareLow = 0, .wFirmwareHigh = 0,
+     .bNewFirmware = false, .wDefaultFirmware = 0, .bOpenSetsGeometry = false,
+     .nRawWidth = kSmallWidth, .nRawHeight = kSmallHeight, .nFrameBytes = kSmallFrameBytes, .nReadsAveraged = 4,
+     .eCorrection = kCorrectTables, .pszCorrection = "coordinate tables", .bTables1103 = false,
+     .fContrastFactor = 1.3f, .dContrastBase = 1.0, .nNeutralContrast = 20, .bShading = false, .bRolls = true,
+     .bSmoothRoll = true, .nPreviewBase = 0, .nRollBase = 0},
+    {.nDeviceType = 3, .wProduct = VXD_PRODUCT_0610, .bFromDescriptor = true, .wFirmwareLow = 0,
+     .wFirmwareHigh = kFirmware1004, .bNewFirmware = false, .wDefaultFirmware = kFirmware1004,
+     .bOpenSetsGeometry = false, .nRawWidth = kSmallWidth, .nRawHeight = kSmallHeight,
+     .nFrameBytes = kSmallFrameBytes, .nReadsAveraged = 4, .eCorrection = kCorrectTables,
+     .pszCorrection = "coordinate tables", .bTables1103 = false, .fContrastFactor = 1.3f, .dContrastBase = 1.0,
+     .nNeutralContrast = 20, .bShading = false, .bRolls = true, .bSmoothRoll = true, .nPreviewBase = 0,
+     .nRollBase = 0},
+    {.nDeviceType = 4, .wProduct = VXD_PRODUCT_0620, .bFromDescriptor = true, .wFirmwareLow = 0,
+     .wFirmwareHigh = kFirmware1004, .bNewFirmware = false, .wDefaultFirmware = kFirmware1004,
+     .bOpenSetsGeometry = false, .nRawWidth = kSmallWidth, .nRawHeight = kSmallHeight,
+     .nFrameBytes = kSmallFrameBytes, .nReadsAveraged = 4, .eCorrection = kCorrectTables,
+     .pszCorrection = "coordinate tables", .bTables1103 = false, .fContrastFactor = 1.3f, .dContrastBase = 1.0,
+     .nNeutralContrast = 20, .bShading = false, .bRolls = false, .bSmoothRoll = true, .nPreviewBase = 0,
+     .nRollBase = 0},
+    {.nDeviceType = 5, .wProduct = VXD_PRODUCT_0610, .bFromDescriptor = true, .wFirmwareLow = kFirmware1103,
+     .wFirmwareHigh = kFirmware1103, .bNewFirmware = false, .wDefaultFirmware = kFirmware1103,
+     .bOpenSetsGeometry = true, .nRawWidth = kMidWidth, .nRawHeight = kMidHeight, .nFrameBytes = kMidFrameBytes,
+     .nReadsAveraged = 1, .eCorrection = kCorrectTables, .pszCorrection = "coordinate tables 1103, shading",
+     .bTables1103 = true, .fContrastFactor = 1.55f, .dContrastBase = 1.55, .nNeutralContrast = 16,
+     .bShading = true, .bRolls = true, .bSmoothRoll = true, .nPreviewBase = 0, .nRollBase = 0},
+    // No firmware makes models 5 and 6 with new firmware (it makes 7 and
+    // 8); these rows serve a sensor whose type is set by hand.
+    {.nDeviceType = 5, .wProduct = VXD_PRODUCT_0610, .bFromDescriptor = false, .wFirmwareLow = 0,
+     .wFirmwareHigh = 0, .bNewFirmware = true, .wDefaultFirmware = 0, .bOpenSetsGeometry = true,
+     .nRawWidth = kLargeWidth, .nRawHeight = kLargeHeight, .nFrameBytes = kLargeFrameBytes, .nReadsAveraged = 1,
+     .eCorrection = kCorrectTables, .pszCorrection = "coordinate tables 1103, shading", .bTables1103 = true,
+     .fContrastFactor = 1.42f, .dContrastBase = 1.55, .nNeutralContrast = 16, .bShading = true, .bRolls = true,
+     .bSmoothRoll = true, .nPreviewBase = 0, .nRollBase = 0},
+    {.nDeviceType = 6, .wProduct = VXD_PRODUCT_0620, .bFromDescriptor = true, .wFirmwareLow = kFirmware1103,
+     .wFirmwareHigh = kFirmware1103, .bNewFirmware = false, .wDefaultFirmware = kFirmware1103,
+     .bOpenSetsGeometry = true, .nRawWidth = kMidWidth, .nRawHeight = kMidHeight, .nFrameBytes = kMidFrameBytes,
+     .nReadsAveraged = 1, .eCorrection = kCorrectTables, .pszCorrection = "coordinate tables 1103, shading",
+     .bTables1103 = true, .fContrastFactor = 1.55f, .dContrastBase = 1.55, .nNeutralContrast = 20,
+     .bShading = true, .bRolls = false, .bSmoothRoll = true, .nPreviewBase = 0, .nRollBase = 0},
+    {.nDeviceType = 6, .wProduct = VXD_PRODUCT_0620, .bFromDescriptor = false, .wFirmwareLow = 0,
+     .wFirmwareHigh = 0, .bNewFirmware = true, .wDefaultFirmware = 0, .bOpenSetsGeometry = true,
+     .nRawWidth = kLargeWidth, .nRawHeight = kLargeHeight, .nFrameBytes = kLargeFrameBytes, .nReadsAveraged = 1,
+     .eCorrection = kCorrectTables, .pszCorrection = "coordinate tables 1103, shading", .bTables1103 = true,
+     .fContrastFactor = 1.42f, .dContrastBase = 1.55, .nNeutralContrast = 20, .bShading = true, .bRolls = false,
+     .bSmoothRoll = true, .nPreviewBase = 0, .nRollBase = 0},
+    {.nDeviceType = 7, .wProduct = VXD_PRODUCT_0610, .bFromDescriptor = true, .wFirmwareLow = kFirmware1004 + 1,
+     .wFirmwareHigh = kLastOldFirmware, .bNewFirmware = false, .wDefaultFirmware = 0, .bOpenSetsGeometry = true,
+     .nRawWidth = kMidWidth, .nRawHeight = kMidHeight, .nFrameBytes = kMidFrameBytes, .nReadsAveraged = 1,
+     .eCorrection = kCorrectCalc, .pszCorrection = "bilinear, 1288 x 876 modify table", .bTables1103 = true,
+     .fContrastFactor = 2.0f, .dContrastBase = 2.0, .nNeutralContrast = 20, .bShading = false, .bRolls = true,
+     .bSmoothRoll = false, .nPreviewBase = 125, .nRollBase = 125},
+    {.nDeviceType = 7, .wProduct = VXD_PRODUCT_0610, .bFromDescriptor = true, .wFirmwareLow = kFirstNewFirmware,
+     .wFirmwareHigh = 0xFFFF, .bNewFirmware = true, .wDefaultFirmware = kFirstNewFirmware,
+     .bOpenSetsGeometry = true, .nRawWidth = kLargeWidth, .nRawHeight = kLargeHeight,
+     .nFrameBytes = kLargeFrameBytes, .nReadsAveraged = 1, .eCorrection = kCorrectCalcEx,
+     .pszCorrection = "bilinear, 1700 x 1300 modify table", .bTables1103 = true, .fContrastFactor = 1.42f,
+     .dContrastBase = 1.42, .nNeutralContrast = 20, .bShading = false, .bRolls = true, .bSmoothRoll = false,
+     .nPreviewBase = 180, .nRollBase = 125},
+    {.nDeviceType = 8, .wProduct = VXD_PRODUCT_0620, .bFromDescriptor = true, .wFirmwareLow = kFirmware1004 + 1,
+     .wFirmwareHigh = kLastOldFirmware, .bNewFirmware = false, .wDefaultFirmware = 0, .bOpenSetsGeometry = true,
+     .nRawWidth = kMidWidth, .nRawHeight = kMidHeight, .nFrameBytes = kMidFrameBytes, .nReadsAveraged = 1,
+     .eCorrection = kCorrectCalc, .pszCorrection = "bilinear, 1288 x 876 modify table", .bTables1103 = true,
+     .fContrastFactor = 2.0f, .dContrastBase = 2.0, .nNeutralContrast = 20, .bShading = false, .bRolls = false,
+     .bSmoothRoll = true, .nPreviewBase = 125, .nRollBase = 0},
+    {.nDeviceType = 8, .wProduct = VXD_PRODUCT_0620, .bFromDescriptor = true, .wFirmwareLow = kFirstNewFirmware,
+     .wFirmwareHigh = 0xFFFF, .bNewFirmware = true, .wDefaultFirmware = kFirstNewFirmware,
+     .bOpenSetsGeometry = true, .nRawWidth = kLargeWidth, .nRawHeight = kLargeHeight,
+     .nFrameBytes = kLargeFrameBytes, .nReadsAveraged = 1, .eCorrection = kCorrectCalcEx,
+     .pszCorrection = "bilinear, 1700 x 1300 modify table", .bTables1103 = true, .fContrastFactor = 1.42f,
+     .dContrastBase = 1.42, .nNeutralContrast = 20, .bShading = false, .bRolls = false, .bSmoothRoll = true,
+     .nPreviewBase = 180, .nRollBase = 0},
 };
+
+// A table of rows: the built-in one, or (in a test) one with more rows.
+struct ModelTable {
+    const ModelProfile* pRows;
+    unsigned long nRows;
+    constexpr const ModelProfile* begin() const { return pRows; }
+    constexpr const ModelProfile* end() const { return pRows + nRows; }
+};
+inline constexpr ModelTable kBuiltInModels = {kProfiles, sizeof kProfiles / sizeof kProfiles[0]};
+
+// The table the driver library (transport, sensor, image processor) reads:
+// kBuiltInModels. It is defined alone in model_profile.cpp, so that a test
+// program may define it itself and link the unchanged library with a table
+// of one more row. The virtual scanner and the tools read kBuiltInModels.
+ModelTable LibraryModels();
 
 // The type a new sensor assumes before it opens a device.
 constexpr int kDefaultDeviceType = 4;
 
-// The row of a device type and firmware class; unknown types get the row of
-// the unknown product, types without a row for the class the other one.
-constexpr const ModelProfile& ProfileOf(int nDeviceType, bool bNewFirmware)
+// The row of a device type and firmware class; unknown types get the first
+// row (the unknown product), types without a row for the class the other one.
+constexpr const ModelProfile& ProfileOf(int nDeviceType, bool bNewFirmware, ModelTable table = kBuiltInModels)
 {
     const ModelProfile* pAny = nullptr;
-    for (const ModelProfile& row : kProfiles) {
+    for (const ModelProfile& row : table) {
         if (row.nDeviceType != nDeviceType) continue;
         if (row.bNewFirmware == bNewFirmware) return row;
         pAny = &row;
     }
-    return pAny != nullptr ? *pAny : kProfiles[0];
+    return pAny != nullptr ? *pAny : table.pRows[0];
 }
 
 constexpr bool IsNewFirmware(int nFirmware)
@@ -98,30 +171,65 @@ constexpr bool IsNewFirmware(int nFirmware)
     return nFirmware > kLastOldFirmware;
 }
 
-// Device type by idProduct and bcdDevice: firmware 0x1103 makes models 5 and
-// 6, firmware above 0x1004 models 7 and 8, older firmware models 3 and 4;
-// 0 for a product the driver does not know.
-constexpr int DeviceTypeOf(unsigned short wProduct, unsigned short wBcdDevice)
+// Device type by idProduct and bcdDevice: the row of the product whose
+// firmware range holds bcdDevice, the narrowest when several do (0x1103
+// inside 0x1005..0x2FFF makes models 5 and 6); 0 for a product or firmware
+// no row has.
+constexpr int DeviceTypeOf(unsigned short wProduct, unsigned short wBcdDevice, ModelTable table = kBuiltInModels)
 {
-    int nBase = 0;
-    for (const ModelProfile& row : kProfiles) {
-        if (row.nDeviceType != 0 && row.wProduct == wProduct && (nBase == 0 || row.nDeviceType < nBase)) {
-            nBase = row.nDeviceType;
+    // The best row kept by its values: a compared pointer is not constant under UBSan.
+    int nType = 0;
+    long nBestSpan = 0x10000;
+    for (const ModelProfile& row : table) {
+        if (!row.bFromDescriptor || row.wProduct != wProduct) continue;
+        if (wBcdDevice < row.wFirmwareLow || wBcdDevice > row.wFirmwareHigh) continue;
+        const long nSpan = static_cast<long>(row.wFirmwareHigh) - row.wFirmwareLow;
+        if (nSpan < nBestSpan) {
+            nBestSpan = nSpan;
+            nType = row.nDeviceType;
         }
     }
-    if (nBase == 0) return 0;
-    if (wBcdDevice == kFirmware1103) return nBase + 2;
-    if (wBcdDevice > kFirmware1004) return nBase + 4;
-    return nBase;
+    return nType;
 }
 
-// idProduct and default firmware of a model 3..8 as a virtual unit reports them.
-constexpr const ModelProfile& DefaultRowOf(int nModel)
+// idProduct and default firmware of a model as a virtual unit reports them.
+constexpr const ModelProfile& DefaultRowOf(int nModel, ModelTable table = kBuiltInModels)
 {
-    for (const ModelProfile& row : kProfiles) {
+    for (const ModelProfile& row : table) {
         if (row.nDeviceType == nModel && row.wDefaultFirmware != 0) return row;
     }
-    return kProfiles[0];
+    return table.pRows[0];
+}
+
+// The lowest and highest model a virtual unit can be (rows with a default firmware).
+constexpr int FirstModel(ModelTable table = kBuiltInModels)
+{
+    int n = 0;
+    for (const ModelProfile& row : table) {
+        if (row.wDefaultFirmware != 0 && (n == 0 || row.nDeviceType < n)) n = row.nDeviceType;
+    }
+    return n;
+}
+
+constexpr int LastModel(ModelTable table = kBuiltInModels)
+{
+    int n = 0;
+    for (const ModelProfile& row : table) {
+        if (row.wDefaultFirmware != 0 && row.nDeviceType > n) n = row.nDeviceType;
+    }
+    return n;
+}
+
+// True when the fields the image processor reads agree between the rows of each type.
+constexpr bool ImageProcessorFieldsAgree(ModelTable table)
+{
+    for (const ModelProfile& a : table) {
+        for (const ModelProfile& b : table) {
+            if (a.nDeviceType != b.nDeviceType) continue;
+            if (a.bTables1103 != b.bTables1103 || a.bShading != b.bShading || a.nRollBase != b.nRollBase) return false;
+        }
+    }
+    return true;
 }
 
 // Nominal image sizes by image-size code (SetImageSize, GetDeviceInfo), and
@@ -146,6 +254,7 @@ constexpr int kLatentHeight = 616;
 
 static_assert(ProfileOf(7, true).nFrameBytes == kLargeFrameBytes, "row lookup by type and firmware");
 static_assert(DeviceTypeOf(VXD_PRODUCT_0620, kFirmware1103) == 6, "device type rule");
+static_assert(ImageProcessorFieldsAgree(kBuiltInModels), "image processor fields per type");
 
 }  // namespace tavk05profile
 
