@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "png/png_grey.h"
+#include "imagefile/png_grey.h"
 
 namespace goldentest {
 
