@@ -26,7 +26,7 @@ enum WsqResult {
 
 // Largest image the decoder accepts.
 constexpr int kWsqMaxSide = 16384;
-constexpr long long kWsqMaxPixels = 64LL * 1024 * 1024;
+constexpr long long kWsqMaxPixels = 32LL * 1024 * 1024;
 
 struct WsqInfo {
     int nWidth = 0;
@@ -57,6 +57,17 @@ WsqResult WsqReadInfo(const unsigned char* pData, size_t nSize, WsqInfo& info);
 
 // Comment segments (COM) of a file, in file order.
 WsqResult WsqReadComments(const unsigned char* pData, size_t nSize, std::vector<WsqComment>& comments);
+
+// Quantiser parameters and bin indices of a file, without the inverse
+// transform: what the conformance measures of the standard compare.
+struct WsqQuantization {
+    double dBinCentre = 0.0;
+    std::vector<double> q;          // 64 bin widths
+    std::vector<double> z;          // 64 zero-bin widths
+    std::vector<int> subbandSize;   // coefficients of each coded subband (0 when not coded)
+    std::vector<int> indices;       // bin indices of the coded subbands, subband order
+};
+WsqResult WsqReadQuantization(const unsigned char* pData, size_t nSize, WsqQuantization& quant);
 
 const char* WsqResultText(WsqResult result);
 
