@@ -21,10 +21,15 @@ build: $(addprefix build-,$(BUILD_PRESETS))
 $(addprefix test-,$(TEST_PRESETS)): test-%: build-%
 	ctest --preset $* -j$(JOBS)
 
-# The whole suite on both ABIs and under the sanitizers, then the check
-# that both ABIs compute identical images, then the Debian packages built and
+# NIST's WSQ reference set, when it lies next to the project (not part of it).
+WSQ_REFERENCE ?= $(abspath $(CURDIR)/../shared/wsq-reference)
+
+# The whole suite on both ABIs and under the sanitizers, then the WSQ
+# compliance measures on NIST's reference set (skipped when it is absent),
+# then the check that both ABIs compute identical images, then the Debian packages built and
 # used by hosts.
 test: $(addprefix test-,$(TEST_PRESETS))
+	@scripts/wsq-conformance --tool build/x86_64/bin/tavk05-wsqtool "$(WSQ_REFERENCE)"
 	@scripts/cross-abi-check
 	@scripts/make-deb
 	@scripts/deb-check
