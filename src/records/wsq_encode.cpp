@@ -219,12 +219,15 @@ std::string FormatRate(double dValue) {
 
 }  // namespace
 
-WsqResult WsqEncode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi, double dBitRate,
-                    const std::vector<std::pair<std::string, std::string>>& extraNistcom,
-                    std::vector<unsigned char>& out) {
+namespace wsq {
+
+WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi, double dBitRate,
+                 const std::vector<std::pair<std::string, std::string>>& extraNistcom, const FilterBank& bank,
+                 std::vector<unsigned char>& out) {
     out.clear();
     if (pPixels == nullptr || nWidth < 1 || nHeight < 1) return kWsqBadArgument;
     if (!(dBitRate > 0.0) || !(dBitRate <= 8.0)) return kWsqBadArgument;
+    if (!FilterBankValid(bank)) return kWsqBadArgument;
     if (nPpi == 0 || nPpi < -1) return kWsqBadArgument;
     if (nWidth > kWsqMaxSide || nHeight > kWsqMaxSide ||
         static_cast<long long>(nWidth) * nHeight > kWsqMaxPixels) {
@@ -257,7 +260,6 @@ WsqResult WsqEncode(const unsigned char* pPixels, int nWidth, int nHeight, int n
         for (size_t i = 0; i < nPixels; ++i) image[i] = (pPixels[i] - dMean) / dScale;
 
         const Layout layout = BuildLayout(nWidth, nHeight, false);
-        const FilterBank bank = StandardFilters();
         Transform transform(bank);
         transform.Forward(image.data(), nWidth, layout);
 
@@ -361,6 +363,14 @@ WsqResult WsqEncode(const unsigned char* pPixels, int nWidth, int nHeight, int n
         out.clear();
         return kWsqNoMemory;
     }
+}
+
+}  // namespace wsq
+
+WsqResult WsqEncode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi, double dBitRate,
+                    const std::vector<std::pair<std::string, std::string>>& extraNistcom,
+                    std::vector<unsigned char>& out) {
+    return wsq::Encode(pPixels, nWidth, nHeight, nPpi, dBitRate, extraNistcom, wsq::StandardFilters(), out);
 }
 
 }  // namespace tavk05rec

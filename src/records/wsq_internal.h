@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "wsq.h"
+
 namespace tavk05rec {
 namespace wsq {
 
@@ -161,6 +163,11 @@ struct HuffmanDecoder {
     std::array<uint16_t, 256> fast{};   // (length << 8) | symbol for 8-bit prefixes, 0 when longer
 };
 bool MakeDecoder(const HuffmanSpec& spec, HuffmanDecoder& decoder);
+
+// The encoder with any filter bank (the FBI settings use StandardFilters()).
+WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi, double dBitRate,
+                 const std::vector<std::pair<std::string, std::string>>& extraNistcom, const FilterBank& bank,
+                 std::vector<unsigned char>& out);
 
 // Symbols of the coding model (Table A.2 of the standard).
 constexpr int kSymEscPos8 = 101;
