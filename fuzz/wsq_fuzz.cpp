@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize)
     WsqReadComments(pData, nSize, comments);
     // Header-only files may announce images up to the decoder's bound, whose
     // synthesis of zeros takes seconds; the harness decodes the smaller ones.
-    if (infoResult == kWsqOk && static_cast<long long>(info.nWidth) * info.nHeight > (1 << 18)) return 0;
+    if (infoResult == kWsqOk && static_cast<long long>(info.nWidth) * info.nHeight > (1 << 16)) return 0;
     WsqQuantization quant;
     WsqReadQuantization(pData, nSize, quant);
     std::vector<unsigned char> pixels;

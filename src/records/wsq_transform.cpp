@@ -182,18 +182,26 @@ Transform::Transform(const FilterBank& bank) : m_bWholeSample((bank.nLowLength %
     };
     m_f0 = alternate(m_h1);
     m_f1 = alternate(m_h0);
-    auto at = [](const Impulse& h, long long n) {
-        const long long i = n - h.nFirst;
-        return (i >= 0 && i < static_cast<long long>(h.taps.size())) ? h.taps[static_cast<size_t>(i)] : 0.0;
-    };
+    // Responses to a unit sample at p = 0 and p = 1 through each channel.
+    constexpr int kSpan = 4 * kMaxFilterLength + 8;
     double a11 = 0, a12 = 0, a22 = 0, b1 = 0, b2 = 0;
     for (int p = 0; p < 2; ++p) {
-        for (int n = -80; n <= 80; ++n) {
-            double dA = 0, dB = 0;
-            for (int k = -60; k <= 60; ++k) {
-                dA += at(m_h0, 2 * k - p) * at(m_f0, n - 2 * k);
-                dB += at(m_h1, 2 * k - p) * at(m_f1, n - 2 * k);
+        std::vector<double> respLow(2 * kSpan + 1, 0.0), respHigh(2 * kSpan + 1, 0.0);
+        auto channel = [&](const Impulse& h, const Impulse& f, std::vector<double>& resp) {
+            for (size_t i = 0; i < h.taps.size(); ++i) {
+                const int m = h.nFirst + static_cast<int>(i);   // 2k - p = m
+                if (((m + p) % 2) != 0) continue;
+                for (size_t j = 0; j < f.taps.size(); ++j) {
+                    const int n = m + p + f.nFirst + static_cast<int>(j);
+                    resp[static_cast<size_t>(n + kSpan)] += h.taps[i] * f.taps[j];
+                }
             }
+        };
+        channel(m_h0, m_f0, respLow);
+        channel(m_h1, m_f1, respHigh);
+        for (int n = -kSpan; n <= kSpan; ++n) {
+            const double dA = respLow[static_cast<size_t>(n + kSpan)];
+            const double dB = respHigh[static_cast<size_t>(n + kSpan)];
             const double dTarget = (n == p) ? 1.0 : 0.0;
             a11 += dA * dA;
             a12 += dA * dB;
