@@ -256,8 +256,10 @@ WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi
         const double dHighDiff = nMax - dMean;
         double dScale = (dLowDiff >= dHighDiff ? dLowDiff : dHighDiff) / 128.0;
         if (!(dScale > 0.0)) dScale = 1.0;
+        double adLevel[256];
+        for (int v = 0; v < 256; ++v) adLevel[v] = (v - dMean) / dScale;
         std::vector<double> image(nPixels);
-        for (size_t i = 0; i < nPixels; ++i) image[i] = (pPixels[i] - dMean) / dScale;
+        for (size_t i = 0; i < nPixels; ++i) image[i] = adLevel[pPixels[i]];
 
         const Layout layout = BuildLayout(nWidth, nHeight, false);
         Transform transform(bank);

@@ -110,6 +110,7 @@ private:
     };
     std::vector<CacheEntry> m_cache;
     std::vector<double> m_temp;
+    std::vector<double> m_transposed;
 };
 
 // Combines rows: pOut[x] = sum over t of pCoef[t] * ppRows[t][x], for x < nCount,

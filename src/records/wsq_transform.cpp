@@ -323,18 +323,40 @@ const LinePlan& Transform::Cached(int nLength, bool bInverted, bool bSynthesis) 
 const LinePlan& Transform::AnalysisPlan(int nLength, bool bInverted) { return Cached(nLength, bInverted, false); }
 const LinePlan& Transform::SynthesisPlan(int nLength, bool bInverted) { return Cached(nLength, bInverted, true); }
 
+// Rows are filtered eight at a time: interleaved into a small buffer where
+// each column holds one sample of the eight rows, they go through the same
+// vector kernel as columns; each output sums its taps in plan order.
 void Transform::ApplyRows(double* pImage, int nStride, const Region& region, const LinePlan& plan) {
-    m_temp.resize(static_cast<size_t>(region.nW));
-    for (int y = 0; y < region.nH; ++y) {
-        double* pRow = pImage + static_cast<size_t>(region.nY + y) * static_cast<size_t>(nStride) + region.nX;
-        for (int o = 0; o < region.nW; ++o) {
-            double dAcc = 0.0;
-            for (int t = plan.offsets[static_cast<size_t>(o)]; t < plan.offsets[static_cast<size_t>(o) + 1]; ++t) {
-                dAcc += plan.coef[static_cast<size_t>(t)] * pRow[plan.source[static_cast<size_t>(t)]];
-            }
-            m_temp[static_cast<size_t>(o)] = dAcc;
+    constexpr size_t kBlock = 8;
+    const size_t nW = static_cast<size_t>(region.nW);
+    const size_t nH = static_cast<size_t>(region.nH);
+    m_transposed.resize(nW * kBlock);
+    m_temp.resize(nW * kBlock);
+    double* pBase = pImage + static_cast<size_t>(region.nY) * static_cast<size_t>(nStride) + region.nX;
+    std::vector<const double*> rows;
+    for (size_t y0 = 0; y0 < nH; y0 += kBlock) {
+        const size_t nRows = y0 + kBlock <= nH ? kBlock : nH - y0;
+        for (size_t j = 0; j < nRows; ++j) {
+            const double* pRow = pBase + (y0 + j) * static_cast<size_t>(nStride);
+            for (size_t x = 0; x < nW; ++x) m_transposed[x * kBlock + j] = pRow[x];
         }
-        for (int o = 0; o < region.nW; ++o) pRow[o] = m_temp[static_cast<size_t>(o)];
+        for (size_t o = 0; o < nW; ++o) {
+            const int nFrom = plan.offsets[o];
+            const int nTaps = plan.offsets[o + 1] - nFrom;
+            rows.resize(static_cast<size_t>(nTaps));
+            for (int t = 0; t < nTaps; ++t) {
+                rows[static_cast<size_t>(t)] =
+                    m_transposed.data() + static_cast<size_t>(plan.source[static_cast<size_t>(nFrom + t)]) * kBlock;
+            }
+            double* pOut = m_temp.data() + o * kBlock;
+            const double* pCoef = plan.coef.data() + nFrom;
+            const int nDone = CombineRowsSse2(pOut, rows.data(), pCoef, nTaps, static_cast<int>(nRows));
+            CombineRowsPlain(pOut, rows.data(), pCoef, nTaps, nDone, static_cast<int>(nRows));
+        }
+        for (size_t j = 0; j < nRows; ++j) {
+            double* pRow = pBase + (y0 + j) * static_cast<size_t>(nStride);
+            for (size_t x = 0; x < nW; ++x) pRow[x] = m_temp[x * kBlock + j];
+        }
     }
 }
 
