@@ -113,11 +113,13 @@ private:
     std::vector<double> m_transposed;
 };
 
-// Combines rows: pOut[x] = sum over t of pCoef[t] * ppRows[t][x], for x < nCount,
-// taps in order. The SSE2 kernel does a prefix and returns how many it did.
-void CombineRowsPlain(double* pOut, const double* const* ppRows, const double* pCoef, int nTaps, int nFrom,
-                      int nCount);
-int CombineRowsSse2(double* pOut, const double* const* ppRows, const double* pCoef, int nTaps, int nCount);
+// Combines rows: pOut[x] = sum over t of pCoef[t] * pBase[pSource[t] * nRowStride + x],
+// for x < nCount, taps in order. The SSE2 kernel does a prefix and returns how
+// many outputs it did; the plain loop finishes from nFrom.
+void CombineRowsPlain(double* pOut, const double* pBase, size_t nRowStride, const int* pSource, const double* pCoef,
+                      int nTaps, int nFrom, int nCount);
+int CombineRowsSse2(double* pOut, const double* pBase, size_t nRowStride, const int* pSource, const double* pCoef,
+                    int nTaps, int nCount);
 
 // Elementary functions computed the same way on every ABI (the C library's
 // log and exp differ between i386 and x86_64 in the last bits).

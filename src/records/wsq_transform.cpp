@@ -333,7 +333,6 @@ void Transform::ApplyRows(double* pImage, int nStride, const Region& region, con
     m_transposed.resize(nW * kBlock);
     m_temp.resize(nW * kBlock);
     double* pBase = pImage + static_cast<size_t>(region.nY) * static_cast<size_t>(nStride) + region.nX;
-    std::vector<const double*> rows;
     for (size_t y0 = 0; y0 < nH; y0 += kBlock) {
         const size_t nRows = y0 + kBlock <= nH ? kBlock : nH - y0;
         for (size_t j = 0; j < nRows; ++j) {
@@ -343,15 +342,11 @@ void Transform::ApplyRows(double* pImage, int nStride, const Region& region, con
         for (size_t o = 0; o < nW; ++o) {
             const int nFrom = plan.offsets[o];
             const int nTaps = plan.offsets[o + 1] - nFrom;
-            rows.resize(static_cast<size_t>(nTaps));
-            for (int t = 0; t < nTaps; ++t) {
-                rows[static_cast<size_t>(t)] =
-                    m_transposed.data() + static_cast<size_t>(plan.source[static_cast<size_t>(nFrom + t)]) * kBlock;
-            }
             double* pOut = m_temp.data() + o * kBlock;
+            const int* pSource = plan.source.data() + nFrom;
             const double* pCoef = plan.coef.data() + nFrom;
-            const int nDone = CombineRowsSse2(pOut, rows.data(), pCoef, nTaps, static_cast<int>(nRows));
-            CombineRowsPlain(pOut, rows.data(), pCoef, nTaps, nDone, static_cast<int>(nRows));
+            const int nDone = CombineRowsSse2(pOut, m_transposed.data(), kBlock, pSource, pCoef, nTaps, static_cast<int>(nRows));
+            CombineRowsPlain(pOut, m_transposed.data(), kBlock, pSource, pCoef, nTaps, nDone, static_cast<int>(nRows));
         }
         for (size_t j = 0; j < nRows; ++j) {
             double* pRow = pBase + (y0 + j) * static_cast<size_t>(nStride);
@@ -363,19 +358,16 @@ void Transform::ApplyRows(double* pImage, int nStride, const Region& region, con
 void Transform::ApplyCols(double* pImage, int nStride, const Region& region, const LinePlan& plan) {
     const size_t nW = static_cast<size_t>(region.nW);
     m_temp.resize(nW * static_cast<size_t>(region.nH));
-    std::vector<const double*> rows;
     double* pBase = pImage + static_cast<size_t>(region.nY) * static_cast<size_t>(nStride) + region.nX;
     for (int o = 0; o < region.nH; ++o) {
         const int nFrom = plan.offsets[static_cast<size_t>(o)];
         const int nTaps = plan.offsets[static_cast<size_t>(o) + 1] - nFrom;
-        rows.resize(static_cast<size_t>(nTaps));
-        for (int t = 0; t < nTaps; ++t) {
-            rows[static_cast<size_t>(t)] = pBase + static_cast<size_t>(plan.source[static_cast<size_t>(nFrom + t)]) * static_cast<size_t>(nStride);
-        }
         double* pOut = m_temp.data() + static_cast<size_t>(o) * nW;
+        const int* pSource = plan.source.data() + nFrom;
         const double* pCoef = plan.coef.data() + nFrom;
-        const int nDone = CombineRowsSse2(pOut, rows.data(), pCoef, nTaps, region.nW);
-        CombineRowsPlain(pOut, rows.data(), pCoef, nTaps, nDone, region.nW);
+        const size_t nRowStride = static_cast<size_t>(nStride);
+        const int nDone = CombineRowsSse2(pOut, pBase, nRowStride, pSource, pCoef, nTaps, region.nW);
+        CombineRowsPlain(pOut, pBase, nRowStride, pSource, pCoef, nTaps, nDone, region.nW);
     }
     for (int o = 0; o < region.nH; ++o) {
         double* pRow = pBase + static_cast<size_t>(o) * static_cast<size_t>(nStride);
@@ -384,11 +376,11 @@ void Transform::ApplyCols(double* pImage, int nStride, const Region& region, con
     }
 }
 
-void CombineRowsPlain(double* pOut, const double* const* ppRows, const double* pCoef, int nTaps, int nFrom,
-                      int nCount) {
+void CombineRowsPlain(double* pOut, const double* pBase, size_t nRowStride, const int* pSource, const double* pCoef,
+                      int nTaps, int nFrom, int nCount) {
     for (int x = nFrom; x < nCount; ++x) {
         double dAcc = 0.0;
-        for (int t = 0; t < nTaps; ++t) dAcc += pCoef[t] * ppRows[t][x];
+        for (int t = 0; t < nTaps; ++t) dAcc += pCoef[t] * pBase[static_cast<size_t>(pSource[t]) * nRowStride + static_cast<size_t>(x)];
         pOut[x] = dAcc;
     }
 }

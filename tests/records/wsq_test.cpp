@@ -206,20 +206,22 @@ TEST(WsqTransform, Sse2KernelEqualsThePlainLoopBitForBit)
 {
     std::mt19937 rng(5);
     std::uniform_real_distribution<double> dist(-300.0, 300.0);
-    for (int nCount : {0, 3, 4, 17, 600}) {
+    const size_t nStride = 601;
+    std::vector<double> rows(nStride * 12);
+    for (double& d : rows) d = dist(rng);
+    for (int nCount : {0, 3, 8, 17, 600}) {
         for (int nTaps : {1, 4, 9}) {
-            std::vector<std::vector<double>> rows(static_cast<size_t>(nTaps), std::vector<double>(600));
-            std::vector<const double*> pointers;
+            std::vector<int> source;
             std::vector<double> coef;
-            for (auto& row : rows) {
-                for (double& d : row) d = dist(rng);
-                pointers.push_back(row.data());
+            for (int t = 0; t < nTaps; ++t) {
+                source.push_back((t * 5) % 12);
                 coef.push_back(dist(rng) / 300.0);
             }
             std::vector<double> plain(600), vector(600);
-            wsq::CombineRowsPlain(plain.data(), pointers.data(), coef.data(), nTaps, 0, nCount);
-            const int nDone = wsq::CombineRowsSse2(vector.data(), pointers.data(), coef.data(), nTaps, nCount);
-            wsq::CombineRowsPlain(vector.data(), pointers.data(), coef.data(), nTaps, nDone, nCount);
+            wsq::CombineRowsPlain(plain.data(), rows.data(), nStride, source.data(), coef.data(), nTaps, 0, nCount);
+            const int nDone =
+                wsq::CombineRowsSse2(vector.data(), rows.data(), nStride, source.data(), coef.data(), nTaps, nCount);
+            wsq::CombineRowsPlain(vector.data(), rows.data(), nStride, source.data(), coef.data(), nTaps, nDone, nCount);
             EXPECT_EQ(std::memcmp(plain.data(), vector.data(), sizeof(double) * static_cast<size_t>(nCount)), 0)
                 << nCount << " outputs, " << nTaps << " taps";
         }
