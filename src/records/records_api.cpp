@@ -144,15 +144,20 @@ int ToCaller(const FingerImage& finger, int nRecordType, Tavk05RecImage& out)
     if (finger.nCompression == kCompNone) {
         pixels = Copy(finger.data.data(), finger.data.size());
     } else if (finger.nCompression == kCompWsq) {
-        std::vector<unsigned char> decoded;
+        // The record and the stream inside it must agree on the image size,
+        // checked before decoding so that the record's bounds hold.
         WsqInfo info;
-        const WsqResult result = WsqDecode(finger.data.data(), finger.data.size(), decoded, info);
+        WsqResult result = WsqReadInfo(finger.data.data(), finger.data.size(), info);
         if (result != kWsqOk) {
             return result;
         }
-        // The record and the stream inside it must agree on the image size.
         if (info.nWidth != finger.nWidth || info.nHeight != finger.nHeight) {
             return kRecCorrupt;
+        }
+        std::vector<unsigned char> decoded;
+        result = WsqDecode(finger.data.data(), finger.data.size(), decoded, info);
+        if (result != kWsqOk) {
+            return result;
         }
         pixels = Copy(decoded.data(), decoded.size());
     }

@@ -255,7 +255,12 @@ TEST_F(RecordsApi, HostileInputLeavesNothingBehind)
     recordtest::SetBe(cutInside, 32, cutInside.size() - 32, 4);
     EXPECT_NE(TAVK05_REC_OK, Tavk05IsoRead(cutInside.data(), cutInside.size(), nullptr, &read.image));
     EXPECT_EQ(nullptr, read.image.pPixels);
+    // A record that gives its WSQ image another size than the stream does.
+    std::vector<unsigned char> otherSize(pRecord, pRecord + nRecord);
+    recordtest::SetBe(otherSize, 41, 599, 2);
+    EXPECT_EQ(TAVK05_REC_CORRUPT, Tavk05IsoRead(otherSize.data(), otherSize.size(), nullptr, &read.image));
     DescriptionGuard description;
+    EXPECT_EQ(TAVK05_REC_CORRUPT, Tavk05RecordsDescribe(otherSize.data(), otherSize.size(), &description.description));
     EXPECT_EQ(TAVK05_REC_TRUNCATED, Tavk05RecordsDescribe(pRecord, 20, &description.description));
     EXPECT_EQ(nullptr, description.description.pEntries);
 }
