@@ -142,6 +142,10 @@ struct DecoderState {
     std::vector<std::string> comments;
 };
 
+// No table written by an encoder shifts the decimal point further: a 16-bit
+// value moved 24 places is below 1e-19.
+constexpr unsigned kMaxScale = 24;
+
 WsqResult ParseDtt(Reader& r, size_t nLength, DecoderState& st) {
     unsigned n0, n1;
     if (nLength < 4 || !r.Byte(n0) || !r.Byte(n1)) return kWsqCorrupt;
@@ -158,7 +162,7 @@ WsqResult ParseDtt(Reader& r, size_t nLength, DecoderState& st) {
     for (size_t i = 0; i < nLow + nHigh; ++i) {
         unsigned nSign, nScale;
         uint32_t nValue;
-        if (!r.Byte(nSign) || !r.Byte(nScale) || !r.Long(nValue)) return kWsqCorrupt;
+        if (!r.Byte(nSign) || !r.Byte(nScale) || !r.Long(nValue) || nScale > kMaxScale) return kWsqCorrupt;
         double d = FromScaled(static_cast<int>(nScale), static_cast<double>(nValue));
         if (nSign != 0) d = -d;
         (i < nLow ? bank.low : bank.high).push_back(d);
@@ -171,7 +175,7 @@ WsqResult ParseDtt(Reader& r, size_t nLength, DecoderState& st) {
 
 bool ReadScaled(Reader& r, double& dValue) {
     unsigned nScale, nValue;
-    if (!r.Byte(nScale) || !r.Word(nValue)) return false;
+    if (!r.Byte(nScale) || !r.Word(nValue) || nScale > kMaxScale) return false;
     dValue = FromScaled(static_cast<int>(nScale), static_cast<double>(nValue));
     return true;
 }
