@@ -29,7 +29,7 @@ WSQ_REFERENCE ?= $(abspath $(CURDIR)/../shared/wsq-reference)
 # then the check that both ABIs compute identical images, then the Debian packages built and
 # used by hosts.
 test: $(addprefix test-,$(TEST_PRESETS))
-	@scripts/wsq-conformance --tool build/x86_64/bin/tavk05-wsqtool "$(WSQ_REFERENCE)"
+	@scripts/wsq-conformance --tool build/x86_64/bin/tavk05-wsqtool --other-abi build/i386/bin/tavk05-wsqtool "$(WSQ_REFERENCE)"
 	@scripts/cross-abi-check
 	@scripts/make-deb
 	@scripts/deb-check
