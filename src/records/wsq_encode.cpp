@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <memory>
 #include <new>
 
 namespace tavk05rec {
@@ -258,23 +259,31 @@ WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi
         if (!(dScale > 0.0)) dScale = 1.0;
         double adLevel[256];
         for (int v = 0; v < 256; ++v) adLevel[v] = (v - dMean) / dScale;
-        std::vector<double> image(nPixels);
-        for (size_t i = 0; i < nPixels; ++i) image[i] = adLevel[pPixels[i]];
+        // Every element is written below: no zero fill first.
+        const std::unique_ptr<double[]> image(new double[nPixels]);
+        double* const pImg = image.get();
+        for (size_t i = 0; i < nPixels; ++i) pImg[i] = adLevel[pPixels[i]];
 
         const Layout layout = BuildLayout(nWidth, nHeight, false);
         Transform transform(bank);
-        transform.Forward(image.data(), nWidth, layout);
+        transform.Forward(pImg, nWidth, layout);
 
         std::array<double, kSubbands> q{}, z{};
-        BinWidths(Variances(image.data(), nWidth, layout), dBitRate, q, z);
+        BinWidths(Variances(pImg, nWidth, layout), dBitRate, q, z);
 
         // Blocks: subbands 0-18, 19-51, 52-59; the second table serves the last two.
         const int anBlockStart[] = {0, 19, 52, 60};
         std::vector<int> blocks[3];
         for (int b = 0; b < 3; ++b) {
+            size_t nCoefs = 0;
+            for (int k = anBlockStart[b]; k < anBlockStart[b + 1]; ++k) {
+                const Region& r = layout.subbands[static_cast<size_t>(k)];
+                nCoefs += static_cast<size_t>(r.nW) * static_cast<size_t>(r.nH);
+            }
+            blocks[b].reserve(nCoefs);
             for (int k = anBlockStart[b]; k < anBlockStart[b + 1]; ++k) {
                 if (q[static_cast<size_t>(k)] > 0.0) {
-                    AppendBand(image.data(), nWidth, layout.subbands[static_cast<size_t>(k)], q[static_cast<size_t>(k)],
+                    AppendBand(pImg, nWidth, layout.subbands[static_cast<size_t>(k)], q[static_cast<size_t>(k)],
                                z[static_cast<size_t>(k)], blocks[b]);
                 }
             }

@@ -355,24 +355,30 @@ void Transform::ApplyRows(double* pImage, int nStride, const Region& region, con
     }
 }
 
+// Columns are filtered in strips of 32, so that the scratch buffer stays
+// small (no fresh pages per call) and in cache.
 void Transform::ApplyCols(double* pImage, int nStride, const Region& region, const LinePlan& plan) {
-    const size_t nW = static_cast<size_t>(region.nW);
-    m_temp.resize(nW * static_cast<size_t>(region.nH));
+    constexpr int kStrip = 32;
+    const size_t nH = static_cast<size_t>(region.nH);
+    m_temp.resize(nH * kStrip);
     double* pBase = pImage + static_cast<size_t>(region.nY) * static_cast<size_t>(nStride) + region.nX;
-    for (int o = 0; o < region.nH; ++o) {
-        const int nFrom = plan.offsets[static_cast<size_t>(o)];
-        const int nTaps = plan.offsets[static_cast<size_t>(o) + 1] - nFrom;
-        double* pOut = m_temp.data() + static_cast<size_t>(o) * nW;
-        const int* pSource = plan.source.data() + nFrom;
-        const double* pCoef = plan.coef.data() + nFrom;
-        const size_t nRowStride = static_cast<size_t>(nStride);
-        const int nDone = CombineRowsSse2(pOut, pBase, nRowStride, pSource, pCoef, nTaps, region.nW);
-        CombineRowsPlain(pOut, pBase, nRowStride, pSource, pCoef, nTaps, nDone, region.nW);
-    }
-    for (int o = 0; o < region.nH; ++o) {
-        double* pRow = pBase + static_cast<size_t>(o) * static_cast<size_t>(nStride);
-        const double* pSrc = m_temp.data() + static_cast<size_t>(o) * nW;
-        for (size_t x = 0; x < nW; ++x) pRow[x] = pSrc[x];
+    const size_t nRowStride = static_cast<size_t>(nStride);
+    for (int x0 = 0; x0 < region.nW; x0 += kStrip) {
+        const int nCount = x0 + kStrip <= region.nW ? kStrip : region.nW - x0;
+        for (size_t o = 0; o < nH; ++o) {
+            const int nFrom = plan.offsets[o];
+            const int nTaps = plan.offsets[o + 1] - nFrom;
+            double* pOut = m_temp.data() + o * kStrip;
+            const int* pSource = plan.source.data() + nFrom;
+            const double* pCoef = plan.coef.data() + nFrom;
+            const int nDone = CombineRowsSse2(pOut, pBase + x0, nRowStride, pSource, pCoef, nTaps, nCount);
+            CombineRowsPlain(pOut, pBase + x0, nRowStride, pSource, pCoef, nTaps, nDone, nCount);
+        }
+        for (size_t o = 0; o < nH; ++o) {
+            double* pRow = pBase + o * nRowStride + x0;
+            const double* pSrc = m_temp.data() + o * kStrip;
+            for (int x = 0; x < nCount; ++x) pRow[x] = pSrc[x];
+        }
     }
 }
 
