@@ -39,6 +39,12 @@ demo: build
 
 bench: build-x86_64
 	build/x86_64/bin/bench_tavk05 --benchmark_counters_tabular=true $(BENCH_ARGS)
+	@# The WSQ codec on the product ABI too (needs libbenchmark-dev:i386).
+	@if [ -e /usr/lib/i386-linux-gnu/libbenchmark.so ]; then \
+	  cmake --preset i386 -B build/i386-bench -DTAVK05_BENCH=ON -DTAVK05_TESTS=OFF >build/configure-i386-bench.log 2>&1 && \
+	  cmake --build build/i386-bench -j$(JOBS) --target bench_tavk05 >build/build-i386-bench.log 2>&1 && \
+	  echo "i386:" && build/i386-bench/bin/bench_tavk05 --benchmark_filter=Wsq --benchmark_counters_tabular=true; \
+	else echo "bench: no 32-bit Google Benchmark (libbenchmark-dev:i386): the i386 WSQ benchmarks are skipped"; fi
 
 # How libfprint's bozorth3 matcher scores the virtual fingers (not part of
 # test): genuine and false match rates and score distributions over the
