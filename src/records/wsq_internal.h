@@ -83,6 +83,25 @@ struct LinePlan {
     std::vector<int> source;
 };
 
+// Rows filtered by phases: the extended row is gathered once into two
+// phase buffers (even and odd samples for analysis, the two extended bands
+// for synthesis); each output group then has fixed taps into them, so the
+// same vector kernel as for columns runs along the row. The taps of an output
+// are those of its LinePlan, in the same order, so the sums are the same.
+struct RowGroup {
+    int nCount = 0;
+    int nOutAt = 0;
+    int nOutStep = 1;
+    std::vector<double> coef;
+    std::vector<int> source;
+};
+struct RowPlan {
+    int nLength = 0;
+    std::vector<int> gather;       // row index of each phase sample, -1 for zero
+    std::vector<double> sign;      // +1 or -1 applied to the gathered sample
+    RowGroup groups[2];
+};
+
 class Transform {
 public:
     explicit Transform(const FilterBank& bank);
@@ -97,7 +116,10 @@ private:
     LinePlan MakeAnalysis(int nLength, bool bInverted) const;
     LinePlan MakeSynthesis(int nLength, bool bInverted) const;
     const LinePlan& Cached(int nLength, bool bInverted, bool bSynthesis);
-    void ApplyRows(double* pImage, int nStride, const Region& region, const LinePlan& plan);
+    RowPlan MakeRowAnalysis(int nLength, bool bInverted) const;
+    RowPlan MakeRowSynthesis(int nLength, bool bInverted) const;
+    const RowPlan& CachedRow(int nLength, bool bInverted, bool bSynthesis);
+    void ApplyRows(double* pImage, int nStride, const Region& region, const RowPlan& plan);
     void ApplyCols(double* pImage, int nStride, const Region& region, const LinePlan& plan);
 
     bool m_bWholeSample;
@@ -109,8 +131,15 @@ private:
         LinePlan plan;
     };
     std::vector<CacheEntry> m_cache;
+    struct RowCacheEntry {
+        int nLength;
+        bool bInverted;
+        bool bSynthesis;
+        RowPlan plan;
+    };
+    std::vector<RowCacheEntry> m_rowCache;
+    std::vector<double> m_phase;
     std::vector<double> m_temp;
-    std::vector<double> m_transposed;
 };
 
 // Combines rows: pOut[x] = sum over t of pCoef[t] * pBase[pSource[t] * nRowStride + x],

@@ -323,34 +323,126 @@ const LinePlan& Transform::Cached(int nLength, bool bInverted, bool bSynthesis) 
 const LinePlan& Transform::AnalysisPlan(int nLength, bool bInverted) { return Cached(nLength, bInverted, false); }
 const LinePlan& Transform::SynthesisPlan(int nLength, bool bInverted) { return Cached(nLength, bInverted, true); }
 
-// Rows are filtered eight at a time: interleaved into a small buffer where
-// each column holds one sample of the eight rows, they go through the same
-// vector kernel as columns; each output sums its taps in plan order.
-void Transform::ApplyRows(double* pImage, int nStride, const Region& region, const LinePlan& plan) {
-    constexpr size_t kBlock = 8;
-    const size_t nW = static_cast<size_t>(region.nW);
-    const size_t nH = static_cast<size_t>(region.nH);
-    m_transposed.resize(nW * kBlock);
-    m_temp.resize(nW * kBlock);
-    double* pBase = pImage + static_cast<size_t>(region.nY) * static_cast<size_t>(nStride) + region.nX;
-    for (size_t y0 = 0; y0 < nH; y0 += kBlock) {
-        const size_t nRows = y0 + kBlock <= nH ? kBlock : nH - y0;
-        for (size_t j = 0; j < nRows; ++j) {
-            const double* pRow = pBase + (y0 + j) * static_cast<size_t>(nStride);
-            for (size_t x = 0; x < nW; ++x) m_transposed[x * kBlock + j] = pRow[x];
+namespace {
+
+// Sample n of the analysis extension of a line of nLength samples.
+int AnalysisSource(long long n, int nLength, bool bWholeSample) {
+    int nSign;
+    if (bWholeSample) return Fold(n, nLength - 1, &nSign);
+    // Half-sample symmetric about -1/2 and nLength - 1/2.
+    const long long nPeriod = 2LL * nLength;
+    long long r = n % nPeriod;
+    if (r < 0) r += nPeriod;
+    if (r >= nLength) r = nPeriod - 1 - r;
+    return static_cast<int>(r);
+}
+
+}  // namespace
+
+RowPlan Transform::MakeRowAnalysis(int nLength, bool bInverted) const {
+    constexpr int kPad = 20;   // even, beyond the longest filter's half length
+    const int nLow = (nLength + 1) / 2;
+    const int nHigh = nLength / 2;
+    const int nPhase = (nLength + 2 * kPad + 1) / 2 + 1;
+    RowPlan plan;
+    plan.nLength = nLength;
+    for (int nOdd = 0; nOdd < 2; ++nOdd) {
+        for (int j = 0; j < nPhase; ++j) {
+            plan.gather.push_back(AnalysisSource(-kPad + 2LL * j + nOdd, nLength, m_bWholeSample));
+            plan.sign.push_back(1.0);
         }
-        for (size_t o = 0; o < nW; ++o) {
-            const int nFrom = plan.offsets[o];
-            const int nTaps = plan.offsets[o + 1] - nFrom;
-            double* pOut = m_temp.data() + o * kBlock;
-            const int* pSource = plan.source.data() + nFrom;
-            const double* pCoef = plan.coef.data() + nFrom;
-            const int nDone = CombineRowsSse2(pOut, m_transposed.data(), kBlock, pSource, pCoef, nTaps, static_cast<int>(nRows));
-            CombineRowsPlain(pOut, m_transposed.data(), kBlock, pSource, pCoef, nTaps, nDone, static_cast<int>(nRows));
+    }
+    for (int nBand = 0; nBand < 2; ++nBand) {
+        RowGroup& g = plan.groups[nBand];
+        const Impulse& h = nBand == 0 ? m_h0 : m_h1;
+        g.nCount = nBand == 0 ? nLow : nHigh;
+        g.nOutAt = nBand == 0 ? (bInverted ? nHigh : 0) : (bInverted ? 0 : nLow);
+        for (size_t i = 0; i < h.taps.size(); ++i) {
+            const int m = h.nFirst + static_cast<int>(i);   // sample 2k - m
+            g.coef.push_back(h.taps[i]);
+            g.source.push_back(((m % 2) == 0) ? (kPad - m) / 2 : nPhase + (kPad - m - 1) / 2);
         }
-        for (size_t j = 0; j < nRows; ++j) {
-            double* pRow = pBase + (y0 + j) * static_cast<size_t>(nStride);
-            for (size_t x = 0; x < nW; ++x) pRow[x] = m_temp[x * kBlock + j];
+    }
+    return plan;
+}
+
+RowPlan Transform::MakeRowSynthesis(int nLength, bool bInverted) const {
+    constexpr int kPad = 12;   // beyond half the longest synthesis filter
+    const int nLow = (nLength + 1) / 2;
+    const int nHigh = nLength / 2;
+    const int nLowAt = bInverted ? nHigh : 0;
+    const int nHighAt = bInverted ? 0 : nLow;
+    const int nPhase = nLow + 2 * kPad + 2;
+    RowPlan plan;
+    plan.nLength = nLength;
+    // Phase buffers: b0(u - kPad) and b1(u - kPad), from the stored halves
+    // through their symmetric (or antisymmetric) extensions.
+    for (int nBand = 0; nBand < 2; ++nBand) {
+        for (int u = 0; u < nPhase; ++u) {
+            const long long n = 2LL * (u - kPad);
+            int nSign = 1;
+            int nIndex = -1;
+            if (nBand == 0) {
+                int s;
+                nIndex = m_bWholeSample ? nLowAt + Fold(n, nLength - 1, &s) / 2 : nLowAt + (Fold(n + 1, nLength, &s) - 1) / 2;
+            } else if (nHigh > 0) {
+                int s;
+                if (m_bWholeSample) {
+                    nIndex = nHighAt + (Fold(n + 1, nLength - 1, &s) - 1) / 2;
+                } else {
+                    const int r = Fold(n + 1, nLength, &nSign);
+                    nIndex = (r == 0 || r == nLength) ? -1 : nHighAt + (r - 1) / 2;
+                }
+            }
+            plan.gather.push_back(nIndex);
+            plan.sign.push_back(nSign);
+        }
+    }
+    // Even outputs n = 2t take the taps j of even index, odd outputs the odd ones;
+    // band 0 first, taps ascending, as in the line plan.
+    for (int nParity = 0; nParity < 2; ++nParity) {
+        RowGroup& g = plan.groups[nParity];
+        g.nCount = nParity == 0 ? nLow : nHigh;
+        g.nOutAt = nParity;
+        g.nOutStep = 2;
+        for (int nBand = 0; nBand < 2; ++nBand) {
+            const Impulse& f = nBand == 0 ? m_f0 : m_f1;
+            for (size_t i = 0; i < f.taps.size(); ++i) {
+                const int j = f.nFirst + static_cast<int>(i);
+                if (((j - nParity) % 2) != 0) continue;
+                g.coef.push_back(f.taps[i]);
+                g.source.push_back(nBand * nPhase + kPad - (j - nParity) / 2);
+            }
+        }
+    }
+    return plan;
+}
+
+const RowPlan& Transform::CachedRow(int nLength, bool bInverted, bool bSynthesis) {
+    for (const RowCacheEntry& e : m_rowCache) {
+        if (e.nLength == nLength && e.bInverted == bInverted && e.bSynthesis == bSynthesis) return e.plan;
+    }
+    m_rowCache.push_back({nLength, bInverted, bSynthesis,
+                          bSynthesis ? MakeRowSynthesis(nLength, bInverted) : MakeRowAnalysis(nLength, bInverted)});
+    return m_rowCache.back().plan;
+}
+
+void Transform::ApplyRows(double* pImage, int nStride, const Region& region, const RowPlan& plan) {
+    const size_t nGather = plan.gather.size();
+    m_phase.resize(nGather);
+    m_temp.resize(static_cast<size_t>(region.nW));
+    for (int y = 0; y < region.nH; ++y) {
+        double* pRow = pImage + static_cast<size_t>(region.nY + y) * static_cast<size_t>(nStride) + region.nX;
+        for (size_t g = 0; g < nGather; ++g) {
+            const int nIndex = plan.gather[g];
+            m_phase[g] = nIndex < 0 ? 0.0 : plan.sign[g] * pRow[nIndex];
+        }
+        for (const RowGroup& grp : plan.groups) {
+            const int nTaps = static_cast<int>(grp.coef.size());
+            double* pOut = m_temp.data();
+            const int nDone = CombineRowsSse2(pOut, m_phase.data(), 1, grp.source.data(), grp.coef.data(), nTaps, grp.nCount);
+            CombineRowsPlain(pOut, m_phase.data(), 1, grp.source.data(), grp.coef.data(), nTaps, nDone, grp.nCount);
+            for (int k = 0; k < grp.nCount; ++k) pRow[grp.nOutAt + k * grp.nOutStep] = pOut[k];
         }
     }
 }
@@ -394,7 +486,7 @@ void CombineRowsPlain(double* pOut, const double* pBase, size_t nRowStride, cons
 void Transform::Forward(double* pImage, int nStride, const Layout& layout) {
     for (const Split& s : layout.splits) {
         if (s.region.nW <= 0 || s.region.nH <= 0) continue;
-        ApplyRows(pImage, nStride, s.region, AnalysisPlan(s.region.nW, s.bInvRows));
+        ApplyRows(pImage, nStride, s.region, CachedRow(s.region.nW, s.bInvRows, false));
         ApplyCols(pImage, nStride, s.region, AnalysisPlan(s.region.nH, s.bInvCols));
     }
 }
@@ -404,7 +496,7 @@ void Transform::Inverse(double* pImage, int nStride, const Layout& layout) {
         const Split& s = *it;
         if (s.region.nW <= 0 || s.region.nH <= 0) continue;
         ApplyCols(pImage, nStride, s.region, SynthesisPlan(s.region.nH, s.bInvCols));
-        ApplyRows(pImage, nStride, s.region, SynthesisPlan(s.region.nW, s.bInvRows));
+        ApplyRows(pImage, nStride, s.region, CachedRow(s.region.nW, s.bInvRows, true));
     }
 }
 
