@@ -99,6 +99,7 @@ struct RowPlan {
     int nLength = 0;
     std::vector<int> gather;       // row index of each phase sample, -1 for zero
     std::vector<double> sign;      // +1 or -1 applied to the gathered sample
+    bool bPlainGather = false;     // no zero and no sign change (analysis)
     RowGroup groups[2];
 };
 

@@ -346,6 +346,7 @@ RowPlan Transform::MakeRowAnalysis(int nLength, bool bInverted) const {
     const int nPhase = (nLength + 2 * kPad + 1) / 2 + 1;
     RowPlan plan;
     plan.nLength = nLength;
+    plan.bPlainGather = true;
     for (int nOdd = 0; nOdd < 2; ++nOdd) {
         for (int j = 0; j < nPhase; ++j) {
             plan.gather.push_back(AnalysisSource(-kPad + 2LL * j + nOdd, nLength, m_bWholeSample));
@@ -433,9 +434,13 @@ void Transform::ApplyRows(double* pImage, int nStride, const Region& region, con
     m_temp.resize(static_cast<size_t>(region.nW));
     for (int y = 0; y < region.nH; ++y) {
         double* pRow = pImage + static_cast<size_t>(region.nY + y) * static_cast<size_t>(nStride) + region.nX;
-        for (size_t g = 0; g < nGather; ++g) {
-            const int nIndex = plan.gather[g];
-            m_phase[g] = nIndex < 0 ? 0.0 : plan.sign[g] * pRow[nIndex];
+        if (plan.bPlainGather) {
+            for (size_t g = 0; g < nGather; ++g) m_phase[g] = pRow[plan.gather[g]];
+        } else {
+            for (size_t g = 0; g < nGather; ++g) {
+                const int nIndex = plan.gather[g];
+                m_phase[g] = nIndex < 0 ? 0.0 : plan.sign[g] * pRow[nIndex];
+            }
         }
         for (const RowGroup& grp : plan.groups) {
             const int nTaps = static_cast<int>(grp.coef.size());
