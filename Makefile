@@ -21,10 +21,15 @@ build: $(addprefix build-,$(BUILD_PRESETS))
 $(addprefix test-,$(TEST_PRESETS)): test-%: build-%
 	ctest --preset $* -j$(JOBS)
 
-# The whole suite on both ABIs and under the sanitizers, then the check
-# that both ABIs compute identical images, then the Debian packages built and
+# NIST's WSQ reference set, when it lies next to the project (not part of it).
+WSQ_REFERENCE ?= $(abspath $(CURDIR)/../shared/wsq-reference)
+
+# The whole suite on both ABIs and under the sanitizers, then the WSQ
+# compliance measures on NIST's reference set (skipped when it is absent),
+# then the check that both ABIs compute identical images, then the Debian packages built and
 # used by hosts.
 test: $(addprefix test-,$(TEST_PRESETS))
+	@scripts/wsq-conformance --tool build/x86_64/bin/tavk05-wsqtool --other-abi build/i386/bin/tavk05-wsqtool "$(WSQ_REFERENCE)"
 	@scripts/cross-abi-check
 	@scripts/make-deb
 	@scripts/deb-check
@@ -34,6 +39,12 @@ demo: build
 
 bench: build-x86_64
 	build/x86_64/bin/bench_tavk05 --benchmark_counters_tabular=true $(BENCH_ARGS)
+	@# The WSQ codec on the product ABI too (needs libbenchmark-dev:i386).
+	@if [ -e /usr/lib/i386-linux-gnu/libbenchmark.so ]; then \
+	  cmake --preset i386 -B build/i386-bench -DTAVK05_BENCH=ON -DTAVK05_TESTS=OFF >build/configure-i386-bench.log 2>&1 && \
+	  cmake --build build/i386-bench -j$(JOBS) --target bench_tavk05 >build/build-i386-bench.log 2>&1 && \
+	  echo "i386:" && build/i386-bench/bin/bench_tavk05 --benchmark_filter=Wsq --benchmark_counters_tabular=true; \
+	else echo "bench: no 32-bit Google Benchmark (libbenchmark-dev:i386): the i386 WSQ benchmarks are skipped"; fi
 
 # How libfprint's bozorth3 matcher scores the virtual fingers (not part of
 # test): genuine and false match rates and score distributions over the
