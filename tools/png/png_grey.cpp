@@ -274,8 +274,8 @@ bool ReadGrey(const std::string& strPath, GreyImage* pImage, std::string* pError
 bool WriteGrey(const std::string& strPath, const unsigned char* pPixels, unsigned nWidth, unsigned nHeight,
                std::string* pError)
 {
-    if (!CheckTarget(strPath, pError)) return false;
     if (strPath == "-") {
+        if (!CheckTarget(strPath, pError)) return false;
         FilePtr pOut(fdopen(dup(STDOUT_FILENO), "wb"));
         if (!pOut || !Encode(pOut.get(), pPixels, nWidth, nHeight) || std::fflush(pOut.get()) != 0) {
             *pError = Problem("standard output", errno != 0 ? std::strerror(errno) : "PNG encoding failed");
@@ -314,10 +314,13 @@ bool DecodeGrey(const unsigned char* pData, size_t nSize, GreyImage* pImage, std
     }
     GreyImage image;
     const EResult eResult = Decode(pFile.get(), &image);
-    if (eResult == kOk) *pImage = std::move(image);
+    if (eResult == kOk) {
+        *pImage = std::move(image);
+        return true;
+    }
     *pError = eResult == kNoMemory ? "out of memory" : eResult == kLayout ? "unsupported pixel layout"
                                                                          : "corrupt PNG stream";
-    return eResult == kOk;
+    return false;
 }
 
 #else
