@@ -1,5 +1,5 @@
-# Installation: the library with its soname, headers, pkg-config file and
-# CMake package; the virtual scanner where the command finds it; the command's
+# Installation: the library and the records library with their sonames,
+# headers, pkg-config files and CMake package; the virtual scanner where the command finds it; the command's
 # data (man pages, completion, udev rule, settings file).
 include(CMakePackageConfigHelpers)
 
@@ -17,6 +17,16 @@ configure_file(cmake/tavk05.pc.in ${PROJECT_BINARY_DIR}/tavk05.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tavk05.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
 install(EXPORT tavk05Targets NAMESPACE tavk05:: DESTINATION ${TAVK05_CMAKE_DIR} COMPONENT dev)
+
+# The records library: its runtime with the soname, the development link,
+# its pkg-config file, and its imported target tavk05::records as the
+# "records" component of the same CMake package (its header, records.h,
+# installs with the others above).
+install(TARGETS tavk05-records EXPORT tavk05RecordsTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT records NAMELINK_COMPONENT dev)
+configure_file(cmake/tavk05-records.pc.in ${PROJECT_BINARY_DIR}/tavk05-records.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/tavk05-records.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+install(EXPORT tavk05RecordsTargets NAMESPACE tavk05:: DESTINATION ${TAVK05_CMAKE_DIR} COMPONENT dev)
 configure_package_config_file(cmake/tavk05Config.cmake.in ${PROJECT_BINARY_DIR}/tavk05Config.cmake
                               INSTALL_DESTINATION ${TAVK05_CMAKE_DIR})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/tavk05ConfigVersion.cmake

@@ -8,7 +8,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <new>
 
@@ -90,6 +92,54 @@ bool CheckTarget(const std::string& strPath, std::string* pError)
     return Reach(strPath, &target, pError) && CheckLast(strPath, target, &st, &bExists, pError);
 }
 
+bool WriteSafely(const std::string& strPath, const std::function<bool(std::FILE*)>& fnWrite, const char* pszWhat,
+                 std::string* pError)
+{
+    if (strPath == "-") {
+        *pError = "standard output: only PNG is written there";
+        return false;
+    }
+    // The directory is held by a descriptor from here on, so every name below
+    // is looked up in the directory that was checked. A new file is made
+    // beside the target, never an existing one: O_EXCL and O_NOFOLLOW make a
+    // name someone planted fail instead of being used.
+    tavk05path::CResolved target;
+    struct stat st;
+    bool bReplacing = false;
+    if (!Reach(strPath, &target, pError) || !CheckLast(strPath, target, &st, &bReplacing, pError)) return false;
+    const int nDir = target.m_nDirFd;
+    std::string strTemp;
+    int fd = -1;
+    for (int nTry = 0; fd < 0 && nTry < 100; ++nTry) {
+        strTemp = ".tavk05-" + std::to_string(getpid()) + "-" + std::to_string(nTry) + ".tmp";
+        fd = openat(nDir, strTemp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+        if (fd < 0 && errno != EEXIST) break;
+    }
+    if (fd < 0) {
+        *pError = Problem(strPath, std::strerror(errno));
+        return false;
+    }
+    if (bReplacing) fchmod(fd, st.st_mode & 07777);  // a replaced file keeps its permissions
+    FilePtr pOut(fdopen(fd, "wb"));
+    if (!pOut) close(fd);
+    errno = 0;
+    const bool bWritten = pOut && fnWrite(pOut.get()) && std::fflush(pOut.get()) == 0 &&
+                          fsync(fileno(pOut.get())) == 0;
+    const int nError = errno;
+    const bool bClosed = pOut && std::fclose(pOut.release()) == 0;
+    if (bWritten && bClosed && renameat(nDir, strTemp.c_str(), nDir, target.m_strName.c_str()) == 0) return true;
+    const int nLast = errno != 0 ? errno : nError;
+    unlinkat(nDir, strTemp.c_str(), 0);
+    *pError = Problem(strPath, nLast != 0 ? std::strerror(nLast) : pszWhat);
+    return false;
+}
+
+bool WriteBytes(const std::string& strPath, const unsigned char* pData, size_t nSize, std::string* pError)
+{
+    return WriteSafely(strPath, [&](std::FILE* pOut) { return std::fwrite(pData, 1, nSize, pOut) == nSize; },
+                       "write failed", pError);
+}
+
 #ifdef TAVK05_HAVE_PNG
 
 namespace {
@@ -141,7 +191,9 @@ EResult Decode(std::FILE* pFile, GreyImage* pImage)
         const png_uint_32 nWidth = png_get_image_width(pPng, pInfo);
         const png_uint_32 nHeight = png_get_image_height(pPng, pInfo);
         const int nColour = png_get_color_type(pPng, pInfo);
-        pImage->bStoredGrey8 = png_get_bit_depth(pPng, pInfo) == 8 && nColour == PNG_COLOR_TYPE_GRAY;
+        pImage->nBitDepth = png_get_bit_depth(pPng, pInfo);
+        pImage->nColourType = nColour;
+        pImage->bStoredGrey8 = pImage->nBitDepth == 8 && nColour == PNG_COLOR_TYPE_GRAY;
         png_uint_32 nResX = 0, nResY = 0;
         int nUnit = 0;
         if (png_get_pHYs(pPng, pInfo, &nResX, &nResY, &nUnit) && nUnit == PNG_RESOLUTION_METER) {
@@ -257,38 +309,43 @@ bool WriteGrey(const std::string& strPath, const unsigned char* pPixels, unsigne
         }
         return true;
     }
-    // The directory is held by a descriptor from here on, so every name below
-    // is looked up in the directory that was checked. A new file is made
-    // beside the target, never an existing one: O_EXCL and O_NOFOLLOW make a
-    // name someone planted fail instead of being used.
-    tavk05path::CResolved target;
-    struct stat st;
-    bool bReplacing = false;
-    if (!Reach(strPath, &target, pError) || !CheckLast(strPath, target, &st, &bReplacing, pError)) return false;
-    const int nDir = target.m_nDirFd;
-    std::string strTemp;
-    int fd = -1;
-    for (int nTry = 0; fd < 0 && nTry < 100; ++nTry) {
-        strTemp = ".tavk05-" + std::to_string(getpid()) + "-" + std::to_string(nTry) + ".png";
-        fd = openat(nDir, strTemp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
-        if (fd < 0 && errno != EEXIST) break;
-    }
-    if (fd < 0) {
-        *pError = Problem(strPath, std::strerror(errno));
+    return WriteSafely(strPath, [&](std::FILE* pOut) { return Encode(pOut, pPixels, nWidth, nHeight); },
+                       "PNG encoding failed", pError);
+}
+
+bool EncodeGrey(const unsigned char* pPixels, unsigned nWidth, unsigned nHeight, std::vector<unsigned char>* pOut)
+{
+    char* pBuf = nullptr;
+    size_t nSize = 0;
+    std::FILE* pMem = open_memstream(&pBuf, &nSize);
+    if (pMem == nullptr) return false;
+    const bool bEncoded = Encode(pMem, pPixels, nWidth, nHeight);
+    const bool bClosed = std::fclose(pMem) == 0;
+    if (bEncoded && bClosed) pOut->assign(pBuf, pBuf + nSize);
+    std::free(pBuf);
+    return bEncoded && bClosed;
+}
+
+bool DecodeGrey(const unsigned char* pData, size_t nSize, GreyImage* pImage, std::string* pError)
+{
+    unsigned char abySignature[8] = {};
+    if (nSize < sizeof abySignature || png_sig_cmp(pData, 0, sizeof abySignature) != 0) {
+        *pError = "not a PNG stream";
         return false;
     }
-    if (bReplacing) fchmod(fd, st.st_mode & 07777);  // a replaced file keeps its permissions
-    FilePtr pOut(fdopen(fd, "wb"));
-    if (!pOut) close(fd);
-    errno = 0;
-    const bool bWritten = pOut && Encode(pOut.get(), pPixels, nWidth, nHeight) && std::fflush(pOut.get()) == 0 &&
-                          fsync(fileno(pOut.get())) == 0;
-    const int nError = errno;
-    const bool bClosed = pOut && std::fclose(pOut.release()) == 0;
-    if (bWritten && bClosed && renameat(nDir, strTemp.c_str(), nDir, target.m_strName.c_str()) == 0) return true;
-    const int nLast = errno != 0 ? errno : nError;
-    unlinkat(nDir, strTemp.c_str(), 0);
-    *pError = Problem(strPath, nLast != 0 ? std::strerror(nLast) : "PNG encoding failed");
+    FilePtr pFile(fmemopen(const_cast<unsigned char*>(pData), nSize, "rb"));
+    if (!pFile || std::fread(abySignature, 1, sizeof abySignature, pFile.get()) != sizeof abySignature) {
+        *pError = "out of memory";
+        return false;
+    }
+    GreyImage image;
+    const EResult eResult = Decode(pFile.get(), &image);
+    if (eResult == kOk) {
+        *pImage = std::move(image);
+        return true;
+    }
+    *pError = eResult == kNoMemory ? "out of memory" : eResult == kLayout ? "unsupported pixel layout"
+                                                                         : "corrupt PNG stream";
     return false;
 }
 
@@ -303,6 +360,17 @@ bool ReadGrey(const std::string& strPath, GreyImage*, std::string* pError)
 bool WriteGrey(const std::string& strPath, const unsigned char*, unsigned, unsigned, std::string* pError)
 {
     *pError = Problem(strPath, "this build has no PNG support (libpng was not found)");
+    return false;
+}
+
+bool EncodeGrey(const unsigned char*, unsigned, unsigned, std::vector<unsigned char>*)
+{
+    return false;
+}
+
+bool DecodeGrey(const unsigned char*, size_t, GreyImage*, std::string* pError)
+{
+    *pError = "this build has no PNG support (libpng was not found)";
     return false;
 }
 

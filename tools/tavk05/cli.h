@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tavk05/oberin.h"
+#include "tavk05/records.h"
 
 namespace cli {
 
@@ -16,7 +17,8 @@ enum {
     EXIT_DEVICE = 1,   // a driver operation failed
     EXIT_USAGE = 2,    // bad command line
     EXIT_CHECK = 3,    // verification found a mark missing
-    EXIT_IO = 4        // a file could not be read or written
+    EXIT_IO = 4,       // a file could not be read or written
+    EXIT_LOSSY = 5     // verify: the file's compression does not keep the marks (WSQ)
 };
 
 // The command line, parsed and checked against the option table
@@ -42,14 +44,55 @@ int RunCommand(const Options& opt);
 // "WxH" into its two numbers.
 bool ParseSizeValue(const std::string& str, unsigned long* pWidth, unsigned long* pHeight);
 
+// What a file says about its image besides the pixels: the record fields
+// of .fir and .an2, and how .wsq (or a record's WSQ) is compressed.
+struct ImageFacts {
+    int nFinger = 0;          // 0 unknown, 1..10 as the standards number fingers
+    int nImpression = TAVK05_REC_LIVE_PLAIN;  // or TAVK05_REC_LIVE_ROLLED
+    int nQuality = TAVK05_REC_QUALITY_NONE;   // 0..100, or not computed
+    int nPpi = 500;
+    double dBitRate = 0.75;   // WSQ bits per pixel
+    int nIsoVersion = 2011;   // .fir: 2005 or 2011
+    int nCompression = TAVK05_REC_COMP_WSQ;      // of the image in .fir and .an2
+    const Tavk05NistHeader* pNistHeader = nullptr;  // .an2: Type-1 fields to keep (convert), else the command's own
+};
+// The facts the options of capture, live, roll and convert set, for an
+// image of this impression and quality.
+ImageFacts FactsFromOptions(const Options& opt, int nImpression, int nQuality);
+
 // The image formats the command writes, chosen by the output file's
 // extension: one row each.
 struct ImageWriter {
     const char* pszExtension;  // lower case, with the dot
     const char* pszFormat;
     bool (*pfnWrite)(const std::string& strPath, const unsigned char* pImage, unsigned nWidth, unsigned nHeight,
-                     std::string* pError);
+                     const ImageFacts& facts, std::string* pError);
 };
+// The writers of cmd_formats.cpp (PNG is the PNG module's).
+bool WritePngImage(const std::string& strPath, const unsigned char* pImage, unsigned nWidth, unsigned nHeight,
+                   const ImageFacts& facts, std::string* pError);
+bool WriteWsqImage(const std::string& strPath, const unsigned char* pImage, unsigned nWidth, unsigned nHeight,
+                   const ImageFacts& facts, std::string* pError);
+bool WriteIsoImage(const std::string& strPath, const unsigned char* pImage, unsigned nWidth, unsigned nHeight,
+                   const ImageFacts& facts, std::string* pError);
+bool WriteNistImage(const std::string& strPath, const unsigned char* pImage, unsigned nWidth, unsigned nHeight,
+                    const ImageFacts& facts, std::string* pError);
+
+// An image read from any format the command writes, found by content.
+struct LoadedImage {
+    std::vector<unsigned char> vecPixels;  // 8-bit grey, nWidth x nHeight
+    unsigned nWidth = 0;
+    unsigned nHeight = 0;
+    std::string strFormat;     // "PNG", "WSQ", "ISO/IEC 19794-4:2011", ...
+    bool bLossy = false;       // WSQ-compressed: pixels are not those captured
+    bool bStoredGrey8 = true;  // nothing converted on reading (a PNG of another depth or colour is)
+    ImageFacts facts;
+    bool bNist = false;
+    Tavk05NistHeader nistHeader = {};  // the transaction's Type-1 fields, when bNist
+};
+// Reads strPath (a regular file of at most 64 MiB); the first finger image
+// of a record or transaction. False with a message naming the file.
+bool LoadImage(const std::string& strPath, LoadedImage* pImage, std::string* pError);
 // The writer for a path ("-": the first, PNG), or null.
 const ImageWriter* FindWriter(const std::string& strPath);
 // ".png" (or ".png, .wsq and .fir") for messages and help.
@@ -103,7 +146,7 @@ bool OutputWritable(const std::string& strPath);
 
 // Writes a finished 600 x 600 image in the format of the path's extension
 // ("-": PNG on standard output); prints why not.
-bool SaveImage(const std::string& strPath, const unsigned char* pImage);
+bool SaveImage(const std::string& strPath, const unsigned char* pImage, const ImageFacts& facts);
 
 // Parses a whole number in [nMin, nMax] (decimal or 0x hex).
 bool ParseLong(const std::string& str, long nMin, long nMax, long* pValue);
@@ -124,6 +167,8 @@ int CmdBackground(const Options& opt);
 int CmdVerify(const Options& opt);
 int CmdLive(const Options& opt);
 int CmdRoll(const Options& opt);
+int CmdConvert(const Options& opt);
+int CmdShow(const Options& opt);
 
 }  // namespace cli
 

@@ -67,8 +67,12 @@ bool OutputWritable(const std::string& strPath)
 
 namespace {
 
+// The first row is also the format of standard output ("-").
 const ImageWriter kWriters[] = {
-    {".png", "PNG, 8-bit grey, 500 ppi", tavk05png::WriteGrey},
+    {".png", "PNG, 8-bit grey, 500 ppi", WritePngImage},
+    {".wsq", "WSQ, FBI WSQ 3.1", WriteWsqImage},
+    {".fir", "ISO/IEC 19794-4 finger image record", WriteIsoImage},
+    {".an2", "ANSI/NIST-ITL 1-2011 transaction, Type-1 and Type-14", WriteNistImage},
 };
 
 // The virtual scanner's API when it is loaded (preloaded by --virtual, or by
@@ -106,11 +110,11 @@ std::string WriterList()
     return str;
 }
 
-bool SaveImage(const std::string& strPath, const unsigned char* pImage)
+bool SaveImage(const std::string& strPath, const unsigned char* pImage, const ImageFacts& facts)
 {
     std::string strError;
     const ImageWriter* pWriter = FindWriter(strPath);
-    if (pWriter != nullptr && pWriter->pfnWrite(strPath, pImage, IMG_WIDTH, IMG_HEIGHT, &strError)) return true;
+    if (pWriter != nullptr && pWriter->pfnWrite(strPath, pImage, IMG_WIDTH, IMG_HEIGHT, facts, &strError)) return true;
     std::fprintf(stderr, "tavk05: cannot write %s\n", pWriter != nullptr ? strError.c_str() : strPath.c_str());
     return false;
 }

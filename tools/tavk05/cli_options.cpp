@@ -24,6 +24,8 @@ namespace {
 enum ValueKind {
     kFlag,       // no value
     kNumber,     // a whole number in [nMin, nMax]
+    kDecimal,    // a decimal number in [nMin / 100, nMax / 100]
+    kChoice,     // one of the words of pszValue, separated by '|'
     kGain,       // 1, 2, 4 or 8
     kImageSize,  // one of the nominal image sizes
     kDims,       // any WxH
@@ -70,6 +72,14 @@ const OptionDef kOptions[] = {
     {"live roll", "timeout", 0, kNumber, "MS", 1, 3600000, "give up after MS (default 20000)"},
     {"live roll", "no-picture", 0, kFlag, "", 0, 0, "no picture on the terminal, only the progress line"},
     {"live roll", "background", 0, kFlag, "", 0, 0, ""},  // from older scripts: the background is always taken
+    {"capture live roll convert", "finger", 0, kNumber, "N", 0, 10,
+     "finger position in .fir and .an2 (0 unknown,\nthe default; 1..5 right thumb to little finger,\n6..10 left)"},
+    {"capture live roll convert", "bitrate", 0, kDecimal, "B", 10, 800,
+     "WSQ bits per pixel (default 0.75; 2.25 keeps\nmore detail)"},
+    {"capture live roll convert", "iso-version", 0, kChoice, "2005|2011", 0, 0,
+     "edition of ISO/IEC 19794-4 for .fir\n(default 2011)"},
+    {"capture live roll convert", "compression", 0, kChoice, "wsq|none|png", 0, 0,
+     "the image in .fir and .an2 (default wsq)"},
 };
 
 // One command: its arguments besides the options, what it does, and how
@@ -91,7 +101,12 @@ const CommandDef kCommands[] = {
      "keep\nthe glass clear)", CmdLive, 0, 0},
     {"roll", "[-o FILE]", "rolled print: place the finger, then roll it\nacross the glass (models 3, 5, 7)",
      CmdRoll, 0, 0},
-    {"verify", "FILE.png", "check the four corner marks (exit 0 when all hold)", CmdVerify, 1, 1},
+    {"verify", "FILE", "check the four corner marks (exit 0 when all hold;\n5 for WSQ, which does not keep them)",
+     CmdVerify, 1, 1},
+    {"convert", "IN OUT", "IN (format by content) to OUT (format by\nextension), between .png, .wsq, .fir and .an2",
+     CmdConvert, 2, 2},
+    {"show", "FILE", "what a PNG, WSQ, ISO/IEC 19794-4 or ANSI/NIST-ITL\nfile holds: size, resolution, compression,\n"
+     "bit rate, finger, impression, quality, records", CmdShow, 1, 1},
     {"list", "", "every scanner present: node, type, firmware, device ID", CmdList, 0, 0},
     {"info", "", "device type, firmware, frame geometry, settings,\ndevice ID", CmdInfo, 0, 0},
     {"background", "[-o FILE]", "capture the background frame used by live view", CmdBackground, 0, 0},
@@ -108,6 +123,8 @@ const char kHelpHead[] =
     "First steps, on the virtual scanner (no hardware needed):\n"
     "  tavk05 --virtual capture -o finger.png   # clear glass, then the finger\n"
     "  tavk05 verify finger.png\n"
+    "  tavk05 convert finger.png finger.an2     # or .wsq, .fir\n"
+    "  tavk05 show finger.an2\n"
     "  tavk05 --virtual live -o live.png\n"
     "  tavk05 --virtual roll -o rolled.png\n"
     "\n"
@@ -123,7 +140,8 @@ const char kHelpTail[] =
     "\n"
     "Exit status: 0 success, 1 a driver operation failed (its status code and\n"
     "meaning are printed), 2 bad command line, 3 verification failed,\n"
-    "4 a file could not be read or written.\n";
+    "4 a file could not be read or written, 5 verify: the file is WSQ,\n"
+    "which does not keep the corner marks.\n";
 
 bool BelongsTo(const OptionDef& def, const std::string& strCommand)
 {
@@ -168,13 +186,41 @@ std::string ImageSizeList()
     return str;
 }
 
+// "0.1..8" for a decimal option's range.
+std::string DecimalRange(const OptionDef& def)
+{
+    char szRange[64];
+    std::snprintf(szRange, sizeof szRange, "%g..%g", def.nMin / 100.0, def.nMax / 100.0);
+    return szRange;
+}
+
+// "wsq, none or png" for "wsq|none|png".
+std::string ChoiceList(const std::string& strWords)
+{
+    std::string str = strWords;
+    const size_t nLast = str.rfind('|');
+    if (nLast != std::string::npos) str.replace(nLast, 1, " or ");
+    for (size_t n = str.find('|'); n != std::string::npos; n = str.find('|')) str.replace(n, 1, ", ");
+    return str;
+}
+
+// Whether strValue is one of the '|'-separated words of pszWords.
+bool IsChoice(const std::string& strValue, const char* pszWords)
+{
+    const std::string strWords = std::string("|") + pszWords + "|";
+    return !strValue.empty() && strValue.find('|') == std::string::npos &&
+           strWords.find("|" + strValue + "|") != std::string::npos;
+}
+
 std::string OptionHelp(const OptionDef& def)
 {
     std::string str = def.pszHelp;
     if (def.eKind == kNumber) {
         str += ", " + std::to_string(def.nMin) + ".." + std::to_string(def.nMax);
+    } else if (def.eKind == kDecimal) {
+        str += ", " + DecimalRange(def);
     } else if (def.eKind == kOutput) {
-        str += "; formats: " + WriterList();
+        str += ";\nformats: " + WriterList();
     } else if (def.eKind == kImageSize) {
         str += ":\n" + ImageSizeList();
     }
@@ -270,6 +316,15 @@ bool CheckValue(const OptionDef& def, const std::string& strValue, std::string* 
     case kNumber:
         *pMust = std::to_string(def.nMin) + ".." + std::to_string(def.nMax);
         return ParseLong(strValue, def.nMin, def.nMax, &n);
+    case kDecimal: {
+        *pMust = DecimalRange(def);
+        char* pEnd = nullptr;
+        const double d = std::strtod(strValue.c_str(), &pEnd);
+        return !strValue.empty() && *pEnd == '\0' && d >= def.nMin / 100.0 && d <= def.nMax / 100.0;
+    }
+    case kChoice:
+        *pMust = ChoiceList(def.pszValue);
+        return IsChoice(strValue, def.pszValue);
     case kGain:
         *pMust = "1, 2, 4 or 8";
         return ParseLong(strValue, 1, 8, &n) && (n & (n - 1)) == 0;

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "cli.h"
-#include "imagefile/png_grey.h"
 #include "profile/model_profile.h"
 #include "tavk05/mark.h"
 
@@ -121,7 +120,8 @@ int CmdCapture(const Options& opt)
         std::printf("no latent print on the glass\n");
         return EXIT_OK;
     }
-    if (!SaveImage(strOutput, vecImage.data())) return EXIT_IO;
+    // GetImage reports no quality: a record says "not computed".
+    if (!SaveImage(strOutput, vecImage.data(), FactsFromOptions(opt, TAVK05_REC_LIVE_PLAIN, -1))) return EXIT_IO;
     const unsigned long nLast = tavk05profile::kImageSizeCodes - 1;
     const tavk05profile::ImageSize& nominal = tavk05profile::kImageSizes[std::min(sensor.m_nImageSize, nLast)];
     std::fprintf(strOutput == "-" ? stderr : stdout, "%s: 600 x 600, marks for %u x %u\n", strOutput.c_str(),
@@ -148,7 +148,7 @@ int CmdBackground(const Options& opt)
     for (int i = 0; i < IMG_PIXELS; ++i) nSum += pBackground[i];
     std::fprintf(strOutput == "-" ? stderr : stdout, "background captured: mean grey level %llu\n", nSum / IMG_PIXELS);
     if (!strOutput.empty()) {
-        if (!SaveImage(strOutput, pBackground)) return EXIT_IO;
+        if (!SaveImage(strOutput, pBackground, ImageFacts())) return EXIT_IO;
         std::fprintf(strOutput == "-" ? stderr : stdout, "%s written\n", strOutput.c_str());
     }
     return EXIT_OK;
@@ -160,13 +160,21 @@ int CmdVerify(const Options& opt)
     unsigned long nW = 0, nH = 0;
     if (opt.Has("size")) ParseSizeValue(opt.Value("size"), &nW, &nH);
 
-    // Marks are exact grey levels: only an image stored as 8-bit grey at the
-    // finished size is checked, never one converted on reading.
-    tavk05png::GreyImage image;
+    // Marks are exact grey levels: only an image stored losslessly as 8-bit
+    // grey at the finished size is checked, never one converted on reading.
+    // WSQ keeps the ridges, not the exact grey levels of the corner pixels,
+    // so a WSQ file (or a record holding WSQ) is neither passed nor failed.
+    LoadedImage image;
     std::string strError;
-    if (!tavk05png::ReadGrey(strFile, &image, &strError)) {
+    if (!LoadImage(strFile, &image, &strError)) {
         std::fprintf(stderr, "tavk05: %s\n", strError.c_str());
         return EXIT_IO;
+    }
+    if (image.bLossy) {
+        std::fprintf(stderr, "tavk05: %s (%s): WSQ is lossy: corner marks are not kept; verify the PNG of the "
+                             "capture, or a record written with --compression none or png\n", strFile.c_str(),
+                     image.strFormat.c_str());
+        return EXIT_LOSSY;
     }
     if (!image.bStoredGrey8 || image.nWidth != IMG_WIDTH || image.nHeight != IMG_HEIGHT) {
         std::fprintf(stderr, "tavk05: %s: not a %d x %d 8-bit grey image\n", strFile.c_str(), IMG_WIDTH, IMG_HEIGHT);

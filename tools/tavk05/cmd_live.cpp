@@ -237,7 +237,10 @@ int RunLive(const Options& opt, bool bRoll)
     // A weak rolled print (57) or a time-out still leaves an image worth keeping.
     const bool bImage = nStatus == TAVK05_OK || nStatus == TAVK05_E_LATENT || nStatus == TAVK05_E_NO_IMAGE;
     if (!strOutput.empty() && bImage) {
-        if (!SaveImage(strOutput, vecImage.data())) return EXIT_IO;
+        // The quality the command measured on the accepted frame goes into a record.
+        const ImageFacts facts =
+            FactsFromOptions(opt, bRoll ? TAVK05_REC_LIVE_ROLLED : TAVK05_REC_LIVE_PLAIN, nQuality);
+        if (!SaveImage(strOutput, vecImage.data(), facts)) return EXIT_IO;
         std::fprintf(pInfo, "%s written\n", strOutput.c_str());
     }
     return nStatus == TAVK05_OK ? EXIT_OK : EXIT_DEVICE;

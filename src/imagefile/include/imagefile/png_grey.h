@@ -4,6 +4,9 @@
 #ifndef TAVK05_PNG_GREY_H
 #define TAVK05_PNG_GREY_H
 
+#include <cstddef>
+#include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,6 +21,8 @@ struct GreyImage {
     bool bStoredGrey8 = false;  // the file holds 8-bit grey: nothing was converted
     double fPpiX = 0.0;         // resolution the file states; 0 when it states none
     double fPpiY = 0.0;
+    int nBitDepth = 0;          // as stored: 1, 2, 4, 8 or 16 bits a sample
+    int nColourType = 0;        // as stored: PNG colour type (0 grey, 2 RGB, 3 palette, 4 and 6 with alpha)
 };
 
 // Reads a PNG of any colour type and bit depth as 8-bit grey (colour
@@ -40,6 +45,22 @@ bool CheckTarget(const std::string& strPath, std::string* pError);
 // CheckTarget. "-" is standard output.
 bool WriteGrey(const std::string& strPath, const unsigned char* pPixels, unsigned nWidth, unsigned nHeight,
                std::string* pError);
+
+// The safe write every format of the command shares: checked as by
+// CheckTarget, fnWrite fills a new file beside the target (created with
+// O_EXCL | O_NOFOLLOW), which is synced and renamed over the target only
+// when complete; a failed write removes it and leaves the old file whole.
+// pszWhat words a failure fnWrite reports without errno. "-" is refused.
+bool WriteSafely(const std::string& strPath, const std::function<bool(std::FILE*)>& fnWrite, const char* pszWhat,
+                 std::string* pError);
+// Writes nSize bytes to strPath through WriteSafely.
+bool WriteBytes(const std::string& strPath, const unsigned char* pData, size_t nSize, std::string* pError);
+
+// An 8-bit grey image as a PNG stream in memory (500 ppi recorded), and a
+// PNG stream in memory read as by ReadGrey. False when libpng fails or is
+// absent, or the stream is not a PNG of at most kMaxSide a side.
+bool EncodeGrey(const unsigned char* pPixels, unsigned nWidth, unsigned nHeight, std::vector<unsigned char>* pOut);
+bool DecodeGrey(const unsigned char* pData, size_t nSize, GreyImage* pImage, std::string* pError);
 
 }  // namespace tavk05png
 
