@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "profile/model_profile.h"
 #include "term_picture.h"
 
 namespace cli {
@@ -186,8 +187,11 @@ int RunLive(const Options& opt, bool bRoll)
     // Device types 5 and 6 show the corrected frame itself in live view, not
     // its difference from the background: the ridges fade toward the edge of
     // the contact and the measured ridge area, the quality, runs lower.
-    const unsigned long nType = sensor.GetDeviceType();
-    const long nThreshold = opt.Number("threshold", bRoll || nType == 5 || nType == 6 ? 20 : 40);
+    // A model whose live view shows frames as captured, without the
+    // background subtracted, scores lower: its default stop is that of a roll.
+    const bool bPlainPreview =
+        tavk05profile::ProfileOf(static_cast<int>(sensor.GetDeviceType()), false).bShading;
+    const long nThreshold = opt.Number("threshold", bRoll || bPlainPreview ? 20 : 40);
 
     // The live conversion subtracts the background: without one the glass's
     // own shading would look like ridges.
