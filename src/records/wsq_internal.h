@@ -95,11 +95,20 @@ struct RowGroup {
     std::vector<double> coef;
     std::vector<int> source;
 };
+// A stretch of the gather whose samples are taken unchanged from the row at
+// a fixed step (1 or 2); nStep 0 marks a single entry taken through the
+// gather and sign tables (the folded ends).
+struct GatherRun {
+    int nAt = 0;
+    int nCount = 0;
+    int nSource = 0;
+    int nStep = 0;
+};
 struct RowPlan {
     int nLength = 0;
     std::vector<int> gather;       // row index of each phase sample, -1 for zero
     std::vector<double> sign;      // +1 or -1 applied to the gathered sample
-    bool bPlainGather = false;     // no zero and no sign change (analysis)
+    std::vector<GatherRun> runs;   // the gather, cut into stretches
     RowGroup groups[2];
 };
 
