@@ -160,6 +160,11 @@ void CombineRowsPlain(double* pOut, const double* pBase, size_t nRowStride, cons
 int CombineRowsSse2(double* pOut, const double* pBase, size_t nRowStride, const int* pSource, const double* pCoef,
                     int nTaps, int nCount);
 
+// Interleaves: pOut[2k] = pEven[k], pOut[2k + 1] = pOdd[k] for k < nPairs
+// (the synthesis rows' even and odd outputs). Kernel prefix, plain rest.
+void InterleavePlain(double* pOut, const double* pEven, const double* pOdd, int nFrom, int nPairs);
+int InterleaveSse2(double* pOut, const double* pEven, const double* pOdd, int nPairs);
+
 // Elementary functions computed the same way on every ABI (the C library's
 // log and exp differ between i386 and x86_64 in the last bits).
 double DetLog(double dX);

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 
 namespace tavk05rec {
 namespace wsq {
@@ -474,22 +475,30 @@ void Transform::ApplyRows(double* pImage, int nStride, const Region& region, con
             }
             const double* pFrom = pRow + run.nSource;
             if (run.nStep == 1) {
-                for (int i = 0; i < run.nCount; ++i) pTo[i] = pFrom[i];
+                std::memcpy(pTo, pFrom, sizeof(double) * static_cast<size_t>(run.nCount));
             } else if (run.nStep == 2) {
                 for (int i = 0; i < run.nCount; ++i) pTo[i] = pFrom[2 * i];
             } else {
                 *pTo = plan.sign[static_cast<size_t>(run.nAt)] * *pFrom;
             }
         }
-        // The row itself is no longer read: groups of unit step write into it directly.
+        // The row itself is no longer read: groups of unit step write into it
+        // directly; the even and odd outputs of synthesis are interleaved into it.
+        double* pTemp = m_temp.data();
         for (const RowGroup& grp : plan.groups) {
             const int nTaps = static_cast<int>(grp.coef.size());
-            double* pOut = grp.nOutStep == 1 ? pRow + grp.nOutAt : m_temp.data();
+            double* pOut = grp.nOutStep == 1 ? pRow + grp.nOutAt : pTemp;
             const int nDone = CombineRowsSse2(pOut, pPhase, 1, grp.source.data(), grp.coef.data(), nTaps, grp.nCount);
             CombineRowsPlain(pOut, pPhase, 1, grp.source.data(), grp.coef.data(), nTaps, nDone, grp.nCount);
-            if (grp.nOutStep != 1) {
-                for (int k = 0; k < grp.nCount; ++k) pRow[grp.nOutAt + k * grp.nOutStep] = pOut[k];
-            }
+            if (grp.nOutStep != 1) pTemp += grp.nCount;
+        }
+        if (plan.groups[0].nOutStep != 1) {
+            const double* pEven = m_temp.data();
+            const double* pOdd = pEven + plan.groups[0].nCount;
+            const int nPairs = plan.groups[1].nCount;
+            const int nDone = InterleaveSse2(pRow, pEven, pOdd, nPairs);
+            InterleavePlain(pRow, pEven, pOdd, nDone, nPairs);
+            if (plan.groups[0].nCount > nPairs) pRow[2 * nPairs] = pEven[nPairs];
         }
     }
 }
@@ -516,8 +525,15 @@ void Transform::ApplyCols(double* pImage, int nStride, const Region& region, con
         for (size_t o = 0; o < nH; ++o) {
             double* pRow = pBase + o * nRowStride + x0;
             const double* pSrc = m_temp.data() + o * kStrip;
-            for (int x = 0; x < nCount; ++x) pRow[x] = pSrc[x];
+            std::memcpy(pRow, pSrc, sizeof(double) * static_cast<size_t>(nCount));
         }
+    }
+}
+
+void InterleavePlain(double* pOut, const double* pEven, const double* pOdd, int nFrom, int nPairs) {
+    for (int k = nFrom; k < nPairs; ++k) {
+        pOut[2 * k] = pEven[k];
+        pOut[2 * k + 1] = pOdd[k];
     }
 }
 

@@ -115,5 +115,24 @@ int CombineRowsSse2(double* pOut, const double* pBase, size_t nRowStride, const 
 #endif
 }
 
+int InterleaveSse2(double* pOut, const double* pEven, const double* pOdd, int nPairs) {
+#if defined(__SSE2__)
+    int k = 0;
+    for (; k + 2 <= nPairs; k += 2) {
+        const __m128d e = _mm_loadu_pd(pEven + k);
+        const __m128d o = _mm_loadu_pd(pOdd + k);
+        _mm_storeu_pd(pOut + 2 * k, _mm_unpacklo_pd(e, o));
+        _mm_storeu_pd(pOut + 2 * k + 2, _mm_unpackhi_pd(e, o));
+    }
+    return k;
+#else
+    (void)pOut;
+    (void)pEven;
+    (void)pOdd;
+    (void)nPairs;
+    return 0;
+#endif
+}
+
 }  // namespace wsq
 }  // namespace tavk05rec

@@ -228,6 +228,22 @@ TEST(WsqTransform, Sse2KernelEqualsThePlainLoopBitForBit)
     }
 }
 
+TEST(WsqTransform, Sse2InterleaveEqualsThePlainLoop)
+{
+    std::vector<double> even(301), odd(301);
+    for (size_t k = 0; k < even.size(); ++k) {
+        even[k] = 0.5 + static_cast<double>(k);
+        odd[k] = -0.25 - static_cast<double>(k);
+    }
+    for (int nPairs : {0, 1, 2, 5, 300}) {
+        std::vector<double> plain(602, 9.0), vector(602, 9.0);
+        wsq::InterleavePlain(plain.data(), even.data(), odd.data(), 0, nPairs);
+        const int nDone = wsq::InterleaveSse2(vector.data(), even.data(), odd.data(), nPairs);
+        wsq::InterleavePlain(vector.data(), even.data(), odd.data(), nDone, nPairs);
+        EXPECT_EQ(plain, vector) << nPairs << " pairs";
+    }
+}
+
 TEST(WsqTables, DeterministicLogAndExpAgreeWithTheLibrary)
 {
     for (double d : {1e-300, 0.001, 0.5, 1.0, 1.01, 2.0, 7.5, 1234.5, 1e300}) {
