@@ -160,6 +160,11 @@ void CombineRowsPlain(double* pOut, const double* pBase, size_t nRowStride, cons
 int CombineRowsSse2(double* pOut, const double* pBase, size_t nRowStride, const int* pSource, const double* pCoef,
                     int nTaps, int nCount);
 
+// Takes every other sample: pOut[i] = pFrom[2i] for i < nCount (the
+// analysis rows' even and odd phases). Kernel prefix, plain rest.
+void EveryOtherPlain(double* pOut, const double* pFrom, int nFrom, int nCount);
+int EveryOtherSse2(double* pOut, const double* pFrom, int nCount);
+
 // Interleaves: pOut[2k] = pEven[k], pOut[2k + 1] = pOdd[k] for k < nPairs
 // (the synthesis rows' even and odd outputs). Kernel prefix, plain rest.
 void InterleavePlain(double* pOut, const double* pEven, const double* pOdd, int nFrom, int nPairs);

@@ -477,7 +477,8 @@ void Transform::ApplyRows(double* pImage, int nStride, const Region& region, con
             if (run.nStep == 1) {
                 std::memcpy(pTo, pFrom, sizeof(double) * static_cast<size_t>(run.nCount));
             } else if (run.nStep == 2) {
-                for (int i = 0; i < run.nCount; ++i) pTo[i] = pFrom[2 * i];
+                const int nDone = EveryOtherSse2(pTo, pFrom, run.nCount);
+                EveryOtherPlain(pTo, pFrom, nDone, run.nCount);
             } else {
                 *pTo = plan.sign[static_cast<size_t>(run.nAt)] * *pFrom;
             }
@@ -528,6 +529,10 @@ void Transform::ApplyCols(double* pImage, int nStride, const Region& region, con
             std::memcpy(pRow, pSrc, sizeof(double) * static_cast<size_t>(nCount));
         }
     }
+}
+
+void EveryOtherPlain(double* pOut, const double* pFrom, int nFrom, int nCount) {
+    for (int i = nFrom; i < nCount; ++i) pOut[i] = pFrom[2 * i];
 }
 
 void InterleavePlain(double* pOut, const double* pEven, const double* pOdd, int nFrom, int nPairs) {

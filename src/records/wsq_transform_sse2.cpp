@@ -115,6 +115,24 @@ int CombineRowsSse2(double* pOut, const double* pBase, size_t nRowStride, const 
 #endif
 }
 
+int EveryOtherSse2(double* pOut, const double* pFrom, int nCount) {
+#if defined(__SSE2__)
+    int i = 0;
+    for (; i + 4 <= nCount; i += 4) {
+        const __m128d a = _mm_loadh_pd(_mm_load_sd(pFrom + 2 * i), pFrom + 2 * i + 2);
+        const __m128d b = _mm_loadh_pd(_mm_load_sd(pFrom + 2 * i + 4), pFrom + 2 * i + 6);
+        _mm_storeu_pd(pOut + i, a);
+        _mm_storeu_pd(pOut + i + 2, b);
+    }
+    return i;
+#else
+    (void)pOut;
+    (void)pFrom;
+    (void)nCount;
+    return 0;
+#endif
+}
+
 int InterleaveSse2(double* pOut, const double* pEven, const double* pOdd, int nPairs) {
 #if defined(__SSE2__)
     int k = 0;

@@ -244,6 +244,19 @@ TEST(WsqTransform, Sse2InterleaveEqualsThePlainLoop)
     }
 }
 
+TEST(WsqTransform, Sse2EveryOtherEqualsThePlainLoop)
+{
+    std::vector<double> row(601);
+    for (size_t i = 0; i < row.size(); ++i) row[i] = 0.5 - static_cast<double>(i);
+    for (int nCount : {0, 3, 4, 7, 300}) {
+        std::vector<double> plain(300, 9.0), vector(300, 9.0);
+        wsq::EveryOtherPlain(plain.data(), row.data(), 0, nCount);
+        const int nDone = wsq::EveryOtherSse2(vector.data(), row.data(), nCount);
+        wsq::EveryOtherPlain(vector.data(), row.data(), nDone, nCount);
+        EXPECT_EQ(plain, vector) << nCount << " samples";
+    }
+}
+
 TEST(WsqTables, DeterministicLogAndExpAgreeWithTheLibrary)
 {
     for (double d : {1e-300, 0.001, 0.5, 1.0, 1.01, 2.0, 7.5, 1234.5, 1e300}) {
