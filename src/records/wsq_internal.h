@@ -95,11 +95,20 @@ struct RowGroup {
     std::vector<double> coef;
     std::vector<int> source;
 };
+// A stretch of the gather whose samples are taken unchanged from the row at
+// a fixed step (1 or 2); nStep 0 marks a single entry taken through the
+// gather and sign tables (the folded ends).
+struct GatherRun {
+    int nAt = 0;
+    int nCount = 0;
+    int nSource = 0;
+    int nStep = 0;
+};
 struct RowPlan {
     int nLength = 0;
     std::vector<int> gather;       // row index of each phase sample, -1 for zero
     std::vector<double> sign;      // +1 or -1 applied to the gathered sample
-    bool bPlainGather = false;     // no zero and no sign change (analysis)
+    std::vector<GatherRun> runs;   // the gather, cut into stretches
     RowGroup groups[2];
 };
 
@@ -150,6 +159,16 @@ void CombineRowsPlain(double* pOut, const double* pBase, size_t nRowStride, cons
                       int nTaps, int nFrom, int nCount);
 int CombineRowsSse2(double* pOut, const double* pBase, size_t nRowStride, const int* pSource, const double* pCoef,
                     int nTaps, int nCount);
+
+// Takes every other sample: pOut[i] = pFrom[2i] for i < nCount (the
+// analysis rows' even and odd phases). Kernel prefix, plain rest.
+void EveryOtherPlain(double* pOut, const double* pFrom, int nFrom, int nCount);
+int EveryOtherSse2(double* pOut, const double* pFrom, int nCount);
+
+// Interleaves: pOut[2k] = pEven[k], pOut[2k + 1] = pOdd[k] for k < nPairs
+// (the synthesis rows' even and odd outputs). Kernel prefix, plain rest.
+void InterleavePlain(double* pOut, const double* pEven, const double* pOdd, int nFrom, int nPairs);
+int InterleaveSse2(double* pOut, const double* pEven, const double* pOdd, int nPairs);
 
 // Elementary functions computed the same way on every ABI (the C library's
 // log and exp differ between i386 and x86_64 in the last bits).

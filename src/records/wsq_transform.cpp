@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 
 namespace tavk05rec {
 namespace wsq {
@@ -346,7 +347,6 @@ RowPlan Transform::MakeRowAnalysis(int nLength, bool bInverted) const {
     const int nPhase = (nLength + 2 * kPad + 1) / 2 + 1;
     RowPlan plan;
     plan.nLength = nLength;
-    plan.bPlainGather = true;
     for (int nOdd = 0; nOdd < 2; ++nOdd) {
         for (int j = 0; j < nPhase; ++j) {
             plan.gather.push_back(AnalysisSource(-kPad + 2LL * j + nOdd, nLength, m_bWholeSample));
@@ -419,12 +419,44 @@ RowPlan Transform::MakeRowSynthesis(int nLength, bool bInverted) const {
     return plan;
 }
 
+namespace {
+
+// Cuts the gather into stretches of unit or double step (at least four
+// samples long) and single entries.
+void CutRuns(RowPlan& plan) {
+    const int nGather = static_cast<int>(plan.gather.size());
+    auto plain = [&](int g) { return plan.gather[static_cast<size_t>(g)] >= 0 && plan.sign[static_cast<size_t>(g)] == 1.0; };
+    int g = 0;
+    while (g < nGather) {
+        int nEnd = g + 1;
+        int nStep = 0;
+        if (plain(g) && nEnd < nGather && plain(nEnd)) {
+            nStep = plan.gather[static_cast<size_t>(nEnd)] - plan.gather[static_cast<size_t>(g)];
+            if (nStep == 1 || nStep == 2) {
+                while (nEnd < nGather && plain(nEnd) &&
+                       plan.gather[static_cast<size_t>(nEnd)] - plan.gather[static_cast<size_t>(nEnd - 1)] == nStep) {
+                    ++nEnd;
+                }
+            }
+            if ((nStep != 1 && nStep != 2) || nEnd - g < 4) {
+                nStep = 0;
+                nEnd = g + 1;
+            }
+        }
+        plan.runs.push_back({g, nEnd - g, plan.gather[static_cast<size_t>(g)], nStep});
+        g = nEnd;
+    }
+}
+
+}  // namespace
+
 const RowPlan& Transform::CachedRow(int nLength, bool bInverted, bool bSynthesis) {
     for (const RowCacheEntry& e : m_rowCache) {
         if (e.nLength == nLength && e.bInverted == bInverted && e.bSynthesis == bSynthesis) return e.plan;
     }
     m_rowCache.push_back({nLength, bInverted, bSynthesis,
                           bSynthesis ? MakeRowSynthesis(nLength, bInverted) : MakeRowAnalysis(nLength, bInverted)});
+    CutRuns(m_rowCache.back().plan);
     return m_rowCache.back().plan;
 }
 
@@ -432,22 +464,42 @@ void Transform::ApplyRows(double* pImage, int nStride, const Region& region, con
     const size_t nGather = plan.gather.size();
     m_phase.resize(nGather);
     m_temp.resize(static_cast<size_t>(region.nW));
+    double* pPhase = m_phase.data();
     for (int y = 0; y < region.nH; ++y) {
         double* pRow = pImage + static_cast<size_t>(region.nY + y) * static_cast<size_t>(nStride) + region.nX;
-        if (plan.bPlainGather) {
-            for (size_t g = 0; g < nGather; ++g) m_phase[g] = pRow[plan.gather[g]];
-        } else {
-            for (size_t g = 0; g < nGather; ++g) {
-                const int nIndex = plan.gather[g];
-                m_phase[g] = nIndex < 0 ? 0.0 : plan.sign[g] * pRow[nIndex];
+        for (const GatherRun& run : plan.runs) {
+            double* pTo = pPhase + run.nAt;
+            if (run.nSource < 0) {
+                *pTo = 0.0;
+                continue;
+            }
+            const double* pFrom = pRow + run.nSource;
+            if (run.nStep == 1) {
+                std::memcpy(pTo, pFrom, sizeof(double) * static_cast<size_t>(run.nCount));
+            } else if (run.nStep == 2) {
+                const int nDone = EveryOtherSse2(pTo, pFrom, run.nCount);
+                EveryOtherPlain(pTo, pFrom, nDone, run.nCount);
+            } else {
+                *pTo = plan.sign[static_cast<size_t>(run.nAt)] * *pFrom;
             }
         }
+        // The row itself is no longer read: groups of unit step write into it
+        // directly; the even and odd outputs of synthesis are interleaved into it.
+        double* pTemp = m_temp.data();
         for (const RowGroup& grp : plan.groups) {
             const int nTaps = static_cast<int>(grp.coef.size());
-            double* pOut = m_temp.data();
-            const int nDone = CombineRowsSse2(pOut, m_phase.data(), 1, grp.source.data(), grp.coef.data(), nTaps, grp.nCount);
-            CombineRowsPlain(pOut, m_phase.data(), 1, grp.source.data(), grp.coef.data(), nTaps, nDone, grp.nCount);
-            for (int k = 0; k < grp.nCount; ++k) pRow[grp.nOutAt + k * grp.nOutStep] = pOut[k];
+            double* pOut = grp.nOutStep == 1 ? pRow + grp.nOutAt : pTemp;
+            const int nDone = CombineRowsSse2(pOut, pPhase, 1, grp.source.data(), grp.coef.data(), nTaps, grp.nCount);
+            CombineRowsPlain(pOut, pPhase, 1, grp.source.data(), grp.coef.data(), nTaps, nDone, grp.nCount);
+            if (grp.nOutStep != 1) pTemp += grp.nCount;
+        }
+        if (plan.groups[0].nOutStep != 1) {
+            const double* pEven = m_temp.data();
+            const double* pOdd = pEven + plan.groups[0].nCount;
+            const int nPairs = plan.groups[1].nCount;
+            const int nDone = InterleaveSse2(pRow, pEven, pOdd, nPairs);
+            InterleavePlain(pRow, pEven, pOdd, nDone, nPairs);
+            if (plan.groups[0].nCount > nPairs) pRow[2 * nPairs] = pEven[nPairs];
         }
     }
 }
@@ -474,8 +526,19 @@ void Transform::ApplyCols(double* pImage, int nStride, const Region& region, con
         for (size_t o = 0; o < nH; ++o) {
             double* pRow = pBase + o * nRowStride + x0;
             const double* pSrc = m_temp.data() + o * kStrip;
-            for (int x = 0; x < nCount; ++x) pRow[x] = pSrc[x];
+            std::memcpy(pRow, pSrc, sizeof(double) * static_cast<size_t>(nCount));
         }
+    }
+}
+
+void EveryOtherPlain(double* pOut, const double* pFrom, int nFrom, int nCount) {
+    for (int i = nFrom; i < nCount; ++i) pOut[i] = pFrom[2 * i];
+}
+
+void InterleavePlain(double* pOut, const double* pEven, const double* pOdd, int nFrom, int nPairs) {
+    for (int k = nFrom; k < nPairs; ++k) {
+        pOut[2 * k] = pEven[k];
+        pOut[2 * k + 1] = pOdd[k];
     }
 }
 

@@ -210,7 +210,7 @@ TEST(WsqTransform, Sse2KernelEqualsThePlainLoopBitForBit)
     std::vector<double> rows(nStride * 12);
     for (double& d : rows) d = dist(rng);
     for (int nCount : {0, 3, 8, 17, 600}) {
-        for (int nTaps : {1, 4, 9}) {
+        for (int nTaps : {0, 1, 4, 7, 8, 9, 10, 12}) {
             std::vector<int> source;
             std::vector<double> coef;
             for (int t = 0; t < nTaps; ++t) {
@@ -225,6 +225,35 @@ TEST(WsqTransform, Sse2KernelEqualsThePlainLoopBitForBit)
             EXPECT_EQ(std::memcmp(plain.data(), vector.data(), sizeof(double) * static_cast<size_t>(nCount)), 0)
                 << nCount << " outputs, " << nTaps << " taps";
         }
+    }
+}
+
+TEST(WsqTransform, Sse2InterleaveEqualsThePlainLoop)
+{
+    std::vector<double> even(301), odd(301);
+    for (size_t k = 0; k < even.size(); ++k) {
+        even[k] = 0.5 + static_cast<double>(k);
+        odd[k] = -0.25 - static_cast<double>(k);
+    }
+    for (int nPairs : {0, 1, 2, 5, 300}) {
+        std::vector<double> plain(602, 9.0), vector(602, 9.0);
+        wsq::InterleavePlain(plain.data(), even.data(), odd.data(), 0, nPairs);
+        const int nDone = wsq::InterleaveSse2(vector.data(), even.data(), odd.data(), nPairs);
+        wsq::InterleavePlain(vector.data(), even.data(), odd.data(), nDone, nPairs);
+        EXPECT_EQ(plain, vector) << nPairs << " pairs";
+    }
+}
+
+TEST(WsqTransform, Sse2EveryOtherEqualsThePlainLoop)
+{
+    std::vector<double> row(601);
+    for (size_t i = 0; i < row.size(); ++i) row[i] = 0.5 - static_cast<double>(i);
+    for (int nCount : {0, 3, 4, 7, 300}) {
+        std::vector<double> plain(300, 9.0), vector(300, 9.0);
+        wsq::EveryOtherPlain(plain.data(), row.data(), 0, nCount);
+        const int nDone = wsq::EveryOtherSse2(vector.data(), row.data(), nCount);
+        wsq::EveryOtherPlain(vector.data(), row.data(), nDone, nCount);
+        EXPECT_EQ(plain, vector) << nCount << " samples";
     }
 }
 
