@@ -36,7 +36,7 @@ TEST_P(RowKernelTest, VectorPartEqualsPlainLoopAndLeavesRestUntouched)
 {
     const RowKernel& k = GetParam();
     std::mt19937 gen(7);
-    for (size_t n : {1u, 15u, 16u, 17u, 31u, 48u, 63u, 598u}) {
+    for (size_t n : {1u, 15u, 16u, 17u, 31u, 48u, 63u, 520u, 598u}) {
         for (size_t nAlign = 0; nAlign < 4; ++nAlign) {
             for (int nFill = 0; nFill < 3; ++nFill) {  // random, all 255, random 0 / 255
                 std::vector<unsigned char> src(3 * (n + 2 + nAlign));
