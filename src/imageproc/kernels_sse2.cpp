@@ -87,9 +87,11 @@ const size_t kMedianChunk = 512;  // outputs sorted for at once
 // Outputs c0 .. c0 + m - 1 (m >= 16), from columns c0 .. c0 + m + 1.
 void MedianChunk(const Rows3& rows, unsigned char* pOut, size_t c0, size_t m)
 {
-    unsigned char abyLo[kMedianChunk + 2];
-    unsigned char abyMid[kMedianChunk + 2];
-    unsigned char abyHi[kMedianChunk + 2];
+    // The sorted rows low, middle and high, one after the other; blocks are
+    // addressed from one pointer, so that 32-bit code needs no register for
+    // each row and shift.
+    const size_t kRow = kMedianChunk + 2;
+    unsigned char abySorted[3 * kRow];
     const unsigned char* const pAbove = rows.pAbove + c0;
     const unsigned char* const pCentre = rows.pCentre + c0;
     const unsigned char* const pBelow = rows.pBelow + c0;
@@ -102,25 +104,28 @@ void MedianChunk(const Rows3& rows, unsigned char* pOut, size_t c0, size_t m)
         Sort2(lo, mid);
         Sort2(mid, hi);
         Sort2(lo, mid);
-        Store(abyLo + j, lo);
-        Store(abyMid + j, mid);
-        Store(abyHi + j, hi);
+        unsigned char* const p = abySorted + j;
+        Store(p, lo);
+        Store(p + kRow, mid);
+        Store(p + 2 * kRow, hi);
     };
     for (size_t j = 0; j + 16 <= nColumns; j += 16)
         sortColumns(j);
     if (nColumns % 16 != 0)
         sortColumns(nColumns - 16);
-    unsigned char* const pDst = pOut + c0;
-    const auto median = [&](size_t j) {
-        const __m128i maxLo = _mm_max_epu8(_mm_max_epu8(Load(abyLo + j), Load(abyLo + j + 1)), Load(abyLo + j + 2));
-        const __m128i minHi = _mm_min_epu8(_mm_min_epu8(Load(abyHi + j), Load(abyHi + j + 1)), Load(abyHi + j + 2));
-        const __m128i midMid = MedianOf3(Load(abyMid + j), Load(abyMid + j + 1), Load(abyMid + j + 2));
-        Store(pDst + j, MedianOf3(maxLo, midMid, minHi));
+    const auto median = [&](const unsigned char* p, unsigned char* pDst) {
+        const __m128i maxLo = _mm_max_epu8(_mm_max_epu8(Load(p), Load(p + 1)), Load(p + 2));
+        const __m128i midMid = MedianOf3(Load(p + kRow), Load(p + kRow + 1), Load(p + kRow + 2));
+        const __m128i minHi = _mm_min_epu8(_mm_min_epu8(Load(p + 2 * kRow), Load(p + 2 * kRow + 1)), Load(p + 2 * kRow + 2));
+        Store(pDst, MedianOf3(maxLo, midMid, minHi));
     };
-    for (size_t j = 0; j + 16 <= m; j += 16)
-        median(j);
+    unsigned char* const pDst = pOut + c0;
+    const unsigned char* const pLast = abySorted + (m - 16);
+    const unsigned char* p = abySorted;
+    for (unsigned char* q = pDst; p <= pLast; p += 16, q += 16)
+        median(p, q);
     if (m % 16 != 0)
-        median(m - 16);
+        median(pLast, pDst + (m - 16));
 }
 
 template <void (*Block)(const Rows3&, unsigned char*, size_t)>
