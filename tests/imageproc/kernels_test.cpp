@@ -214,14 +214,24 @@ TEST(RowKernels, VectorPartAndPlainRestEqualPlainLoop)
             std::vector<unsigned char> jitter(n), darkPlain(n), darkVector(n);
             for (unsigned char& by : jitter)
                 by = static_cast<unsigned char>(gen() % oberin::kJitterSpan);
-            std::vector<uint16_t> atPlain(n), atVector(n);
-            oberin::DarkenAndIndex(rows.pAbove, rows.pCentre, jitter.data(), darkPlain.data(), atPlain.data(), 0, n);
-            oberin::DarkenAndIndex(rows.pAbove, rows.pCentre, jitter.data(), darkVector.data(), atVector.data(),
-                                   oberin::DarkenAndIndexSse2(rows.pAbove, rows.pCentre, jitter.data(), darkVector.data(),
-                                                              atVector.data(), n),
-                                   n);
+            std::vector<unsigned char> shown(256 * oberin::kJitterSpan), outPlain(n), outVector(n);
+            for (unsigned char& by : shown)
+                by = static_cast<unsigned char>(gen());
+            oberin::MapDarkened(rows.pAbove, rows.pCentre, jitter.data(), shown.data(), darkPlain.data(),
+                                outPlain.data(), 0, n);
+            oberin::MapDarkened(rows.pAbove, rows.pCentre, jitter.data(), shown.data(), darkVector.data(),
+                                outVector.data(),
+                                oberin::MapDarkenedSse2(rows.pAbove, rows.pCentre, jitter.data(), shown.data(),
+                                                        darkVector.data(), outVector.data(), n),
+                                n);
             ASSERT_EQ(darkPlain, darkVector) << "darkening " << n;
-            ASSERT_EQ(atPlain, atVector) << "index " << n;
+            ASSERT_EQ(outPlain, outVector) << "jittered mapping " << n;
+            std::vector<unsigned char> outAlone(n);  // without the darkening kept
+            oberin::MapDarkened(rows.pAbove, rows.pCentre, jitter.data(), shown.data(), nullptr, outAlone.data(),
+                                oberin::MapDarkenedSse2(rows.pAbove, rows.pCentre, jitter.data(), shown.data(),
+                                                        nullptr, outAlone.data(), n),
+                                n);
+            ASSERT_EQ(outPlain, outAlone) << "jittered mapping, darkening not kept " << n;
         }
     }
 }
