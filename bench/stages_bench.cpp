@@ -11,6 +11,7 @@
 #include "random_bytes.h"
 
 #include <cstring>
+#include <ctime>
 #include <random>
 #include <vector>
 
@@ -312,19 +313,28 @@ void CvFinal(benchmark::State& state)
 }
 STAGE(CvFinal, "Stage/Final 17x17/opencv");
 
-// Background minus frame, saturated, through one table (no jitter).
+// The preview's work: background minus frame, saturated, through the
+// contrast table, plus a jitter of -4..+4 drawn for every pixel from a
+// generator seeded for the frame (OpenCV's own, cv::RNG, where ours must
+// give the C library's sequence), then scaled by the contrast factor.
 void CvPreview(benchmark::State& state)
 {
     Bytes background = Random(IMG_PIXELS, 8);
     Bytes frame = Random(IMG_PIXELS, 9);
     const cv::Mat bg(IMG_HEIGHT, IMG_WIDTH, CV_8UC1, background.data());
     const cv::Mat in(IMG_HEIGHT, IMG_WIDTH, CV_8UC1, frame.data());
-    cv::Mat lut(1, 256, CV_8UC1), d, out;
+    cv::Mat lut(1, 256, CV_8UC1), d, shown, jitter(IMG_HEIGHT, IMG_WIDTH, CV_8UC1), level, out;
     for (int i = 0; i < 256; ++i)
         lut.at<unsigned char>(i) = static_cast<unsigned char>(255 - i);
+    Sensor().SetContrast(40);
+    const double fFactor = Sensor().m_fContrastFactor;
     Loop(state, [&] {
+        cv::RNG rng(static_cast<uint64_t>(std::time(nullptr)));
+        rng.fill(jitter, cv::RNG::UNIFORM, 0, 9);
         cv::subtract(bg, in, d);
-        cv::LUT(d, lut, out);
+        cv::LUT(d, lut, shown);
+        cv::add(shown, jitter, level, cv::noArray(), CV_16U);
+        level.convertTo(out, CV_8U, fFactor, -4 * fFactor);
     });
 }
 STAGE(CvPreview, "Stage/preview table+jitter/opencv");

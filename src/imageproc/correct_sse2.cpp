@@ -54,18 +54,24 @@ inline __m128i OutOfRange(__m128i x, __m128i max)
     return _mm_or_si128(x, _mm_sub_epi32(max, x));
 }
 
-// The two bytes at p + anAt[k], k from 0 to 3, and then at q + anAt[k], as
-// the eight 16-bit lanes of a vector.
-inline __m128i Pairs(const unsigned char* p, const unsigned char* q, const int (&anAt)[4])
+// The two bytes at p + at[k], k the even 16-bit lanes 0, 2, 4 and 6 of at,
+// and then at q + at[k], as the eight 16-bit lanes of a vector. Each offset
+// serves both its loads at once, so that the i386 build needs one register
+// for offsets, not four.
+inline __m128i Pairs(const unsigned char* p, const unsigned char* q, __m128i at)
 {
-    __m128i v = _mm_cvtsi32_si128(Load16(p + anAt[0]));
-    v = _mm_insert_epi16(v, Load16(p + anAt[1]), 1);
-    v = _mm_insert_epi16(v, Load16(p + anAt[2]), 2);
-    v = _mm_insert_epi16(v, Load16(p + anAt[3]), 3);
-    v = _mm_insert_epi16(v, Load16(q + anAt[0]), 4);
-    v = _mm_insert_epi16(v, Load16(q + anAt[1]), 5);
-    v = _mm_insert_epi16(v, Load16(q + anAt[2]), 6);
-    return _mm_insert_epi16(v, Load16(q + anAt[3]), 7);
+    int nAt = _mm_extract_epi16(at, 0);
+    __m128i v = _mm_cvtsi32_si128(Load16(p + nAt));
+    v = _mm_insert_epi16(v, Load16(q + nAt), 4);
+    nAt = _mm_extract_epi16(at, 2);
+    v = _mm_insert_epi16(v, Load16(p + nAt), 1);
+    v = _mm_insert_epi16(v, Load16(q + nAt), 5);
+    nAt = _mm_extract_epi16(at, 4);
+    v = _mm_insert_epi16(v, Load16(p + nAt), 2);
+    v = _mm_insert_epi16(v, Load16(q + nAt), 6);
+    nAt = _mm_extract_epi16(at, 6);
+    v = _mm_insert_epi16(v, Load16(p + nAt), 3);
+    return _mm_insert_epi16(v, Load16(q + nAt), 7);
 }
 
 // One weighted sum per lane: the same single-precision products and sums,
@@ -161,14 +167,10 @@ unsigned ResampleRunSse2(const EntryRun& run)
         _MM_TRANSPOSE4_PS(aw[0], aw[1], aw[2], aw[3]);
 
         // Columns and mirrored columns are below 2^16 here.
-        const int anCol[4] = {_mm_extract_epi16(col, 0), _mm_extract_epi16(col, 2), _mm_extract_epi16(col, 4),
-                              _mm_extract_epi16(col, 6)};
-        const int anMirror[4] = {_mm_extract_epi16(mirror, 0), _mm_extract_epi16(mirror, 2),
-                                 _mm_extract_epi16(mirror, 4), _mm_extract_epi16(mirror, 6)};
         // Each 16-bit lane a pair of samples, the left one in the low byte:
         // the four top pairs, then the four bottom pairs.
-        const __m128i pairs = Pairs(pTop, pBottom, anCol);
-        const __m128i mirrored = Pairs(pTop, pBottom, anMirror);
+        const __m128i pairs = Pairs(pTop, pBottom, col);
+        const __m128i mirrored = Pairs(pTop, pBottom, mirror);
         const __m128i lo = _mm_and_si128(pairs, lowByte);
         const __m128i hi = _mm_srli_epi16(pairs, 8);
         const __m128i mirroredLo = _mm_and_si128(mirrored, lowByte);

@@ -72,19 +72,60 @@ inline void Mean16(const Rows3& rows, unsigned char* pOut, size_t c)
     _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut + c), _mm_packus_epi16(lo, hi));
 }
 
+inline void Store(unsigned char* p, __m128i v)
+{
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v);
+}
+
 // With each column of three sorted, the median of the nine is the median of
 // the largest of the low values, the median of the middle ones and the
-// smallest of the high ones.
-inline void Median16(const Rows3& rows, unsigned char* pOut, size_t c)
+// smallest of the high ones. Every column is sorted once, into three rows
+// of sorted samples, and each block of 16 outputs reads its three columns
+// from them; chunks of the row keep those rows in the cache and on the stack.
+const size_t kMedianChunk = 512;  // outputs sorted for at once
+
+// Outputs c0 .. c0 + m - 1 (m >= 16), from columns c0 .. c0 + m + 1.
+void MedianChunk(const Rows3& rows, unsigned char* pOut, size_t c0, size_t m)
 {
-    __m128i lo0, mid0, hi0, lo1, mid1, hi1, lo2, mid2, hi2;
-    SortedColumn(rows, c, lo0, mid0, hi0);
-    SortedColumn(rows, c + 1, lo1, mid1, hi1);
-    SortedColumn(rows, c + 2, lo2, mid2, hi2);
-    const __m128i maxLo = _mm_max_epu8(_mm_max_epu8(lo0, lo1), lo2);
-    const __m128i minHi = _mm_min_epu8(_mm_min_epu8(hi0, hi1), hi2);
-    const __m128i midMid = MedianOf3(mid0, mid1, mid2);
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut + c), MedianOf3(maxLo, midMid, minHi));
+    // The sorted rows low, middle and high, one after the other; blocks are
+    // addressed from one pointer, so that 32-bit code needs no register for
+    // each row and shift.
+    const size_t kRow = kMedianChunk + 2;
+    unsigned char abySorted[3 * kRow];
+    const unsigned char* const pAbove = rows.pAbove + c0;
+    const unsigned char* const pCentre = rows.pCentre + c0;
+    const unsigned char* const pBelow = rows.pBelow + c0;
+    const size_t nColumns = m + 2;
+    // Columns in blocks of 16, the last block overlapping the one before.
+    const auto sortColumns = [&](size_t j) {
+        __m128i lo = Load(pAbove + j);
+        __m128i mid = Load(pCentre + j);
+        __m128i hi = Load(pBelow + j);
+        Sort2(lo, mid);
+        Sort2(mid, hi);
+        Sort2(lo, mid);
+        unsigned char* const p = abySorted + j;
+        Store(p, lo);
+        Store(p + kRow, mid);
+        Store(p + 2 * kRow, hi);
+    };
+    for (size_t j = 0; j + 16 <= nColumns; j += 16)
+        sortColumns(j);
+    if (nColumns % 16 != 0)
+        sortColumns(nColumns - 16);
+    const auto median = [&](const unsigned char* p, unsigned char* pDst) {
+        const __m128i maxLo = _mm_max_epu8(_mm_max_epu8(Load(p), Load(p + 1)), Load(p + 2));
+        const __m128i midMid = MedianOf3(Load(p + kRow), Load(p + kRow + 1), Load(p + kRow + 2));
+        const __m128i minHi = _mm_min_epu8(_mm_min_epu8(Load(p + 2 * kRow), Load(p + 2 * kRow + 1)), Load(p + 2 * kRow + 2));
+        Store(pDst, MedianOf3(maxLo, midMid, minHi));
+    };
+    unsigned char* const pDst = pOut + c0;
+    const unsigned char* const pLast = abySorted + (m - 16);
+    const unsigned char* p = abySorted;
+    for (unsigned char* q = pDst; p <= pLast; p += 16, q += 16)
+        median(p, q);
+    if (m % 16 != 0)
+        median(pLast, pDst + (m - 16));
 }
 
 template <void (*Block)(const Rows3&, unsigned char*, size_t)>
@@ -108,7 +149,18 @@ size_t Mean3RowSse2(const Rows3& rows, unsigned char* pOut, size_t n)
 
 size_t Median3RowSse2(const Rows3& rows, unsigned char* pOut, size_t n)
 {
-    return WholeRow<Median16>(rows, pOut, n);
+    if (n < 16)
+        return 0;
+    // Chunks of kMedianChunk outputs, the last two shared out so that
+    // neither holds fewer than 16.
+    for (size_t c = 0; c < n;) {
+        size_t m = n - c;
+        if (m > kMedianChunk)
+            m = m - kMedianChunk >= 16 ? kMedianChunk : m - 16;
+        MedianChunk(rows, pOut, c, m);
+        c += m;
+    }
+    return n;
 }
 
 size_t GreyRowSse2(const unsigned char* pTop, const unsigned char* pBottom, unsigned char* pOut, size_t n, int nParity)

@@ -60,12 +60,14 @@ void CLiveJitter::Next(unsigned char* pOut, size_t n)
     std::memcpy(m_anHistory, a + n, sizeof m_anHistory);
 }
 
-void DarkenAndIndex(const unsigned char* pBg, const unsigned char* pIn, const unsigned char* pJitter,
-                    unsigned char* pDark, uint16_t* pAt, size_t nFrom, size_t n)
+void MapDarkened(const unsigned char* pBg, const unsigned char* pIn, const unsigned char* pJitter,
+                 const unsigned char* pShown, unsigned char* pDark, unsigned char* pOut, size_t nFrom, size_t n)
 {
     for (size_t i = nFrom; i < n; ++i) {
-        pDark[i] = static_cast<unsigned char>(pBg[i] > pIn[i] ? pBg[i] - pIn[i] : 0);
-        pAt[i] = static_cast<uint16_t>(pDark[i] * kJitterSpan + pJitter[i]);
+        const unsigned char d = static_cast<unsigned char>(pBg[i] > pIn[i] ? pBg[i] - pIn[i] : 0);
+        if (pDark != nullptr)
+            pDark[i] = d;
+        pOut[i] = pShown[d * kJitterSpan + pJitter[i]];
     }
 }
 
@@ -74,23 +76,18 @@ void MapJittered(unsigned int nSeed, const unsigned char* pBackground, unsigned 
 {
     CLiveJitter jitter(nSeed);
     unsigned char abyJitter[CLiveJitter::kBlock];
-    unsigned char abyDark[CLiveJitter::kBlock];
-    uint16_t anAt[CLiveJitter::kBlock];  // d x 9 + draw
     for (size_t nStart = 0; nStart < n; nStart += CLiveJitter::kBlock) {
         const size_t nCount = n - nStart < CLiveJitter::kBlock ? n - nStart : CLiveJitter::kBlock;
         jitter.Next(abyJitter, nCount);
         const unsigned char* pBg = pBackground + nStart;
         unsigned char* pIn = pFrame + nStart;
+        unsigned char* pDark = bKeepPrint ? pIn : nullptr;  // the frame receives d in place
+        unsigned char* pOut = pOutput + nStart;
         size_t nDone = 0;
 #if defined(__SSE2__)
-        nDone = DarkenAndIndexSse2(pBg, pIn, abyJitter, abyDark, anAt, nCount);
+        nDone = MapDarkenedSse2(pBg, pIn, abyJitter, abyShown, pDark, pOut, nCount);
 #endif
-        DarkenAndIndex(pBg, pIn, abyJitter, abyDark, anAt, nDone, nCount);
-        if (bKeepPrint)
-            std::memcpy(pIn, abyDark, nCount);
-        unsigned char* pOut = pOutput + nStart;
-        for (size_t i = 0; i < nCount; ++i)
-            pOut[i] = abyShown[anAt[i]];
+        MapDarkened(pBg, pIn, abyJitter, abyShown, pDark, pOut, nDone, nCount);
     }
 }
 

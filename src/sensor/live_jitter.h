@@ -44,15 +44,15 @@ private:
     uint32_t m_anHistory[kHistory];  // the last kHistory values of r given out
 };
 
-// For i from nFrom to n - 1: the darkening pDark[i] = background - frame, or
-// 0 where negative, and the index pAt[i] = pDark[i] x 9 + pJitter[i] of the
-// jittered mapping's table.
-void DarkenAndIndex(const unsigned char* pBg, const unsigned char* pIn, const unsigned char* pJitter,
-                    unsigned char* pDark, uint16_t* pAt, size_t nFrom, size_t n);
+// For i from nFrom to n - 1: with the darkening d = pBg[i] - pIn[i], or 0
+// where negative, pOut[i] = pShown[d x 9 + pJitter[i]], the jittered
+// mapping's table; pDark[i] = d unless pDark is null (pDark may be pIn).
+void MapDarkened(const unsigned char* pBg, const unsigned char* pIn, const unsigned char* pJitter,
+                 const unsigned char* pShown, unsigned char* pDark, unsigned char* pOut, size_t nFrom, size_t n);
 #if defined(__SSE2__)
 // The same from the start, 16 pixels at a time; returns how many it did.
-size_t DarkenAndIndexSse2(const unsigned char* pBg, const unsigned char* pIn, const unsigned char* pJitter,
-                          unsigned char* pDark, uint16_t* pAt, size_t n);
+size_t MapDarkenedSse2(const unsigned char* pBg, const unsigned char* pIn, const unsigned char* pJitter,
+                       const unsigned char* pShown, unsigned char* pDark, unsigned char* pOut, size_t n);
 #endif
 
 // The jittered mapping of n pixels: with d = background - frame, or 0 where

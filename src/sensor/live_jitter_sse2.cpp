@@ -1,5 +1,5 @@
-// SSE2 forms of the jitter block and of the darkening and table index of
-// the jittered mapping. The jitter block: four values of r at a time, by
+// SSE2 forms of the jitter block and of the jittered mapping (darkening,
+// table index and lookup). The jitter block: four values of r at a time, by
 // r[j] = r[j - 6] + r[j - 34] + r[j - 31] (r[j - 3] expanded once), whose
 // nearest term lies two vectors back, and the remainder by 9 through a
 // multiply by 2^33 / 9 rounded up, exact for every 32-bit value.
@@ -52,8 +52,8 @@ size_t CLiveJitter::ExtendSse2(uint32_t* a, unsigned char* pOut, size_t n)
     return nDone;
 }
 
-size_t DarkenAndIndexSse2(const unsigned char* pBg, const unsigned char* pIn, const unsigned char* pJitter,
-                          unsigned char* pDark, uint16_t* pAt, size_t n)
+size_t MapDarkenedSse2(const unsigned char* pBg, const unsigned char* pIn, const unsigned char* pJitter,
+                       const unsigned char* pShown, unsigned char* pDark, unsigned char* pOut, size_t n)
 {
     const __m128i zero = _mm_setzero_si128();
     const __m128i span = _mm_set1_epi16(kJitterSpan);
@@ -62,11 +62,29 @@ size_t DarkenAndIndexSse2(const unsigned char* pBg, const unsigned char* pIn, co
         const __m128i d = _mm_subs_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pBg + i)),
                                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(pIn + i)));
         const __m128i j = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pJitter + i));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pDark + i), d);
+        if (pDark != nullptr)
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(pDark + i), d);
+        // The table indexes d x 9 + draw, eight 16-bit lanes each, looked
+        // up straight from the lanes.
         const __m128i lo = _mm_add_epi16(_mm_mullo_epi16(_mm_unpacklo_epi8(d, zero), span), _mm_unpacklo_epi8(j, zero));
         const __m128i hi = _mm_add_epi16(_mm_mullo_epi16(_mm_unpackhi_epi8(d, zero), span), _mm_unpackhi_epi8(j, zero));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pAt + i), lo);
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(pAt + i + 8), hi);
+        unsigned char* const p = pOut + i;
+        p[0] = pShown[_mm_extract_epi16(lo, 0)];
+        p[1] = pShown[_mm_extract_epi16(lo, 1)];
+        p[2] = pShown[_mm_extract_epi16(lo, 2)];
+        p[3] = pShown[_mm_extract_epi16(lo, 3)];
+        p[4] = pShown[_mm_extract_epi16(lo, 4)];
+        p[5] = pShown[_mm_extract_epi16(lo, 5)];
+        p[6] = pShown[_mm_extract_epi16(lo, 6)];
+        p[7] = pShown[_mm_extract_epi16(lo, 7)];
+        p[8] = pShown[_mm_extract_epi16(hi, 0)];
+        p[9] = pShown[_mm_extract_epi16(hi, 1)];
+        p[10] = pShown[_mm_extract_epi16(hi, 2)];
+        p[11] = pShown[_mm_extract_epi16(hi, 3)];
+        p[12] = pShown[_mm_extract_epi16(hi, 4)];
+        p[13] = pShown[_mm_extract_epi16(hi, 5)];
+        p[14] = pShown[_mm_extract_epi16(hi, 6)];
+        p[15] = pShown[_mm_extract_epi16(hi, 7)];
     }
     return i;
 }

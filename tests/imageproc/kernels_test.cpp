@@ -36,7 +36,7 @@ TEST_P(RowKernelTest, VectorPartEqualsPlainLoopAndLeavesRestUntouched)
 {
     const RowKernel& k = GetParam();
     std::mt19937 gen(7);
-    for (size_t n : {1u, 15u, 16u, 17u, 31u, 48u, 63u, 598u}) {
+    for (size_t n : {1u, 15u, 16u, 17u, 31u, 48u, 63u, 520u, 598u}) {
         for (size_t nAlign = 0; nAlign < 4; ++nAlign) {
             for (int nFill = 0; nFill < 3; ++nFill) {  // random, all 255, random 0 / 255
                 std::vector<unsigned char> src(3 * (n + 2 + nAlign));
@@ -214,14 +214,24 @@ TEST(RowKernels, VectorPartAndPlainRestEqualPlainLoop)
             std::vector<unsigned char> jitter(n), darkPlain(n), darkVector(n);
             for (unsigned char& by : jitter)
                 by = static_cast<unsigned char>(gen() % oberin::kJitterSpan);
-            std::vector<uint16_t> atPlain(n), atVector(n);
-            oberin::DarkenAndIndex(rows.pAbove, rows.pCentre, jitter.data(), darkPlain.data(), atPlain.data(), 0, n);
-            oberin::DarkenAndIndex(rows.pAbove, rows.pCentre, jitter.data(), darkVector.data(), atVector.data(),
-                                   oberin::DarkenAndIndexSse2(rows.pAbove, rows.pCentre, jitter.data(), darkVector.data(),
-                                                              atVector.data(), n),
-                                   n);
+            std::vector<unsigned char> shown(256 * oberin::kJitterSpan), outPlain(n), outVector(n);
+            for (unsigned char& by : shown)
+                by = static_cast<unsigned char>(gen());
+            oberin::MapDarkened(rows.pAbove, rows.pCentre, jitter.data(), shown.data(), darkPlain.data(),
+                                outPlain.data(), 0, n);
+            oberin::MapDarkened(rows.pAbove, rows.pCentre, jitter.data(), shown.data(), darkVector.data(),
+                                outVector.data(),
+                                oberin::MapDarkenedSse2(rows.pAbove, rows.pCentre, jitter.data(), shown.data(),
+                                                        darkVector.data(), outVector.data(), n),
+                                n);
             ASSERT_EQ(darkPlain, darkVector) << "darkening " << n;
-            ASSERT_EQ(atPlain, atVector) << "index " << n;
+            ASSERT_EQ(outPlain, outVector) << "jittered mapping " << n;
+            std::vector<unsigned char> outAlone(n);  // without the darkening kept
+            oberin::MapDarkened(rows.pAbove, rows.pCentre, jitter.data(), shown.data(), nullptr, outAlone.data(),
+                                oberin::MapDarkenedSse2(rows.pAbove, rows.pCentre, jitter.data(), shown.data(),
+                                                        nullptr, outAlone.data(), n),
+                                n);
+            ASSERT_EQ(outPlain, outAlone) << "jittered mapping, darkening not kept " << n;
         }
     }
 }
