@@ -23,20 +23,14 @@ build: $(addprefix build-,$(BUILD_PRESETS))
 $(addprefix test-,$(TEST_PRESETS)): test-%: build-%
 	scripts/settings-guard ctest --preset $* -j$(JOBS)
 
-<<<<<<< HEAD
-# The whole suite on both ABIs and under the sanitizers, then the check
-# that both ABIs compute identical images, then the Debian packages built and
-# used by hosts, then the benchmarks and the demo checked for leaving the
-# workstation's settings file alone.
-=======
 # NIST's WSQ reference set, when it lies next to the project (not part of it).
 WSQ_REFERENCE ?= $(abspath $(CURDIR)/../shared/wsq-reference)
 
 # The whole suite on both ABIs and under the sanitizers, then the WSQ
 # compliance measures on NIST's reference set (skipped when it is absent),
-# then the check that both ABIs compute identical images, then the Debian packages built and
-# used by hosts.
->>>>>>> wt-formats
+# then the check that both ABIs compute identical images, then the Debian
+# packages built and used by hosts, then the benchmarks and the demo checked
+# for leaving the workstation's settings file alone.
 test: $(addprefix test-,$(TEST_PRESETS))
 	@scripts/wsq-conformance --tool build/x86_64/bin/tavk05-wsqtool --other-abi build/i386/bin/tavk05-wsqtool "$(WSQ_REFERENCE)"
 	@scripts/cross-abi-check
@@ -52,22 +46,12 @@ demo: build
 # beside the x86_64 ones and OpenCV's. The benchmark program gives its sensors
 # a settings file of its own.
 bench: build-x86_64
-<<<<<<< HEAD
 	@cmake --preset i386 -DTAVK05_BENCH=ON >build/configure-i386.log 2>&1 || (cat build/configure-i386.log; exit 1)
 	cmake --build --preset i386 --target bench_tavk05 -j$(JOBS)
 	TAVK05_BENCH_TABLE=$(CURDIR)/build/bench-x86_64.txt \
 	  build/x86_64/bin/bench_tavk05 --benchmark_counters_tabular=true $(BENCH_ARGS)
 	TAVK05_BENCH_BESIDE=$(CURDIR)/build/bench-x86_64.txt \
 	  build/i386/bin/bench_tavk05 --benchmark_counters_tabular=true $(BENCH_ARGS)
-=======
-	build/x86_64/bin/bench_tavk05 --benchmark_counters_tabular=true $(BENCH_ARGS)
-	@# The WSQ codec on the product ABI too (needs libbenchmark-dev:i386).
-	@if [ -e /usr/lib/i386-linux-gnu/libbenchmark.so ]; then \
-	  cmake --preset i386 -B build/i386-bench -DTAVK05_BENCH=ON -DTAVK05_TESTS=OFF >build/configure-i386-bench.log 2>&1 && \
-	  cmake --build build/i386-bench -j$(JOBS) --target bench_tavk05 >build/build-i386-bench.log 2>&1 && \
-	  echo "i386:" && build/i386-bench/bin/bench_tavk05 --benchmark_filter=Wsq --benchmark_counters_tabular=true; \
-	else echo "bench: no 32-bit Google Benchmark (libbenchmark-dev:i386): the i386 WSQ benchmarks are skipped"; fi
->>>>>>> wt-formats
 
 # How libfprint's bozorth3 matcher scores the virtual fingers (not part of
 # test): genuine and false match rates and score distributions over the
