@@ -124,6 +124,8 @@ int CmdBackground(const Options& opt);
 int CmdVerify(const Options& opt);
 int CmdLive(const Options& opt);
 int CmdRoll(const Options& opt);
+// tavk05 serve (serve_*.cpp): the local capture service.
+int CmdServe(const Options& opt);
 
 }  // namespace cli
 

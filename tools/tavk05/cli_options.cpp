@@ -70,6 +70,7 @@ const OptionDef kOptions[] = {
     {"live roll", "timeout", 0, kNumber, "MS", 1, 3600000, "give up after MS (default 20000)"},
     {"live roll", "no-picture", 0, kFlag, "", 0, 0, "no picture on the terminal, only the progress line"},
     {"live roll", "background", 0, kFlag, "", 0, 0, ""},  // from older scripts: the background is always taken
+    {"serve", "port", 0, kNumber, "N", 0, 65535, "port on 127.0.0.1 and ::1 (default 7405; 0: any free\nport)"},
 };
 
 // One command: its arguments besides the options, what it does, and how
@@ -97,6 +98,8 @@ const CommandDef kCommands[] = {
     {"background", "[-o FILE]", "capture the background frame used by live view", CmdBackground, 0, 0},
     {"config", "show | set KEY=N...", "the settings file: show it, or set brightness=0..100,\ncontrast=0..100, "
      "gain=1|2|4|8, scanmode=0", CmdConfig, 1, 100},
+    {"serve", "", "the local capture service for web applications and\nthe technician's page (tavk05-serve(1))",
+     CmdServe, 0, 0},
     {"help", "[COMMAND]", "the usage of one command, or of all", CmdHelp, 0, 1},
 };
 
