@@ -17,7 +17,7 @@ namespace http = beast::http;
 namespace {
 
 const int kProtocol = 1;
-const size_t kKeptCaptures = 4;
+const size_t kKeptCaptures = 8;  // one for each scanner
 
 std::string UtcNow()
 {
@@ -599,8 +599,10 @@ void Hub::Acquire(const std::shared_ptr<WsSession>& p, const std::string& strTyp
     Scanner& scanner = it->second;
     Lease& lease = scanner.lease;
     const Clock::time_point tNow = Clock::now();
-    const bool bHeld = lease.nHolder != 0 && lease.nHolder != p->Id() && (lease.bRunning || lease.tExpiry > tNow) &&
-                       Find(lease.nHolder) != nullptr;
+    // A running acquisition holds the scanner until it has stopped, even when
+    // its client is gone; an idle lease lapses with its client or its time.
+    const bool bHeld = lease.nHolder != 0 && lease.nHolder != p->Id() &&
+                       (lease.bRunning || (lease.tExpiry > tNow && Find(lease.nHolder) != nullptr));
     if (bHeld) {
         Json j = {{"type", "busy"}, {"scanner", nScanner},
                   {"message", "another client is using scanner " + std::to_string(nScanner)}};

@@ -138,6 +138,7 @@ bool TokenStore::Open(std::string* pError)
     std::string strBase;
     if (const char* psz = secure_getenv("XDG_CONFIG_HOME"); psz != nullptr && psz[0] == '/') {
         strBase = psz;
+        mkdir(psz, 0700);  // the user's own folder, made when missing (an existing one is taken as it is)
     } else {
         const char* pszHome = secure_getenv("HOME");
         if (pszHome == nullptr || pszHome[0] != '/') {
