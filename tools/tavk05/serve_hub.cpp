@@ -213,17 +213,9 @@ void WsSession::Close(const std::string& strReason)
     m_bClosing = true;
     m_hub.Unregister(this);
     auto self = shared_from_this();
-    websocket::close_reason reason(websocket::close_code::policy_error, strReason);
-    // A write in flight finishes first; the close follows it.
-    auto close = [self, reason]() { self->m_ws.async_close(reason, [self](beast::error_code) {}); };
-    if (m_bWriting) {
-        asio::post(m_ws.get_executor(), [self, close]() {
-            beast::get_lowest_layer(self->m_ws).expires_after(std::chrono::seconds(5));
-            close();
-        });
-    } else {
-        close();
-    }
+    // The stream lets the close wait for a write in flight.
+    m_ws.async_close(websocket::close_reason(websocket::close_code::policy_error, strReason),
+                     [self](beast::error_code) {});
 }
 
 // ---- hub ----
