@@ -28,15 +28,15 @@ using Clock = std::chrono::steady_clock;
 
 // Limits of the service (documented in tavk05-serve(1)).
 struct Limits {
-    static const size_t kConnections = 64;       // HTTP and WebSocket together
-    static const size_t kPerOrigin = 8;          // WebSocket sessions of one origin
-    static const size_t kPendingOrigins = 16;    // pairing requests waiting at once
-    static const size_t kMessageBytes = 16384;   // largest client message
-    static const size_t kQueuedBytes = 32 << 20; // a client's unsent results and replies
-    static const int kMessagesPerSecond = 20;    // sustained rate; bursts up to kBurst
-    static const int kBurst = 40;
-    static const int kLeaseSeconds = 30;         // a lease outlives its last acquisition this long
-    static const long kMaxTimeoutMs = 120000;
+    static constexpr size_t kConnections = 64;       // HTTP and WebSocket together
+    static constexpr size_t kPerOrigin = 8;          // WebSocket sessions of one origin
+    static constexpr size_t kPendingOrigins = 16;    // pairing requests waiting at once
+    static constexpr size_t kMessageBytes = 16384;   // largest client message
+    static constexpr size_t kQueuedBytes = 32 << 20; // a client's unsent results and replies
+    static constexpr int kMessagesPerSecond = 20;    // sustained rate; bursts up to kBurst
+    static constexpr int kBurst = 40;
+    static constexpr int kLeaseSeconds = 30;         // a lease outlives its last acquisition this long
+    static constexpr long kMaxTimeoutMs = 120000;
 };
 
 class Hub;
