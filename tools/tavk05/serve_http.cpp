@@ -360,10 +360,13 @@ int CmdServe(const Options& opt)
     std::fprintf(stderr, "tavk05 serve: listening on 127.0.0.1:%u%s, %zu scanner%s, paired origins in %s/origins.json\n",
                  nPort, bV6 ? (" and [::1]:" + std::to_string(nPort)).c_str() : " (no IPv6 loopback)", nScanners,
                  nScanners == 1 ? "" : "s", store.Folder().c_str());
-    asio::signal_set signals(ioc, SIGINT, SIGTERM);
-    signals.async_wait([&ioc](beast::error_code, int) { ioc.stop(); });
-    std::signal(SIGPIPE, SIG_IGN);
-    ioc.run();
+    {
+        // The signal set goes before the I/O context it belongs to.
+        asio::signal_set signals(ioc, SIGINT, SIGTERM);
+        signals.async_wait([&ioc](beast::error_code, int) { ioc.stop(); });
+        std::signal(SIGPIPE, SIG_IGN);
+        ioc.run();
+    }
     hub.StopScanners();
     pIoc.reset();
     std::fprintf(stderr, "tavk05 serve: stopped\n");
