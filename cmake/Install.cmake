@@ -37,7 +37,7 @@ install(FILES ${PROJECT_BINARY_DIR}/tavk05Config.cmake ${PROJECT_BINARY_DIR}/tav
 install(TARGETS tavk05-virtual LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/tavk05 COMPONENT virtual)
 install(FILES include/tavk05/virtual.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tavk05 COMPONENT virtual)
 
-install(FILES man/tavk05.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT command)
+install(FILES man/tavk05.1 man/tavk05-serve.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT command)
 install(FILES man/tavk05-virtual.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT virtual)
 install(FILES data/bash-completion/tavk05
         DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions COMPONENT command)

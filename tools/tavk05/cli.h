@@ -169,6 +169,8 @@ int CmdLive(const Options& opt);
 int CmdRoll(const Options& opt);
 int CmdConvert(const Options& opt);
 int CmdShow(const Options& opt);
+// tavk05 serve (serve_*.cpp): the local capture service.
+int CmdServe(const Options& opt);
 
 }  // namespace cli
 

@@ -80,6 +80,7 @@ const OptionDef kOptions[] = {
      "edition of ISO/IEC 19794-4 for .fir\n(default 2011)"},
     {"capture live roll convert", "compression", 0, kChoice, "wsq|none|png", 0, 0,
      "the image in .fir and .an2 (default wsq)"},
+    {"serve", "port", 0, kNumber, "N", 0, 65535, "port on 127.0.0.1 and ::1 (default 7405; 0: any free\nport)"},
 };
 
 // One command: its arguments besides the options, what it does, and how
@@ -112,6 +113,8 @@ const CommandDef kCommands[] = {
     {"background", "[-o FILE]", "capture the background frame used by live view", CmdBackground, 0, 0},
     {"config", "show | set KEY=N...", "the settings file: show it, or set brightness=0..100,\ncontrast=0..100, "
      "gain=1|2|4|8, scanmode=0", CmdConfig, 1, 100},
+    {"serve", "", "the local capture service for web applications and\nthe technician's page (tavk05-serve(1))",
+     CmdServe, 0, 0},
     {"help", "[COMMAND]", "the usage of one command, or of all", CmdHelp, 0, 1},
 };
 

@@ -1,0 +1,129 @@
+// tavk05 serve in Debian's chromium, headless: the technician's page shows
+// live frames and downloads captures; a page of another origin captures only
+// once paired; a page the browser takes for a public site does not reach the
+// service without the user's permission.
+import assert from "node:assert/strict";
+import { execFileSync } from "node:child_process";
+import { mkdtempSync, readFileSync, rmSync } from "node:fs";
+import { createServer } from "node:http";
+import { tmpdir } from "node:os";
+import { dirname, join } from "node:path";
+import { fileURLToPath } from "node:url";
+import { after, before, test } from "node:test";
+import { chromium } from "playwright-core";
+import { TAVK05, WAIT_MS, startService } from "./serve-harness.mjs";
+
+const WEB = join(dirname(fileURLToPath(import.meta.url)), "..", "..", "web");
+const WSQTOOL = process.argv[4];
+let service, browser, profile, app, appOrigin, publicApp, publicOrigin;
+
+// A web application of its own origin: a page that uses web/tavk05.js.
+function appPage(servicePort) {
+  return `<!DOCTYPE html><meta charset="utf-8"><p id="state">starting</p><script type="module">
+import { connect } from "./tavk05.js";
+const state = document.getElementById("state");
+try {
+  const service = await connect({ url: "ws://127.0.0.1:${servicePort}/v1/ws", onPairing: () => (state.textContent = "pairing") });
+  state.textContent = "connected";
+  const result = await service.capture(0, { format: "wsq" });
+  state.textContent = "captured " + result.format + " " + result.blob.size;
+} catch (e) { state.textContent = "failed: " + e.code; }
+</script>`;
+}
+
+function serveApp(servicePort) {
+  const server = createServer((req, res) => {
+    const body = req.url === "/tavk05.js" ? readFileSync(join(WEB, "tavk05.js")) : appPage(servicePort);
+    res.writeHead(200, { "Content-Type": req.url === "/tavk05.js" ? "text/javascript" : "text/html" });
+    res.end(body);
+  });
+  return new Promise((resolve) => server.listen(0, "127.0.0.1", () => resolve(server)));
+}
+
+before(async () => {
+  service = await startService("0:model=7,fps=20;1:model=5,fps=20");
+  app = await serveApp(service.port);
+  appOrigin = `http://127.0.0.1:${app.address().port}`;
+  publicApp = await serveApp(service.port);
+  publicOrigin = `http://127.0.0.1:${publicApp.address().port}`;
+  profile = mkdtempSync(join(tmpdir(), "tavk05-chromium-"));
+  browser = await chromium.launchPersistentContext(profile, {
+    executablePath: "/usr/bin/chromium",
+    headless: true,
+    acceptDownloads: true,
+    timeout: WAIT_MS,
+    args: ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+           "--disable-background-networking", "--disable-component-update", "--disable-sync",
+           `--ip-address-space-overrides=127.0.0.1:${publicApp.address().port}=public`],
+  });
+  browser.setDefaultTimeout(WAIT_MS);
+});
+
+after(async () => {
+  await browser?.close();
+  app?.close();
+  publicApp?.close();
+  rmSync(profile, { recursive: true, force: true });
+  assert.equal(await service.stop(), 0);
+});
+
+test("the technician's page shows live frames, captures, and downloads a PNG with its marks and a WSQ that decodes", async () => {
+  const page = await browser.newPage();
+  await page.goto(service.url);
+  await page.waitForSelector("body[data-ready='1']");
+  await page.click("#capture");
+  await page.waitForSelector("#downloads button[data-format='wsq']");
+  const stats = await page.evaluate(() => window.tavk05Stats);
+  assert.ok(stats.frames > 0, "live frames were drawn on the canvas");
+  assert.notEqual(await page.textContent("#quality"), "-");
+  for (const format of ["png", "wsq"]) {
+    const [download] = await Promise.all([page.waitForEvent("download"),
+                                          page.click(`#downloads button[data-format='${format}']`)]);
+    const path = join(service.home, `page.${format}`);
+    await download.saveAs(path);
+    if (format === "png") {
+      assert.match(execFileSync(TAVK05, ["verify", path], { encoding: "utf8" }), /4 of 4 corner marks hold/);
+    } else if (WSQTOOL) {
+      execFileSync(WSQTOOL, ["decode", path, join(service.home, "page.pgm")]);
+      assert.equal(readFileSync(join(service.home, "page.pgm")).subarray(0, 11).toString(), "P5\n600 600\n");
+    }
+  }
+  await page.close();
+});
+
+test("a page of another origin waits for the technician's approval, then captures", async () => {
+  const tech = await browser.newPage();
+  const fresh = service.log.map((l) => l.match(/next technician's URL: (\S+)/)).filter(Boolean).pop()[1];
+  await tech.goto(fresh);
+  await tech.waitForSelector("body[data-ready='1']");
+  const other = await browser.newPage();
+  await other.goto(appOrigin + "/");
+  await other.waitForFunction(() => document.getElementById("state").textContent === "pairing");
+  const row = `#pending div[data-origin='${appOrigin}'] button`;
+  await tech.waitForSelector(row);
+  assert.equal(await other.textContent("#state"), "pairing", "nothing captured before approval");
+  await tech.click(`${row}:text('Approve')`);
+  await other.waitForFunction(() => document.getElementById("state").textContent.startsWith("captured"));
+  assert.match(await other.textContent("#state"), /^captured wsq \d+/);
+  // Once paired the token is kept: a reload captures without asking.
+  await other.reload();
+  await other.waitForFunction(() => /^(captured|failed)/.test(document.getElementById("state").textContent));
+  assert.match(await other.textContent("#state"), /^captured/);
+  // Revoked: the stored token no longer opens the service.
+  await tech.click(`#allowed li[data-origin='${appOrigin}'] button`);
+  await tech.waitForFunction((o) => !document.querySelector(`#allowed li[data-origin='${o}']`), appOrigin);
+  await other.reload();
+  await other.waitForFunction(() => document.getElementById("state").textContent.startsWith("failed"));
+  assert.equal(await other.textContent("#state"), "failed: unauthorized");
+  await other.close();
+  await tech.close();
+});
+
+test("a page the browser takes for a public site cannot reach the service without permission", async () => {
+  const page = await browser.newPage();
+  await page.goto(publicOrigin + "/");
+  await page.waitForFunction(() => document.getElementById("state").textContent.startsWith("failed"));
+  assert.equal(await page.textContent("#state"), "failed: closed");
+  assert.ok(!service.log.some((l) => l.includes(publicOrigin)), "the service never heard from the public page");
+  await page.close();
+});
