@@ -32,8 +32,7 @@ void UseContrastTable(bool bOn)
 {
     CImageProc& p = Proc();
     p.m_bContrastTable = bOn ? 1 : 0;
-    for (int g = 0; g < 256; ++g)
-        p.m_ucContrastTable[g] = (unsigned char)(g * 3 / 4 + 40);
+    for (int g = 0; g < 256; ++g) p.m_ucContrastTable[g] = (unsigned char)(g * 3 / 4 + 40);
     p.m_nDeviceType = 3;
 }
 
@@ -82,8 +81,7 @@ void BM_ImageComposition(benchmark::State& state)
 {
     UseContrastTable(state.range(0) != 0);
     Roll roll;
-    for (auto _ : state)
-        benchmark::DoNotOptimize(roll.Merge());
+    for (auto _ : state) benchmark::DoNotOptimize(roll.Merge());
     UseContrastTable(false);
 }
 BENCHMARK(BM_ImageComposition)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
@@ -91,8 +89,7 @@ BENCHMARK(BM_ImageComposition)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 void BM_CheckImageQuality2(benchmark::State& state)
 {
     Image frame = FingerFrame(300);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(Proc().CheckImageQuality2(600, 600, frame.data()));
+    for (auto _ : state) benchmark::DoNotOptimize(Proc().CheckImageQuality2(600, 600, frame.data()));
 }
 BENCHMARK(BM_CheckImageQuality2)->Unit(benchmark::kMicrosecond);
 
@@ -100,8 +97,7 @@ void BM_EstimateFingerState(benchmark::State& state)
 {
     Image frame = FingerFrame(300);
     Proc().CheckImageQuality2(600, 600, frame.data());
-    for (auto _ : state)
-        benchmark::DoNotOptimize(Proc().EstimateFingerState(600, 600, frame.data()));
+    for (auto _ : state) benchmark::DoNotOptimize(Proc().EstimateFingerState(600, 600, frame.data()));
 }
 BENCHMARK(BM_EstimateFingerState)->Unit(benchmark::kMicrosecond);
 
@@ -132,11 +128,9 @@ BENCHMARK(BM_Histoequal)->Unit(benchmark::kMicrosecond);
 void BM_CheckLatent2(benchmark::State& state)
 {
     Image latent(1214 * 616);
-    for (size_t i = 0; i < latent.size(); ++i)
-        latent[i] = (unsigned char)((i * 2654435761u) >> 24);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(Proc().CheckLatent2(latent.data()));
+    for (size_t i = 0; i < latent.size(); ++i) latent[i] = (unsigned char)((i * 2654435761u) >> 24);
+    for (auto _ : state) benchmark::DoNotOptimize(Proc().CheckLatent2(latent.data()));
 }
 BENCHMARK(BM_CheckLatent2)->Unit(benchmark::kMicrosecond);
 
-} // namespace
+}  // namespace

@@ -147,9 +147,8 @@ void BM_LiveLoopPerFrame(benchmark::State& state)
         }
     }
     state.SetItemsProcessed(state.iterations() * kFrames);
-    state.counters["s_per_frame"] =
-        benchmark::Counter(static_cast<double>(state.iterations() * kFrames), benchmark::Counter::kIsRate |
-                                                                                  benchmark::Counter::kInvert);
+    state.counters["s_per_frame"] = benchmark::Counter(static_cast<double>(state.iterations() * kFrames),
+                                                       benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
     pSensor.reset();
     tavk05virt::DetachAll();
 }

@@ -26,8 +26,8 @@ void ReadFrames(benchmark::State& state, const char* pszUnit, unsigned long nByt
     }
     std::vector<unsigned char> vec(CVxdInterface::TransferLength(nBytes));
     for (auto _ : state) {
-        const int nResult = bSingleCapture ? vxd.ReadData(vec.data(), nBytes, 3000)
-                                           : vxd.ReadDataEx(vec.data(), nBytes, 3000);
+        const int nResult =
+            bSingleCapture ? vxd.ReadData(vec.data(), nBytes, 3000) : vxd.ReadDataEx(vec.data(), nBytes, 3000);
         benchmark::DoNotOptimize(nResult);
         benchmark::DoNotOptimize(vec.data());
     }
@@ -42,16 +42,10 @@ void BM_ReadDataExNewFirmware(benchmark::State& state)
 }
 BENCHMARK(BM_ReadDataExNewFirmware)->Unit(benchmark::kMillisecond);
 
-void BM_ReadDataModel4Averaged(benchmark::State& state)
-{
-    ReadFrames(state, "0:model=4,scene=pattern", 926720, true);
-}
+void BM_ReadDataModel4Averaged(benchmark::State& state) { ReadFrames(state, "0:model=4,scene=pattern", 926720, true); }
 BENCHMARK(BM_ReadDataModel4Averaged)->Unit(benchmark::kMillisecond);
 
-void BM_ReadDataModel6Single(benchmark::State& state)
-{
-    ReadFrames(state, "0:model=6,scene=pattern", 1128448, true);
-}
+void BM_ReadDataModel6Single(benchmark::State& state) { ReadFrames(state, "0:model=6,scene=pattern", 1128448, true); }
 BENCHMARK(BM_ReadDataModel6Single)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -25,8 +25,10 @@ std::vector<unsigned char> Capture()
             if (dx * dx + dy * dy >= 1.0) continue;
             const double dAngle = 0.5 * std::sin(x / 97.0) + 0.4 * std::cos(y / 131.0);
             const double dU = x * std::cos(dAngle) + y * std::sin(dAngle);
-            const double dValue = 130.0 + 90.0 * std::sin(2.0 * M_PI * dU / 9.0) + static_cast<int>((nNoise >> 16) % 13) - 6;
-            img[static_cast<size_t>(y * 600 + x)] = static_cast<unsigned char>(dValue < 0 ? 0 : (dValue > 255 ? 255 : dValue));
+            const double dValue =
+                130.0 + 90.0 * std::sin(2.0 * M_PI * dU / 9.0) + static_cast<int>((nNoise >> 16) % 13) - 6;
+            img[static_cast<size_t>(y * 600 + x)] =
+                static_cast<unsigned char>(dValue < 0 ? 0 : (dValue > 255 ? 255 : dValue));
         }
     }
     return img;

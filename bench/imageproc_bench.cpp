@@ -171,4 +171,4 @@ void BM_LargestFrame(benchmark::State& state)
 }
 BENCHMARK(BM_LargestFrame)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-} // namespace
+}  // namespace

@@ -30,8 +30,7 @@ public:
     {
         benchmark::ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
-            if (run.error_occurred)
-                continue;
+            if (run.error_occurred) continue;
             const std::string strName = run.run_name.function_name;
             // With repetitions only the median counts; a single run counts as such.
             if (strName.rfind("Stage/", 0) != 0 ||
@@ -39,19 +38,18 @@ public:
                 continue;
             const size_t nSide = strName.rfind('/');
             const std::string strStage = strName.substr(6, nSide - 6);
-            const double dMicros = run.GetAdjustedCPUTime() * benchmark::GetTimeUnitMultiplier(benchmark::kMicrosecond) /
+            const double dMicros = run.GetAdjustedCPUTime() *
+                                   benchmark::GetTimeUnitMultiplier(benchmark::kMicrosecond) /
                                    benchmark::GetTimeUnitMultiplier(run.time_unit);
-            if (m_stages.find(strStage) == m_stages.end())
-                m_order.push_back(strStage);
+            if (m_stages.find(strStage) == m_stages.end()) m_order.push_back(strStage);
             (strName.compare(nSide + 1, std::string::npos, "ours") == 0 ? m_stages[strStage].first
-                                                                         : m_stages[strStage].second) = dMicros;
+                                                                        : m_stages[strStage].second) = dMicros;
         }
     }
 
     void PrintRatios() const
     {
-        if (m_order.empty())
-            return;
+        if (m_order.empty()) return;
         std::printf("\n%-28s %12s %12s %8s\n", "stage (median, us)", "ours", "opencv", "ratio");
         for (const std::string& strStage : m_order) {
             const std::pair<double, double>& t = m_stages.at(strStage);
@@ -76,19 +74,17 @@ public:
     bool PrintBeside(const char* pszPath) const
     {
         std::ifstream in(pszPath);
-        if (!in)
-            return false;
+        if (!in) return false;
         std::map<std::string, std::pair<double, double>> other;
         std::string strLine;
         while (std::getline(in, strLine)) {
             std::istringstream fields(strLine);
             std::string strStage;
             std::pair<double, double> t;
-            if (std::getline(fields, strStage, '\t') && fields >> t.first >> t.second)
-                other[strStage] = t;
+            if (std::getline(fields, strStage, '\t') && fields >> t.first >> t.second) other[strStage] = t;
         }
-        std::printf("\n%-28s %10s %10s %10s %8s %8s\n", "stage (median, us)", "x86_64", sizeof(void*) == 4 ? "i386" : "this ABI",
-                    "opencv", "x86_64", sizeof(void*) == 4 ? "i386" : "this");
+        std::printf("\n%-28s %10s %10s %10s %8s %8s\n", "stage (median, us)", "x86_64",
+                    sizeof(void*) == 4 ? "i386" : "this ABI", "opencv", "x86_64", sizeof(void*) == 4 ? "i386" : "this");
         for (const std::string& strStage : m_order) {
             const auto it = other.find(strStage);
             const double dOurs = m_stages.at(strStage).first;
@@ -136,7 +132,7 @@ bool UsePrivateSettings()
     return true;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv)
 {
@@ -145,8 +141,7 @@ int main(int argc, char** argv)
         return 1;
     }
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     CRatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.PrintRatios();

@@ -14,8 +14,7 @@ inline std::vector<unsigned char> Random(size_t n, unsigned nSeed)
 {
     std::mt19937 gen(nSeed);
     std::vector<unsigned char> bytes(n);
-    for (unsigned char& by : bytes)
-        by = static_cast<unsigned char>(gen() >> 24);
+    for (unsigned char& by : bytes) by = static_cast<unsigned char>(gen() >> 24);
     return bytes;
 }
 
@@ -35,6 +34,6 @@ inline std::vector<unsigned char> FingerFrame(int cx)
     return f;
 }
 
-} // namespace benchinput
+}  // namespace benchinput
 
 #endif

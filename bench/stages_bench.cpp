@@ -40,10 +40,7 @@ COberin& Sensor()
     return sensor;
 }
 
-CImageProc& Proc()
-{
-    return Sensor().m_ImageProc;
-}
+CImageProc& Proc() { return Sensor().m_ImageProc; }
 
 template <class F>
 void Loop(benchmark::State& state, F f)
@@ -54,7 +51,8 @@ void Loop(benchmark::State& state, F f)
     }
 }
 
-#define STAGE(fn, name) BENCHMARK(fn)->Name(name)->Repetitions(kRepetitions)->ReportAggregatesOnly(true)->Unit(benchmark::kMicrosecond)
+#define STAGE(fn, name) \
+    BENCHMARK(fn)->Name(name)->Repetitions(kRepetitions)->ReportAggregatesOnly(true)->Unit(benchmark::kMicrosecond)
 
 // --- ours -----------------------------------------------------------------
 
@@ -62,7 +60,8 @@ void OursGrey(benchmark::State& state)
 {
     const Bytes src = Random(static_cast<size_t>(kMosaicWidth) * kMosaicHeight, 1);
     Bytes dst(src.size());
-    Loop(state, [&] { Proc().RGBtoGRAY2(const_cast<unsigned char*>(src.data()), dst.data(), kMosaicWidth, kMosaicHeight); });
+    Loop(state,
+         [&] { Proc().RGBtoGRAY2(const_cast<unsigned char*>(src.data()), dst.data(), kMosaicWidth, kMosaicHeight); });
 }
 STAGE(OursGrey, "Stage/grey 1800x1280/ours");
 
@@ -70,7 +69,8 @@ void OursCalcEx(benchmark::State& state)
 {
     Bytes src = Random(static_cast<size_t>(kMosaicWidth) * kMosaicHeight, 2);
     Bytes dst(IMG_PIXELS);
-    Loop(state, [&] { Proc().CorrectImageCalcEx(src.data(), kMosaicWidth, kMosaicHeight, dst.data(), 600, 600, 0, 0); });
+    Loop(state,
+         [&] { Proc().CorrectImageCalcEx(src.data(), kMosaicWidth, kMosaicHeight, dst.data(), 600, 600, 0, 0); });
 }
 STAGE(OursCalcEx, "Stage/CorrectImageCalcEx/ours");
 
@@ -136,7 +136,8 @@ void InPlaceOn(benchmark::State& state, const Bytes& src, Fn fnStage)
 // and Histoequal on random levels too.
 void OursHistoequal(benchmark::State& state)
 {
-    InPlaceOn(state, benchinput::FingerFrame(300), [](unsigned char* p) { Proc().Histoequal(p, IMG_WIDTH, IMG_HEIGHT); });
+    InPlaceOn(state, benchinput::FingerFrame(300),
+              [](unsigned char* p) { Proc().Histoequal(p, IMG_WIDTH, IMG_HEIGHT); });
 }
 STAGE(OursHistoequal, "Stage/Histoequal finger/ours");
 
@@ -282,16 +283,10 @@ void EqualizeHist(benchmark::State& state, const Bytes& src)
     });
 }
 
-void CvHistoequal(benchmark::State& state)
-{
-    EqualizeHist(state, benchinput::FingerFrame(300));
-}
+void CvHistoequal(benchmark::State& state) { EqualizeHist(state, benchinput::FingerFrame(300)); }
 STAGE(CvHistoequal, "Stage/Histoequal finger/opencv");
 
-void CvHistoequalRandom(benchmark::State& state)
-{
-    EqualizeHist(state, Random(IMG_PIXELS, 7));
-}
+void CvHistoequalRandom(benchmark::State& state) { EqualizeHist(state, Random(IMG_PIXELS, 7)); }
 STAGE(CvHistoequalRandom, "Stage/Histoequal random/opencv");
 
 // Final's work: local 17 x 17 mean and mean square, the deviation from
@@ -324,8 +319,7 @@ void CvPreview(benchmark::State& state)
     const cv::Mat bg(IMG_HEIGHT, IMG_WIDTH, CV_8UC1, background.data());
     const cv::Mat in(IMG_HEIGHT, IMG_WIDTH, CV_8UC1, frame.data());
     cv::Mat lut(1, 256, CV_8UC1), d, shown, jitter(IMG_HEIGHT, IMG_WIDTH, CV_8UC1), level, out;
-    for (int i = 0; i < 256; ++i)
-        lut.at<unsigned char>(i) = static_cast<unsigned char>(255 - i);
+    for (int i = 0; i < 256; ++i) lut.at<unsigned char>(i) = static_cast<unsigned char>(255 - i);
     Sensor().SetContrast(40);
     const double fFactor = Sensor().m_fContrastFactor;
     Loop(state, [&] {
@@ -340,4 +334,4 @@ void CvPreview(benchmark::State& state)
 STAGE(CvPreview, "Stage/preview table+jitter/opencv");
 #endif
 
-} // namespace
+}  // namespace

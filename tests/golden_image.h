@@ -51,10 +51,7 @@ inline ::testing::AssertionResult MatchesGolden(const std::vector<unsigned char>
 
 // The frozen input of the golden images: a committed 500 ppi print, shown by
 // a virtual unit with image= instead of a synthetic finger.
-inline std::string PrintKey()
-{
-    return "image=" + GoldenPath("print");
-}
+inline std::string PrintKey() { return "image=" + GoldenPath("print"); }
 
 }  // namespace goldentest
 

@@ -14,18 +14,18 @@
 namespace tavk05virt {
 
 struct Impression {
-    bool bMoved = false;      // false: impression 0, the skin lies as grown
-    double fShiftX = 0.0;     // the finger moved on the glass, pixels
+    bool bMoved = false;   // false: impression 0, the skin lies as grown
+    double fShiftX = 0.0;  // the finger moved on the glass, pixels
     double fShiftY = 0.0;
-    double fTwist = 0.0;      // turned about the contact centre, radians
-    double fDragX = 0.0;      // outer skin dragged against the centre, pixels
+    double fTwist = 0.0;  // turned about the contact centre, radians
+    double fDragX = 0.0;  // outer skin dragged against the centre, pixels
     double fDragY = 0.0;
-    double fDragTwist = 0.0;  // outer skin twisted against the centre, radians
-    double fWobble = 0.0;     // amplitude of the skin's small uneven stretch, pixels
+    double fDragTwist = 0.0;     // outer skin twisted against the centre, radians
+    double fWobble = 0.0;        // amplitude of the skin's small uneven stretch, pixels
     double afWobble[2][3] = {};  // its two waves: kx, ky, phase
-    double fPressure = 1.0;   // factor on the scene's pressure
-    double fMoisture = 0.0;   // added to the scene's moisture
-    double fDryness = 0.0;    // added to the scene's dryness
+    double fPressure = 1.0;      // factor on the scene's pressure
+    double fMoisture = 0.0;      // added to the scene's moisture
+    double fDryness = 0.0;       // added to the scene's dryness
 };
 
 // Impression nNumber of the finger with this seed.

@@ -101,10 +101,7 @@ double Cos(double x)
     return -CosKernel(kPi - ax);
 }
 
-double Sin(double x)
-{
-    return Cos(x - kPi / 2.0);
-}
+double Sin(double x) { return Cos(x - kPi / 2.0); }
 
 double Atan2(double y, double x)
 {

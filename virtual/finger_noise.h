@@ -8,11 +8,7 @@
 
 namespace tavk05virt {
 
-enum {
-    kNoiseBits = 16,
-    kNoiseSize = 1 << kNoiseBits,
-    kNoiseMask = kNoiseSize - 1
-};
+enum { kNoiseBits = 16, kNoiseSize = 1 << kNoiseBits, kNoiseMask = kNoiseSize - 1 };
 
 // kNoiseSize values with mean 0 and deviation 256, none beyond +-1024;
 // built once, the same on every platform.

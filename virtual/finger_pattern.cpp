@@ -21,10 +21,10 @@ using fmath::kPi;
 // about 4.5 cells. The pattern is brought to full resolution by bicubic
 // interpolation of the last, unclipped filter response, which is smooth.
 const int kHalf = CFingerPattern::kSize / 2;
-const int kRadius = 4;                        // Gabor kernel radius in cells
+const int kRadius = 4;  // Gabor kernel radius in cells
 const int kTaps = 2 * kRadius + 1;
-const int kOrientations = 24;                 // 7.5 degree steps
-const int kPeriods = 5;                       // 0.88 to 1.12 times the mean in steps of 0.06
+const int kOrientations = 24;  // 7.5 degree steps
+const int kPeriods = 5;        // 0.88 to 1.12 times the mean in steps of 0.06
 const double kPeriodStep = 0.06;
 const int kIterations = 18;
 const float kGrowthGain = 2.2f;
@@ -156,10 +156,14 @@ double PatternDistance(const FingerGenome& g, double x, double y)
 const char* FingerClassName(FingerClass eClass)
 {
     switch (eClass) {
-    case kClassLeftLoop: return "left loop";
-    case kClassRightLoop: return "right loop";
-    case kClassWhorl: return "whorl";
-    case kClassArch: return "arch";
+        case kClassLeftLoop:
+            return "left loop";
+        case kClassRightLoop:
+            return "right loop";
+        case kClassWhorl:
+            return "whorl";
+        case kClassArch:
+            return "arch";
     }
     return "?";
 }
@@ -191,39 +195,39 @@ FingerGenome MakeGenome(uint32_t nSeed)
     g.fArchWidth = rng.Range(70.0, 130.0);
 
     switch (g.eClass) {
-    case kClassLeftLoop:
-    case kClassRightLoop: {
-        // The delta lies 6 to 17 ridges from the core, below and to the side.
-        const double fSide = g.eClass == kClassLeftLoop ? 1.0 : -1.0;
-        g.nCores = 1;
-        g.aptCore[0] = ptCore;
-        g.nDeltas = 1;
-        g.aptDelta[0].x = ptCore.x + fSide * rng.Range(55.0, 175.0);
-        g.aptDelta[0].y = ptCore.y + rng.Range(70.0, 185.0);
-        break;
-    }
-    case kClassWhorl: {
-        // From a round whorl (cores close, one above the other) to a double
-        // loop (cores apart and side by side).
-        const double dx = rng.Range(-18.0, 18.0);
-        const double dy = rng.Range(8.0, 26.0);
-        g.nCores = 2;
-        g.aptCore[0].x = ptCore.x - dx;
-        g.aptCore[0].y = ptCore.y - dy;
-        g.aptCore[1].x = ptCore.x + dx;
-        g.aptCore[1].y = ptCore.y + dy;
-        g.nDeltas = 2;
-        g.aptDelta[0].x = ptCore.x - rng.Range(95.0, 165.0);
-        g.aptDelta[0].y = ptCore.y + rng.Range(100.0, 175.0);
-        g.aptDelta[1].x = ptCore.x + rng.Range(95.0, 165.0);
-        g.aptDelta[1].y = ptCore.y + rng.Range(100.0, 175.0);
-        break;
-    }
-    case kClassArch:
-        g.nCores = 0;
-        g.nDeltas = 0;
-        g.ptArch = ptCore;
-        break;
+        case kClassLeftLoop:
+        case kClassRightLoop: {
+            // The delta lies 6 to 17 ridges from the core, below and to the side.
+            const double fSide = g.eClass == kClassLeftLoop ? 1.0 : -1.0;
+            g.nCores = 1;
+            g.aptCore[0] = ptCore;
+            g.nDeltas = 1;
+            g.aptDelta[0].x = ptCore.x + fSide * rng.Range(55.0, 175.0);
+            g.aptDelta[0].y = ptCore.y + rng.Range(70.0, 185.0);
+            break;
+        }
+        case kClassWhorl: {
+            // From a round whorl (cores close, one above the other) to a double
+            // loop (cores apart and side by side).
+            const double dx = rng.Range(-18.0, 18.0);
+            const double dy = rng.Range(8.0, 26.0);
+            g.nCores = 2;
+            g.aptCore[0].x = ptCore.x - dx;
+            g.aptCore[0].y = ptCore.y - dy;
+            g.aptCore[1].x = ptCore.x + dx;
+            g.aptCore[1].y = ptCore.y + dy;
+            g.nDeltas = 2;
+            g.aptDelta[0].x = ptCore.x - rng.Range(95.0, 165.0);
+            g.aptDelta[0].y = ptCore.y + rng.Range(100.0, 175.0);
+            g.aptDelta[1].x = ptCore.x + rng.Range(95.0, 165.0);
+            g.aptDelta[1].y = ptCore.y + rng.Range(100.0, 175.0);
+            break;
+        }
+        case kClassArch:
+            g.nCores = 0;
+            g.nDeltas = 0;
+            g.ptArch = ptCore;
+            break;
     }
 
     // The slant turns the deltas and the second core about the first core.
@@ -344,8 +348,8 @@ double CFingerPattern::Orientation(double x, double y) const
         const double dx = x - g.ptArch.x;
         const double dy = y - g.ptArch.y;
         const double w2 = g.fArchWidth * g.fArchWidth;
-        const double fRise = g.fArchHeight * (1.0 - fmath::SmoothStep(-45.0, 295.0, dy)) *
-                             fmath::SmoothStep(-305.0, -85.0, dy);
+        const double fRise =
+            g.fArchHeight * (1.0 - fmath::SmoothStep(-45.0, 295.0, dy)) * fmath::SmoothStep(-305.0, -85.0, dy);
         fTheta += fmath::Atan(fRise * dx / w2 * fmath::Exp(-dx * dx / (2.0 * w2)));
     }
     return fTheta;
@@ -394,8 +398,8 @@ bool CFingerPattern::Grow()
                     const double u = -dx * fSin + dy * fCos;  // across the ridges
                     const double v = dx * fCos + dy * fSin;   // along them
                     const int k = (dy + kRadius) * kTaps + dx + kRadius;
-                    afEnv[k] = fmath::Exp(-0.5 * (u * u / (fSigmaAcross * fSigmaAcross) +
-                                                  v * v / (fSigmaAlong * fSigmaAlong)));
+                    afEnv[k] = fmath::Exp(
+                        -0.5 * (u * u / (fSigmaAcross * fSigmaAcross) + v * v / (fSigmaAlong * fSigmaAlong)));
                     afWave[k] = fmath::Cos(2.0 * kPi * u / fPeriod);
                     fEnvSum += afEnv[k];
                     fMix += afEnv[k] * afWave[k];

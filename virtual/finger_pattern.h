@@ -47,8 +47,8 @@ struct FingerGenome {
     FingerPoint aptCore[2];
     int nDeltas;
     FingerPoint aptDelta[2];
-    double fTheta0;        // base angle of the zero-pole orientation model
-    double fTipCentreX;    // ridges above the core follow arcs around this point
+    double fTheta0;      // base angle of the zero-pole orientation model
+    double fTipCentreX;  // ridges above the core follow arcs around this point
     double fTipCentreY;
     double fTipBend;       // strength of that bending
     double fPatternInner;  // within this distance of a core-delta pair the flow is the pattern's own,

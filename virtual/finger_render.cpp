@@ -17,13 +17,10 @@ namespace {
 const int kSize = 600;
 const int kPixels = kSize * kSize;
 const int kNominalExposure = 40;
-const int kBlackLevel = 90;        // models 5 and 6
-const double kShallowSlope = 1.55; // models 5 and 6: the driver's factor at open
+const int kBlackLevel = 90;         // models 5 and 6
+const double kShallowSlope = 1.55;  // models 5 and 6: the driver's factor at open
 
-bool IsShadedPath(RawPath ePath)
-{
-    return ePath == kPathTables876 || ePath == kPathTables1280;
-}
+bool IsShadedPath(RawPath ePath) { return ePath == kPathTables876 || ePath == kPathTables1280; }
 
 // Colour filter lookup: the value of a sample before the filter (with noise,
 // offset by kLutOffset) to its byte. Red a little warmer, blue a little
@@ -110,7 +107,8 @@ void PathSize(RawPath ePath, unsigned* pnWidth, unsigned* pnHeight)
     *pnHeight = static_cast<unsigned>(nHeight);
 }
 
-CRawMap::CRawMap(RawPath ePath, unsigned nWidth, unsigned nHeight) : m_ePath(ePath), m_nWidth(nWidth), m_nHeight(nHeight)
+CRawMap::CRawMap(RawPath ePath, unsigned nWidth, unsigned nHeight)
+    : m_ePath(ePath), m_nWidth(nWidth), m_nHeight(nHeight)
 {
 }
 
@@ -195,7 +193,7 @@ void SensorResponse(const unsigned char* pGlass, RawPath ePath, SensorSettings s
     settings = EffectiveSettings(settings);
     // Light: proportional to exposure + 60, nominal at 40; gain stretches
     // the contrast around mid grey by 12 % a stop.
-    const int nLight = 60 + settings.byExposure;             // in 1/100
+    const int nLight = 60 + settings.byExposure;                  // in 1/100
     const int nContrast = 256 + 31 * GainStops(settings.byGain);  // in 1/256
     const bool bShaded = IsShadedPath(ePath);
     const uint16_t* pVignetting = Vignetting();

@@ -31,11 +31,11 @@ namespace tavk05virt {
 // The driver's correction paths, by which raw samples reach the finished
 // image.
 enum RawPath {
-    kPathTables676 = 1,    // CorrectImage, coordinate tables, 1280 x 676 (types 3, 4, unrecognised)
-    kPathTables876 = 2,    // CorrectImage, 1103 tables, 1288 x 876 (types 5, 6, older firmware)
-    kPathTables1280 = 3,   // CorrectImage, 1103 tables, 1800 x 1280 frame (types 5, 6, new firmware)
-    kPathCalc876 = 4,      // CorrectImageCalc, 1288 x 876 (types 7, 8, older firmware)
-    kPathCalcEx1280 = 5    // CorrectImageCalcEx, 1800 x 1280 (types 7, 8, new firmware)
+    kPathTables676 = 1,   // CorrectImage, coordinate tables, 1280 x 676 (types 3, 4, unrecognised)
+    kPathTables876 = 2,   // CorrectImage, 1103 tables, 1288 x 876 (types 5, 6, older firmware)
+    kPathTables1280 = 3,  // CorrectImage, 1103 tables, 1800 x 1280 frame (types 5, 6, new firmware)
+    kPathCalc876 = 4,     // CorrectImageCalc, 1288 x 876 (types 7, 8, older firmware)
+    kPathCalcEx1280 = 5   // CorrectImageCalcEx, 1800 x 1280 (types 7, 8, new firmware)
 };
 
 // Path of a device type (0 for an unrecognised product) and firmware.

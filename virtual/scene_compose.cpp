@@ -197,8 +197,8 @@ void ComposeGlass(const CFingerPattern* pPattern, const FingerPose& pose, unsign
                 fProfile *= fmath::SmoothStep(1.0, 0.9, std::sqrt(fOut2));
             }
             const int i = y * kSize + x;
-            const int nLevel = fmath::Clamp(static_cast<int>(pose.fPressure * fProfile * fLevelScale + 0.5), 0,
-                                            kPressureLevels - 1);
+            const int nLevel =
+                fmath::Clamp(static_cast<int>(pose.fPressure * fProfile * fLevelScale + 0.5), 0, kPressureLevels - 1);
             int h = pRidge[i];
             int nSkin = pSkin[i];
             if (pGrid) {
@@ -240,8 +240,8 @@ void ComposeLatent(const CFingerPattern* pPattern, const FingerPose& pose, const
                        pose.fAngle);
     const unsigned char* pRidge = pPattern ? pPattern->Ridge() : nullptr;
     const int16_t* pNoise = NoiseTable();
-    const int kAmbient = 16;      // room light through the platen
-    const int kNoise = 384;       // 1.5 grey levels, in 1/256
+    const int kAmbient = 16;  // room light through the platen
+    const int kNoise = 384;   // 1.5 grey levels, in 1/256
     const double kStripeGain = 150.0;
     const double kDiffuse = 7.0 / (GlassLevels::kGlass - GlassLevels::kRidge);
 

@@ -27,9 +27,9 @@ namespace tavk05virt {
 // Grey levels of the finished image at the nominal exposure.
 struct GlassLevels {
     enum {
-        kGlass = 232,      // empty glass
-        kRidge = 24,       // a ridge at normal pressure
-        kHardRidge = 6     // a ridge pressed hard
+        kGlass = 232,   // empty glass
+        kRidge = 24,    // a ridge at normal pressure
+        kHardRidge = 6  // a ridge pressed hard
     };
 };
 

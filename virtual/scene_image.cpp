@@ -20,8 +20,8 @@ const double kPpi = 500.0;
 
 }  // namespace
 
-bool ReadGreyPng(const std::string& strPath, std::vector<unsigned char>* pPixels, unsigned* pnWidth,
-                 unsigned* pnHeight, std::string* pError)
+bool ReadGreyPng(const std::string& strPath, std::vector<unsigned char>* pPixels, unsigned* pnWidth, unsigned* pnHeight,
+                 std::string* pError)
 {
     tavk05png::GreyImage image;
     std::string strError;
@@ -64,8 +64,7 @@ void PlacePrint(const unsigned char* pPrint, unsigned nWidth, unsigned nHeight, 
     }
 }
 
-std::shared_ptr<const CPrintImages> CPrintImages::Load(const std::string& strPath, bool bDirectory,
-                                                       std::string* pError)
+std::shared_ptr<const CPrintImages> CPrintImages::Load(const std::string& strPath, bool bDirectory, std::string* pError)
 {
     try {
         std::vector<std::string> vecFiles;

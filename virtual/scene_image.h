@@ -18,8 +18,8 @@ namespace tavk05virt {
 // converted, alpha dropped), at most 4096 x 4096; a file that states its
 // resolution must state 500 ppi (within 2 %). False with a message naming
 // the file for anything else.
-bool ReadGreyPng(const std::string& strPath, std::vector<unsigned char>* pPixels, unsigned* pnWidth,
-                 unsigned* pnHeight, std::string* pError);
+bool ReadGreyPng(const std::string& strPath, std::vector<unsigned char>* pPixels, unsigned* pnWidth, unsigned* pnHeight,
+                 std::string* pError);
 
 // The prints of an image= or images= key, laid on the glass.
 class CPrintImages {

@@ -15,10 +15,9 @@ struct SceneName {
 };
 
 const SceneName kNames[] = {
-    {kSceneEmpty, "empty"},       {kSceneFlat, "flat"},      {kSceneLatent, "latent"},
-    {kSceneDark, "dark"},         {kScenePale, "pale"},      {kScenePlace, "place"},
-    {kSceneRoll, "roll"},         {kSceneRollLeft, "roll-left"}, {kSceneRollFast, "roll-fast"},
-    {kSceneLift, "lift"},         {kScenePerson, "person"},
+    {kSceneEmpty, "empty"},        {kSceneFlat, "flat"},   {kSceneLatent, "latent"}, {kSceneDark, "dark"},
+    {kScenePale, "pale"},          {kScenePlace, "place"}, {kSceneRoll, "roll"},     {kSceneRollLeft, "roll-left"},
+    {kSceneRollFast, "roll-fast"}, {kSceneLift, "lift"},   {kScenePerson, "person"},
 };
 
 // The finger pressed flat, as the genome describes it.
@@ -53,10 +52,7 @@ FingerPose RollPose(const FingerGenome& g, double fCx)
 
 // Contact centre at the start and the end of a full roll toward higher
 // columns: the strip touches one nail edge, then the other.
-double RollStart(const FingerGenome& g)
-{
-    return g.ptOutline.x - g.fOutlineA + 0.78 * g.fContactA + 4.0;
-}
+double RollStart(const FingerGenome& g) { return g.ptOutline.x - g.fOutlineA + 0.78 * g.fContactA + 4.0; }
 
 // Lifting: pressure fades over kLiftReads reads, then nothing.
 FingerPose Lifting(FingerPose pose, unsigned long nSince)
@@ -115,65 +111,65 @@ FingerPose PoseAt(const SceneConfig& config, const FingerGenome& g, unsigned lon
     const unsigned long t = nRead - config.nWaitReads;
 
     switch (config.eKind) {
-    case kSceneEmpty:
-        return FingerPose();
-    case kSceneFlat:
-    case kScenePerson:  // resting
-        return FlatPose(g);
-    case kSceneLatent: {
-        FingerPose pose;
-        pose.bResidue = true;
-        return pose;
-    }
-    case kSceneDark: {
-        // Pressed hard: the pad flattens into a larger contact and the
-        // moisture squeezed out fills the valleys.
-        FingerPose pose = FlatPose(g);
-        pose.fA *= 1.08;
-        pose.fB *= 1.06;
-        pose.fPressure = 1.45;
-        pose.fMoisture = 0.55;
-        return pose;
-    }
-    case kScenePale: {
-        FingerPose pose = FlatPose(g);
-        pose.fA *= 0.86;
-        pose.fB *= 0.9;
-        pose.fPressure = 0.4;
-        pose.fDryness = 0.8;
-        return pose;
-    }
-    case kScenePlace: {
-        if (t < SceneTiming::kPlaceEmpty) return FingerPose();
-        FingerPose pose = FlatPose(g);
-        const unsigned long nIn = t - SceneTiming::kPlaceEmpty;
-        if (nIn + 1 < SceneTiming::kPlaceArrive) {
-            // The pad touches first at its centre; the contact grows as the
-            // finger settles, and the finger slides a few pixels into place.
-            const double f = (nIn + 1.0) / SceneTiming::kPlaceArrive;
-            const double fEase = f * (2.0 - f);
-            pose.fA *= 0.35 + 0.65 * fEase;
-            pose.fB *= 0.35 + 0.65 * fEase;
-            pose.fPressure = 0.3 + 0.7 * fEase;
-            pose.fCx += 10.0 * (1.0 - fEase);
-            pose.fCy -= 14.0 * (1.0 - fEase);
+        case kSceneEmpty:
+            return FingerPose();
+        case kSceneFlat:
+        case kScenePerson:  // resting
+            return FlatPose(g);
+        case kSceneLatent: {
+            FingerPose pose;
+            pose.bResidue = true;
+            return pose;
         }
-        return pose;
-    }
-    case kSceneRoll:
-        return Roll(g, t, 1.0, SceneTiming::kRollReads, SceneTiming::kRollStep);
-    case kSceneRollLeft:
-        return Roll(g, t, -1.0, SceneTiming::kRollReads, SceneTiming::kRollStep);
-    case kSceneRollFast:
-        return Roll(g, t, 1.0, SceneTiming::kFastReads, SceneTiming::kFastStep);
-    case kSceneLift: {
-        const double fStart = RollStart(g);
-        if (t < SceneTiming::kRollHold) return RollPose(g, fStart);
-        const unsigned long nMoved = t - SceneTiming::kRollHold + 1;
-        if (nMoved <= SceneTiming::kLiftAfter) return RollPose(g, fStart + SceneTiming::kRollStep * nMoved);
-        // Gone at once: the finger is pulled off the glass mid-roll.
-        return FingerPose();
-    }
+        case kSceneDark: {
+            // Pressed hard: the pad flattens into a larger contact and the
+            // moisture squeezed out fills the valleys.
+            FingerPose pose = FlatPose(g);
+            pose.fA *= 1.08;
+            pose.fB *= 1.06;
+            pose.fPressure = 1.45;
+            pose.fMoisture = 0.55;
+            return pose;
+        }
+        case kScenePale: {
+            FingerPose pose = FlatPose(g);
+            pose.fA *= 0.86;
+            pose.fB *= 0.9;
+            pose.fPressure = 0.4;
+            pose.fDryness = 0.8;
+            return pose;
+        }
+        case kScenePlace: {
+            if (t < SceneTiming::kPlaceEmpty) return FingerPose();
+            FingerPose pose = FlatPose(g);
+            const unsigned long nIn = t - SceneTiming::kPlaceEmpty;
+            if (nIn + 1 < SceneTiming::kPlaceArrive) {
+                // The pad touches first at its centre; the contact grows as the
+                // finger settles, and the finger slides a few pixels into place.
+                const double f = (nIn + 1.0) / SceneTiming::kPlaceArrive;
+                const double fEase = f * (2.0 - f);
+                pose.fA *= 0.35 + 0.65 * fEase;
+                pose.fB *= 0.35 + 0.65 * fEase;
+                pose.fPressure = 0.3 + 0.7 * fEase;
+                pose.fCx += 10.0 * (1.0 - fEase);
+                pose.fCy -= 14.0 * (1.0 - fEase);
+            }
+            return pose;
+        }
+        case kSceneRoll:
+            return Roll(g, t, 1.0, SceneTiming::kRollReads, SceneTiming::kRollStep);
+        case kSceneRollLeft:
+            return Roll(g, t, -1.0, SceneTiming::kRollReads, SceneTiming::kRollStep);
+        case kSceneRollFast:
+            return Roll(g, t, 1.0, SceneTiming::kFastReads, SceneTiming::kFastStep);
+        case kSceneLift: {
+            const double fStart = RollStart(g);
+            if (t < SceneTiming::kRollHold) return RollPose(g, fStart);
+            const unsigned long nMoved = t - SceneTiming::kRollHold + 1;
+            if (nMoved <= SceneTiming::kLiftAfter) return RollPose(g, fStart + SceneTiming::kRollStep * nMoved);
+            // Gone at once: the finger is pulled off the glass mid-roll.
+            return FingerPose();
+        }
     }
     return FingerPose();
 }
@@ -184,10 +180,13 @@ FingerPose PersonPoseAt(const SceneConfig& config, const FingerGenome& g, Person
     SceneConfig timeline;
     timeline.eKind = eState == kPersonPlacing ? kScenePlace : kSceneRoll;
     switch (eState) {
-    case kPersonResting: return PoseAt(config, g, nRead);
-    case kPersonLifted: return FingerPose();
-    case kPersonPlacing:
-    case kPersonRolling: return PoseAt(timeline, g, nSince);
+        case kPersonResting:
+            return PoseAt(config, g, nRead);
+        case kPersonLifted:
+            return FingerPose();
+        case kPersonPlacing:
+        case kPersonRolling:
+            return PoseAt(timeline, g, nSince);
     }
     return FingerPose();
 }
@@ -227,10 +226,7 @@ FingerPose PlaceImpression(FingerPose pose, const FingerGenome& g, unsigned long
     return pose;
 }
 
-bool IsLiveFinger(const FingerPose& pose)
-{
-    return pose.bFinger && pose.fPressure >= 0.25;
-}
+bool IsLiveFinger(const FingerPose& pose) { return pose.bFinger && pose.fPressure >= 0.25; }
 
 bool ContactSpan(const FingerPose& pose, const FingerGenome& g, int* pnLeft, int* pnRight)
 {

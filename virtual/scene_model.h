@@ -80,15 +80,15 @@ struct SceneConfig {
 // Timeline constants of the live scenes (in reads).
 struct SceneTiming {
     enum {
-        kPlaceEmpty = 3,      // place: empty glass before the finger arrives
-        kPlaceArrive = 6,     // place: reads until the finger has settled
-        kRollHold = 6,        // roll scenes: reads at the start position
-        kRollReads = 34,      // roll, roll-left: reads of rolling
-        kRollStep = 8,        // roll, roll-left, lift: columns per read
-        kFastReads = 2,       // roll-fast: reads of rolling
-        kFastStep = 120,      // roll-fast: columns per read
-        kLiftAfter = 14,      // lift: reads of rolling before the finger leaves
-        kLiftReads = 2        // reads over which a rolled finger is lifted
+        kPlaceEmpty = 3,   // place: empty glass before the finger arrives
+        kPlaceArrive = 6,  // place: reads until the finger has settled
+        kRollHold = 6,     // roll scenes: reads at the start position
+        kRollReads = 34,   // roll, roll-left: reads of rolling
+        kRollStep = 8,     // roll, roll-left, lift: columns per read
+        kFastReads = 2,    // roll-fast: reads of rolling
+        kFastStep = 120,   // roll-fast: columns per read
+        kLiftAfter = 14,   // lift: reads of rolling before the finger leaves
+        kLiftReads = 2     // reads over which a rolled finger is lifted
     };
 };
 
@@ -132,8 +132,8 @@ FingerPose PoseAt(const SceneConfig& config, const FingerGenome& genome, unsigne
 // after the person began doing eState: resting is the flat finger (after
 // latent= and wait=, as in the other scenes); placing and rolling play the
 // place and roll timelines from the moment they were asked.
-FingerPose PersonPoseAt(const SceneConfig& config, const FingerGenome& genome, PersonState eState,
-                        unsigned long nRead, unsigned long nSince);
+FingerPose PersonPoseAt(const SceneConfig& config, const FingerGenome& genome, PersonState eState, unsigned long nRead,
+                        unsigned long nSince);
 
 // The pose as impression nNumber lays the finger down. A flat finger moves
 // and turns with its contact; a rolled one keeps the scene's contact strip

@@ -16,10 +16,7 @@ namespace {
 
 const char* const kKeys[] = {"seed", "latent", "wait", "latentcheck", "impression", "image", "images"};
 
-bool IsPathKey(const std::string& strKey)
-{
-    return strKey == "image" || strKey == "images";
-}
+bool IsPathKey(const std::string& strKey) { return strKey == "image" || strKey == "images"; }
 
 // Decimal number within [0, nMax]; false for anything else.
 bool ParseNumber(const std::string& strValue, unsigned long long nMax, unsigned long long* pnValue)
@@ -113,11 +110,11 @@ public:
 
 private:
     struct Read {
-        unsigned long nTime;        // reads since the scene was set
-        unsigned long nImpression;  // how the finger lies (finger_impression.h)
-        unsigned long nAcquisition; // acquisitions since the scene was set
-        unsigned long nSince;       // reads since the person began its present doing
-        bool bLatent;               // the driver reads this one as a latent image
+        unsigned long nTime;         // reads since the scene was set
+        unsigned long nImpression;   // how the finger lies (finger_impression.h)
+        unsigned long nAcquisition;  // acquisitions since the scene was set
+        unsigned long nSince;        // reads since the person began its present doing
+        bool bLatent;                // the driver reads this one as a latent image
     };
 
     FingerPose Pose(const Read& read) const
@@ -241,10 +238,7 @@ bool CheckFingerSceneKey(const std::string& strKey, const std::string& strValue,
     return true;
 }
 
-const char* FingerSceneSyntax()
-{
-    return TAVK05_FINGER_SCENE_SYNTAX;
-}
+const char* FingerSceneSyntax() { return TAVK05_FINGER_SCENE_SYNTAX; }
 
 bool ParseFingerScene(const std::string& strScene, const std::vector<std::pair<std::string, std::string>>& vecKeys,
                       FingerSceneSettings* pSettings, std::string* pError)

@@ -53,27 +53,27 @@ bool IsFingerSceneKey(const std::string& strKey);
 bool CheckFingerSceneKey(const std::string& strKey, const std::string& strValue, std::string* pError);
 // Help lines of the finger scenes for the unit syntax text, as a literal so
 // that the text can be put together at compile time.
-#define TAVK05_FINGER_SCENE_SYNTAX \
-    "Finger scenes (time counts the unit's reads since the scene was set):\n" \
-    "  scene=empty       nothing on the glass\n" \
-    "  scene=flat        a finger pressed flat, still\n" \
-    "  scene=latent      an earlier finger's residue on the glass\n" \
-    "  scene=dark        a finger pressed too hard; scene=pale: too lightly, dry\n" \
-    "  scene=place       3 reads empty, then the finger settles over 6 reads\n" \
-    "  scene=roll        6 reads still, rolled toward higher columns 8 a read for\n" \
-    "                    34 reads, lifted over 2; scene=roll-left: toward lower\n" \
-    "  scene=roll-fast   as roll, 120 columns a read for 2 reads (too fast)\n" \
-    "  scene=lift        as roll, lifted after 14 reads of rolling\n" \
-    "  scene=person      the default: a finger rests flat on the glass; the host\n" \
+#define TAVK05_FINGER_SCENE_SYNTAX                                                       \
+    "Finger scenes (time counts the unit's reads since the scene was set):\n"            \
+    "  scene=empty       nothing on the glass\n"                                         \
+    "  scene=flat        a finger pressed flat, still\n"                                 \
+    "  scene=latent      an earlier finger's residue on the glass\n"                     \
+    "  scene=dark        a finger pressed too hard; scene=pale: too lightly, dry\n"      \
+    "  scene=place       3 reads empty, then the finger settles over 6 reads\n"          \
+    "  scene=roll        6 reads still, rolled toward higher columns 8 a read for\n"     \
+    "                    34 reads, lifted over 2; scene=roll-left: toward lower\n"       \
+    "  scene=roll-fast   as roll, 120 columns a read for 2 reads (too fast)\n"           \
+    "  scene=lift        as roll, lifted after 14 reads of rolling\n"                    \
+    "  scene=person      the default: a finger rests flat on the glass; the host\n"      \
     "                    asks the person to lift, place or roll it (tavk05/virtual.h)\n" \
-    "  seed=N            the finger, 0..4294967295 (default 1)\n" \
-    "  latent=N          N reads of residue before the scene begins\n" \
-    "  wait=N            N reads of empty glass before the scene begins\n" \
-    "  latentcheck=M     the host's latent reads: 0 none (default), 1 one before\n" \
+    "  seed=N            the finger, 0..4294967295 (default 1)\n"                        \
+    "  latent=N          N reads of residue before the scene begins\n"                   \
+    "  wait=N            N reads of empty glass before the scene begins\n"               \
+    "  latentcheck=M     the host's latent reads: 0 none (default), 1 one before\n"      \
     "                    each capture until a live finger passes, 2 latent reads only\n" \
-    "  impression=K      how the finger lies: 0 as grown; without the key flat, dark\n" \
-    "                    and pale fingers are put down anew for every acquisition\n" \
-    "  image=FILE.png    a 500 ppi grey print stands for the finger (centred)\n" \
+    "  impression=K      how the finger lies: 0 as grown; without the key flat, dark\n"  \
+    "                    and pale fingers are put down anew for every acquisition\n"     \
+    "  image=FILE.png    a 500 ppi grey print stands for the finger (centred)\n"         \
     "  images=DIR        the .png prints of DIR in name order, one per acquisition\n"
 const char* FingerSceneSyntax();
 

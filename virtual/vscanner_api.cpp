@@ -16,10 +16,7 @@ void SetError(std::string* pError, const std::string& str)
     if (pError != nullptr) *pError = str;
 }
 
-bool ValidIndex(int nIndex)
-{
-    return nIndex >= 0 && nIndex < kUnitCount;
-}
+bool ValidIndex(int nIndex) { return nIndex >= 0 && nIndex < kUnitCount; }
 
 // Runs fn on unit nIndex under the registry lock; false when there is none.
 template <typename Fn>
@@ -169,10 +166,7 @@ bool GetSession(int nIndex, SessionStatus* pStatus)
     return pStatus != nullptr && WithUnit(nIndex, [&](CVirtualUnit& unit) { unit.GetSession(pStatus); });
 }
 
-const char* Syntax()
-{
-    return SyntaxText();
-}
+const char* Syntax() { return SyntaxText(); }
 
 namespace {
 
@@ -185,20 +179,11 @@ bool PersonAt(int nIndex, PersonAction eAction)
 
 }  // namespace
 
-bool Lift(int nIndex)
-{
-    return PersonAt(nIndex, kPersonLift);
-}
+bool Lift(int nIndex) { return PersonAt(nIndex, kPersonLift); }
 
-bool Place(int nIndex)
-{
-    return PersonAt(nIndex, kPersonPlace);
-}
+bool Place(int nIndex) { return PersonAt(nIndex, kPersonPlace); }
 
-bool Roll(int nIndex)
-{
-    return PersonAt(nIndex, kPersonRoll);
-}
+bool Roll(int nIndex) { return PersonAt(nIndex, kPersonRoll); }
 
 }  // namespace tavk05virt
 

@@ -118,8 +118,9 @@ bool ParseSessionFile(const std::string& strKey, const std::string& strValue, Un
 // clearfaults, replug and virtual.
 bool ParseFlag(const std::string& strKey, const std::string&, UnitKeys* pKeys, std::string*)
 {
-    (strKey == "clearfaults" ? pKeys->bClearFaults : strKey == "replug" ? pKeys->bReplug : pKeys->bRecordVirtual) =
-        true;
+    (strKey == "clearfaults" ? pKeys->bClearFaults
+     : strKey == "replug"    ? pKeys->bReplug
+                             : pKeys->bRecordVirtual) = true;
     return true;
 }
 
@@ -133,13 +134,13 @@ bool ParseFaultFrom(const std::string& strKey, const std::string& strValue, Unit
 }
 
 // fw=, product= and vendor=: 16-bit fields of the device descriptor.
-bool ParseDescriptorWord(const std::string& strKey, const std::string& strValue, UnitKeys* pKeys,
-                         std::string* pError)
+bool ParseDescriptorWord(const std::string& strKey, const std::string& strValue, UnitKeys* pKeys, std::string* pError)
 {
     unsigned long n = 0;
     if (!NumberIn(strKey, strValue, 0, 0xFFFF, &n, pError)) return false;
-    (strKey == "fw" ? pKeys->wFirmware : strKey == "product" ? pKeys->wProduct : pKeys->wVendor) =
-        static_cast<unsigned short>(n);
+    (strKey == "fw"        ? pKeys->wFirmware
+     : strKey == "product" ? pKeys->wProduct
+                           : pKeys->wVendor) = static_cast<unsigned short>(n);
     return true;
 }
 
@@ -315,7 +316,8 @@ bool ParseKeys(const std::string& strKeys, UnitKeys* pKeys, std::string* pError)
         return false;
     }
     bool abPrints[2] = {};
-    for (const auto& key : pKeys->vecSceneKeys) abPrints[key.first == "images"] |= key.first.compare(0, 5, "image") == 0;
+    for (const auto& key : pKeys->vecSceneKeys)
+        abPrints[key.first == "images"] |= key.first.compare(0, 5, "image") == 0;
     if (abPrints[0] && abPrints[1]) {
         *pError = "image= and images= contradict each other (give one print or one folder)";
         return false;
@@ -398,8 +400,7 @@ const char* SyntaxText()
            "  levels=V1/V2/...  grey levels 0..255 of the levels scene (selects it)\n"
            "  (without scene= and levels= a unit shows scene=person)\n"
            "  delay=MS          every read takes at least MS milliseconds more\n"
-           "  fps=N             at most N frames a second (0: no pacing)\n"
-           TAVK05_FINGER_SCENE_SYNTAX
+           "  fps=N             at most N frames a second (0: no pacing)\n" TAVK05_FINGER_SCENE_SYNTAX
            "Faults (counted from when the key is given):\n"
            "  fail=REQ[@N]      request REQ (4, 5, 8, 9, 17, 18, 21, 22) fails with EIO from\n"
            "                    its Nth call on (default: every call)\n"

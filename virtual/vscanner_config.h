@@ -59,8 +59,7 @@ bool ParseUnit(const std::string& strSegment, int* pIndex, UnitKeys* pKeys, std:
 std::vector<std::string> SplitUnits(const std::string& strUnits);
 
 // Parses a whole unit list; all or nothing. An index may appear only once.
-bool ParseUnits(const std::string& strUnits, std::vector<std::pair<int, UnitKeys>>* pUnits,
-                std::string* pError);
+bool ParseUnits(const std::string& strUnits, std::vector<std::pair<int, UnitKeys>>* pUnits, std::string* pError);
 
 // The syntax help text.
 const char* SyntaxText();

@@ -21,10 +21,7 @@ const unsigned kMaxWidth = tavk05profile::kLargeWidth;
 // zero. Cheap to render: every row is a slice of one ramp.
 class CPatternSource : public CFrameSource {
 public:
-    unsigned long long FrameKey(const RenderInput& in) const override
-    {
-        return in.nFrame & 0xFFu;
-    }
+    unsigned long long FrameKey(const RenderInput& in) const override { return in.nFrame & 0xFFu; }
 
     void Render(const RenderInput& in, unsigned char* pFrame) const override
     {
@@ -53,10 +50,7 @@ class CLevelsSource : public CFrameSource {
 public:
     explicit CLevelsSource(const std::vector<unsigned char>& vecLevels) : m_vecLevels(vecLevels) {}
 
-    unsigned long long FrameKey(const RenderInput& in) const override
-    {
-        return in.nFrame % m_vecLevels.size();
-    }
+    unsigned long long FrameKey(const RenderInput& in) const override { return in.nFrame % m_vecLevels.size(); }
 
     void Render(const RenderInput& in, unsigned char* pFrame) const override
     {
@@ -106,7 +100,8 @@ bool Consistent(const SceneParams& params, const std::string& strScene, std::str
 {
     std::string strClash;
     if (!params.vecLevels.empty() && strScene != "levels") {
-        strClash = "levels= and scene=" + strScene + " contradict each other (levels= gives the grey levels of "
+        strClash = "levels= and scene=" + strScene +
+                   " contradict each other (levels= gives the grey levels of "
                    "scene=levels)";
     } else if ((strScene == "pattern" || strScene == "levels") && !params.vecSceneKeys.empty()) {
         strClash = params.vecSceneKeys.front().first + "= and scene=" + strScene +
@@ -126,8 +121,9 @@ bool Consistent(const SceneParams& params, const std::string& strScene, std::str
 std::unique_ptr<CFrameSource> MakeFrameSource(const SceneParams& params, std::string* pError)
 {
     // Without scene= a unit shows the levels it was given, or else the person.
-    const std::string strScene =
-        !params.strScene.empty() ? params.strScene : params.vecLevels.empty() ? "person" : "levels";
+    const std::string strScene = !params.strScene.empty()   ? params.strScene
+                                 : params.vecLevels.empty() ? "person"
+                                                            : "levels";
     std::unique_ptr<CFrameSource> pSource;
     if (!Consistent(params, strScene, pError)) return pSource;
     if (strScene == "pattern") {

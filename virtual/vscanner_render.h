@@ -19,9 +19,9 @@ namespace tavk05virt {
 
 // Raw frame layout of a model and firmware.
 struct FrameGeometry {
-    unsigned nWidth;             // mosaic width in samples
-    unsigned nHeight;            // mosaic height in samples
-    unsigned long nFrameBytes;   // bytes the device sends per frame (mosaic and tail)
+    unsigned nWidth;            // mosaic width in samples
+    unsigned nHeight;           // mosaic height in samples
+    unsigned long nFrameBytes;  // bytes the device sends per frame (mosaic and tail)
 };
 
 // Device type the driver derives from idProduct and bcdDevice: 3..8, or 0 for
@@ -52,8 +52,8 @@ struct RenderInput {
 
 // Settings a scene takes from the unit configuration.
 struct SceneParams {
-    std::string strScene;                   // "pattern", "levels", a finger scene, or empty: not chosen
-    std::vector<unsigned char> vecLevels;   // grey levels of the "levels" scene
+    std::string strScene;                  // "pattern", "levels", a finger scene, or empty: not chosen
+    std::vector<unsigned char> vecLevels;  // grey levels of the "levels" scene
     // Keys of the finger scenes (seed=, latent=, wait=, latentcheck=; see
     // scene_source.h), in the order given; a later key overrides an earlier.
     std::vector<std::pair<std::string, std::string>> vecSceneKeys;

@@ -40,10 +40,7 @@ std::uint32_t Get32(const unsigned char* p)
     return n;
 }
 
-std::uint64_t Get64(const unsigned char* p)
-{
-    return Get32(p) | (static_cast<std::uint64_t>(Get32(p + 4)) << 32);
-}
+std::uint64_t Get64(const unsigned char* p) { return Get32(p) | (static_cast<std::uint64_t>(Get32(p + 4)) << 32); }
 
 bool WriteAll(int fd, const void* pData, std::size_t nBytes)
 {
@@ -79,10 +76,7 @@ std::string Hex(unsigned n)
     return sz;
 }
 
-std::string OnDescriptor(unsigned long nHandle)
-{
-    return " on descriptor " + std::to_string(nHandle);
-}
+std::string OnDescriptor(unsigned long nHandle) { return " on descriptor " + std::to_string(nHandle); }
 
 }  // namespace
 
@@ -93,10 +87,7 @@ CSessionRecorder::CSessionRecorder(int fd, const std::string& strPath)
 {
 }
 
-CSessionRecorder::~CSessionRecorder()
-{
-    RealClose(m_fd);
-}
+CSessionRecorder::~CSessionRecorder() { RealClose(m_fd); }
 
 std::unique_ptr<CSessionRecorder> CSessionRecorder::Create(const std::string& strPath, std::string* pError)
 {
@@ -156,10 +147,7 @@ void CSessionRecorder::Open(unsigned long nHandle, int nErrno)
     Write(kEventOpen, 0, nErrno == 0 ? nHandle : 0, 0, nErrno, 0, nullptr, 0, 0);
 }
 
-void CSessionRecorder::Close(unsigned long nHandle)
-{
-    Write(kEventClose, 0, nHandle, 0, 0, 0, nullptr, 0, 0);
-}
+void CSessionRecorder::Close(unsigned long nHandle) { Write(kEventClose, 0, nHandle, 0, 0, 0, nullptr, 0, 0); }
 
 void CSessionRecorder::Request(unsigned long nHandle, unsigned long nRequest, const unsigned char* pBlock,
                                std::size_t nBlock, int nErrno)
@@ -197,10 +185,7 @@ CSessionReplay::CSessionReplay(int fd, const std::string& strPath, int nIndex)
 {
 }
 
-CSessionReplay::~CSessionReplay()
-{
-    RealClose(m_fd);
-}
+CSessionReplay::~CSessionReplay() { RealClose(m_fd); }
 
 std::unique_ptr<CSessionReplay> CSessionReplay::Load(const std::string& strPath, int nIndex, std::string* pError)
 {
@@ -281,8 +266,8 @@ std::unique_ptr<CSessionReplay> CSessionReplay::Load(const std::string& strPath,
             if (byFlags != 0 || ev.nAsked != 0) {
                 strBad = "corrupt head";
             } else if (nLength != (bBlockKept ? nBlock : 0) && !(nLength == 0 && ev.nErrno != 0)) {
-                strBad = "request " + std::to_string(ev.nRequest) + " with a block of " + std::to_string(nLength) +
-                         " bytes";
+                strBad =
+                    "request " + std::to_string(ev.nRequest) + " with a block of " + std::to_string(nLength) + " bytes";
             }
         } else if (ev.eKind == kEventRead) {
             if ((byFlags & ~kFlagRepeat) != 0 || ev.nRequest != 0) {
@@ -319,11 +304,14 @@ std::unique_ptr<CSessionReplay> CSessionReplay::Load(const std::string& strPath,
 std::string CSessionReplay::Describe(const Event& event) const
 {
     switch (event.eKind) {
-    case kEventOpen: return "open";
-    case kEventClose: return "close" + OnDescriptor(event.nHandle);
-    case kEventRequest: return "request " + std::to_string(event.nRequest) + OnDescriptor(event.nHandle);
-    case kEventRead:
-        return "read of " + std::to_string(event.nAsked) + " bytes" + OnDescriptor(event.nHandle);
+        case kEventOpen:
+            return "open";
+        case kEventClose:
+            return "close" + OnDescriptor(event.nHandle);
+        case kEventRequest:
+            return "request " + std::to_string(event.nRequest) + OnDescriptor(event.nHandle);
+        case kEventRead:
+            return "read of " + std::to_string(event.nAsked) + " bytes" + OnDescriptor(event.nHandle);
     }
     return "?";
 }

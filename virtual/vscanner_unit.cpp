@@ -19,15 +19,9 @@ const int kDefaultModel = tavk05profile::kDefaultDeviceType;
 const std::size_t kMaxLog = 10000;
 
 // The firmware a unit of the model reports unless told otherwise.
-unsigned short DefaultFirmware(int nModel)
-{
-    return tavk05profile::DefaultRowOf(nModel).wDefaultFirmware;
-}
+unsigned short DefaultFirmware(int nModel) { return tavk05profile::DefaultRowOf(nModel).wDefaultFirmware; }
 
-unsigned short ProductOf(int nModel)
-{
-    return tavk05profile::DefaultRowOf(nModel).wProduct;
-}
+unsigned short ProductOf(int nModel) { return tavk05profile::DefaultRowOf(nModel).wProduct; }
 
 }  // namespace
 
@@ -85,8 +79,8 @@ bool CVirtualUnit::Apply(const UnitKeys& keys, std::string* pError)
             bool bReplaced = false;
             for (auto& old : scene.vecSceneKeys) {
                 // image= and images= name the prints: a later one replaces either.
-                const bool bPrints = (old.first == "image" || old.first == "images") &&
-                                     (key.first == "image" || key.first == "images");
+                const bool bPrints =
+                    (old.first == "image" || old.first == "images") && (key.first == "image" || key.first == "images");
                 if (old.first == key.first || bPrints) {
                     old.first = key.first;
                     old.second = key.second;
@@ -257,16 +251,24 @@ void CVirtualUnit::AddLog(unsigned long nRequest, const void* pBlock, size_t nBl
 void CVirtualUnit::DescriptorBlock(unsigned char* pBlock) const
 {
     const unsigned char aby[18] = {
-        18,                                          // bLength
-        1,                                           // bDescriptorType: device
-        0x00, 0x02,                                  // bcdUSB 2.00
-        0xFF, 0x00, 0x00,                            // vendor-specific class
-        64,                                          // bMaxPacketSize0
-        static_cast<unsigned char>(m_wVendor & 0xFF), static_cast<unsigned char>(m_wVendor >> 8),
-        static_cast<unsigned char>(m_wProduct & 0xFF), static_cast<unsigned char>(m_wProduct >> 8),
-        static_cast<unsigned char>(m_wFirmware & 0xFF), static_cast<unsigned char>(m_wFirmware >> 8),
-        1, 2, 3,                                     // manufacturer, product, serial strings
-        1,                                           // one configuration
+        18,  // bLength
+        1,   // bDescriptorType: device
+        0x00,
+        0x02,  // bcdUSB 2.00
+        0xFF,
+        0x00,
+        0x00,  // vendor-specific class
+        64,    // bMaxPacketSize0
+        static_cast<unsigned char>(m_wVendor & 0xFF),
+        static_cast<unsigned char>(m_wVendor >> 8),
+        static_cast<unsigned char>(m_wProduct & 0xFF),
+        static_cast<unsigned char>(m_wProduct >> 8),
+        static_cast<unsigned char>(m_wFirmware & 0xFF),
+        static_cast<unsigned char>(m_wFirmware >> 8),
+        1,
+        2,
+        3,  // manufacturer, product, serial strings
+        1,  // one configuration
     };
     std::memcpy(pBlock, aby, sizeof aby);
 }
@@ -285,10 +287,17 @@ int CVirtualUnit::Answer(int fd, unsigned long nRequest, void* pArg)
     }
     unsigned char* pBlock = static_cast<unsigned char*>(pArg);
     switch (nRequest) {
-    case 4: DescriptorBlock(pBlock); break;
-    case 9: DeviceIdBlock(pBlock); break;
-    case 17: std::memcpy(pBlock, m_abyValue, sizeof m_abyValue); break;
-    default: break;
+        case 4:
+            DescriptorBlock(pBlock);
+            break;
+        case 9:
+            DeviceIdBlock(pBlock);
+            break;
+        case 17:
+            std::memcpy(pBlock, m_abyValue, sizeof m_abyValue);
+            break;
+        default:
+            break;
     }
     return 0;
 }
@@ -327,19 +336,26 @@ int CVirtualUnit::Ioctl(unsigned long nHandle, int fd, unsigned long nRequest, v
     AddLog(nRequest, bLogBlock ? abyArrived : nullptr, nBlock, nResult != 0);
     if (nResult == 0) {
         switch (nRequest) {
-        case 5: std::memcpy(m_abyOption, abyArrived, sizeof m_abyOption); break;
-        case 8:
-            m_bLedOn = abyArrived[0] != 0;
-            m_byLedSelector = abyArrived[1];
-            break;
-        case 18: std::memcpy(m_abyValue, abyArrived, sizeof m_abyValue); break;
-        case 21:
-            m_bAcquiring = true;
-            ++m_nAcquisitions;
-            m_nReadInAcquisition = 0;
-            break;
-        case 22: m_bAcquiring = false; break;
-        default: break;
+            case 5:
+                std::memcpy(m_abyOption, abyArrived, sizeof m_abyOption);
+                break;
+            case 8:
+                m_bLedOn = abyArrived[0] != 0;
+                m_byLedSelector = abyArrived[1];
+                break;
+            case 18:
+                std::memcpy(m_abyValue, abyArrived, sizeof m_abyValue);
+                break;
+            case 21:
+                m_bAcquiring = true;
+                ++m_nAcquisitions;
+                m_nReadInAcquisition = 0;
+                break;
+            case 22:
+                m_bAcquiring = false;
+                break;
+            default:
+                break;
         }
     }
     if (m_pRecorder) {
@@ -478,9 +494,6 @@ void CVirtualUnit::GetSession(SessionStatus* pStatus) const
     if (m_pReplay) m_pReplay->GetStatus(pStatus);
 }
 
-std::vector<Request> CVirtualUnit::Log() const
-{
-    return std::vector<Request>(m_dequeLog.begin(), m_dequeLog.end());
-}
+std::vector<Request> CVirtualUnit::Log() const { return std::vector<Request>(m_dequeLog.begin(), m_dequeLog.end()); }
 
 }  // namespace tavk05virt

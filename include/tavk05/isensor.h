@@ -85,21 +85,17 @@ public:
     virtual unsigned long WriteData(unsigned long nReg, unsigned long nValue) = 0;
     virtual unsigned long ReadData(unsigned long nReg) = 0;
     virtual unsigned long SetPixelInvert(bool bInvert) = 0;
-    virtual unsigned long GetLiveImage(unsigned char* pImage, unsigned long nTimeoutMs,
-                                       unsigned int nReserved) = 0;
+    virtual unsigned long GetLiveImage(unsigned char* pImage, unsigned long nTimeoutMs, unsigned int nReserved) = 0;
     virtual unsigned long AutoTunning() = 0;
-    virtual unsigned long GetLiveImageEx(unsigned char* pImage, unsigned long nTimeoutMs,
-                                         unsigned int nReserved, unsigned long nQualityThreshold) = 0;
-    virtual unsigned long GetLiveImageEx2(unsigned char* pImage, unsigned long nTimeoutMs,
-                                          unsigned int nMarkFrames, void* pReserved,
-                                          unsigned long nQualityThreshold) = 0;
-    virtual unsigned long SetCallBackFunction(unsigned long nType, PFN_CALLBACK pfnCallback,
-                                              void* pContext) = 0;
+    virtual unsigned long GetLiveImageEx(unsigned char* pImage, unsigned long nTimeoutMs, unsigned int nReserved,
+                                         unsigned long nQualityThreshold) = 0;
+    virtual unsigned long GetLiveImageEx2(unsigned char* pImage, unsigned long nTimeoutMs, unsigned int nMarkFrames,
+                                          void* pReserved, unsigned long nQualityThreshold) = 0;
+    virtual unsigned long SetCallBackFunction(unsigned long nType, PFN_CALLBACK pfnCallback, void* pContext) = 0;
     virtual unsigned long AutoTuning() = 0;
     virtual unsigned long CloseDevice() = 0;
-    virtual unsigned long DevIoControl(unsigned long nCode, void* pIn, unsigned long nInLen,
-                                       void* pOut, unsigned long nOutCap,
-                                       unsigned long* pOutLen) = 0;
+    virtual unsigned long DevIoControl(unsigned long nCode, void* pIn, unsigned long nInLen, void* pOut,
+                                       unsigned long nOutCap, unsigned long* pOutLen) = 0;
     virtual unsigned long GetDeviceType() = 0;
 
 private:

@@ -26,29 +26,23 @@ extern TAVK05_API const unsigned short usXtable1103[435600];  // 660 x 660
 extern TAVK05_API const unsigned short usYtable1103[435600];  // 660 x 660
 extern TAVK05_API const unsigned char pModBuf[360000];        // 600 x 600 shading
 
-enum {
-    IMG_WIDTH = 600,
-    IMG_HEIGHT = 600,
-    IMG_PIXELS = 360000,
-    MODIFY_SIZE = 660,
-    MODIFY_SIZE_EX = 650
-};
+enum { IMG_WIDTH = 600, IMG_HEIGHT = 600, IMG_PIXELS = 360000, MODIFY_SIZE = 660, MODIFY_SIZE_EX = 650 };
 
 class TAVK05_API CImageProc {
 public:
-    int m_bRollStarted;                 // a rolled composition is under way
-    int m_nRollCenter;                  // finger position of the last composed frame
-    int m_nRollLeft;                    // left finger edge of the last accepted frame
-    int m_nRollRight;                   // right finger edge of the last accepted frame
-    int m_nRollDirection;               // 1 toward higher columns, 2 toward lower
-    int m_bContrastTable;               // m_ucContrastTable is in force
-    unsigned char* m_pBackground;       // 600 x 600 background frame
+    int m_bRollStarted;            // a rolled composition is under way
+    int m_nRollCenter;             // finger position of the last composed frame
+    int m_nRollLeft;               // left finger edge of the last accepted frame
+    int m_nRollRight;              // right finger edge of the last accepted frame
+    int m_nRollDirection;          // 1 toward higher columns, 2 toward lower
+    int m_bContrastTable;          // m_ucContrastTable is in force
+    unsigned char* m_pBackground;  // 600 x 600 background frame
     unsigned char m_ucContrastTable[256];
-    int m_nDeviceType;                  // device type of the open scanner
-    int m_nFingerWinX;                  // left column of the 400 x 450 finger window
-    int m_nFingerWinY;                  // top row of the finger window
-    tagModifyEntry** m_ppModifyTable;   // 660 rows for a 1288 x 876 source
-    tagModifyEntry** m_ppModifyTableEx; // 650 rows for a 1700 x 1300 source
+    int m_nDeviceType;                   // device type of the open scanner
+    int m_nFingerWinX;                   // left column of the 400 x 450 finger window
+    int m_nFingerWinY;                   // top row of the finger window
+    tagModifyEntry** m_ppModifyTable;    // 660 rows for a 1288 x 876 source
+    tagModifyEntry** m_ppModifyTableEx;  // 650 rows for a 1700 x 1300 source
 
     CImageProc();
     ~CImageProc();
@@ -77,19 +71,17 @@ public:
 
     // Geometry correction into a 600 x 600 image, mirrored left to right.
     int RotateRightImage(unsigned char* pImage, int nWidth, int nHeight);
-    int CorrectImage(unsigned char* pSrc, unsigned long nSrcWidth, unsigned long nSrcHeight,
-                     unsigned char* pDst, unsigned long nDstWidth, unsigned long nDstHeight,
-                     unsigned long nOffsetX, unsigned long nOffsetY);
-    int CorrectImageCalc(unsigned char* pSrc, unsigned long nSrcWidth, unsigned long nSrcHeight,
-                         unsigned char* pDst, unsigned long nDstWidth, unsigned long nDstHeight,
-                         unsigned long nOffsetX, unsigned long nOffsetY);
-    int CorrectImageCalcEx(unsigned char* pSrc, unsigned long nSrcWidth, unsigned long nSrcHeight,
-                           unsigned char* pDst, unsigned long nDstWidth, unsigned long nDstHeight,
-                           unsigned long nOffsetX, unsigned long nOffsetY);
+    int CorrectImage(unsigned char* pSrc, unsigned long nSrcWidth, unsigned long nSrcHeight, unsigned char* pDst,
+                     unsigned long nDstWidth, unsigned long nDstHeight, unsigned long nOffsetX, unsigned long nOffsetY);
+    int CorrectImageCalc(unsigned char* pSrc, unsigned long nSrcWidth, unsigned long nSrcHeight, unsigned char* pDst,
+                         unsigned long nDstWidth, unsigned long nDstHeight, unsigned long nOffsetX,
+                         unsigned long nOffsetY);
+    int CorrectImageCalcEx(unsigned char* pSrc, unsigned long nSrcWidth, unsigned long nSrcHeight, unsigned char* pDst,
+                           unsigned long nDstWidth, unsigned long nDstHeight, unsigned long nOffsetX,
+                           unsigned long nOffsetY);
 
     // Rolled composition: 0 go on, 1 complete, 2 roll too fast.
-    int ImageComposition(unsigned char* pFrame, unsigned char* pComposite, long nSize, int nFrame,
-                         float fContrast);
+    int ImageComposition(unsigned char* pFrame, unsigned char* pComposite, long nSize, int nFrame, float fContrast);
 
     // Whole-image enhancement.
     void Histoequal(unsigned char* pImage, int nWidth, int nHeight);

@@ -27,20 +27,20 @@ extern "C" {
 /* Status codes. 1 to 5 are those of the WSQ codec too. */
 enum {
     TAVK05_REC_OK = 0,
-    TAVK05_REC_BAD_ARGUMENT = 1,   /* a null pointer, a value out of range */
-    TAVK05_REC_CORRUPT = 2,        /* lengths, counts or markers that contradict each other */
-    TAVK05_REC_UNSUPPORTED = 3,    /* a valid record this library does not handle (version, compression, depth) */
-    TAVK05_REC_TOO_LARGE = 4,      /* dimensions or sizes beyond the library's bounds */
+    TAVK05_REC_BAD_ARGUMENT = 1, /* a null pointer, a value out of range */
+    TAVK05_REC_CORRUPT = 2,      /* lengths, counts or markers that contradict each other */
+    TAVK05_REC_UNSUPPORTED = 3,  /* a valid record this library does not handle (version, compression, depth) */
+    TAVK05_REC_TOO_LARGE = 4,    /* dimensions or sizes beyond the library's bounds */
     TAVK05_REC_NO_MEMORY = 5,
-    TAVK05_REC_TRUNCATED = 6,      /* the data ends before what its own lengths announce */
-    TAVK05_REC_UNKNOWN_FORMAT = 7  /* neither WSQ, ISO/IEC 19794-4 nor ANSI/NIST-ITL */
+    TAVK05_REC_TRUNCATED = 6,     /* the data ends before what its own lengths announce */
+    TAVK05_REC_UNKNOWN_FORMAT = 7 /* neither WSQ, ISO/IEC 19794-4 nor ANSI/NIST-ITL */
 };
 
 /* Image compression, whatever code the container uses for it. */
 enum {
-    TAVK05_REC_COMP_NONE = 0,  /* 8-bit grey, one byte a pixel, rows top to bottom */
-    TAVK05_REC_COMP_WSQ = 1,   /* compressed and decompressed inside the library */
-    TAVK05_REC_COMP_PNG = 2    /* a PNG stream the caller provides and receives as it is */
+    TAVK05_REC_COMP_NONE = 0, /* 8-bit grey, one byte a pixel, rows top to bottom */
+    TAVK05_REC_COMP_WSQ = 1,  /* compressed and decompressed inside the library */
+    TAVK05_REC_COMP_PNG = 2   /* a PNG stream the caller provides and receives as it is */
 };
 
 /* Impression types (the ISO and ANSI/NIST codes agree on these). */
@@ -55,11 +55,11 @@ enum { TAVK05_REC_LIVE_PLAIN = 0, TAVK05_REC_LIVE_ROLLED = 1 };
 
 /* One finger image as a writer takes it. */
 typedef struct Tavk05RecFinger {
-    int nFingerPosition;  /* 0 unknown, 1 right thumb .. 10 left little */
-    int nImpression;      /* TAVK05_REC_LIVE_PLAIN or TAVK05_REC_LIVE_ROLLED */
-    int nQuality;         /* 0..100 or TAVK05_REC_QUALITY_NONE */
-    int nCompression;     /* TAVK05_REC_COMP_* */
-    int nPpi;             /* resolution, pixels per inch (500) */
+    int nFingerPosition; /* 0 unknown, 1 right thumb .. 10 left little */
+    int nImpression;     /* TAVK05_REC_LIVE_PLAIN or TAVK05_REC_LIVE_ROLLED */
+    int nQuality;        /* 0..100 or TAVK05_REC_QUALITY_NONE */
+    int nCompression;    /* TAVK05_REC_COMP_* */
+    int nPpi;            /* resolution, pixels per inch (500) */
     int nWidth;
     int nHeight;
     /* NONE and WSQ: nWidth * nHeight grey pixels. */
@@ -68,7 +68,7 @@ typedef struct Tavk05RecFinger {
      * compressed stream may be given here instead of pixels. */
     const unsigned char* pData;
     size_t nDataSize;
-    double dBitRate;  /* WSQ from pixels: bits per pixel, 0 for 0.75 */
+    double dBitRate; /* WSQ from pixels: bits per pixel, 0 for 0.75 */
 } Tavk05RecFinger;
 
 /* One finger image as a reader returns it; release with Tavk05RecImageRelease. */
@@ -106,9 +106,9 @@ TAVK05_REC_API int Tavk05WsqDecode(const unsigned char* pData, size_t nSize, uns
 /* Extra fields of the 2011 representation header; NULL writes "unknown". */
 typedef struct Tavk05IsoCapture {
     int nYear, nMonth, nDay, nHour, nMinute, nSecond, nMillisecond; /* nYear 0: date unknown */
-    int nDeviceTechnology; /* 0 unknown */
-    int nVendorId;         /* 0 unknown */
-    int nDeviceType;       /* 0 unknown */
+    int nDeviceTechnology;                                          /* 0 unknown */
+    int nVendorId;                                                  /* 0 unknown */
+    int nDeviceType;                                                /* 0 unknown */
 } Tavk05IsoCapture;
 
 /* Writes a one-finger, one-view record; nVersion is 2005 or 2011. */
@@ -122,15 +122,15 @@ TAVK05_REC_API int Tavk05IsoRead(const unsigned char* pData, size_t nSize, int* 
 /* The Type-1 fields. Strings are NUL-terminated; empty ones are left out
  * where the field is optional. */
 typedef struct Tavk05NistHeader {
-    char szVersion[5];        /* 1.002: written as "0500"; read "0500", "0501" or "0502" */
-    char szTot[17];           /* 1.004 type of transaction, e.g. "CAR" */
-    char szDate[9];           /* 1.005 YYYYMMDD */
-    int nPriority;            /* 1.006 1..9, 0 to leave out */
-    char szDai[36];           /* 1.007 destination agency */
-    char szOri[36];           /* 1.008 originating agency */
-    char szTcn[41];           /* 1.009 transaction control number */
-    char szDomName[41];       /* 1.013 domain name, empty to leave out */
-    char szDomVersion[41];    /* 1.013 domain version */
+    char szVersion[5];     /* 1.002: written as "0500"; read "0500", "0501" or "0502" */
+    char szTot[17];        /* 1.004 type of transaction, e.g. "CAR" */
+    char szDate[9];        /* 1.005 YYYYMMDD */
+    int nPriority;         /* 1.006 1..9, 0 to leave out */
+    char szDai[36];        /* 1.007 destination agency */
+    char szOri[36];        /* 1.008 originating agency */
+    char szTcn[41];        /* 1.009 transaction control number */
+    char szDomName[41];    /* 1.013 domain name, empty to leave out */
+    char szDomVersion[41]; /* 1.013 domain version */
 } Tavk05NistHeader;
 
 /* One finger record of a transaction as a writer takes it. */
@@ -142,7 +142,7 @@ typedef struct Tavk05NistFinger {
 /* A transaction as a reader returns it; release with Tavk05NistRelease. */
 typedef struct Tavk05NistTransaction {
     Tavk05NistHeader header;
-    int nRecords;            /* every record after Type-1, fingers or not */
+    int nRecords; /* every record after Type-1, fingers or not */
     int nFingers;
     Tavk05RecImage* pFingers; /* the Type-4 and Type-14 records, in order */
 } Tavk05NistTransaction;
@@ -161,19 +161,19 @@ enum {
 };
 
 typedef struct Tavk05RecEntry {
-    int nRecordType;      /* ANSI/NIST record type; 0 for a WSQ file or an ISO finger */
-    int nWidth, nHeight, nPpi; /* 0 for records without an image */
-    int nCompression;     /* TAVK05_REC_COMP_*, -1 for another or none */
+    int nRecordType;                            /* ANSI/NIST record type; 0 for a WSQ file or an ISO finger */
+    int nWidth, nHeight, nPpi;                  /* 0 for records without an image */
+    int nCompression;                           /* TAVK05_REC_COMP_*, -1 for another or none */
     int nFingerPosition, nImpression, nQuality; /* -1 where the record has none */
-    size_t nDataSize;     /* bytes of image data */
-    double dBitsPerPixel; /* nDataSize * 8 / (nWidth * nHeight) */
-    double dWsqBitRate;   /* the bit rate a WSQ stream declares, 0 where it declares none */
+    size_t nDataSize;                           /* bytes of image data */
+    double dBitsPerPixel;                       /* nDataSize * 8 / (nWidth * nHeight) */
+    double dWsqBitRate;                         /* the bit rate a WSQ stream declares, 0 where it declares none */
 } Tavk05RecEntry;
 
 typedef struct Tavk05RecDescription {
-    int nFormat;          /* TAVK05_REC_FORMAT_* */
-    char szVersion[5];    /* ISO "010"/"020", ANSI/NIST "0500".."0502", WSQ "" */
-    size_t nSize;         /* bytes of the whole file */
+    int nFormat;       /* TAVK05_REC_FORMAT_* */
+    char szVersion[5]; /* ISO "010"/"020", ANSI/NIST "0500".."0502", WSQ "" */
+    size_t nSize;      /* bytes of the whole file */
     int nEntries;
     Tavk05RecEntry* pEntries; /* release with Tavk05RecDescriptionRelease */
 } Tavk05RecDescription;

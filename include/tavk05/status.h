@@ -13,15 +13,15 @@
 
 /* Status codes returned by the sensor operations (and kept as the last status). */
 enum {
-    TAVK05_OK = 0,                /* success */
-    TAVK05_E_CREATE = 1,          /* CreateISensor could not make the object */
-    TAVK05_E_FAILED = 2,          /* no transport, request failed, memory short, unknown size */
-    TAVK05_E_INVALID = 3,         /* invalid argument */
-    TAVK05_E_UNSUPPORTED = 4,     /* operation not supported */
-    TAVK05_E_READ = 53,           /* frame or latent read failed, driver value/ID request failed */
-    TAVK05_E_NO_IMAGE = 54,       /* live capture ended without an accepted image */
-    TAVK05_E_NOT_OPEN = 55,       /* device node not open or could not be opened */
-    TAVK05_E_LATENT = 57          /* latent print detected, or rolled image below threshold */
+    TAVK05_OK = 0,            /* success */
+    TAVK05_E_CREATE = 1,      /* CreateISensor could not make the object */
+    TAVK05_E_FAILED = 2,      /* no transport, request failed, memory short, unknown size */
+    TAVK05_E_INVALID = 3,     /* invalid argument */
+    TAVK05_E_UNSUPPORTED = 4, /* operation not supported */
+    TAVK05_E_READ = 53,       /* frame or latent read failed, driver value/ID request failed */
+    TAVK05_E_NO_IMAGE = 54,   /* live capture ended without an accepted image */
+    TAVK05_E_NOT_OPEN = 55,   /* device node not open or could not be opened */
+    TAVK05_E_LATENT = 57      /* latent print detected, or rolled image below threshold */
 };
 
 #ifdef __cplusplus

@@ -32,21 +32,21 @@ struct Request {
 
 // Observable state of one unit.
 struct UnitState {
-    bool bAttached;                    // the unit exists (not unplugged)
-    bool bOpen;                        // at least one descriptor is open on it
-    int nOpenCount;                    // successful opens so far
-    int nCloseCount;                   // closes so far
-    bool bLedOn;                       // last LED request switched it on
-    unsigned char byLedSelector;       // selector byte of the last LED request
-    unsigned char byExposure;          // exposure of the last sensor-option block
-    unsigned char byGain;              // gain of the last sensor-option block
-    bool bAcquiring;                   // between start and stop of acquisition
-    unsigned long nRequests;           // control requests received
-    unsigned long nReads;              // reads received
-    unsigned char abyOption[128];      // last sensor-option block
-    unsigned char abyValue[64];        // value block stored by the last set-value request
-    unsigned char abyDeviceId[64];     // device-ID block the unit answers with
-    unsigned long nLastReadBytes;      // byte count the last read asked for
+    bool bAttached;                 // the unit exists (not unplugged)
+    bool bOpen;                     // at least one descriptor is open on it
+    int nOpenCount;                 // successful opens so far
+    int nCloseCount;                // closes so far
+    bool bLedOn;                    // last LED request switched it on
+    unsigned char byLedSelector;    // selector byte of the last LED request
+    unsigned char byExposure;       // exposure of the last sensor-option block
+    unsigned char byGain;           // gain of the last sensor-option block
+    bool bAcquiring;                // between start and stop of acquisition
+    unsigned long nRequests;        // control requests received
+    unsigned long nReads;           // reads received
+    unsigned char abyOption[128];   // last sensor-option block
+    unsigned char abyValue[64];     // value block stored by the last set-value request
+    unsigned char abyDeviceId[64];  // device-ID block the unit answers with
+    unsigned long nLastReadBytes;   // byte count the last read asked for
 };
 
 // Recording or playback of a unit's session (keys record= and replay=).

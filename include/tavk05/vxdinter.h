@@ -37,30 +37,18 @@ enum {
 };
 
 // Transport result codes.
-enum {
-    VXD_OK = 0,
-    VXD_E_INVALID = 3,
-    VXD_E_LED = 51,
-    VXD_E_NOT_OPEN = 55,
-    VXD_E_ALLOC = 71,
-    VXD_E_REQUEST = 72
-};
+enum { VXD_OK = 0, VXD_E_INVALID = 3, VXD_E_LED = 51, VXD_E_NOT_OPEN = 55, VXD_E_ALLOC = 71, VXD_E_REQUEST = 72 };
 
-enum {
-    VXD_OPTION_BLOCK_BYTES = 128,
-    VXD_VALUE_BLOCK_BYTES = 64,
-    VXD_PRODUCT_0610 = 0x0610,
-    VXD_PRODUCT_0620 = 0x0620
-};
+enum { VXD_OPTION_BLOCK_BYTES = 128, VXD_VALUE_BLOCK_BYTES = 64, VXD_PRODUCT_0610 = 0x0610, VXD_PRODUCT_0620 = 0x0620 };
 
 class TAVK05_API CVxdInterface {
 public:
-    int m_nFirmwareVersion;        // bcdDevice of the descriptor, read at open
-    bool m_bLatentCapable;         // latent phases run only when set; cleared at open
-    unsigned char m_byGain;        // gain byte of the sensor-option block
-    unsigned char m_byExposure;    // exposure byte of the sensor-option block
-    int m_hDevice;                 // descriptor of the open node, negative when closed
-    int m_nDevType;                // device type 3..8, 0 when unknown
+    int m_nFirmwareVersion;      // bcdDevice of the descriptor, read at open
+    bool m_bLatentCapable;       // latent phases run only when set; cleared at open
+    unsigned char m_byGain;      // gain byte of the sensor-option block
+    unsigned char m_byExposure;  // exposure byte of the sensor-option block
+    int m_hDevice;               // descriptor of the open node, negative when closed
+    int m_nDevType;              // device type 3..8, 0 when unknown
 
     CVxdInterface();
     ~CVxdInterface();

@@ -9,10 +9,10 @@ namespace tavk05cal {
 namespace {
 
 struct ModifyCoeffs {
-    float fRowSlope;   // k1
-    float fRowBase;    // k0
-    float fColSlope;   // m1
-    float fColBase;    // m0
+    float fRowSlope;  // k1
+    float fRowBase;   // k0
+    float fColSlope;  // m1
+    float fColBase;   // m0
 };
 
 const ModifyCoeffs g_aCoeffs[2] = {
@@ -30,10 +30,7 @@ inline int Index(ModifyId eTable) { return eTable == MODIFY_EX ? 1 : 0; }
 
 }  // namespace
 
-const ModifyLayout& GetModifyLayout(ModifyId eTable)
-{
-    return g_aModify[Index(eTable)];
-}
+const ModifyLayout& GetModifyLayout(ModifyId eTable) { return g_aModify[Index(eTable)]; }
 
 float ModifyRowDivisor(ModifyId eTable, int nRow)
 {

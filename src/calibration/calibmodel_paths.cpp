@@ -19,17 +19,14 @@ const double kLastFinal = kFinalSize - 1;
 // A final position is inside within half a pixel of the border (and the
 // rounding error of a round trip through the model).
 const double kEdge = 0.5 + 1e-9;
-const double kNoHint = -1.0e9;   // outside the table model's margin: no starting point
+const double kNoHint = -1.0e9;  // outside the table model's margin: no starting point
 
 bool IsTablePath(Path ePath)
 {
     return ePath == PATH_TABLE_1280 || ePath == PATH_TABLE_1288 || ePath == PATH_TABLE_1800;
 }
 
-ModifyId ModifyFor(Path ePath)
-{
-    return ePath == PATH_CALC_1800 ? MODIFY_EX : MODIFY_STD;
-}
+ModifyId ModifyFor(Path ePath) { return ePath == PATH_CALC_1800 ? MODIFY_EX : MODIFY_STD; }
 
 bool InsideFinal(double dFx, double dFy)
 {
@@ -51,15 +48,17 @@ void FillPointwise(const CGeometry& geo, float* pfFx, float* pfFy)
 
 }  // namespace
 
-
 Path PathForDevice(int nDeviceType, unsigned int nFirmware)
 {
     const tavk05profile::ModelProfile& profile =
         tavk05profile::ProfileOf(nDeviceType, tavk05profile::IsNewFirmware(static_cast<int>(nFirmware)));
     switch (profile.eCorrection) {
-    case tavk05profile::kCorrectCalc: return PATH_CALC_1288;
-    case tavk05profile::kCorrectCalcEx: return PATH_CALC_1800;
-    default: break;
+        case tavk05profile::kCorrectCalc:
+            return PATH_CALC_1288;
+        case tavk05profile::kCorrectCalcEx:
+            return PATH_CALC_1800;
+        default:
+            break;
     }
     if (profile.nRawWidth == tavk05profile::kLargeWidth) return PATH_TABLE_1800;
     return profile.nRawWidth == tavk05profile::kMidWidth ? PATH_TABLE_1288 : PATH_TABLE_1280;
@@ -71,15 +70,16 @@ void RawSize(Path ePath, int* pnWidth, int* pnHeight)
 {
     const bool bMid = ePath == PATH_TABLE_1288 || ePath == PATH_CALC_1288;
     const bool bLarge = ePath == PATH_TABLE_1800 || ePath == PATH_CALC_1800;
-    *pnWidth = static_cast<int>(bLarge ? tavk05profile::kLargeWidth : bMid ? tavk05profile::kMidWidth
-                                                                          : tavk05profile::kSmallWidth);
-    *pnHeight = static_cast<int>(bLarge ? tavk05profile::kLargeHeight : bMid ? tavk05profile::kMidHeight
-                                                                            : tavk05profile::kSmallHeight);
+    *pnWidth = static_cast<int>(bLarge ? tavk05profile::kLargeWidth
+                                : bMid ? tavk05profile::kMidWidth
+                                       : tavk05profile::kSmallWidth);
+    *pnHeight = static_cast<int>(bLarge ? tavk05profile::kLargeHeight
+                                 : bMid ? tavk05profile::kMidHeight
+                                        : tavk05profile::kSmallHeight);
 }
 
 CGeometry::CGeometry(Path ePath)
-    : m_ePath(ePath), m_nRawWidth(0), m_nRawHeight(0),
-      m_Table(ePath == PATH_TABLE_1280 ? TABLE_MAIN : TABLE_1103)
+    : m_ePath(ePath), m_nRawWidth(0), m_nRawHeight(0), m_Table(ePath == PATH_TABLE_1280 ? TABLE_MAIN : TABLE_1103)
 {
     RawSize(ePath, &m_nRawWidth, &m_nRawHeight);
 }

@@ -21,19 +21,18 @@ namespace tavk05cal {
 namespace {
 
 struct ShadingCoeffs {
-    double dTopBase;       // z
-    double dTopLeft;       // a0
-    double dTopRight;      // b0
-    double dTopBow;        // c0
-    double dBottomBase;    // m
-    double dBottomLeft;    // a1
-    double dBottomRight;   // b1
-    double dBlend;         // w
+    double dTopBase;      // z
+    double dTopLeft;      // a0
+    double dTopRight;     // b0
+    double dTopBow;       // c0
+    double dBottomBase;   // m
+    double dBottomLeft;   // a1
+    double dBottomRight;  // b1
+    double dBlend;        // w
 };
 
 const ShadingCoeffs g_Shading = {
-    7.878439739, -30.64347381, -11.50301231, 118.4408183,
-    19.88592183, 53.1140875, 3.337650419, 1.422656905,
+    7.878439739, -30.64347381, -11.50301231, 118.4408183, 19.88592183, 53.1140875, 3.337650419, 1.422656905,
 };
 
 }  // namespace

@@ -19,14 +19,14 @@ const TableLayout g_aLayout[2] = {
 // What the optics are calibrated to: the source rows and columns seen at the
 // top, middle and bottom of the read region.
 struct TableTargets {
-    double dRowTop;        // P(0)
-    double dStepTop;       // P'(0), source rows per output row
-    double dRowMiddle;     // P(300)
-    double dRowBottom;     // P(599)
-    double dStepBottom;    // P'(599)
-    double dTilt;          // top row: left end minus right end
-    double dLeftTop, dLeftBottom;    // source column of region column 0
-    double dRightTop, dRightBottom;  // source column of region column 599
+    double dRowTop;                          // P(0)
+    double dStepTop;                         // P'(0), source rows per output row
+    double dRowMiddle;                       // P(300)
+    double dRowBottom;                       // P(599)
+    double dStepBottom;                      // P'(599)
+    double dTilt;                            // top row: left end minus right end
+    double dLeftTop, dLeftBottom;            // source column of region column 0
+    double dRightTop, dRightBottom;          // source column of region column 599
     double dMidTop, dMidCentre, dMidBottom;  // source column of region column 300
 };
 
@@ -38,8 +38,8 @@ const TableTargets g_aTargets[2] = {
     {9.75, 1.28, 428.0, 872.0, 1.48, 0.9, 13.0, 56.0, 1267.0, 1221.0, 642.0, 643.0, 641.0},
 };
 
-const double kLast = 599.0;     // last region row and column
-const double kMiddle = 300.0;   // middle region row and column
+const double kLast = 599.0;    // last region row and column
+const double kMiddle = 300.0;  // middle region row and column
 const double kMarginLow = -300.0;
 const double kMarginHigh = 900.0;
 
@@ -47,10 +47,7 @@ inline double RoundHalfUp(double d) { return std::floor(d + 0.5); }
 
 }  // namespace
 
-const TableLayout& GetTableLayout(TableId eTable)
-{
-    return g_aLayout[eTable == TABLE_1103 ? 1 : 0];
-}
+const TableLayout& GetTableLayout(TableId eTable) { return g_aLayout[eTable == TABLE_1103 ? 1 : 0]; }
 
 CTableModel::CTableModel(TableId eTable)
     : m_eTable(eTable == TABLE_1103 ? TABLE_1103 : TABLE_MAIN), m_pLayout(&GetTableLayout(m_eTable))
@@ -61,11 +58,7 @@ CTableModel::CTableModel(TableId eTable)
     // the normalised row s = u / 599 (keeps the system well conditioned).
     const double m = kMiddle / kLast;
     double aRow[5 * 5] = {
-        1, 0, 0, 0, 0,
-        0, 1, 0, 0, 0,
-        1, m, m * m, m * m * m, m * m * m * m,
-        1, 1, 1, 1, 1,
-        0, 1, 2, 3, 4,
+        1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 1, m, m * m, m * m * m, m * m * m * m, 1, 1, 1, 1, 1, 0, 1, 2, 3, 4,
     };
     double aRhs[5] = {t.dRowTop, t.dStepTop * kLast, t.dRowMiddle, t.dRowBottom, t.dStepBottom * kLast};
     SolveLinear(aRow, aRhs, 5, m_dRow);

@@ -97,9 +97,12 @@ int Resolve(const char* pszPath, ELinkRule eRule, bool bFollowLast, CResolved* p
                     nResult = ELOOP;
                 } else {
                     nLen = ::readlinkat(nLink, "", szText, sizeof(szText));
-                    if (nLen < 0) nResult = errno;
-                    else if (nLen == 0) nResult = ENOENT;
-                    else if (nLen >= static_cast<ssize_t>(sizeof(szText))) nResult = ENAMETOOLONG;
+                    if (nLen < 0)
+                        nResult = errno;
+                    else if (nLen == 0)
+                        nResult = ENOENT;
+                    else if (nLen >= static_cast<ssize_t>(sizeof(szText)))
+                        nResult = ENAMETOOLONG;
                 }
             } else {
                 nResult = nLink < 0 ? errno : EAGAIN;  // replaced under our feet

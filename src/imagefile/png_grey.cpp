@@ -27,10 +27,7 @@ struct FileCloser {
 };
 using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
 
-std::string Problem(const std::string& strPath, const char* pszWhat)
-{
-    return strPath + ": " + pszWhat;
-}
+std::string Problem(const std::string& strPath, const char* pszWhat) { return strPath + ": " + pszWhat; }
 
 // Reaches the directory that is to hold strPath, following no link on the way
 // that belongs to another user (root's own links excepted) and leaving a link
@@ -39,8 +36,9 @@ bool Reach(const std::string& strPath, tavk05path::CResolved* pTarget, std::stri
 {
     const int nResult = tavk05path::Resolve(strPath.c_str(), tavk05path::kOwnOrRoot, false, pTarget);
     if (nResult == tavk05path::kLinkRefused) {
-        *pError = Problem(strPath, ("reached through " + pTarget->m_strRefused +
-                                    ", a symbolic link of another user; not followed").c_str());
+        *pError = Problem(
+            strPath,
+            ("reached through " + pTarget->m_strRefused + ", a symbolic link of another user; not followed").c_str());
     } else if (nResult != 0) {
         *pError = Problem(strPath, std::strerror(nResult));
     }
@@ -55,10 +53,10 @@ bool CheckLast(const std::string& strPath, const tavk05path::CResolved& target, 
     *pExists = false;
     if (fstatat(target.m_nDirFd, target.m_strName.c_str(), pStat, AT_SYMLINK_NOFOLLOW) == 0) {
         *pExists = true;
-        const char* pszWhy = S_ISLNK(pStat->st_mode)        ? "is a symbolic link; not followed"
-                             : !S_ISREG(pStat->st_mode)     ? "not a regular file"
-                             : pStat->st_uid != geteuid()   ? "belongs to another user; not replaced"
-                                                            : nullptr;
+        const char* pszWhy = S_ISLNK(pStat->st_mode)      ? "is a symbolic link; not followed"
+                             : !S_ISREG(pStat->st_mode)   ? "not a regular file"
+                             : pStat->st_uid != geteuid() ? "belongs to another user; not replaced"
+                                                          : nullptr;
         if (pszWhy != nullptr) {
             *pError = Problem(strPath, pszWhy);
             return false;
@@ -123,8 +121,7 @@ bool WriteSafely(const std::string& strPath, const std::function<bool(std::FILE*
     FilePtr pOut(fdopen(fd, "wb"));
     if (!pOut) close(fd);
     errno = 0;
-    const bool bWritten = pOut && fnWrite(pOut.get()) && std::fflush(pOut.get()) == 0 &&
-                          fsync(fileno(pOut.get())) == 0;
+    const bool bWritten = pOut && fnWrite(pOut.get()) && std::fflush(pOut.get()) == 0 && fsync(fileno(pOut.get())) == 0;
     const int nError = errno;
     const bool bClosed = pOut && std::fclose(pOut.release()) == 0;
     if (bWritten && bClosed && renameat(nDir, strTemp.c_str(), nDir, target.m_strName.c_str()) == 0) return true;
@@ -136,8 +133,8 @@ bool WriteSafely(const std::string& strPath, const std::function<bool(std::FILE*
 
 bool WriteBytes(const std::string& strPath, const unsigned char* pData, size_t nSize, std::string* pError)
 {
-    return WriteSafely(strPath, [&](std::FILE* pOut) { return std::fwrite(pData, 1, nSize, pOut) == nSize; },
-                       "write failed", pError);
+    return WriteSafely(
+        strPath, [&](std::FILE* pOut) { return std::fwrite(pData, 1, nSize, pOut) == nSize; }, "write failed", pError);
 }
 
 #ifdef TAVK05_HAVE_PNG
@@ -152,10 +149,7 @@ void SilentWarning(png_structp, png_const_charp) {}
 
 // libpng's own handler prints to standard error, which is the host's in the
 // virtual scanner; the caller words the message instead.
-void JumpOnError(png_structp pPng, png_const_charp)
-{
-    png_longjmp(pPng, 1);
-}
+void JumpOnError(png_structp pPng, png_const_charp) { png_longjmp(pPng, 1); }
 
 enum EResult { kOk, kCorrupt, kNoMemory, kLayout };
 
@@ -282,18 +276,18 @@ bool ReadGrey(const std::string& strPath, GreyImage* pImage, std::string* pError
     }
     GreyImage image;
     switch (Decode(pFile.get(), &image)) {
-    case kOk:
-        *pImage = std::move(image);
-        return true;
-    case kNoMemory:
-        *pError = Problem(strPath, "out of memory");
-        return false;
-    case kLayout:
-        *pError = Problem(strPath, "unsupported pixel layout");
-        return false;
-    default:
-        *pError = Problem(strPath, "corrupt, truncated or larger than 4096 x 4096");
-        return false;
+        case kOk:
+            *pImage = std::move(image);
+            return true;
+        case kNoMemory:
+            *pError = Problem(strPath, "out of memory");
+            return false;
+        case kLayout:
+            *pError = Problem(strPath, "unsupported pixel layout");
+            return false;
+        default:
+            *pError = Problem(strPath, "corrupt, truncated or larger than 4096 x 4096");
+            return false;
     }
 }
 
@@ -309,8 +303,9 @@ bool WriteGrey(const std::string& strPath, const unsigned char* pPixels, unsigne
         }
         return true;
     }
-    return WriteSafely(strPath, [&](std::FILE* pOut) { return Encode(pOut, pPixels, nWidth, nHeight); },
-                       "PNG encoding failed", pError);
+    return WriteSafely(
+        strPath, [&](std::FILE* pOut) { return Encode(pOut, pPixels, nWidth, nHeight); }, "PNG encoding failed",
+        pError);
 }
 
 bool EncodeGrey(const unsigned char* pPixels, unsigned nWidth, unsigned nHeight, std::vector<unsigned char>* pOut)
@@ -344,8 +339,9 @@ bool DecodeGrey(const unsigned char* pData, size_t nSize, GreyImage* pImage, std
         *pImage = std::move(image);
         return true;
     }
-    *pError = eResult == kNoMemory ? "out of memory" : eResult == kLayout ? "unsupported pixel layout"
-                                                                         : "corrupt PNG stream";
+    *pError = eResult == kNoMemory ? "out of memory"
+              : eResult == kLayout ? "unsupported pixel layout"
+                                   : "corrupt PNG stream";
     return false;
 }
 
@@ -363,10 +359,7 @@ bool WriteGrey(const std::string& strPath, const unsigned char*, unsigned, unsig
     return false;
 }
 
-bool EncodeGrey(const unsigned char*, unsigned, unsigned, std::vector<unsigned char>*)
-{
-    return false;
-}
+bool EncodeGrey(const unsigned char*, unsigned, unsigned, std::vector<unsigned char>*) { return false; }
 
 bool DecodeGrey(const unsigned char*, size_t, GreyImage*, std::string* pError)
 {

@@ -13,7 +13,7 @@
 
 namespace imageproc {
 
-const unsigned kOut = IMG_WIDTH;              // finished image side
+const unsigned kOut = IMG_WIDTH;  // finished image side
 const size_t kOutPixels = IMG_PIXELS;
 
 // ------------------------------------------------------------------------
@@ -82,8 +82,7 @@ public:
         unsigned nRowStart;
         const unsigned nOutRow = Row(nCanvas, nRowStart);
         const unsigned nOutCol = nCanvas - nRowStart - G::kCropLeft;  // wraps left of the window
-        if (nOutRow >= kOut || nOutCol >= kOut)
-            return kOutPixels;
+        if (nOutRow >= kOut || nOutCol >= kOut) return kOutPixels;
         return static_cast<size_t>(nOutRow) * kOut + (bMirror ? kOut - 1 - nOutCol : nOutCol);
     }
 
@@ -122,8 +121,7 @@ template <class G>
 inline bool Usable(const tagModifyEntry& e)
 {
     const unsigned nLimit = G::kSrcWidth * G::kSrcRows;
-    if (static_cast<unsigned>(e.nSrcRow) > G::kMaxRow || static_cast<unsigned>(e.nSrcCol) > G::kMaxCol)
-        return false;
+    if (static_cast<unsigned>(e.nSrcRow) > G::kMaxRow || static_cast<unsigned>(e.nSrcCol) > G::kMaxCol) return false;
     return (e.nSrcIndex[2] < nLimit) & (e.nSrcIndex[0] < nLimit) & (e.nSrcIndex[1] < nLimit) &
            (e.nSrcIndex[3] < nLimit);
 }
@@ -152,11 +150,11 @@ struct EntryRun {
     const unsigned char* pTop;     // the pair's rows, as images of nSrcWidth columns
     const unsigned char* pBottom;
     unsigned nSrcWidth;
-    unsigned nMaxRow;              // largest usable nSrcRow
-    unsigned nMaxCol;              // largest usable nSrcCol
-    unsigned char* pRight;         // where the first entry's right pixel goes
-    unsigned char* pLeft;          // where its left pixel goes
-    int nStep;                     // right pixels advance by nStep an entry, left ones by -nStep
+    unsigned nMaxRow;       // largest usable nSrcRow
+    unsigned nMaxCol;       // largest usable nSrcCol
+    unsigned char* pRight;  // where the first entry's right pixel goes
+    unsigned char* pLeft;   // where its left pixel goes
+    int nStep;              // right pixels advance by nStep an entry, left ones by -nStep
 };
 
 // Whether entry k of the run is regular.
@@ -180,8 +178,7 @@ inline unsigned char WeightedSum(const unsigned char (&aby)[4], const float (&af
     fSum = fSum + static_cast<float>(aby[1]) * afWeight[1];
     fSum = fSum + static_cast<float>(aby[2]) * afWeight[2];
     fSum = fSum + static_cast<float>(aby[3]) * afWeight[3];
-    if (!(fSum > -2147483648.0f && fSum < 2147483648.0f))
-        return 0;
+    if (!(fSum > -2147483648.0f && fSum < 2147483648.0f)) return 0;
     return static_cast<unsigned char>(static_cast<int>(fSum));
 }
 
@@ -196,8 +193,8 @@ unsigned ResampleRun(const EntryRun& run, unsigned nFrom);
 struct OutsideRun {
     const tagModifyEntry* pEntry;  // the stretch's first entry
     unsigned nEntries;
-    unsigned nDstRight;            // nDstRight of the first entry as the build places it
-    unsigned nDstLeft;             // nDstLeft of the first entry as the build places it
+    unsigned nDstRight;  // nDstRight of the first entry as the build places it
+    unsigned nDstLeft;   // nDstLeft of the first entry as the build places it
 };
 
 // Entries nFrom, nFrom + 1, ... of the stretch while their targets are where
@@ -220,7 +217,7 @@ unsigned PassOutsideSse2(const OutsideRun& run);
 size_t ReverseOuterSse2(unsigned char* p, size_t n);
 #endif
 
-} // namespace imageproc
+}  // namespace imageproc
 
 // What the processor keeps besides its public fields: the arena of the
 // modify-table rows.

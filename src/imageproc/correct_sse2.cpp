@@ -49,10 +49,7 @@ inline void Transpose(const void* p0, const void* p1, const void* p2, const void
 
 // Sign bits set where x is not within 0 .. nMax (x and nMax below 2^31
 // when within): x itself negative, or nMax - x negative.
-inline __m128i OutOfRange(__m128i x, __m128i max)
-{
-    return _mm_or_si128(x, _mm_sub_epi32(max, x));
-}
+inline __m128i OutOfRange(__m128i x, __m128i max) { return _mm_or_si128(x, _mm_sub_epi32(max, x)); }
 
 // The two bytes at p + at[k], k the even 16-bit lanes 0, 2, 4 and 6 of at,
 // and then at q + at[k], as the eight 16-bit lanes of a vector. Each offset
@@ -105,7 +102,7 @@ inline void StoreFour(unsigned char* p, __m128i v)
     std::memcpy(p, &n, sizeof n);
 }
 
-} // namespace
+}  // namespace
 
 namespace {
 
@@ -156,8 +153,7 @@ unsigned ResampleRunSse2(const EntryRun& run)
         diff = _mm_or_si128(diff, _mm_xor_si128(aIndex[1], _mm_add_epi32(aIndex[0], one)));
         diff = _mm_or_si128(diff, _mm_xor_si128(aIndex[3], _mm_add_epi32(aIndex[0], below)));
         diff = _mm_or_si128(diff, _mm_xor_si128(aIndex[2], _mm_add_epi32(aIndex[3], one)));
-        if (_mm_movemask_ps(_mm_castsi128_ps(range)) != 0 ||
-            _mm_movemask_epi8(_mm_cmpeq_epi32(diff, zero)) != 0xFFFF)
+        if (_mm_movemask_ps(_mm_castsi128_ps(range)) != 0 || _mm_movemask_epi8(_mm_cmpeq_epi32(diff, zero)) != 0xFFFF)
             break;
         right = _mm_add_epi32(right, four);
         left = _mm_sub_epi32(left, four);
@@ -175,9 +171,8 @@ unsigned ResampleRunSse2(const EntryRun& run)
         const __m128i hi = _mm_srli_epi16(pairs, 8);
         const __m128i mirroredLo = _mm_and_si128(mirrored, lowByte);
         const __m128i mirroredHi = _mm_srli_epi16(mirrored, 8);
-        const __m128i rightPixels =
-            WeightedFour(_mm_unpacklo_epi16(lo, zero), _mm_unpacklo_epi16(hi, zero), _mm_unpackhi_epi16(hi, zero),
-                         _mm_unpackhi_epi16(lo, zero), aw);
+        const __m128i rightPixels = WeightedFour(_mm_unpacklo_epi16(lo, zero), _mm_unpacklo_epi16(hi, zero),
+                                                 _mm_unpackhi_epi16(hi, zero), _mm_unpackhi_epi16(lo, zero), aw);
         const __m128i leftPixels =
             WeightedFour(_mm_unpacklo_epi16(mirroredHi, zero), _mm_unpacklo_epi16(mirroredLo, zero),
                          _mm_unpackhi_epi16(mirroredLo, zero), _mm_unpackhi_epi16(mirroredHi, zero), aw);
@@ -190,7 +185,7 @@ unsigned ResampleRunSse2(const EntryRun& run)
     return k;
 }
 
-} // namespace
+}  // namespace
 
 unsigned ResampleRunSse2(const EntryRun& run)
 {
@@ -219,8 +214,7 @@ unsigned PassOutsideSse2(const OutsideRun& run)
         const __m128i hi = _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(&e[2].nDstRight)),
                                               _mm_loadl_epi64(reinterpret_cast<const __m128i*>(&e[3].nDstRight)));
         const __m128i diff = _mm_or_si128(_mm_xor_si128(lo, expectLo), _mm_xor_si128(hi, expectHi));
-        if (_mm_movemask_epi8(_mm_cmpeq_epi32(diff, zero)) != 0xFFFF)
-            break;
+        if (_mm_movemask_epi8(_mm_cmpeq_epi32(diff, zero)) != 0xFFFF) break;
         expectLo = _mm_add_epi32(expectLo, step);
         expectHi = _mm_add_epi32(expectHi, step);
     }
@@ -242,6 +236,6 @@ size_t ReverseOuterSse2(unsigned char* p, size_t n)
     return nLo;
 }
 
-} // namespace imageproc
+}  // namespace imageproc
 
 #endif

@@ -73,6 +73,6 @@ size_t WhitenFlatSse2(unsigned char* pImage, const unsigned char* pMean, const u
                       int nDevCeiling, size_t n);
 #endif
 
-} // namespace imageproc
+}  // namespace imageproc
 
 #endif

@@ -15,15 +15,9 @@ namespace imageproc {
 
 namespace {
 
-inline __m128i Load(const void* p)
-{
-    return _mm_loadu_si128(static_cast<const __m128i*>(p));
-}
+inline __m128i Load(const void* p) { return _mm_loadu_si128(static_cast<const __m128i*>(p)); }
 
-inline void Store(void* p, __m128i v)
-{
-    _mm_storeu_si128(static_cast<__m128i*>(p), v);
-}
+inline void Store(void* p, __m128i v) { _mm_storeu_si128(static_cast<__m128i*>(p), v); }
 
 // Whether every byte of v is at least the byte of t (t holding one level).
 inline bool AllAtLeast(__m128i v, __m128i t)
@@ -31,7 +25,7 @@ inline bool AllAtLeast(__m128i v, __m128i t)
     return _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(v, t), v)) == 0xFFFF;
 }
 
-} // namespace
+}  // namespace
 
 // Blocks whose 16 levels are all 245 or brighter hold nothing to count
 // (most of a finger image's background); the others are counted into four
@@ -43,8 +37,7 @@ size_t CountDarkLevelsSse2(const unsigned char* p, size_t n, uint32_t (&anHist)[
     const __m128i white = _mm_set1_epi8(static_cast<char>(kHistoWhite));
     size_t i = 0;
     for (; i + 16 <= n; i += 16) {
-        if (AllAtLeast(Load(p + i), white))
-            continue;
+        if (AllAtLeast(Load(p + i), white)) continue;
         const unsigned char* const q = p + i;
 #pragma GCC unroll 4
         for (size_t k = 0; k < 16; k += 4) {
@@ -54,8 +47,7 @@ size_t CountDarkLevelsSse2(const unsigned char* p, size_t n, uint32_t (&anHist)[
             ++anPart[3][q[k + 3]];
         }
     }
-    for (unsigned g = 0; g < kHistoWhite; ++g)
-        anHist[g] += anPart[0][g] + anPart[1][g] + anPart[2][g] + anPart[3][g];
+    for (unsigned g = 0; g < kHistoWhite; ++g) anHist[g] += anPart[0][g] + anPart[1][g] + anPart[2][g] + anPart[3][g];
     return i;
 }
 
@@ -65,8 +57,7 @@ size_t CountDarkLevelsSse2(const unsigned char* p, size_t n, uint32_t (&anHist)[
 size_t MapLevelsSse2(unsigned char* p, size_t n, const unsigned char (&ucMap)[256], const uint16_t* pPairs)
 {
     unsigned nWhite = 256;
-    while (nWhite > 0 && ucMap[nWhite - 1] == 255)
-        --nWhite;
+    while (nWhite > 0 && ucMap[nWhite - 1] == 255) --nWhite;
     const bool bWhite = nWhite < 256;
     const __m128i white = _mm_set1_epi8(static_cast<char>(bWhite ? nWhite : 255));
     const __m128i all = _mm_set1_epi8(static_cast<char>(0xFF));
@@ -91,8 +82,7 @@ size_t MapLevelsSse2(unsigned char* p, size_t n, const unsigned char (&ucMap)[25
         }
         unsigned char* const q = p + i;
 #pragma GCC unroll 16
-        for (size_t k = 0; k < 16; ++k)
-            q[k] = ucMap[q[k]];
+        for (size_t k = 0; k < 16; ++k) q[k] = ucMap[q[k]];
     }
     return i;
 }
@@ -102,8 +92,7 @@ size_t SumAbsDiffSse2(const unsigned char* p, size_t n, unsigned char byRef, uin
     const __m128i ref = _mm_set1_epi8(static_cast<char>(byRef));
     __m128i sum = _mm_setzero_si128();  // two 64-bit sums
     size_t i = 0;
-    for (; i + 16 <= n; i += 16)
-        sum = _mm_add_epi64(sum, _mm_sad_epu8(Load(p + i), ref));
+    for (; i + 16 <= n; i += 16) sum = _mm_add_epi64(sum, _mm_sad_epu8(Load(p + i), ref));
     uint64_t anSum[2];
     Store(anSum, sum);
     nSum += anSum[0] + anSum[1];
@@ -128,10 +117,10 @@ size_t AddColumnRowSse2(uint16_t* pSum, const unsigned char* pAdd, const unsigne
     for (; c + 16 <= n; c += 16) {
         const __m128i a = Load(pAdd + c);
         const __m128i s = Load(pSub + c);
-        const __m128i lo = _mm_sub_epi16(_mm_add_epi16(Load(pSum + c), _mm_unpacklo_epi8(a, zero)),
-                                         _mm_unpacklo_epi8(s, zero));
-        const __m128i hi = _mm_sub_epi16(_mm_add_epi16(Load(pSum + c + 8), _mm_unpackhi_epi8(a, zero)),
-                                         _mm_unpackhi_epi8(s, zero));
+        const __m128i lo =
+            _mm_sub_epi16(_mm_add_epi16(Load(pSum + c), _mm_unpacklo_epi8(a, zero)), _mm_unpacklo_epi8(s, zero));
+        const __m128i hi =
+            _mm_sub_epi16(_mm_add_epi16(Load(pSum + c + 8), _mm_unpackhi_epi8(a, zero)), _mm_unpackhi_epi8(s, zero));
         Store(pSum + c, lo);
         Store(pSum + c + 8, hi);
     }
@@ -149,12 +138,10 @@ size_t BoxMeanRowSse2(const BoxRow& row)
 {
     const size_t w = 2 * static_cast<size_t>(row.nHalf) + 1;
     const unsigned nCount = row.nRows * static_cast<unsigned>(w);
-    if (w > 31 || row.nRows == 0 || nCount > 65535 || row.n < w)
-        return 0;
+    if (w > 31 || row.nRows == 0 || nCount > 65535 || row.n < w) return 0;
     const uint16_t* const cs = row.pColSum;
     unsigned nFirst = 0;
-    for (size_t k = 0; k < w; ++k)
-        nFirst += cs[k];
+    for (size_t k = 0; k < w; ++k) nFirst += cs[k];
     row.pOut[row.nHalf] = static_cast<unsigned char>(nFirst / nCount);
 
     const __m128 recip = _mm_set1_ps(1.0f / static_cast<float>(nCount));
@@ -171,9 +158,8 @@ size_t BoxMeanRowSse2(const BoxRow& row)
             const size_t nAt = c + 8 * static_cast<size_t>(h);
             const __m128i enter = Load(cs + nAt + row.nHalf);
             const __m128i leave = Load(cs + nAt - row.nHalf - 1);
-            const __m128i aPart[2] = {
-                _mm_sub_epi32(_mm_unpacklo_epi16(enter, zero), _mm_unpacklo_epi16(leave, zero)),
-                _mm_sub_epi32(_mm_unpackhi_epi16(enter, zero), _mm_unpackhi_epi16(leave, zero))};
+            const __m128i aPart[2] = {_mm_sub_epi32(_mm_unpacklo_epi16(enter, zero), _mm_unpacklo_epi16(leave, zero)),
+                                      _mm_sub_epi32(_mm_unpackhi_epi16(enter, zero), _mm_unpackhi_epi16(leave, zero))};
             for (int q = 0; q < 2; ++q) {
                 __m128i x = aPart[q];
                 x = _mm_add_epi32(x, _mm_slli_si128(x, 4));
@@ -197,8 +183,7 @@ size_t WhitenFlatSse2(unsigned char* pImage, const unsigned char* pMean, const u
     // Mean at least nMeanFloor + 1, deviation at most nDevCeiling - 1.
     const int nMeanMin = nMeanFloor < 0 ? 0 : nMeanFloor + 1;
     const int nDevMax = nDevCeiling > 256 ? 255 : nDevCeiling - 1;
-    if (nMeanMin > 255 || nDevMax < 0)
-        return n;  // no pixel qualifies
+    if (nMeanMin > 255 || nDevMax < 0) return n;  // no pixel qualifies
     const __m128i meanMin = _mm_set1_epi8(static_cast<char>(nMeanMin));
     const __m128i devMax = _mm_set1_epi8(static_cast<char>(nDevMax));
     size_t i = 0;
@@ -212,6 +197,6 @@ size_t WhitenFlatSse2(unsigned char* pImage, const unsigned char* pMean, const u
     return i;
 }
 
-} // namespace imageproc
+}  // namespace imageproc
 
 #endif

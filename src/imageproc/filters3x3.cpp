@@ -13,10 +13,7 @@ namespace imageproc {
 namespace {
 
 // Exact for every sum of nine grey levels (0 .. 2295).
-inline unsigned char NinthOf(unsigned nSum)
-{
-    return static_cast<unsigned char>(nSum / 9);
-}
+inline unsigned char NinthOf(unsigned nSum) { return static_cast<unsigned char>(nSum / 9); }
 
 // The fifth largest of nine by the exchange sort, largest first.
 inline unsigned char MedianOf9(unsigned char (&by)[9])
@@ -53,11 +50,9 @@ void FilterRow(const Rows3& rows, unsigned char* pOut, size_t n)
 // not yet written, as its below row.
 bool FilterInterior(unsigned char* pImage, size_t w, size_t h, RowFilter pfnRow)
 {
-    if (w < 3 || h < 3)
-        return true;
+    if (w < 3 || h < 3) return true;
     std::unique_ptr<unsigned char[]> pSaved(new (std::nothrow) unsigned char[2 * w]);
-    if (!pSaved)
-        return false;
+    if (!pSaved) return false;
     unsigned char* pAbove = pSaved.get();
     unsigned char* pCentre = pSaved.get() + w;
     std::memcpy(pCentre, pImage, w);
@@ -71,14 +66,13 @@ bool FilterInterior(unsigned char* pImage, size_t w, size_t h, RowFilter pfnRow)
     return true;
 }
 
-} // namespace
+}  // namespace
 
 void Mean3Row(const Rows3& rows, unsigned char* pOut, size_t nFrom, size_t n)
 {
     for (size_t c = nFrom; c < n; ++c) {
         unsigned nSum = 0;
-        for (size_t dx = 0; dx < 3; ++dx)
-            nSum += rows.pAbove[c + dx] + rows.pCentre[c + dx] + rows.pBelow[c + dx];
+        for (size_t dx = 0; dx < 3; ++dx) nSum += rows.pAbove[c + dx] + rows.pCentre[c + dx] + rows.pBelow[c + dx];
         pOut[c] = NinthOf(nSum);
     }
 }
@@ -103,4 +97,4 @@ bool Median3x3(unsigned char* pImage, size_t w, size_t h)
     return FilterInterior(pImage, w, h, FilterRow<Median3RowSse2, Median3Row>);
 }
 
-} // namespace imageproc
+}  // namespace imageproc

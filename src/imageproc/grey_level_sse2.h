@@ -7,10 +7,7 @@
 namespace greylevel {
 
 // |a - b| of unsigned bytes, lane by lane.
-inline __m128i AbsDiff(__m128i a, __m128i b)
-{
-    return _mm_or_si128(_mm_subs_epu8(a, b), _mm_subs_epu8(b, a));
-}
+inline __m128i AbsDiff(__m128i a, __m128i b) { return _mm_or_si128(_mm_subs_epu8(a, b), _mm_subs_epu8(b, a)); }
 
 }  // namespace greylevel
 

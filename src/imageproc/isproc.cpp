@@ -20,16 +20,14 @@ public:
     CTableHolder(int nRows, int nEntries, imageproc::CTableArena* pArena)
         : m_pp(new tagModifyEntry*[nRows]), m_nRows(nRows), m_pArena(pArena)
     {
-        for (int r = 0; r < m_nRows; ++r)
-            m_pp[r] = nullptr;
+        for (int r = 0; r < m_nRows; ++r) m_pp[r] = nullptr;
         try {
             for (int r = 0; r < m_nRows; ++r) {
                 // The first half of a row is what the table build fills,
                 // every byte of it, and what readers see. The second half is
                 // room that nothing reads or writes.
                 m_pp[r] = pArena != nullptr ? pArena->Row(static_cast<size_t>(nEntries)) : nullptr;
-                if (m_pp[r] == nullptr)
-                    m_pp[r] = new tagModifyEntry[nEntries];
+                if (m_pp[r] == nullptr) m_pp[r] = new tagModifyEntry[nEntries];
             }
         } catch (...) {
             // The destructor does not run for a half-built holder.
@@ -52,11 +50,9 @@ public:
     // then the row array.
     static void Free(tagModifyEntry** pp, int nRows, const imageproc::CTableArena* pArena)
     {
-        if (pp == nullptr)
-            return;
+        if (pp == nullptr) return;
         for (int r = 0; r < nRows; ++r) {
-            if (pArena == nullptr || !pArena->Holds(pp[r]))
-                delete[] pp[r];
+            if (pArena == nullptr || !pArena->Holds(pp[r])) delete[] pp[r];
         }
         delete[] pp;
     }
@@ -67,12 +63,22 @@ private:
     const imageproc::CTableArena* m_pArena;
 };
 
-} // namespace
+}  // namespace
 
 CImageProc::CImageProc()
-    : m_bRollStarted(0), m_nRollCenter(0), m_nRollLeft(0), m_nRollRight(0), m_nRollDirection(0),
-      m_bContrastTable(0), m_pBackground(nullptr), m_nDeviceType(0), m_nFingerWinX(0), m_nFingerWinY(0),
-      m_ppModifyTable(nullptr), m_ppModifyTableEx(nullptr), m_pPrivate(nullptr)
+    : m_bRollStarted(0),
+      m_nRollCenter(0),
+      m_nRollLeft(0),
+      m_nRollRight(0),
+      m_nRollDirection(0),
+      m_bContrastTable(0),
+      m_pBackground(nullptr),
+      m_nDeviceType(0),
+      m_nFingerWinX(0),
+      m_nFingerWinY(0),
+      m_ppModifyTable(nullptr),
+      m_ppModifyTableEx(nullptr),
+      m_pPrivate(nullptr)
 {
     // A failed allocation throws std::bad_alloc out of here; the sensor's
     // creation catches it. Everything allocated so far is released by the
@@ -93,9 +99,9 @@ CImageProc::CImageProc()
     // The private part, with the arena that holds the rows of both tables
     // in one mapping (without the mapping, the rows come from the heap).
     std::unique_ptr<CPrivate> pPrivate(new CPrivate);
-    pPrivate->pArena.reset(new imageproc::CTableArena(imageproc::CTableArena::RowBytes(MODIFY_SIZE) * MODIFY_SIZE +
-                                                      imageproc::CTableArena::RowBytes(MODIFY_SIZE_EX) *
-                                                          MODIFY_SIZE_EX));
+    pPrivate->pArena.reset(
+        new imageproc::CTableArena(imageproc::CTableArena::RowBytes(MODIFY_SIZE) * MODIFY_SIZE +
+                                   imageproc::CTableArena::RowBytes(MODIFY_SIZE_EX) * MODIFY_SIZE_EX));
     CTableHolder table(MODIFY_SIZE, MODIFY_SIZE, pPrivate->pArena.get());
     CTableHolder tableEx(MODIFY_SIZE_EX, MODIFY_SIZE_EX, pPrivate->pArena.get());
 

@@ -15,18 +15,18 @@
 
 namespace {
 
-const int SIDE = 600;               // frames and composite are 600 x 600
-const int BOX_HALF = 10;            // merge boxes of 21 x 21 pixels
+const int SIDE = 600;     // frames and composite are 600 x 600
+const int BOX_HALF = 10;  // merge boxes of 21 x 21 pixels
 const int BOX_SIDE = 2 * BOX_HALF + 1;
-const int ACTIVITY_STEP = 15;       // a neighbour difference above this counts as texture
-const int SMOOTH_HALF = 5;          // profile smoothed over 11 columns
-const int PRESENCE_MIN = 50;        // smoothed peak below this: no finger
-const int EDGE_LEVEL = 30;          // finger edge where the profile falls to this
-const int RETREAT_TOLERANCE = 10;   // leading edge may fall back this far (frame ignored)
-const int SPEED_LIMIT = 90;         // mean edge move per frame above this: too fast
-const int DIRECTION_SPLIT = 299;    // first finger centre at or left of this rolls rightwards
-const int RIGHTWARD_STRIP_END = 579; // last strip column of a rightward merge
-const int RIGHTWARD_BOX_LAST = RIGHTWARD_STRIP_END - (BOX_SIDE - 1); // 559
+const int ACTIVITY_STEP = 15;         // a neighbour difference above this counts as texture
+const int SMOOTH_HALF = 5;            // profile smoothed over 11 columns
+const int PRESENCE_MIN = 50;          // smoothed peak below this: no finger
+const int EDGE_LEVEL = 30;            // finger edge where the profile falls to this
+const int RETREAT_TOLERANCE = 10;     // leading edge may fall back this far (frame ignored)
+const int SPEED_LIMIT = 90;           // mean edge move per frame above this: too fast
+const int DIRECTION_SPLIT = 299;      // first finger centre at or left of this rolls rightwards
+const int RIGHTWARD_STRIP_END = 579;  // last strip column of a rightward merge
+const int RIGHTWARD_BOX_LAST = RIGHTWARD_STRIP_END - (BOX_SIDE - 1);  // 559
 
 enum { RESULT_CONTINUE = 0, RESULT_COMPLETE = 1, RESULT_TOO_FAST = 2 };
 
@@ -48,8 +48,7 @@ void ConvertFrame(const unsigned char* pFrame, const unsigned char* pBackground,
     }
     if (nRollBase != 0) {
         unsigned char ucMap[256];
-        for (int d = 0; d < 256; ++d)
-            ucMap[d] = greylevel::Truncate((double)(nRollBase - d) * (double)fContrast);
+        for (int d = 0; d < 256; ++d) ucMap[d] = greylevel::Truncate((double)(nRollBase - d) * (double)fContrast);
         for (int i = 0; i < SIDE * SIDE; ++i) {
             pGrey[i] = ucMap[greylevel::Darkening(pBackground[i], pFrame[i])];
         }
@@ -57,8 +56,7 @@ void ConvertFrame(const unsigned char* pFrame, const unsigned char* pBackground,
     }
     // Jittered levels run from -4 to 259; index = level + 4.
     unsigned char ucScaled[264];
-    for (int v = -4; v < 260; ++v)
-        ucScaled[v + 4] = greylevel::Truncate((double)v * (double)fContrast);
+    for (int v = -4; v < 260; ++v) ucScaled[v + 4] = greylevel::Truncate((double)v * (double)fContrast);
     for (int i = 0; i < SIDE * SIDE; ++i) {
         int v = pTable[greylevel::Lightness(greylevel::Darkening(pBackground[i], pFrame[i]))];
         v = v + (std::rand() % 9) - 4;
@@ -82,8 +80,7 @@ void ActivityProfile(const unsigned char* pGrey, int* pActivity)
 #endif
         imageproc::ActivityRow(rows, nCount + 1, ACTIVITY_STEP, nDone, nInner);
     }
-    for (int c = 0; c < SIDE; ++c)
-        pActivity[c] = nCount[c];
+    for (int c = 0; c < SIDE; ++c) pActivity[c] = nCount[c];
 }
 
 // Centred moving average over 11 columns, clipped at the image sides.
@@ -93,8 +90,7 @@ void SmoothProfile(const int* pActivity, int* pSmooth)
         const int nFrom = c - SMOOTH_HALF < 0 ? 0 : c - SMOOTH_HALF;
         const int nTo = c + SMOOTH_HALF > SIDE - 1 ? SIDE - 1 : c + SMOOTH_HALF;
         int nSum = 0;
-        for (int k = nFrom; k <= nTo; ++k)
-            nSum += pActivity[k];
+        for (int k = nFrom; k <= nTo; ++k) nSum += pActivity[k];
         pSmooth[c] = nSum / (nTo - nFrom + 1);
     }
 }
@@ -124,26 +120,22 @@ void UpdateColumnDiff(short* pColDiff, int nCount, const unsigned char* pXIn, co
 // slid across the row with one entering and one leaving column per box.
 // Every box costs a constant number of additions. Returns false, with the
 // composite untouched, when the strip copy cannot be allocated.
-bool MergeStrip(unsigned char* pComposite, const unsigned char* pNew, int nBoxFirst, int nBoxLast,
-                int nTargetShift)
+bool MergeStrip(unsigned char* pComposite, const unsigned char* pNew, int nBoxFirst, int nBoxLast, int nTargetShift)
 {
     const int nBoxes = nBoxLast - nBoxFirst + 1;
     const int nStrip = nBoxes + BOX_SIDE - 1;
     std::unique_ptr<unsigned char[]> pOld(new (std::nothrow) unsigned char[(size_t)nStrip * SIDE]);
-    if (!pOld)
-        return false;
+    if (!pOld) return false;
     short nColDiff[SIDE] = {0};
     unsigned char ucTake[SIDE];
 
-    for (int y = 0; y < SIDE; ++y)
-        std::memcpy(pOld.get() + y * nStrip, pComposite + y * SIDE + nBoxFirst, nStrip);
+    for (int y = 0; y < SIDE; ++y) std::memcpy(pOld.get() + y * nStrip, pComposite + y * SIDE + nBoxFirst, nStrip);
 
     const unsigned char* pNewStrip = pNew + nBoxFirst;
     for (int y = 0; y < BOX_SIDE; ++y) {
         const unsigned char* pX = pOld.get() + y * nStrip;
         const unsigned char* pY = pNewStrip + y * SIDE;
-        for (int k = 0; k < nStrip; ++k)
-            nColDiff[k] = (short)(nColDiff[k] + pX[k] - pY[k]);
+        for (int k = 0; k < nStrip; ++k) nColDiff[k] = (short)(nColDiff[k] + pX[k] - pY[k]);
     }
 
     for (int i = 0; i <= SIDE - BOX_SIDE; ++i) {
@@ -154,8 +146,7 @@ bool MergeStrip(unsigned char* pComposite, const unsigned char* pNew, int nBoxFi
 
         // Slide the box across the row; 0xFF marks a pixel to take.
         int nBoxDiff = 0;
-        for (int k = 0; k < BOX_SIDE; ++k)
-            nBoxDiff += nColDiff[k];
+        for (int k = 0; k < BOX_SIDE; ++k) nBoxDiff += nColDiff[k];
         ucTake[0] = nBoxDiff > 0 ? 0xFF : 0;
         for (int b = 1; b < nBoxes; ++b) {
             nBoxDiff += nColDiff[b + BOX_SIDE - 1] - nColDiff[b - 1];
@@ -178,16 +169,14 @@ bool MergeStrip(unsigned char* pComposite, const unsigned char* pNew, int nBoxFi
 // nFrom..nTo are copied from the new image.
 void CopyBorderRows(unsigned char* pComposite, const unsigned char* pNew, int nFrom, int nTo)
 {
-    if (nFrom > nTo)
-        return;
+    if (nFrom > nTo) return;
     for (int y = 0; y < SIDE; ++y) {
-        if (y == BOX_HALF)
-            y = SIDE - BOX_HALF;
+        if (y == BOX_HALF) y = SIDE - BOX_HALF;
         std::memcpy(pComposite + y * SIDE + nFrom, pNew + y * SIDE + nFrom, (size_t)(nTo - nFrom + 1));
     }
 }
 
-} // namespace
+}  // namespace
 
 // One frame of a rolled capture. nFrame 0 (or less) starts a new roll: the
 // state is cleared and nothing else happens. Later frames return 0 when the
@@ -220,12 +209,10 @@ int CImageProc::ImageComposition(unsigned char* pFrame, unsigned char* pComposit
         return RESULT_COMPLETE;
 
     std::unique_ptr<unsigned char[]> pGrey(new (std::nothrow) unsigned char[IMG_PIXELS]);
-    if (!pGrey)
-        return RESULT_CONTINUE;
+    if (!pGrey) return RESULT_CONTINUE;
     const tavk05profile::ModelProfile& profile =
         tavk05profile::ProfileOf(m_nDeviceType, false, tavk05profile::LibraryModels());
-    ConvertFrame(pFrame, m_pBackground, m_bContrastTable, m_ucContrastTable, profile.nRollBase, fContrast,
-                 pGrey.get());
+    ConvertFrame(pFrame, m_pBackground, m_bContrastTable, m_ucContrastTable, profile.nRollBase, fContrast, pGrey.get());
 
     int nActivity[SIDE];
     int nSmooth[SIDE];
@@ -245,8 +232,7 @@ int CImageProc::ImageComposition(unsigned char* pFrame, unsigned char* pComposit
         }
     }
     if (nPeak < PRESENCE_MIN) {
-        if (m_bRollStarted == 1)
-            m_bRollStarted = 0;
+        if (m_bRollStarted == 1) m_bRollStarted = 0;
         return RESULT_COMPLETE;
     }
 
@@ -284,16 +270,12 @@ int CImageProc::ImageComposition(unsigned char* pFrame, unsigned char* pComposit
     int nBoxFirst, nBoxLast, nTargetShift, nBorderFrom, nBorderTo;
     if (m_nRollDirection == 1) {
         // Rightward roll: the right edge leads.
-        if (r < R - RETREAT_TOLERANCE)
-            return RESULT_COMPLETE;
-        if (r < R)
-            return RESULT_CONTINUE;
-        if (((l - L) + (r - R)) / 2 > SPEED_LIMIT)
-            return RESULT_TOO_FAST;
+        if (r < R - RETREAT_TOLERANCE) return RESULT_COMPLETE;
+        if (r < R) return RESULT_CONTINUE;
+        if (((l - L) + (r - R)) / 2 > SPEED_LIMIT) return RESULT_TOO_FAST;
         nSeam = (R + l) / 2;
         // The strip runs from s - 10 to 579: 570 - s boxes.
-        if (RIGHTWARD_BOX_LAST - (nSeam - BOX_HALF) + 1 <= 0)
-            return RESULT_COMPLETE;
+        if (RIGHTWARD_BOX_LAST - (nSeam - BOX_HALF) + 1 <= 0) return RESULT_COMPLETE;
         // Boxes from column s - 10 (not left of 0) to 559; targets at their centres.
         nBoxFirst = nSeam - BOX_HALF < 0 ? 0 : (int)(nSeam - BOX_HALF);
         nBoxLast = RIGHTWARD_BOX_LAST;
@@ -302,15 +284,11 @@ int CImageProc::ImageComposition(unsigned char* pFrame, unsigned char* pComposit
         nBorderTo = SIDE - 1;
     } else {
         // Leftward roll: the left edge leads.
-        if (l > L + RETREAT_TOLERANCE)
-            return RESULT_COMPLETE;
-        if (l > L)
-            return RESULT_CONTINUE;
-        if (((l - L) + (r - R)) / 2 > SPEED_LIMIT)
-            return RESULT_TOO_FAST;
+        if (l > L + RETREAT_TOLERANCE) return RESULT_COMPLETE;
+        if (l > L) return RESULT_CONTINUE;
+        if (((l - L) + (r - R)) / 2 > SPEED_LIMIT) return RESULT_TOO_FAST;
         nSeam = (L + r) / 2;
-        if (nSeam <= BOX_HALF)
-            return RESULT_COMPLETE;
+        if (nSeam <= BOX_HALF) return RESULT_COMPLETE;
         // Boxes from column 0 to s - 11 (not beyond 579); targets at their left columns.
         nBoxFirst = 0;
         nBoxLast = nSeam - BOX_HALF - 1 > SIDE - BOX_SIDE ? SIDE - BOX_SIDE : (int)(nSeam - BOX_HALF - 1);
@@ -319,8 +297,7 @@ int CImageProc::ImageComposition(unsigned char* pFrame, unsigned char* pComposit
         nBorderTo = nSeam > SIDE ? SIDE - 1 : (int)(nSeam - 1);
     }
 
-    if (!MergeStrip(pComposite, pNew, nBoxFirst, nBoxLast, nTargetShift))
-        return RESULT_CONTINUE;
+    if (!MergeStrip(pComposite, pNew, nBoxFirst, nBoxLast, nTargetShift)) return RESULT_CONTINUE;
     CopyBorderRows(pComposite, pNew, nBorderFrom, nBorderTo);
 
     m_nRollCenter = p;
@@ -349,6 +326,5 @@ void imageproc::TakeWhere(unsigned char* pDst, const unsigned char* pSrc, const 
                           size_t n)
 {
     for (size_t k = nFrom; k < n; ++k)
-        if (pTake[k] != 0)
-            pDst[k] = pSrc[k];
+        if (pTake[k] != 0) pDst[k] = pSrc[k];
 }

@@ -50,7 +50,6 @@ bool Overlaps(const void* pA, size_t nA, const void* pB, size_t nB)
     return a < b + nB && b < a + nA;
 }
 
-
 // Reverses n bytes in place.
 void ReverseInPlace(unsigned char* p, size_t n)
 {
@@ -128,28 +127,23 @@ template <class G, bool bMirror>
 inline bool ResampleEntry(const tagModifyEntry& e, const unsigned char* const* apRow, unsigned char* pDst,
                           CCropMap<G, bMirror>& crop, CSourceRow<G>& rows)
 {
-    if (!Usable<G>(e))
-        return true;
+    if (!Usable<G>(e)) return true;
     const unsigned nCentre = G::kCanvas / 2;
     unsigned nRowStart;
     crop.Row(e.nDstRight, nRowStart);
     const unsigned nColRight = e.nDstRight - nRowStart;
     crop.Row(e.nDstLeft, nRowStart);
     const unsigned nColLeft = e.nDstLeft - nRowStart;
-    if (nColLeft > nCentre || nColRight < nCentre || (nColRight == nCentre && e.nDstLeft != e.nDstRight))
-        return false;
+    if (nColLeft > nCentre || nColRight < nCentre || (nColRight == nCentre && e.nDstLeft != e.nDstRight)) return false;
     const size_t nRight = crop(e.nDstRight);
     const size_t nLeft = crop(e.nDstLeft);
-    if (nRight >= kOutPixels && nLeft >= kOutPixels)
-        return true;  // outside the crop window: never seen
+    if (nRight >= kOutPixels && nLeft >= kOutPixels) return true;  // outside the crop window: never seen
     unsigned char abyRight[4];
     unsigned char abyLeft[4];
     Neighbours(e, apRow, rows, abyRight, abyLeft);
     const float afWeight[4] = {e.fWeight[0], e.fWeight[1], e.fWeight[2], e.fWeight[3]};
-    if (nRight < kOutPixels)
-        pDst[nRight] = WeightedSum(abyRight, afWeight);
-    if (nLeft < kOutPixels)
-        pDst[nLeft] = WeightedSum(abyLeft, afWeight);
+    if (nRight < kOutPixels) pDst[nRight] = WeightedSum(abyRight, afWeight);
+    if (nLeft < kOutPixels) pDst[nLeft] = WeightedSum(abyLeft, afWeight);
     return true;
 }
 
@@ -163,15 +157,12 @@ void ResampleInTwoPasses(const tagModifyEntry* const* ppTable, const unsigned ch
     for (int nHalf = 0; nHalf < 2; ++nHalf) {
         for (unsigned r = 0; r < G::kCanvas; ++r) {
             const tagModifyEntry* const pRow = ppTable[r];
-            if (pRow == nullptr)
-                continue;
+            if (pRow == nullptr) continue;
             for (unsigned c = 0; c < G::kCanvas / 2; ++c) {
                 const tagModifyEntry& e = pRow[c];
-                if (!Usable<G>(e))
-                    continue;
+                if (!Usable<G>(e)) continue;
                 const size_t nAt = crop(nHalf == 0 ? e.nDstRight : e.nDstLeft);
-                if (nAt >= kOutPixels)
-                    continue;
+                if (nAt >= kOutPixels) continue;
                 unsigned char abyRight[4];
                 unsigned char abyLeft[4];
                 Neighbours(e, apRow, rows, abyRight, abyLeft);
@@ -181,8 +172,6 @@ void ResampleInTwoPasses(const tagModifyEntry* const* ppTable, const unsigned ch
         }
     }
 }
-
-
 
 // Both halves of the interpolating correction over the W rows of a modify
 // table, entry by entry: every usable entry produces its right-half pixel
@@ -211,8 +200,7 @@ void Resample(const tagModifyEntry* const* ppTable, const unsigned char* const* 
     CSourceRow<G> rows;
     for (unsigned r = 0; r < W; ++r) {
         const tagModifyEntry* const pRow = ppTable[r];
-        if (pRow == nullptr)
-            continue;
+        if (pRow == nullptr) continue;
         const unsigned y = r - G::kCropTop;  // wraps above the window
         unsigned j = 0;
         while (y < kOut && j < nRunEntries) {
@@ -263,8 +251,7 @@ void Resample(const tagModifyEntry* const* ppTable, const unsigned char* const* 
                 nPassed = PassOutsideSse2(run);
 #endif
                 j += PassOutside(run, nPassed);
-                if (j == nHalf)
-                    break;
+                if (j == nHalf) break;
             }
             if (!ResampleEntry(pRow[j], apRow, pDst, crop, rows)) {
                 ResampleInTwoPasses<G, bMirror>(ppTable, apRow, pDst);
@@ -290,12 +277,9 @@ void ResampleInto(const tagModifyEntry* const* ppTable, const unsigned char* con
     }
 }
 
-bool IsUsualOutput(unsigned long nWidth, unsigned long nHeight)
-{
-    return nWidth == kOut && nHeight == kOut;
-}
+bool IsUsualOutput(unsigned long nWidth, unsigned long nHeight) { return nWidth == kOut && nHeight == kOut; }
 
-} // namespace
+}  // namespace
 
 namespace imageproc {
 
@@ -321,22 +305,20 @@ unsigned ResampleRun(const EntryRun& run, unsigned nFrom)
 unsigned PassOutside(const OutsideRun& run, unsigned nFrom)
 {
     unsigned k = nFrom;
-    while (k < run.nEntries && run.pEntry[k].nDstRight == run.nDstRight + k && run.pEntry[k].nDstLeft == run.nDstLeft - k)
+    while (k < run.nEntries && run.pEntry[k].nDstRight == run.nDstRight + k &&
+           run.pEntry[k].nDstLeft == run.nDstLeft - k)
         ++k;
     return k;
 }
 
-} // namespace imageproc
+}  // namespace imageproc
 
 int CImageProc::RotateRightImage(unsigned char* pImage, int nWidth, int nHeight)
 {
-    if (pImage == nullptr)
-        return 0;
-    if (nWidth <= 0 || nHeight <= 0)
-        return 1;  // nothing to mirror
+    if (pImage == nullptr) return 0;
+    if (nWidth <= 0 || nHeight <= 0) return 1;  // nothing to mirror
     const size_t nRowBytes = static_cast<size_t>(nWidth);
-    for (size_t r = 0; r < static_cast<size_t>(nHeight); ++r)
-        ReverseInPlace(pImage + r * nRowBytes, nRowBytes);
+    for (size_t r = 0; r < static_cast<size_t>(nHeight); ++r) ReverseInPlace(pImage + r * nRowBytes, nRowBytes);
     return 1;
 }
 
@@ -344,15 +326,13 @@ int CImageProc::CorrectImage(unsigned char* pSrc, unsigned long nSrcWidth, unsig
                              unsigned char* pDst, unsigned long nDstWidth, unsigned long nDstHeight,
                              unsigned long nOffsetX, unsigned long nOffsetY)
 {
-    if (pSrc == nullptr || pDst == nullptr)
-        return 0;
+    if (pSrc == nullptr || pDst == nullptr) return 0;
     // The offsets take part in this check only.
-    if (nDstWidth + nOffsetX - 1 >= nSrcWidth || nDstHeight + nOffsetY - 1 >= nSrcHeight)
-        return 0;
+    if (nDstWidth + nOffsetX - 1 >= nSrcWidth || nDstHeight + nOffsetY - 1 >= nSrcHeight) return 0;
 
     const bool b1103 = tavk05profile::ProfileOf(m_nDeviceType, false, tavk05profile::LibraryModels()).bTables1103;
-    const unsigned nOrigin = b1103 ? kTable1103Top * kTableStride + kTable1103Left
-                                   : kTableTop * kTableStride + kTableLeft;
+    const unsigned nOrigin =
+        b1103 ? kTable1103Top * kTableStride + kTable1103Left : kTableTop * kTableStride + kTableLeft;
     const unsigned short* pX = (b1103 ? usXtable1103 : usXtable) + nOrigin;
     const unsigned short* pY = (b1103 ? usYtable1103 : usYtable) + nOrigin;
     const size_t nSrcPixels = static_cast<size_t>(nSrcWidth) * nSrcHeight;
@@ -370,8 +350,7 @@ int CImageProc::CorrectImageCalc(unsigned char* pSrc, unsigned long /*nSrcWidth*
                                  unsigned char* pDst, unsigned long nDstWidth, unsigned long nDstHeight,
                                  unsigned long /*nOffsetX*/, unsigned long /*nOffsetY*/)
 {
-    if (pSrc == nullptr || pDst == nullptr || m_ppModifyTable == nullptr)
-        return 0;
+    if (pSrc == nullptr || pDst == nullptr || m_ppModifyTable == nullptr) return 0;
 
     // The 1288 x 876 source is read in place, unless the destination
     // overlaps it: then from a copy, as every read must see it unchanged.
@@ -380,8 +359,7 @@ int CImageProc::CorrectImageCalc(unsigned char* pSrc, unsigned long /*nSrcWidth*
     std::unique_ptr<unsigned char[]> pCopy;
     if (Overlaps(pSrc, nSrcBytes, pDst, kOutPixels)) {
         pCopy.reset(new (std::nothrow) unsigned char[nSrcBytes]);
-        if (!pCopy)
-            return 0;
+        if (!pCopy) return 0;
         std::memcpy(pCopy.get(), pSrc, nSrcBytes);
         pImage = pCopy.get();
     }
@@ -397,8 +375,7 @@ int CImageProc::CorrectImageCalcEx(unsigned char* pSrc, unsigned long nSrcWidth,
                                    unsigned char* pDst, unsigned long nDstWidth, unsigned long nDstHeight,
                                    unsigned long /*nOffsetX*/, unsigned long /*nOffsetY*/)
 {
-    if (pSrc == nullptr || pDst == nullptr || m_ppModifyTableEx == nullptr)
-        return 0;
+    if (pSrc == nullptr || pDst == nullptr || m_ppModifyTableEx == nullptr) return 0;
 
     // The padded image: its row p is the 1700 bytes from column 50 of
     // source row p - 10, and 0 where there is no such source row (rows 0
@@ -413,16 +390,14 @@ int CImageProc::CorrectImageCalcEx(unsigned char* pSrc, unsigned long nSrcWidth,
     std::unique_ptr<unsigned char[]> pCopy;
     if (Overlaps(pSrc, nSrcPixels, pDst, kOutPixels)) {
         pCopy.reset(new (std::nothrow) unsigned char[nSrcPixels]);
-        if (!pCopy)
-            return 0;
+        if (!pCopy) return 0;
         std::memcpy(pCopy.get(), pSrc, nSrcPixels);
         pImage = pCopy.get();
     }
 
     // Source offset of padded row p, or nSrcPixels when it has none.
     const auto startOf = [&](unsigned p) -> size_t {
-        if (p < kExTopPad || p - kExTopPad >= nSrcHeight)
-            return nSrcPixels;
+        if (p < kExTopPad || p - kExTopPad >= nSrcHeight) return nSrcPixels;
         const size_t nStart = static_cast<size_t>(p - kExTopPad) * nSrcWidth + kExFirstCol;
         return nStart < nSrcPixels ? nStart : nSrcPixels;
     };
@@ -434,8 +409,7 @@ int CImageProc::CorrectImageCalcEx(unsigned char* pSrc, unsigned long nSrcWidth,
     }
     // Row 0 of the scratch is the zero row; partial rows follow.
     std::unique_ptr<unsigned char[]> pRows(new (std::nothrow) unsigned char[static_cast<size_t>(1 + nPartial) * W]());
-    if (!pRows)
-        return 0;
+    if (!pRows) return 0;
     const unsigned char* apRow[ExGeometry::kSrcRows];
     unsigned char* pNextPartial = pRows.get() + W;
     for (unsigned p = 0; p < nRows; ++p) {

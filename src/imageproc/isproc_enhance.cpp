@@ -14,14 +14,12 @@ namespace imageproc {
 
 void CountDarkLevels(const unsigned char* p, size_t nFrom, size_t n, uint32_t (&anHist)[256])
 {
-    for (size_t i = nFrom; i < n; ++i)
-        anHist[p[i]] += p[i] < kHistoWhite ? 1 : 0;
+    for (size_t i = nFrom; i < n; ++i) anHist[p[i]] += p[i] < kHistoWhite ? 1 : 0;
 }
 
 void MapLevels(unsigned char* p, size_t nFrom, size_t n, const unsigned char (&ucMap)[256])
 {
-    for (size_t i = nFrom; i < n; ++i)
-        p[i] = ucMap[p[i]];
+    for (size_t i = nFrom; i < n; ++i) p[i] = ucMap[p[i]];
 }
 
 void BuildPairMap(const unsigned char (&ucMap)[256], uint16_t* pPairs)
@@ -29,45 +27,38 @@ void BuildPairMap(const unsigned char (&ucMap)[256], uint16_t* pPairs)
     for (unsigned b = 0; b < 256; ++b) {
         const uint16_t nHigh = static_cast<uint16_t>(ucMap[b] << 8);
         uint16_t* const pRow = pPairs + 256 * b;
-        for (unsigned a = 0; a < 256; ++a)
-            pRow[a] = static_cast<uint16_t>(nHigh | ucMap[a]);
+        for (unsigned a = 0; a < 256; ++a) pRow[a] = static_cast<uint16_t>(nHigh | ucMap[a]);
     }
 }
 
 uint64_t SumAbsDiff(const unsigned char* p, size_t nFrom, size_t n, unsigned char byRef)
 {
     uint64_t nSum = 0;
-    for (size_t i = nFrom; i < n; ++i)
-        nSum += static_cast<unsigned>(std::abs(p[i] - byRef));
+    for (size_t i = nFrom; i < n; ++i) nSum += static_cast<unsigned>(std::abs(p[i] - byRef));
     return nSum;
 }
 
 void AbsDiffBytes(const unsigned char* pA, const unsigned char* pB, unsigned char* pOut, size_t nFrom, size_t n)
 {
-    for (size_t i = nFrom; i < n; ++i)
-        pOut[i] = static_cast<unsigned char>(std::abs(pA[i] - pB[i]));
+    for (size_t i = nFrom; i < n; ++i) pOut[i] = static_cast<unsigned char>(std::abs(pA[i] - pB[i]));
 }
 
 void AddColumnRow(uint16_t* pSum, const unsigned char* pAdd, const unsigned char* pSub, size_t nFrom, size_t n)
 {
-    for (size_t c = nFrom; c < n; ++c)
-        pSum[c] = static_cast<uint16_t>(pSum[c] + pAdd[c] - pSub[c]);
+    for (size_t c = nFrom; c < n; ++c) pSum[c] = static_cast<uint16_t>(pSum[c] + pAdd[c] - pSub[c]);
 }
 
 void BoxMeanRow(const BoxRow& row, size_t nFrom, size_t nTo)
 {
     // The sum over the square of nFrom, then moved a column at a time.
     unsigned nSum = 0;
-    size_t nFirst = nFrom >= row.nHalf ? nFrom - row.nHalf : 0;  // first column inside
+    size_t nFirst = nFrom >= row.nHalf ? nFrom - row.nHalf : 0;                   // first column inside
     size_t nEnd = nFrom + row.nHalf + 1 < row.n ? nFrom + row.nHalf + 1 : row.n;  // past the last
-    for (size_t k = nFirst; k < nEnd; ++k)
-        nSum += row.pColSum[k];
+    for (size_t k = nFirst; k < nEnd; ++k) nSum += row.pColSum[k];
     for (size_t c = nFrom; c < nTo; ++c) {
         if (c > nFrom) {
-            if (c + row.nHalf < row.n)
-                nSum += row.pColSum[nEnd++];
-            if (c > row.nHalf)
-                nSum -= row.pColSum[nFirst++];
+            if (c + row.nHalf < row.n) nSum += row.pColSum[nEnd++];
+            if (c > row.nHalf) nSum -= row.pColSum[nFirst++];
         }
         row.pOut[c] = static_cast<unsigned char>(nSum / (row.nRows * static_cast<unsigned>(nEnd - nFirst)));
     }
@@ -77,12 +68,11 @@ void WhitenFlat(unsigned char* pImage, const unsigned char* pMean, const unsigne
                 int nDevCeiling, size_t nFrom, size_t n)
 {
     for (size_t i = nFrom; i < n; ++i) {
-        if (pMean[i] > nMeanFloor && pDev[i] < nDevCeiling)
-            pImage[i] = 255;
+        if (pMean[i] > nMeanFloor && pDev[i] < nDevCeiling) pImage[i] = 255;
     }
 }
 
-} // namespace imageproc
+}  // namespace imageproc
 
 namespace {
 
@@ -118,12 +108,10 @@ uint64_t SumAbsDiffAll(const unsigned char* p, size_t n, unsigned char byRef)
 // (the row that enters or leaves where none does).
 void BoxMean17(const unsigned char* pSrc, unsigned char* pDst, uint16_t* pColSum, const unsigned char* pZero)
 {
-    for (int c = 0; c < IMG_WIDTH; ++c)
-        pColSum[c] = 0;
+    for (int c = 0; c < IMG_WIDTH; ++c) pColSum[c] = 0;
     // Rows 0 to 7 enter before the first output row.
     unsigned nRows = 0;
-    for (int nIn = 0; nIn < BOX_HALF; ++nIn, ++nRows)
-        AddRow(pColSum, pSrc + nIn * IMG_WIDTH, pZero);
+    for (int nIn = 0; nIn < BOX_HALF; ++nIn, ++nRows) AddRow(pColSum, pSrc + nIn * IMG_WIDTH, pZero);
     for (int nOut = 0; nOut < IMG_HEIGHT; ++nOut) {
         const int nIn = nOut + BOX_HALF;
         const int nLeave = nOut - BOX_HALF - 1;
@@ -141,15 +129,14 @@ void BoxMean17(const unsigned char* pSrc, unsigned char* pDst, uint16_t* pColSum
     }
 }
 
-} // namespace
+}  // namespace
 
 // Spreads the darkest fifth of the grey levels over 0..254 and turns
 // everything brighter, and every level of 245 or more, into 255. A null
 // image or a non-positive size is left alone.
 void CImageProc::Histoequal(unsigned char* pImage, int nWidth, int nHeight)
 {
-    if (pImage == nullptr || nWidth <= 0 || nHeight <= 0)
-        return;
+    if (pImage == nullptr || nWidth <= 0 || nHeight <= 0) return;
     const long long nPixels = (long long)nWidth * nHeight;
 
     // Counts of the levels below 245 only: nothing else reads the others.
@@ -164,8 +151,7 @@ void CImageProc::Histoequal(unsigned char* pImage, int nWidth, int nHeight)
         nDone = CountDarkLevelsSse2(pImage + nStart, n, anPart);
 #endif
         CountDarkLevels(pImage + nStart, nDone, n, anPart);
-        for (int g = 0; g < 256; ++g)
-            nHist[g] += anPart[g];
+        for (int g = 0; g < 256; ++g) nHist[g] += anPart[g];
     }
 
     const double dScale = 1280.0 / (double)nPixels;
@@ -185,8 +171,7 @@ void CImageProc::Histoequal(unsigned char* pImage, int nWidth, int nHeight)
     std::unique_ptr<uint16_t[]> pPairs;
     if (nPixels >= 65536) {
         pPairs.reset(new (std::nothrow) uint16_t[65536]);
-        if (pPairs)
-            BuildPairMap(ucMap, pPairs.get());
+        if (pPairs) BuildPairMap(ucMap, pPairs.get());
     }
     for (long long nStart = 0; nStart < nPixels; nStart += nStretch) {
         const size_t n = static_cast<size_t>(nPixels - nStart < nStretch ? nPixels - nStart : nStretch);
@@ -207,21 +192,18 @@ void CImageProc::Histoequal(unsigned char* pImage, int nWidth, int nHeight)
 // image when the work buffers cannot be allocated.
 void CImageProc::Final(unsigned char* pImage)
 {
-    if (pImage == nullptr)
-        return;
+    if (pImage == nullptr) return;
 
     const int nMean = (int)(SumAbsDiffAll(pImage, IMG_PIXELS, 0) / IMG_PIXELS);
     const int nMad = (int)(SumAbsDiffAll(pImage, IMG_PIXELS, (unsigned char)nMean) / IMG_PIXELS);
-    if (nMad == 0)
-        return;
+    if (nMad == 0) return;
 
     std::unique_ptr<unsigned char[]> pNorm(new (std::nothrow) unsigned char[IMG_PIXELS]);
     std::unique_ptr<unsigned char[]> pLocalMean(new (std::nothrow) unsigned char[IMG_PIXELS]);
     std::unique_ptr<unsigned char[]> pLocalDev(new (std::nothrow) unsigned char[IMG_PIXELS]);
     std::unique_ptr<uint16_t[]> pColSum(new (std::nothrow) uint16_t[IMG_WIDTH]);
     std::unique_ptr<unsigned char[]> pZero(new (std::nothrow) unsigned char[IMG_WIDTH]());
-    if (!pNorm || !pLocalMean || !pLocalDev || !pColSum || !pZero)
-        return;
+    if (!pNorm || !pLocalMean || !pLocalDev || !pColSum || !pZero) return;
 
     // Normalisation table: the result depends only on the grey level.
     unsigned char ucNorm[256];
@@ -232,8 +214,7 @@ void CImageProc::Final(unsigned char* pImage)
     for (int i = 0; i < IMG_PIXELS; i += 8) {
         // Eight levels a step.
 #pragma GCC unroll 8
-        for (int k = 0; k < 8; ++k)
-            pNorm[i + k] = ucNorm[pImage[i + k]];
+        for (int k = 0; k < 8; ++k) pNorm[i + k] = ucNorm[pImage[i + k]];
     }
     const int nNormMean = (int)(SumAbsDiffAll(pNorm.get(), IMG_PIXELS, 0) / IMG_PIXELS);
 

@@ -24,7 +24,7 @@ int ReferenceDistance(int nState, int nDeviation, int nMean)
     return (int)std::sqrt((double)(dx * dx + dy * dy));
 }
 
-} // namespace
+}  // namespace
 
 // Average standard deviation of the 8 x 8 blocks of a central region: the
 // middle third across and, downwards, a third of the height starting at
@@ -44,8 +44,7 @@ int CImageProc::GetLocalVariance(int nWidth, int nHeight, unsigned char* pImage,
     const int nBlocks = (nBy1 - nBy0) * (nBx1 - nBx0);
 
     if (pImage == nullptr || nWidth <= 0 || nHeight <= 0 || nBlocks <= 0) {
-        if (pMean != nullptr)
-            *pMean = 0;
+        if (pMean != nullptr) *pMean = 0;
         return 0;
     }
 
@@ -56,8 +55,7 @@ int CImageProc::GetLocalVariance(int nWidth, int nHeight, unsigned char* pImage,
             const unsigned char* pBlock = pImage + (long long)(nOffsetY + 8 * by) * nWidth + nOffsetX + 8 * bx;
             int nSum = 0;
             for (int r = 0; r < 8; ++r)
-                for (int c = 0; c < 8; ++c)
-                    nSum += pBlock[(long long)r * nWidth + c];
+                for (int c = 0; c < 8; ++c) nSum += pBlock[(long long)r * nWidth + c];
             const int nMean = nSum / 64;
             int nSquares = 0;
             for (int r = 0; r < 8; ++r) {
@@ -70,8 +68,7 @@ int CImageProc::GetLocalVariance(int nWidth, int nHeight, unsigned char* pImage,
             nDeviationSum += (int)std::sqrt((double)nSquares / 64.0);
         }
     }
-    if (pMean != nullptr)
-        *pMean = (int)(nMeanSum / nBlocks);
+    if (pMean != nullptr) *pMean = (int)(nMeanSum / nBlocks);
     return (int)(nDeviationSum / nBlocks);
 }
 
@@ -83,16 +80,15 @@ int CImageProc::EstimateFingerState(int nWidth, int nHeight, unsigned char* pIma
 {
     (void)nWidth;
     (void)nHeight;
-    if (pImage == nullptr || m_nFingerWinX < 0 || m_nFingerWinX > IMG_WIDTH - WINDOW_WIDTH ||
-        m_nFingerWinY < 0 || m_nFingerWinY > IMG_HEIGHT - WINDOW_HEIGHT)
+    if (pImage == nullptr || m_nFingerWinX < 0 || m_nFingerWinX > IMG_WIDTH - WINDOW_WIDTH || m_nFingerWinY < 0 ||
+        m_nFingerWinY > IMG_HEIGHT - WINDOW_HEIGHT)
         return 0;
 
     std::unique_ptr<unsigned char[]> pWindow(new (std::nothrow) unsigned char[WINDOW_WIDTH * WINDOW_HEIGHT]);
-    if (!pWindow)
-        return 0;
+    if (!pWindow) return 0;
     for (int r = 0; r < WINDOW_HEIGHT; ++r)
-        std::memcpy(pWindow.get() + r * WINDOW_WIDTH,
-                    pImage + (m_nFingerWinY + r) * IMG_WIDTH + m_nFingerWinX, WINDOW_WIDTH);
+        std::memcpy(pWindow.get() + r * WINDOW_WIDTH, pImage + (m_nFingerWinY + r) * IMG_WIDTH + m_nFingerWinX,
+                    WINDOW_WIDTH);
 
     int nMean = 0;
     const int nDeviation = GetLocalVariance(WINDOW_WIDTH, WINDOW_HEIGHT, pWindow.get(), &nMean);
@@ -101,12 +97,9 @@ int CImageProc::EstimateFingerState(int nWidth, int nHeight, unsigned char* pIma
     const int d1 = ReferenceDistance(1, nDeviation, nMean);
     const int d2 = ReferenceDistance(2, nDeviation, nMean);
     const int d3 = ReferenceDistance(3, nDeviation, nMean);
-    if (d1 < d2 && d1 < d3)
-        return 1;
-    if (d2 <= d1 && d2 <= d3)
-        return 2;
-    if (d3 < d1 && d3 < d2)
-        return 3;
+    if (d1 < d2 && d1 < d3) return 1;
+    if (d2 <= d1 && d2 <= d3) return 2;
+    if (d3 < d1 && d3 < d2) return 3;
     return 0;
 }
 

@@ -22,8 +22,7 @@ inline unsigned char GreyOf(unsigned nMajor, unsigned nMinor)
 
 // Grey pixels 0 .. w-2 of row y from rows y and y+1 of the mosaic, and the
 // copied last column. w >= 1.
-void GreyRowWhole(const unsigned char* pTop, const unsigned char* pBottom, unsigned char* pOut, int nWidth,
-                  int nRow)
+void GreyRowWhole(const unsigned char* pTop, const unsigned char* pBottom, unsigned char* pOut, int nWidth, int nRow)
 {
     const size_t nCount = static_cast<size_t>(nWidth - 1);  // pixels with a full 2 x 2 block
     // Parity of x + y at x = 0: 0 means pixel 0 uses (A + B / 2) / 3.
@@ -52,11 +51,10 @@ void GreyPass(const unsigned char* pSrc, unsigned char* pDst, int nWidth, int nH
         GreyRowWhole(pSrc + nOffset, pSrc + nOffset + nWidth, pDst + nOffset, nWidth, y);
         nLast = y;
     }
-    if (nLast >= 0)
-        CopyRow(pSrc, pDst, nWidth, nLast + 1);
+    if (nLast >= 0) CopyRow(pSrc, pDst, nWidth, nLast + 1);
 }
 
-} // namespace
+}  // namespace
 
 void imageproc::GreyRow(const unsigned char* pTop, const unsigned char* pBottom, unsigned char* pOut, size_t nFrom,
                         size_t n, int nParity)
@@ -73,8 +71,7 @@ void imageproc::GreyRow(const unsigned char* pTop, const unsigned char* pBottom,
 // the conversion is never visible and is not done.
 void CImageProc::RGBtoGRAY(unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (pSrc == nullptr || pDst == nullptr || nWidth <= 0 || nHeight <= 0)
-        return;
+    if (pSrc == nullptr || pDst == nullptr || nWidth <= 0 || nHeight <= 0) return;
     for (int y = 0; y <= nHeight - 2; ++y) {
         const long nOffset = static_cast<long>(y) * nWidth;
         GreyRowWhole(pSrc + nOffset, pSrc + nOffset + nWidth, pDst + nOffset, nWidth, y);
@@ -88,8 +85,7 @@ void CImageProc::RGBtoGRAY(unsigned char* pSrc, unsigned char* pDst, int nWidth,
 // RGBtoGRAY; for odd heights row h - 2 ends as a copy of the mosaic.
 void CImageProc::RGBtoGRAY2(unsigned char* pSrc, unsigned char* pDst, int nWidth, int nHeight)
 {
-    if (pSrc == nullptr || pDst == nullptr || nWidth <= 0 || nHeight <= 0)
-        return;
+    if (pSrc == nullptr || pDst == nullptr || nWidth <= 0 || nHeight <= 0) return;
     if (nHeight == 1) {
         CopyRow(pSrc, pDst, nWidth, 0);
         return;

@@ -8,9 +8,9 @@
 namespace {
 
 const int LATENT_STRIDE = tavk05profile::kLatentWidth;  // row stride of the grey latent frame
-const int SPREAD_FIRST_COL = 80;    // spread rows are measured over columns 80..1133
+const int SPREAD_FIRST_COL = 80;                        // spread rows are measured over columns 80..1133
 const int SPREAD_COLS = 1054;
-const int SPREAD_MIN_RATIO = 150;   // first row must vary more than 1.5 x its partner
+const int SPREAD_MIN_RATIO = 150;  // first row must vary more than 1.5 x its partner
 
 // Sum of squared deviations from the truncated row mean over the measured
 // columns. Bounded by 1054 * 255^2 < 2^31 / 100, so the ratio below cannot
@@ -19,8 +19,7 @@ int RowSpread(const unsigned char* pImage, int nRow)
 {
     const unsigned char* p = pImage + nRow * LATENT_STRIDE + SPREAD_FIRST_COL;
     int nSum = 0;
-    for (int i = 0; i < SPREAD_COLS; ++i)
-        nSum += p[i];
+    for (int i = 0; i < SPREAD_COLS; ++i) nSum += p[i];
     const int nMean = nSum / SPREAD_COLS;
     int nSpread = 0;
     for (int i = 0; i < SPREAD_COLS; ++i) {
@@ -34,14 +33,12 @@ int RowSpread(const unsigned char* pImage, int nRow)
 // second one; a residue does not. Answers 1 as soon as one pair fails.
 unsigned char SpreadPairsTest(const unsigned char* pImage, const int (*pPairs)[2])
 {
-    if (pImage == nullptr)
-        return 1;
+    if (pImage == nullptr) return 1;
     for (int k = 0; k < 3; ++k) {
         const int nFirst = RowSpread(pImage, pPairs[k][0]);
         const int nSecond = RowSpread(pImage, pPairs[k][1]);
         const int nRatio = (nFirst * 100) / (nSecond + 1);
-        if (!(nRatio > SPREAD_MIN_RATIO))
-            return 1;
+        if (!(nRatio > SPREAD_MIN_RATIO)) return 1;
     }
     return 0;
 }
@@ -59,14 +56,13 @@ int EdgeCount(const unsigned char* pImage, int nFirstRow)
             const int p = pRow[c];
             const int nRight = pRow[c + 2] - p;
             const int nDown = pBelow[c] - p;
-            if (nRight > nThreshold || nRight < -nThreshold || nDown > nThreshold || nDown < -nThreshold)
-                ++nCount;
+            if (nRight > nThreshold || nRight < -nThreshold || nDown > nThreshold || nDown < -nThreshold) ++nCount;
         }
     }
     return nCount;
 }
 
-} // namespace
+}  // namespace
 
 // The driver's test: three row pairs of the sensor's latent window.
 // A null frame cannot be judged and counts as latent.
@@ -90,13 +86,11 @@ unsigned char CImageProc::CheckLatentForRVM71(unsigned char* pImage)
 unsigned char CImageProc::CheckLatent1(unsigned char* pImage, unsigned int nWidth)
 {
     (void)nWidth;
-    if (pImage == nullptr)
-        return 1;
+    if (pImage == nullptr) return 1;
     const int nE107 = EdgeCount(pImage, 107);
     const int nE208 = EdgeCount(pImage, 208);
     const int nE56 = EdgeCount(pImage, 56);
     const int nE157 = EdgeCount(pImage, 157);
-    if (nE107 <= 100 && nE208 <= 100 && nE56 > nE107 && nE157 >= 100)
-        return 0;
+    if (nE107 <= 100 && nE208 <= 100 && nE56 > nE107 && nE157 >= 100) return 0;
     return 1;
 }

@@ -10,7 +10,7 @@
 
 namespace {
 
-const int PROFILE_MAX = 600;        // the profile arrays hold one entry per row or column
+const int PROFILE_MAX = 600;  // the profile arrays hold one entry per row or column
 
 // Centred moving average over 11 entries, clipped at both ends, then the
 // scale step: every entry divided by 600 whatever the profile length.
@@ -20,12 +20,10 @@ void SmoothAndScaleProfile(int* pProfile, int nCount, int* pScratch)
         const int nFrom = k - 5 < 0 ? 0 : k - 5;
         const int nTo = k + 5 > nCount - 1 ? nCount - 1 : k + 5;
         int nSum = 0;
-        for (int i = nFrom; i <= nTo; ++i)
-            nSum += pProfile[i];
+        for (int i = nFrom; i <= nTo; ++i) nSum += pProfile[i];
         pScratch[k] = nSum / (nTo - nFrom + 1);
     }
-    for (int k = 0; k < nCount; ++k)
-        pProfile[k] = pScratch[k] / 600;
+    for (int k = 0; k < nCount; ++k) pProfile[k] = pScratch[k] / 600;
 }
 
 // Span of a scaled profile: it starts at the first inner entry above 8
@@ -81,7 +79,7 @@ void GradientProfiles(const unsigned char* pImage, int nWidth, int nHeight, int*
     }
 }
 
-} // namespace
+}  // namespace
 
 // Quality 0..100 from the extent of the ridge area; records the origin of
 // the 400 x 450 finger window around its centre, kept inside a 600 x 600
@@ -89,8 +87,7 @@ void GradientProfiles(const unsigned char* pImage, int nWidth, int nHeight, int*
 // null image are refused: the result is 0 and the window is left as it was.
 int CImageProc::CheckImageQuality2(int nWidth, int nHeight, unsigned char* pImage)
 {
-    if (pImage == nullptr || nWidth < 0 || nHeight < 0 || nWidth > PROFILE_MAX || nHeight > PROFILE_MAX)
-        return 0;
+    if (pImage == nullptr || nWidth < 0 || nHeight < 0 || nWidth > PROFILE_MAX || nHeight > PROFILE_MAX) return 0;
     if (nWidth < 3 || nHeight < 3) {
         // No pixel has both neighbours, so both profiles stay empty: the
         // spans are those of a uniform image, the centres fall back to the
@@ -138,25 +135,21 @@ int CImageProc::CheckImageQuality2(int nWidth, int nHeight, unsigned char* pImag
 // at least 1 (every column is then sampled).
 int CImageProc::CheckImageQuality(int nWidth, int nHeight, unsigned char* pImage)
 {
-    if (pImage == nullptr || nWidth <= 0 || nHeight <= 0)
-        return 0;
+    if (pImage == nullptr || nWidth <= 0 || nHeight <= 0) return 0;
     int nStep = nWidth / 28;
-    if (nStep < 1)
-        nStep = 1;
+    if (nStep < 1) nStep = 1;
 
     long long nCount = 0;
     for (int x = 0; x < nWidth; x += nStep) {
         for (int y = 2; y < nHeight; y += 2) {
             const int nDiff = pImage[(long long)y * nWidth + x] - pImage[(long long)(y - 2) * nWidth + x];
-            if (std::abs(nDiff) > 7)
-                ++nCount;
+            if (std::abs(nDiff) > 7) ++nCount;
         }
     }
     for (int x = 2; x < nWidth; x += 2) {
         for (int y = 0; y < nHeight; y += 8) {
             const unsigned char* pRow = pImage + (long long)y * nWidth;
-            if (std::abs(pRow[x] - pRow[x - 2]) > 7)
-                ++nCount;
+            if (std::abs(pRow[x] - pRow[x - 2]) > 7) ++nCount;
         }
     }
     const long long nQuality = nCount / 100;
@@ -170,8 +163,7 @@ int CImageProc::CheckImageQuality(int nWidth, int nHeight, unsigned char* pImage
 int CImageProc::GetStdDeviation(int nWidth, int nHeight, unsigned char* pImage, int* pMean)
 {
     if (pImage == nullptr || nWidth < 5 || nHeight < 5) {
-        if (pMean != nullptr)
-            *pMean = 0;
+        if (pMean != nullptr) *pMean = 0;
         return 0;
     }
     const long long nDivisor = (long long)(nWidth - 2) * (nHeight - 2);
@@ -179,12 +171,10 @@ int CImageProc::GetStdDeviation(int nWidth, int nHeight, unsigned char* pImage, 
     long long nSum = 0;
     for (int y = 2; y <= nHeight - 3; ++y) {
         const unsigned char* pRow = pImage + (long long)y * nWidth;
-        for (int x = 2; x <= nWidth - 3; ++x)
-            nSum += pRow[x];
+        for (int x = 2; x <= nWidth - 3; ++x) nSum += pRow[x];
     }
     const int nMean = (int)(nSum / nDivisor);
-    if (pMean != nullptr)
-        *pMean = nMean;
+    if (pMean != nullptr) *pMean = nMean;
 
     long long nSquares = 0;
     for (int y = 2; y <= nHeight - 3; ++y) {

@@ -19,10 +19,7 @@ namespace {
 
 // floor() as an int. Coordinates are never negative here (i, j >= 0 and
 // a, b > 0), and for those truncation is floor, without the library call.
-inline int FloorToInt(double d)
-{
-    return d >= 0.0 ? static_cast<int>(d) : static_cast<int>(std::floor(d));
-}
+inline int FloorToInt(double d) { return d >= 0.0 ? static_cast<int>(d) : static_cast<int>(std::floor(d)); }
 
 struct ModifyParams {
     int nSize;            // output width and height, W
@@ -37,8 +34,8 @@ struct ModifyParams {
 };
 
 const ModifyParams kTable = {MODIFY_SIZE, -5.3583e-05f, 0.81343f, 7.4524e-05f, 0.4946f, 1288, 875, 644, 643};
-const ModifyParams kTableEx = {MODIFY_SIZE_EX, -1.1357385e-05f, 0.4958448f, 5.20432e-05f, 0.3598727f,
-                               1700, 1299, 850, 849};
+const ModifyParams kTableEx = {
+    MODIFY_SIZE_EX, -1.1357385e-05f, 0.4958448f, 5.20432e-05f, 0.3598727f, 1700, 1299, 850, 849};
 
 // With bFresh the rows are new and uninitialised: the indexes and weights
 // of entries without source neighbours, which a rebuild leaves as they are,
@@ -46,19 +43,17 @@ const ModifyParams kTableEx = {MODIFY_SIZE_EX, -1.1357385e-05f, 0.4958448f, 5.20
 // each entry is written once.
 void BuildModifyTable(tagModifyEntry* const* ppTable, const ModifyParams& p, bool bFresh)
 {
-    if (ppTable == nullptr)
-        return;
+    if (ppTable == nullptr) return;
     const int nHalf = p.nSize / 2;
     const unsigned nW = static_cast<unsigned>(p.nSize);
     for (int i = 0; i < p.nSize; ++i) {
         tagModifyEntry* const pRow = ppTable[i];
-        if (pRow == nullptr)
-            continue;
+        if (pRow == nullptr) continue;
         const double dRow = static_cast<double>(i);
-        const float a = static_cast<float>(static_cast<double>(p.fRowSlope) * dRow +
-                                           static_cast<double>(p.fRowIntercept));
-        const float b = static_cast<float>(static_cast<double>(p.fColSlope) * dRow +
-                                           static_cast<double>(p.fColIntercept));
+        const float a =
+            static_cast<float>(static_cast<double>(p.fRowSlope) * dRow + static_cast<double>(p.fRowIntercept));
+        const float b =
+            static_cast<float>(static_cast<double>(p.fColSlope) * dRow + static_cast<double>(p.fColIntercept));
         // The row coordinate depends on the row alone.
         const float x = static_cast<float>(dRow / static_cast<double>(a));
         const int ix = FloorToInt(static_cast<double>(x));
@@ -98,19 +93,18 @@ void BuildModifyTable(tagModifyEntry* const* ppTable, const ModifyParams& p, boo
     }
 }
 
-} // namespace
+}  // namespace
 
 namespace imageproc {
 
 namespace {
 const size_t kPage = 4096;
-} // namespace
+}  // namespace
 
 CTableArena::CTableArena(size_t nBytes) : m_p(nullptr), m_nBytes(0), m_nUsed(0)
 {
     void* p = ::mmap(nullptr, nBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (p == MAP_FAILED)
-        return;
+    if (p == MAP_FAILED) return;
 #if defined(MADV_HUGEPAGE)
     ::madvise(p, nBytes, MADV_HUGEPAGE);  // advice only: its failure changes nothing
 #endif
@@ -120,8 +114,7 @@ CTableArena::CTableArena(size_t nBytes) : m_p(nullptr), m_nBytes(0), m_nUsed(0)
 
 CTableArena::~CTableArena()
 {
-    if (m_p != nullptr)
-        ::munmap(m_p, m_nBytes);
+    if (m_p != nullptr) ::munmap(m_p, m_nBytes);
 }
 
 size_t CTableArena::RowBytes(size_t nEntries)
@@ -132,8 +125,7 @@ size_t CTableArena::RowBytes(size_t nEntries)
 tagModifyEntry* CTableArena::Row(size_t nEntries)
 {
     const size_t nBytes = RowBytes(nEntries);
-    if (m_p == nullptr || m_nBytes - m_nUsed < nBytes)
-        return nullptr;
+    if (m_p == nullptr || m_nBytes - m_nUsed < nBytes) return nullptr;
     // Zero-filled by the kernel and suitably aligned for the entries.
     tagModifyEntry* const pRow = reinterpret_cast<tagModifyEntry*>(m_p + m_nUsed);
     m_nUsed += nBytes;
@@ -152,14 +144,8 @@ void BuildFreshModifyTables(tagModifyEntry* const* ppTable, tagModifyEntry* cons
     BuildModifyTable(ppTableEx, kTableEx, true);
 }
 
-} // namespace imageproc
+}  // namespace imageproc
 
-void CImageProc::InitModifyTable()
-{
-    BuildModifyTable(m_ppModifyTable, kTable, false);
-}
+void CImageProc::InitModifyTable() { BuildModifyTable(m_ppModifyTable, kTable, false); }
 
-void CImageProc::InitModifyTableEx()
-{
-    BuildModifyTable(m_ppModifyTableEx, kTableEx, false);
-}
+void CImageProc::InitModifyTableEx() { BuildModifyTable(m_ppModifyTableEx, kTableEx, false); }

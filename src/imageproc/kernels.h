@@ -67,6 +67,6 @@ size_t TakeWhereSse2(unsigned char* pDst, const unsigned char* pSrc, const unsig
 bool Mean3x3(unsigned char* pImage, size_t w, size_t h);
 bool Median3x3(unsigned char* pImage, size_t w, size_t h);
 
-} // namespace imageproc
+}  // namespace imageproc
 
 #endif

@@ -14,10 +14,7 @@ namespace imageproc {
 
 namespace {
 
-inline __m128i Load(const unsigned char* p)
-{
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-}
+inline __m128i Load(const unsigned char* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
 
 // Sum of the three rows at column c as 16-bit lanes: columns c .. c + 7 in
 // lo, c + 8 .. c + 15 in hi.
@@ -72,10 +69,7 @@ inline void Mean16(const Rows3& rows, unsigned char* pOut, size_t c)
     _mm_storeu_si128(reinterpret_cast<__m128i*>(pOut + c), _mm_packus_epi16(lo, hi));
 }
 
-inline void Store(unsigned char* p, __m128i v)
-{
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v);
-}
+inline void Store(unsigned char* p, __m128i v) { _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v); }
 
 // With each column of three sorted, the median of the nine is the median of
 // the largest of the low values, the median of the middle ones and the
@@ -109,54 +103,43 @@ void MedianChunk(const Rows3& rows, unsigned char* pOut, size_t c0, size_t m)
         Store(p + kRow, mid);
         Store(p + 2 * kRow, hi);
     };
-    for (size_t j = 0; j + 16 <= nColumns; j += 16)
-        sortColumns(j);
-    if (nColumns % 16 != 0)
-        sortColumns(nColumns - 16);
+    for (size_t j = 0; j + 16 <= nColumns; j += 16) sortColumns(j);
+    if (nColumns % 16 != 0) sortColumns(nColumns - 16);
     const auto median = [&](const unsigned char* p, unsigned char* pDst) {
         const __m128i maxLo = _mm_max_epu8(_mm_max_epu8(Load(p), Load(p + 1)), Load(p + 2));
         const __m128i midMid = MedianOf3(Load(p + kRow), Load(p + kRow + 1), Load(p + kRow + 2));
-        const __m128i minHi = _mm_min_epu8(_mm_min_epu8(Load(p + 2 * kRow), Load(p + 2 * kRow + 1)), Load(p + 2 * kRow + 2));
+        const __m128i minHi =
+            _mm_min_epu8(_mm_min_epu8(Load(p + 2 * kRow), Load(p + 2 * kRow + 1)), Load(p + 2 * kRow + 2));
         Store(pDst, MedianOf3(maxLo, midMid, minHi));
     };
     unsigned char* const pDst = pOut + c0;
     const unsigned char* const pLast = abySorted + (m - 16);
     const unsigned char* p = abySorted;
-    for (unsigned char* q = pDst; p <= pLast; p += 16, q += 16)
-        median(p, q);
-    if (m % 16 != 0)
-        median(pLast, pDst + (m - 16));
+    for (unsigned char* q = pDst; p <= pLast; p += 16, q += 16) median(p, q);
+    if (m % 16 != 0) median(pLast, pDst + (m - 16));
 }
 
 template <void (*Block)(const Rows3&, unsigned char*, size_t)>
 size_t WholeRow(const Rows3& rows, unsigned char* pOut, size_t n)
 {
-    if (n < 16)
-        return 0;
-    for (size_t c = 0; c + 16 <= n; c += 16)
-        Block(rows, pOut, c);
-    if (n % 16 != 0)
-        Block(rows, pOut, n - 16);
+    if (n < 16) return 0;
+    for (size_t c = 0; c + 16 <= n; c += 16) Block(rows, pOut, c);
+    if (n % 16 != 0) Block(rows, pOut, n - 16);
     return n;
 }
 
-} // namespace
+}  // namespace
 
-size_t Mean3RowSse2(const Rows3& rows, unsigned char* pOut, size_t n)
-{
-    return WholeRow<Mean16>(rows, pOut, n);
-}
+size_t Mean3RowSse2(const Rows3& rows, unsigned char* pOut, size_t n) { return WholeRow<Mean16>(rows, pOut, n); }
 
 size_t Median3RowSse2(const Rows3& rows, unsigned char* pOut, size_t n)
 {
-    if (n < 16)
-        return 0;
+    if (n < 16) return 0;
     // Chunks of kMedianChunk outputs, the last two shared out so that
     // neither holds fewer than 16.
     for (size_t c = 0; c < n;) {
         size_t m = n - c;
-        if (m > kMedianChunk)
-            m = m - kMedianChunk >= 16 ? kMedianChunk : m - 16;
+        if (m > kMedianChunk) m = m - kMedianChunk >= 16 ? kMedianChunk : m - 16;
         MedianChunk(rows, pOut, c, m);
         c += m;
     }
@@ -181,12 +164,12 @@ size_t GreyRowSse2(const unsigned char* pTop, const unsigned char* pBottom, unsi
         const __m128i t1 = Load(pTop + x + 1);
         const __m128i b0 = Load(pBottom + x);
         const __m128i b1 = Load(pBottom + x + 1);
-        const __m128i topEven = _mm_and_si128(t0, lowByte);   // TL of the even pixel
-        const __m128i topOdd = _mm_srli_epi16(t0, 8);         // TR even = TL odd
-        const __m128i topNext = _mm_srli_epi16(t1, 8);        // TR of the odd pixel
-        const __m128i botEven = _mm_and_si128(b0, lowByte);   // BL of the even pixel
-        const __m128i botOdd = _mm_srli_epi16(b0, 8);         // BR even = BL odd
-        const __m128i botNext = _mm_srli_epi16(b1, 8);        // BR of the odd pixel
+        const __m128i topEven = _mm_and_si128(t0, lowByte);    // TL of the even pixel
+        const __m128i topOdd = _mm_srli_epi16(t0, 8);          // TR even = TL odd
+        const __m128i topNext = _mm_srli_epi16(t1, 8);         // TR of the odd pixel
+        const __m128i botEven = _mm_and_si128(b0, lowByte);    // BL of the even pixel
+        const __m128i botOdd = _mm_srli_epi16(b0, 8);          // BR even = BL odd
+        const __m128i botNext = _mm_srli_epi16(b1, 8);         // BR of the odd pixel
         const __m128i aEven = _mm_add_epi16(topEven, botOdd);  // TL + BR
         const __m128i bEven = _mm_add_epi16(topOdd, botEven);  // TR + BL
         const __m128i aOdd = _mm_add_epi16(topOdd, botNext);
@@ -233,9 +216,9 @@ size_t ActivityRowSse2(const Rows3& rows, uint16_t* pCount, unsigned char byStep
     size_t x = 0;
     for (; x + 16 <= n; x += 16) {
         // A lane is nonzero where a difference exceeds the step.
-        const __m128i over =
-            _mm_or_si128(_mm_subs_epu8(greylevel::AbsDiff(Load(rows.pCentre + x - 1), Load(rows.pCentre + x + 1)), step),
-                         _mm_subs_epu8(greylevel::AbsDiff(Load(rows.pAbove + x), Load(rows.pBelow + x)), step));
+        const __m128i over = _mm_or_si128(
+            _mm_subs_epu8(greylevel::AbsDiff(Load(rows.pCentre + x - 1), Load(rows.pCentre + x + 1)), step),
+            _mm_subs_epu8(greylevel::AbsDiff(Load(rows.pAbove + x), Load(rows.pBelow + x)), step));
         const __m128i hit = _mm_andnot_si128(_mm_cmpeq_epi8(over, zero), one);
         __m128i* pLo = reinterpret_cast<__m128i*>(pCount + x);
         __m128i* pHi = reinterpret_cast<__m128i*>(pCount + x + 8);
@@ -279,6 +262,6 @@ size_t TakeWhereSse2(unsigned char* pDst, const unsigned char* pSrc, const unsig
     return k;
 }
 
-} // namespace imageproc
+}  // namespace imageproc
 
 #endif

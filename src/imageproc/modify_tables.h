@@ -52,6 +52,6 @@ private:
     size_t m_nUsed;
 };
 
-} // namespace imageproc
+}  // namespace imageproc
 
 #endif

@@ -5,9 +5,6 @@
 
 namespace tavk05profile {
 
-ModelTable LibraryModels()
-{
-    return kBuiltInModels;
-}
+ModelTable LibraryModels() { return kBuiltInModels; }
 
 }  // namespace tavk05profile

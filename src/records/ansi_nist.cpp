@@ -188,12 +188,12 @@ void PutType1(const NistHeader& header, const std::vector<NistFinger>& fingers, 
 const char* CgaName(int nCompression)
 {
     switch (nCompression) {
-    case kCompWsq:
-        return "WSQ20";
-    case kCompPng:
-        return "PNG";
-    default:
-        return "NONE";
+        case kCompWsq:
+            return "WSQ20";
+        case kCompPng:
+            return "PNG";
+        default:
+            return "NONE";
     }
 }
 
@@ -201,19 +201,18 @@ void PutType14(const NistHeader& header, const FingerImage& image, int nIdc, std
 {
     const std::string strPpi = std::to_string(image.nPpi);
     const std::string strPosition = std::to_string(image.nFingerPosition);
-    std::vector<std::pair<int, std::string>> fields = {
-        {2, Idc(nIdc)},
-        {3, std::to_string(image.nImpression)},
-        {4, header.strOri},
-        {5, header.strDate},
-        {6, std::to_string(image.nWidth)},
-        {7, std::to_string(image.nHeight)},
-        {8, "1"},  // scale units: pixels per inch
-        {9, strPpi},
-        {10, strPpi},
-        {11, CgaName(image.nCompression)},
-        {12, "8"},
-        {13, strPosition}};
+    std::vector<std::pair<int, std::string>> fields = {{2, Idc(nIdc)},
+                                                       {3, std::to_string(image.nImpression)},
+                                                       {4, header.strOri},
+                                                       {5, header.strDate},
+                                                       {6, std::to_string(image.nWidth)},
+                                                       {7, std::to_string(image.nHeight)},
+                                                       {8, "1"},  // scale units: pixels per inch
+                                                       {9, strPpi},
+                                                       {10, strPpi},
+                                                       {11, CgaName(image.nCompression)},
+                                                       {12, "8"},
+                                                       {13, strPosition}};
     if (image.nQuality != kQualityNone) {
         // FQM: finger position, quality value, algorithm vendor and product
         // (unreported: this library's callers give a score, not its source).
@@ -229,7 +228,7 @@ void PutType4(const FingerImage& image, int nIdc, std::vector<unsigned char>& ou
     PutBe(out, static_cast<uint64_t>(image.nImpression), 1);
     PutBe(out, static_cast<uint64_t>(image.nFingerPosition), 1);
     out.insert(out.end(), 5, 0xFF);  // unused finger positions
-    PutBe(out, 0, 1);  // ISR: scanned at the minimum resolution, 19.69 ppmm
+    PutBe(out, 0, 1);                // ISR: scanned at the minimum resolution, 19.69 ppmm
     PutBe(out, static_cast<uint64_t>(image.nWidth), 2);
     PutBe(out, static_cast<uint64_t>(image.nHeight), 2);
     PutBe(out, image.nCompression == kCompWsq ? 1 : 0, 1);

@@ -28,12 +28,12 @@ constexpr unsigned kScalePpi = 1;
 int CompressionCode(int nVersion, int nCompression)
 {
     switch (nCompression) {
-    case kCompNone:
-        return 0;
-    case kCompWsq:
-        return 2;
-    default:
-        return nVersion == 2005 ? 5 : 6;
+        case kCompNone:
+            return 0;
+        case kCompWsq:
+            return 2;
+        default:
+            return nVersion == 2005 ? 5 : 6;
     }
 }
 
@@ -309,14 +309,13 @@ RecStatus IsoWrite(int nVersion, const FingerImage& finger, const IsoCapture& ca
     if (nVersion == 2005) {
         return Write2005(finger, out);
     }
-    const bool bDate = capture.nYear == 0 ||
-                       (capture.nYear <= 9999 && capture.nMonth >= 1 && capture.nMonth <= 12 && capture.nDay >= 1 &&
-                        capture.nDay <= 31 && capture.nHour >= 0 && capture.nHour <= 23 && capture.nMinute >= 0 &&
-                        capture.nMinute <= 59 && capture.nSecond >= 0 && capture.nSecond <= 59 &&
-                        capture.nMillisecond >= 0 && capture.nMillisecond <= 999);
-    const bool bDevice = capture.nDeviceTechnology >= 0 && capture.nDeviceTechnology <= 255 &&
-                         capture.nVendorId >= 0 && capture.nVendorId <= 0xFFFF && capture.nDeviceType >= 0 &&
-                         capture.nDeviceType <= 0xFFFF;
+    const bool bDate =
+        capture.nYear == 0 || (capture.nYear <= 9999 && capture.nMonth >= 1 && capture.nMonth <= 12 &&
+                               capture.nDay >= 1 && capture.nDay <= 31 && capture.nHour >= 0 && capture.nHour <= 23 &&
+                               capture.nMinute >= 0 && capture.nMinute <= 59 && capture.nSecond >= 0 &&
+                               capture.nSecond <= 59 && capture.nMillisecond >= 0 && capture.nMillisecond <= 999);
+    const bool bDevice = capture.nDeviceTechnology >= 0 && capture.nDeviceTechnology <= 255 && capture.nVendorId >= 0 &&
+                         capture.nVendorId <= 0xFFFF && capture.nDeviceType >= 0 && capture.nDeviceType <= 0xFFFF;
     if (!bDate || !bDevice) {
         return kRecBadArgument;
     }

@@ -94,22 +94,22 @@ int FromCaller(const Tavk05RecFinger& in, FingerImage& finger)
     const size_t nPixels = static_cast<size_t>(in.nWidth) * static_cast<size_t>(in.nHeight);
     const bool bStream = in.pData != nullptr && in.nDataSize != 0;
     switch (in.nCompression) {
-    case kCompNone:
-        if (in.pPixels == nullptr) {
+        case kCompNone:
+            if (in.pPixels == nullptr) {
+                return kRecBadArgument;
+            }
+            finger.data.assign(in.pPixels, in.pPixels + nPixels);
+            return kRecOk;
+        case kCompPng:
+            if (!bStream) {
+                return kRecBadArgument;
+            }
+            finger.data.assign(in.pData, in.pData + in.nDataSize);
+            return kRecOk;
+        case kCompWsq:
+            break;
+        default:
             return kRecBadArgument;
-        }
-        finger.data.assign(in.pPixels, in.pPixels + nPixels);
-        return kRecOk;
-    case kCompPng:
-        if (!bStream) {
-            return kRecBadArgument;
-        }
-        finger.data.assign(in.pData, in.pData + in.nDataSize);
-        return kRecOk;
-    case kCompWsq:
-        break;
-    default:
-        return kRecBadArgument;
     }
     if (bStream) {
         WsqInfo info;
@@ -178,10 +178,7 @@ void CopyText(char* pDest, size_t nDestSize, const std::string& str)
     pDest[nCopy] = '\0';
 }
 
-std::string TextOf(const char* pText, size_t nSize)
-{
-    return std::string(pText, strnlen(pText, nSize));
-}
+std::string TextOf(const char* pText, size_t nSize) { return std::string(pText, strnlen(pText, nSize)); }
 
 // Today's date in UTC as YYYYMMDD.
 std::string Today()
@@ -249,8 +246,8 @@ int Describe(const unsigned char* pData, size_t nSize, Tavk05RecDescription& des
         entry.nPpi = info.nPpi > 0 ? info.nPpi : 0;
         entry.nCompression = kCompWsq;
         entry.nDataSize = nSize;
-        entry.dBitsPerPixel = static_cast<double>(nSize) * 8.0 /
-                              (static_cast<double>(info.nWidth) * static_cast<double>(info.nHeight));
+        entry.dBitsPerPixel =
+            static_cast<double>(nSize) * 8.0 / (static_cast<double>(info.nWidth) * static_cast<double>(info.nHeight));
         entry.dWsqBitRate = info.dBitRate;
         entries.push_back(entry);
         return kRecOk;
@@ -301,39 +298,33 @@ int Describe(const unsigned char* pData, size_t nSize, Tavk05RecDescription& des
 
 extern "C" {
 
-const char* Tavk05RecordsVersion(void)
-{
-    return TAVK05_RECORDS_VERSION;
-}
+const char* Tavk05RecordsVersion(void) { return TAVK05_RECORDS_VERSION; }
 
 const char* Tavk05RecordsStatusText(int nStatus)
 {
     switch (nStatus) {
-    case TAVK05_REC_OK:
-        return "success";
-    case TAVK05_REC_BAD_ARGUMENT:
-        return "invalid argument";
-    case TAVK05_REC_CORRUPT:
-        return "corrupt data: lengths, counts or markers contradict each other";
-    case TAVK05_REC_UNSUPPORTED:
-        return "valid but not supported (version, compression or bit depth)";
-    case TAVK05_REC_TOO_LARGE:
-        return "image or record too large";
-    case TAVK05_REC_NO_MEMORY:
-        return "out of memory";
-    case TAVK05_REC_TRUNCATED:
-        return "truncated: the data ends before its announced length";
-    case TAVK05_REC_UNKNOWN_FORMAT:
-        return "unknown format: neither WSQ, ISO/IEC 19794-4 nor ANSI/NIST-ITL";
-    default:
-        return "unknown status code";
+        case TAVK05_REC_OK:
+            return "success";
+        case TAVK05_REC_BAD_ARGUMENT:
+            return "invalid argument";
+        case TAVK05_REC_CORRUPT:
+            return "corrupt data: lengths, counts or markers contradict each other";
+        case TAVK05_REC_UNSUPPORTED:
+            return "valid but not supported (version, compression or bit depth)";
+        case TAVK05_REC_TOO_LARGE:
+            return "image or record too large";
+        case TAVK05_REC_NO_MEMORY:
+            return "out of memory";
+        case TAVK05_REC_TRUNCATED:
+            return "truncated: the data ends before its announced length";
+        case TAVK05_REC_UNKNOWN_FORMAT:
+            return "unknown format: neither WSQ, ISO/IEC 19794-4 nor ANSI/NIST-ITL";
+        default:
+            return "unknown status code";
     }
 }
 
-void Tavk05RecordsFree(void* pBuffer)
-{
-    std::free(pBuffer);
-}
+void Tavk05RecordsFree(void* pBuffer) { std::free(pBuffer); }
 
 void Tavk05RecImageRelease(Tavk05RecImage* pImage)
 {
@@ -499,8 +490,8 @@ int Tavk05NistRead(const unsigned char* pData, size_t nSize, Tavk05NistTransacti
         CopyText(out.header.szDomVersion, sizeof out.header.szDomVersion, header.strDomVersion);
         out.nRecords = static_cast<int>(transaction.recordTypes.size());
         if (!transaction.fingers.empty()) {
-            out.pFingers = static_cast<Tavk05RecImage*>(
-                std::calloc(transaction.fingers.size(), sizeof(Tavk05RecImage)));
+            out.pFingers =
+                static_cast<Tavk05RecImage*>(std::calloc(transaction.fingers.size(), sizeof(Tavk05RecImage)));
             if (out.pFingers == nullptr) {
                 return kRecNoMemory;
             }
@@ -563,30 +554,30 @@ void Tavk05RecDescriptionRelease(Tavk05RecDescription* pDescription)
 const char* Tavk05RecordsFormatName(int nFormat)
 {
     switch (nFormat) {
-    case TAVK05_REC_FORMAT_WSQ:
-        return "WSQ";
-    case TAVK05_REC_FORMAT_ISO2005:
-        return "ISO/IEC 19794-4:2005";
-    case TAVK05_REC_FORMAT_ISO2011:
-        return "ISO/IEC 19794-4:2011";
-    case TAVK05_REC_FORMAT_NIST:
-        return "ANSI/NIST-ITL 1-2011";
-    default:
-        return "unknown";
+        case TAVK05_REC_FORMAT_WSQ:
+            return "WSQ";
+        case TAVK05_REC_FORMAT_ISO2005:
+            return "ISO/IEC 19794-4:2005";
+        case TAVK05_REC_FORMAT_ISO2011:
+            return "ISO/IEC 19794-4:2011";
+        case TAVK05_REC_FORMAT_NIST:
+            return "ANSI/NIST-ITL 1-2011";
+        default:
+            return "unknown";
     }
 }
 
 const char* Tavk05RecordsCompressionName(int nCompression)
 {
     switch (nCompression) {
-    case TAVK05_REC_COMP_NONE:
-        return "none";
-    case TAVK05_REC_COMP_WSQ:
-        return "WSQ";
-    case TAVK05_REC_COMP_PNG:
-        return "PNG";
-    default:
-        return "other";
+        case TAVK05_REC_COMP_NONE:
+            return "none";
+        case TAVK05_REC_COMP_WSQ:
+            return "WSQ";
+        case TAVK05_REC_COMP_PNG:
+            return "PNG";
+        default:
+            return "other";
     }
 }
 

@@ -66,34 +66,34 @@ RecStatus CheckFingerForWriting(const FingerImage& finger, int nMaxPosition)
         return kRecTooLarge;
     }
     switch (finger.nCompression) {
-    case kCompNone:
-        return finger.data.size() == static_cast<size_t>(finger.nWidth) * static_cast<size_t>(finger.nHeight)
-                   ? kRecOk
-                   : kRecBadArgument;
-    case kCompWsq:
-        return finger.data.empty() ? kRecBadArgument : kRecOk;
-    case kCompPng:
-        return CheckPngStream(finger.data.data(), finger.data.size(), finger.nWidth, finger.nHeight) == kRecOk
-                   ? kRecOk
-                   : kRecBadArgument;
-    default:
-        return kRecBadArgument;
+        case kCompNone:
+            return finger.data.size() == static_cast<size_t>(finger.nWidth) * static_cast<size_t>(finger.nHeight)
+                       ? kRecOk
+                       : kRecBadArgument;
+        case kCompWsq:
+            return finger.data.empty() ? kRecBadArgument : kRecOk;
+        case kCompPng:
+            return CheckPngStream(finger.data.data(), finger.data.size(), finger.nWidth, finger.nHeight) == kRecOk
+                       ? kRecOk
+                       : kRecBadArgument;
+        default:
+            return kRecBadArgument;
     }
 }
 
 RecStatus CheckFingerData(const FingerImage& finger)
 {
     switch (finger.nCompression) {
-    case kCompNone:
-        return finger.data.size() == static_cast<size_t>(finger.nWidth) * static_cast<size_t>(finger.nHeight)
-                   ? kRecOk
-                   : kRecCorrupt;
-    case kCompWsq:
-        return finger.data.empty() ? kRecCorrupt : kRecOk;
-    case kCompPng:
-        return CheckPngStream(finger.data.data(), finger.data.size(), finger.nWidth, finger.nHeight);
-    default:
-        return kRecUnsupported;
+        case kCompNone:
+            return finger.data.size() == static_cast<size_t>(finger.nWidth) * static_cast<size_t>(finger.nHeight)
+                       ? kRecOk
+                       : kRecCorrupt;
+        case kCompWsq:
+            return finger.data.empty() ? kRecCorrupt : kRecOk;
+        case kCompPng:
+            return CheckPngStream(finger.data.data(), finger.data.size(), finger.nWidth, finger.nHeight);
+        default:
+            return kRecUnsupported;
     }
 }
 

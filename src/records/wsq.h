@@ -31,9 +31,9 @@ constexpr long long kWsqMaxPixels = 32LL * 1024 * 1024;
 struct WsqInfo {
     int nWidth = 0;
     int nHeight = 0;
-    int nPpi = -1;             // from the NISTCOM PPI field; -1 when unknown
-    double dBitRate = 0.0;     // from NISTCOM WSQ_BITRATE when present, else 0
-    int nEncoder = 0;          // encoder number from the frame header
+    int nPpi = -1;                // from the NISTCOM PPI field; -1 when unknown
+    double dBitRate = 0.0;        // from NISTCOM WSQ_BITRATE when present, else 0
+    int nEncoder = 0;             // encoder number from the frame header
     bool bCustomFilters = false;  // transform table carries a filter pair other than the 7/9 one
 };
 
@@ -49,8 +49,7 @@ WsqResult WsqEncode(const unsigned char* pPixels, int nWidth, int nHeight, int n
                     std::vector<unsigned char>& out);
 
 // Decodes a whole WSQ file into 8-bit grey pixels (row-major).
-WsqResult WsqDecode(const unsigned char* pData, size_t nSize, std::vector<unsigned char>& pixels,
-                    WsqInfo& info);
+WsqResult WsqDecode(const unsigned char* pData, size_t nSize, std::vector<unsigned char>& pixels, WsqInfo& info);
 
 // Reads dimensions, encoder number, filters and the NISTCOM fields without decoding the image.
 WsqResult WsqReadInfo(const unsigned char* pData, size_t nSize, WsqInfo& info);
@@ -62,10 +61,10 @@ WsqResult WsqReadComments(const unsigned char* pData, size_t nSize, std::vector<
 // transform: what the conformance measures of the standard compare.
 struct WsqQuantization {
     double dBinCentre = 0.0;
-    std::vector<double> q;          // 64 bin widths
-    std::vector<double> z;          // 64 zero-bin widths
-    std::vector<int> subbandSize;   // coefficients of each coded subband (0 when not coded)
-    std::vector<int> indices;       // bin indices of the coded subbands, subband order
+    std::vector<double> q;         // 64 bin widths
+    std::vector<double> z;         // 64 zero-bin widths
+    std::vector<int> subbandSize;  // coefficients of each coded subband (0 when not coded)
+    std::vector<int> indices;      // bin indices of the coded subbands, subband order
 };
 WsqResult WsqReadQuantization(const unsigned char* pData, size_t nSize, WsqQuantization& quant);
 

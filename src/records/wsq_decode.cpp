@@ -20,25 +20,29 @@ public:
     size_t Pos() const { return m_nPos; }
     size_t Left() const { return m_nSize - m_nPos; }
     void Seek(size_t nPos) { m_nPos = nPos; }
-    bool Byte(unsigned& nValue) {
+    bool Byte(unsigned& nValue)
+    {
         if (Left() < 1) return false;
         nValue = m_p[m_nPos++];
         return true;
     }
-    bool Word(unsigned& nValue) {
+    bool Word(unsigned& nValue)
+    {
         if (Left() < 2) return false;
         nValue = (static_cast<unsigned>(m_p[m_nPos]) << 8) | m_p[m_nPos + 1];
         m_nPos += 2;
         return true;
     }
-    bool Long(uint32_t& nValue) {
+    bool Long(uint32_t& nValue)
+    {
         unsigned nHi, nLo;
         if (!Word(nHi) || !Word(nLo)) return false;
         nValue = (static_cast<uint32_t>(nHi) << 16) | nLo;
         return true;
     }
     // A marker, after any number of 0xFF fill bytes.
-    bool Marker(int& nMarker) {
+    bool Marker(int& nMarker)
+    {
         if (Left() < 2 || m_p[m_nPos] != 0xFF) return false;
         while (Left() >= 2 && m_p[m_nPos] == 0xFF && m_p[m_nPos + 1] == 0xFF) ++m_nPos;
         unsigned nValue;
@@ -60,18 +64,21 @@ class BitReader {
 public:
     BitReader(const unsigned char* pData, size_t nSize, size_t nPos) : m_p(pData), m_nSize(nSize), m_nPos(nPos) {}
     size_t Pos() const { return m_nPos; }
-    int Available() {
+    int Available()
+    {
         Fill();
         return m_nBits;
     }
     // True at the end of the segment: only padding ones (fewer than 8) remain.
-    bool AtEnd() {
+    bool AtEnd()
+    {
         Fill();
         if (!m_bAtMarker || m_nBits >= 8) return false;
         const uint64_t nMask = (m_nBits == 0) ? 0 : ((uint64_t{1} << m_nBits) - 1);
         return (m_nAcc & nMask) == nMask;
     }
-    bool Get(int nBits, uint32_t& nValue) {
+    bool Get(int nBits, uint32_t& nValue)
+    {
         Fill();
         if (m_nBits < nBits) return false;
         m_nBits -= nBits;
@@ -79,7 +86,8 @@ public:
         return true;
     }
     // Next 8 bits without consuming (zeros past the end), and how many are real.
-    unsigned Peek8() {
+    unsigned Peek8()
+    {
         Fill();
         if (m_nBits >= 8) return static_cast<unsigned>((m_nAcc >> (m_nBits - 8)) & 0xFF);
         return static_cast<unsigned>((m_nAcc << (8 - m_nBits)) & 0xFF);
@@ -87,7 +95,8 @@ public:
     void Skip(int nBits) { m_nBits -= nBits; }
 
 private:
-    void Fill() {
+    void Fill()
+    {
         while (m_nBits <= 56 && !m_bAtMarker) {
             if (m_nPos >= m_nSize) {
                 m_bAtMarker = true;
@@ -146,7 +155,8 @@ struct DecoderState {
 // value moved 24 places is below 1e-19.
 constexpr unsigned kMaxScale = 24;
 
-WsqResult ParseDtt(Reader& r, size_t nLength, DecoderState& st) {
+WsqResult ParseDtt(Reader& r, size_t nLength, DecoderState& st)
+{
     unsigned n0, n1;
     if (nLength < 4 || !r.Byte(n0) || !r.Byte(n1)) return kWsqCorrupt;
     FilterBank bank;
@@ -173,14 +183,16 @@ WsqResult ParseDtt(Reader& r, size_t nLength, DecoderState& st) {
     return kWsqOk;
 }
 
-bool ReadScaled(Reader& r, double& dValue) {
+bool ReadScaled(Reader& r, double& dValue)
+{
     unsigned nScale, nValue;
     if (!r.Byte(nScale) || !r.Word(nValue) || nScale > kMaxScale) return false;
     dValue = FromScaled(static_cast<int>(nScale), static_cast<double>(nValue));
     return true;
 }
 
-WsqResult ParseDqt(Reader& r, size_t nLength, DecoderState& st) {
+WsqResult ParseDqt(Reader& r, size_t nLength, DecoderState& st)
+{
     if (nLength != 2 + 3 + 6 * kSubbands) return kWsqCorrupt;
     QuantTable t;
     if (!ReadScaled(r, t.dBinCentre)) return kWsqCorrupt;
@@ -194,7 +206,8 @@ WsqResult ParseDqt(Reader& r, size_t nLength, DecoderState& st) {
     return kWsqOk;
 }
 
-WsqResult ParseDht(Reader& r, size_t nLength, DecoderState& st) {
+WsqResult ParseDht(Reader& r, size_t nLength, DecoderState& st)
+{
     size_t nLeft = nLength - 2;
     if (nLeft == 0) return kWsqCorrupt;
     while (nLeft > 0) {
@@ -223,8 +236,9 @@ WsqResult ParseDht(Reader& r, size_t nLength, DecoderState& st) {
     return kWsqOk;
 }
 
-WsqResult ParseSof(Reader& r, size_t nLength, DecoderState& st) {
-    if (st.frame.bDefined) return kWsqCorrupt;   // one frame per file
+WsqResult ParseSof(Reader& r, size_t nLength, DecoderState& st)
+{
+    if (st.frame.bDefined) return kWsqCorrupt;  // one frame per file
     if (nLength != 17) return kWsqCorrupt;
     unsigned nBlack, nWhite, nHeight, nWidth, nEncoder, nSoftware;
     double dMean, dScale;
@@ -251,7 +265,8 @@ WsqResult ParseSof(Reader& r, size_t nLength, DecoderState& st) {
 class Sink {
 public:
     Sink(const Layout& layout, const QuantTable& quant, double* pImage, int nStride, std::vector<int>* pIndices)
-        : m_layout(layout), m_pImage(pImage), m_nStride(nStride), m_pIndices(pIndices) {
+        : m_layout(layout), m_pImage(pImage), m_nStride(nStride), m_pIndices(pIndices)
+    {
         for (int k = 0; k < kSubbands; ++k) {
             const Region& b = layout.subbands[static_cast<size_t>(k)];
             if (quant.q[static_cast<size_t>(k)] > 0.0 && b.nW > 0 && b.nH > 0) m_bands.push_back(k);
@@ -259,11 +274,13 @@ public:
         Advance(0);
     }
     bool Full() const { return m_nBand >= m_bands.size(); }
-    bool Zeros(uint32_t nCount) {
+    bool Zeros(uint32_t nCount)
+    {
         if (m_pIndices != nullptr && Room() >= nCount) m_pIndices->insert(m_pIndices->end(), nCount, 0);
         return Advance(nCount);
     }
-    bool Value(int nValue, const QuantTable& quant) {
+    bool Value(int nValue, const QuantTable& quant)
+    {
         if (Full()) return false;
         if (m_pIndices != nullptr) {
             m_pIndices->push_back(nValue);
@@ -282,7 +299,8 @@ public:
     }
 
 private:
-    uint64_t Room() const {
+    uint64_t Room() const
+    {
         uint64_t nRoom = 0;
         for (size_t i = m_nBand; i < m_bands.size(); ++i) {
             const Region& b = m_layout.subbands[static_cast<size_t>(m_bands[i])];
@@ -290,7 +308,8 @@ private:
         }
         return nRoom - m_nOffset;
     }
-    bool Advance(uint64_t nCount) {
+    bool Advance(uint64_t nCount)
+    {
         while (m_nBand < m_bands.size()) {
             const Region& b = m_layout.subbands[static_cast<size_t>(m_bands[m_nBand])];
             const uint64_t nSize = static_cast<uint64_t>(b.nW) * static_cast<uint64_t>(b.nH);
@@ -314,7 +333,8 @@ private:
     uint64_t m_nOffset = 0;
 };
 
-bool DecodeSymbol(BitReader& bits, const HuffmanDecoder& h, int& nSymbol) {
+bool DecodeSymbol(BitReader& bits, const HuffmanDecoder& h, int& nSymbol)
+{
     const int nAvail = bits.Available();
     const unsigned nFast = h.fast[bits.Peek8()];
     if (nFast != 0 && static_cast<int>(nFast >> 8) <= nAvail) {
@@ -340,7 +360,8 @@ bool DecodeSymbol(BitReader& bits, const HuffmanDecoder& h, int& nSymbol) {
 
 // Decodes one entropy-coded segment; returns the position of the marker that ends it.
 WsqResult DecodeSegment(const unsigned char* pData, size_t nSize, size_t& nPos, const HuffmanDecoder& h,
-                        const QuantTable& quant, Sink& sink) {
+                        const QuantTable& quant, Sink& sink)
+{
     BitReader bits(pData, nSize, nPos);
     while (!bits.AtEnd()) {
         int nSym;
@@ -367,7 +388,8 @@ WsqResult DecodeSegment(const unsigned char* pData, size_t nSize, size_t& nPos, 
     return kWsqOk;
 }
 
-void ParseNistcom(const std::string& strText, WsqInfo& info) {
+void ParseNistcom(const std::string& strText, WsqInfo& info)
+{
     if (strText.compare(0, 8, "NIST_COM") != 0) return;
     size_t nStart = 0;
     while (nStart < strText.size()) {
@@ -403,8 +425,9 @@ void ParseNistcom(const std::string& strText, WsqInfo& info) {
 
 // Walks the file. With pImage null only tables and headers are read (the
 // entropy-coded data skipped); otherwise blocks are decoded into *pImage.
-WsqResult Walk(const unsigned char* pData, size_t nSize, DecoderState& st, std::vector<double>* pImage,
-               Layout* pLayout, std::vector<int>* pIndices = nullptr) {
+WsqResult Walk(const unsigned char* pData, size_t nSize, DecoderState& st, std::vector<double>* pImage, Layout* pLayout,
+               std::vector<int>* pIndices = nullptr)
+{
     if (pData == nullptr) return kWsqBadArgument;
     Reader r(pData, nSize);
     int nMarker;
@@ -420,10 +443,18 @@ WsqResult Walk(const unsigned char* pData, size_t nSize, DecoderState& st, std::
         const size_t nEnd = r.Pos() + nLength - 2;
         WsqResult res = kWsqOk;
         switch (nMarker) {
-            case kMarkerDtt: res = ParseDtt(r, nLength, st); break;
-            case kMarkerDqt: res = ParseDqt(r, nLength, st); break;
-            case kMarkerDht: res = ParseDht(r, nLength, st); break;
-            case kMarkerSof: res = ParseSof(r, nLength, st); break;
+            case kMarkerDtt:
+                res = ParseDtt(r, nLength, st);
+                break;
+            case kMarkerDqt:
+                res = ParseDqt(r, nLength, st);
+                break;
+            case kMarkerDht:
+                res = ParseDht(r, nLength, st);
+                break;
+            case kMarkerSof:
+                res = ParseSof(r, nLength, st);
+                break;
             case kMarkerDri: {
                 unsigned nRestart;
                 if (nLength != 4 || !r.Word(nRestart)) return kWsqCorrupt;
@@ -443,10 +474,12 @@ WsqResult Walk(const unsigned char* pData, size_t nSize, DecoderState& st, std::
                 if (pImage != nullptr) {
                     if (!sink) {
                         bool bHh1 = false;
-                        for (int k = kCodedSubbands; k < kSubbands; ++k) bHh1 = bHh1 || st.quant.q[static_cast<size_t>(k)] > 0.0;
+                        for (int k = kCodedSubbands; k < kSubbands; ++k)
+                            bHh1 = bHh1 || st.quant.q[static_cast<size_t>(k)] > 0.0;
                         *pLayout = BuildLayout(st.frame.nWidth, st.frame.nHeight, bHh1);
                         if (pIndices == nullptr) {
-                            pImage->assign(static_cast<size_t>(st.frame.nWidth) * static_cast<size_t>(st.frame.nHeight), 0.0);
+                            pImage->assign(static_cast<size_t>(st.frame.nWidth) * static_cast<size_t>(st.frame.nHeight),
+                                           0.0);
                         }
                         sink.reset(new Sink(*pLayout, st.quant, pImage->data(), st.frame.nWidth, pIndices));
                     }
@@ -454,7 +487,8 @@ WsqResult Walk(const unsigned char* pData, size_t nSize, DecoderState& st, std::
                     for (;;) {
                         res = DecodeSegment(pData, nSize, nPos, st.huffman[nTable], st.quant, *sink);
                         if (res != kWsqOk) return res;
-                        if (nPos + 1 < nSize && pData[nPos] == 0xFF && pData[nPos + 1] >= 0xB0 && pData[nPos + 1] <= 0xB7) {
+                        if (nPos + 1 < nSize && pData[nPos] == 0xFF && pData[nPos + 1] >= 0xB0 &&
+                            pData[nPos + 1] <= 0xB7) {
                             nPos += 2;
                             continue;
                         }
@@ -485,7 +519,8 @@ WsqResult Walk(const unsigned char* pData, size_t nSize, DecoderState& st, std::
     return kWsqOk;
 }
 
-WsqResult FillInfo(const DecoderState& st, WsqInfo& info) {
+WsqResult FillInfo(const DecoderState& st, WsqInfo& info)
+{
     info = WsqInfo();
     info.nWidth = st.frame.nWidth;
     info.nHeight = st.frame.nHeight;
@@ -497,7 +532,8 @@ WsqResult FillInfo(const DecoderState& st, WsqInfo& info) {
 
 }  // namespace
 
-WsqResult WsqReadInfo(const unsigned char* pData, size_t nSize, WsqInfo& info) {
+WsqResult WsqReadInfo(const unsigned char* pData, size_t nSize, WsqInfo& info)
+{
     try {
         DecoderState st;
         const WsqResult res = Walk(pData, nSize, st, nullptr, nullptr);
@@ -508,7 +544,8 @@ WsqResult WsqReadInfo(const unsigned char* pData, size_t nSize, WsqInfo& info) {
     }
 }
 
-WsqResult WsqReadComments(const unsigned char* pData, size_t nSize, std::vector<WsqComment>& comments) {
+WsqResult WsqReadComments(const unsigned char* pData, size_t nSize, std::vector<WsqComment>& comments)
+{
     comments.clear();
     try {
         DecoderState st;
@@ -521,7 +558,8 @@ WsqResult WsqReadComments(const unsigned char* pData, size_t nSize, std::vector<
     }
 }
 
-WsqResult WsqDecode(const unsigned char* pData, size_t nSize, std::vector<unsigned char>& pixels, WsqInfo& info) {
+WsqResult WsqDecode(const unsigned char* pData, size_t nSize, std::vector<unsigned char>& pixels, WsqInfo& info)
+{
     pixels.clear();
     try {
         DecoderState st;
@@ -543,7 +581,8 @@ WsqResult WsqDecode(const unsigned char* pData, size_t nSize, std::vector<unsign
     }
 }
 
-WsqResult WsqReadQuantization(const unsigned char* pData, size_t nSize, WsqQuantization& quant) {
+WsqResult WsqReadQuantization(const unsigned char* pData, size_t nSize, WsqQuantization& quant)
+{
     quant = WsqQuantization();
     try {
         DecoderState st;
@@ -564,14 +603,21 @@ WsqResult WsqReadQuantization(const unsigned char* pData, size_t nSize, WsqQuant
     }
 }
 
-const char* WsqResultText(WsqResult result) {
+const char* WsqResultText(WsqResult result)
+{
     switch (result) {
-        case kWsqOk: return "success";
-        case kWsqBadArgument: return "invalid argument";
-        case kWsqCorrupt: return "corrupt or truncated WSQ data";
-        case kWsqUnsupported: return "unsupported WSQ feature";
-        case kWsqTooLarge: return "image too large";
-        case kWsqNoMemory: return "out of memory";
+        case kWsqOk:
+            return "success";
+        case kWsqBadArgument:
+            return "invalid argument";
+        case kWsqCorrupt:
+            return "corrupt or truncated WSQ data";
+        case kWsqUnsupported:
+            return "unsupported WSQ feature";
+        case kWsqTooLarge:
+            return "image too large";
+        case kWsqNoMemory:
+            return "out of memory";
     }
     return "unknown result";
 }

@@ -18,15 +18,18 @@ class ByteWriter {
 public:
     explicit ByteWriter(std::vector<unsigned char>& out) : m_out(out) {}
     void Byte(unsigned nValue) { m_out.push_back(static_cast<unsigned char>(nValue & 0xFF)); }
-    void Word(unsigned nValue) {
+    void Word(unsigned nValue)
+    {
         Byte(nValue >> 8);
         Byte(nValue);
     }
-    void Long(uint32_t nValue) {
+    void Long(uint32_t nValue)
+    {
         Word(nValue >> 16);
         Word(nValue & 0xFFFF);
     }
-    void Scaled(double dValue) {
+    void Scaled(double dValue)
+    {
         const Scaled16 s = ToScaled16(dValue);
         Byte(static_cast<unsigned>(s.nScale));
         Word(s.nValue);
@@ -41,18 +44,21 @@ private:
 class BitWriter {
 public:
     explicit BitWriter(std::vector<unsigned char>& out) : m_out(out) {}
-    void Put(uint32_t nCode, int nBits) {
+    void Put(uint32_t nCode, int nBits)
+    {
         for (int i = nBits - 1; i >= 0; --i) {
             m_nAcc = (m_nAcc << 1) | ((nCode >> i) & 1u);
             if (++m_nCount == 8) Emit();
         }
     }
-    void Flush() {
+    void Flush()
+    {
         while (m_nCount != 0) Put(1, 1);
     }
 
 private:
-    void Emit() {
+    void Emit()
+    {
         m_out.push_back(static_cast<unsigned char>(m_nAcc));
         if (m_nAcc == 0xFF) m_out.push_back(0);
         m_nAcc = 0;
@@ -66,7 +72,8 @@ private:
 // Calls fn(symbol, extraBits, extraLength) for each symbol of a block's
 // coefficient sequence (Table A.2 model).
 template <typename Fn>
-void ForEachSymbol(const std::vector<int>& coefs, Fn fn) {
+void ForEachSymbol(const std::vector<int>& coefs, Fn fn)
+{
     uint32_t nRun = 0;
     auto flushRun = [&]() {
         while (nRun > 0) {
@@ -101,13 +108,15 @@ void ForEachSymbol(const std::vector<int>& coefs, Fn fn) {
     flushRun();
 }
 
-void CountSymbols(const std::vector<int>& coefs, std::array<uint32_t, 256>& counts) {
+void CountSymbols(const std::vector<int>& coefs, std::array<uint32_t, 256>& counts)
+{
     ForEachSymbol(coefs, [&](int nSym, uint32_t, int) { ++counts[static_cast<size_t>(nSym)]; });
 }
 
 // Subband variances over the central region the FBI settings prescribe
 // (Part 3, 3.1), or over whole subbands for images of little contrast.
-std::array<double, kSubbands> Variances(const double* pImage, int nStride, const Layout& layout) {
+std::array<double, kSubbands> Variances(const double* pImage, int nStride, const Layout& layout)
+{
     std::array<double, kSubbands> var{};
     auto variance = [&](const Region& b, bool bCentral) {
         int nX = b.nX, nY = b.nY, nW = b.nW, nH = b.nH;
@@ -145,7 +154,8 @@ std::array<double, kSubbands> Variances(const double* pImage, int nStride, const
 // variances, the proportionality q iterated so that the subbands with a
 // positive modelled rate meet the target rate.
 void BinWidths(const std::array<double, kSubbands>& var, double dRate, std::array<double, kSubbands>& q,
-               std::array<double, kSubbands>& z) {
+               std::array<double, kSubbands>& z)
+{
     constexpr double kGamma = 2.5;
     std::array<double, kSubbands> relative{};
     std::array<double, kSubbands> sigma{};
@@ -159,10 +169,22 @@ void BinWidths(const std::array<double, kSubbands>& var, double dRate, std::arra
         sigma[i] = std::sqrt(var[i]);
         double dWeight = 1.0;
         switch (k) {
-            case 52: case 56: dWeight = 1.32; break;
-            case 53: case 58: case 55: case 59: dWeight = 1.08; break;
-            case 54: case 57: dWeight = 1.42; break;
-            default: break;
+            case 52:
+            case 56:
+                dWeight = 1.32;
+                break;
+            case 53:
+            case 58:
+            case 55:
+            case 59:
+                dWeight = 1.08;
+                break;
+            case 54:
+            case 57:
+                dWeight = 1.42;
+                break;
+            default:
+                break;
         }
         relative[i] = k < 4 ? 1.0 : 10.0 / (dWeight * DetLog(var[i]));
     }
@@ -195,15 +217,17 @@ void BinWidths(const std::array<double, kSubbands>& var, double dRate, std::arra
     }
 }
 
-int QuantizeOne(double dC, double dQ, double dHalfZ) {
+int QuantizeOne(double dC, double dQ, double dHalfZ)
+{
     if (dC >= -dHalfZ && dC <= dHalfZ) return 0;
     double dIndex = dC > 0.0 ? (dC - dHalfZ) / dQ + 1.0 : (dC + dHalfZ) / dQ - 1.0;
     if (dIndex > 2147483647.0) dIndex = 2147483647.0;
     if (dIndex < -2147483647.0) dIndex = -2147483647.0;
-    return static_cast<int>(dIndex);   // truncation toward zero
+    return static_cast<int>(dIndex);  // truncation toward zero
 }
 
-void AppendBand(const double* pImage, int nStride, const Region& b, double dQ, double dZ, std::vector<int>& out) {
+void AppendBand(const double* pImage, int nStride, const Region& b, double dQ, double dZ, std::vector<int>& out)
+{
     for (int y = 0; y < b.nH; ++y) {
         const double* p = pImage + static_cast<size_t>(b.nY + y) * static_cast<size_t>(nStride) + b.nX;
         for (int x = 0; x < b.nW; ++x) out.push_back(QuantizeOne(p[x], dQ, dZ / 2.0));
@@ -211,7 +235,8 @@ void AppendBand(const double* pImage, int nStride, const Region& b, double dQ, d
 }
 
 // Six decimals with a point whatever the locale.
-std::string FormatRate(double dValue) {
+std::string FormatRate(double dValue)
+{
     const long long nMicro = static_cast<long long>(std::floor(dValue * 1e6 + 0.5));
     char buf[48];
     std::snprintf(buf, sizeof buf, "%lld.%06lld", nMicro / 1000000, nMicro % 1000000);
@@ -224,14 +249,14 @@ namespace wsq {
 
 WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi, double dBitRate,
                  const std::vector<std::pair<std::string, std::string>>& extraNistcom, const FilterBank& bank,
-                 std::vector<unsigned char>& out) {
+                 std::vector<unsigned char>& out)
+{
     out.clear();
     if (pPixels == nullptr || nWidth < 1 || nHeight < 1) return kWsqBadArgument;
     if (!(dBitRate > 0.0) || !(dBitRate <= 8.0)) return kWsqBadArgument;
     if (!FilterBankValid(bank)) return kWsqBadArgument;
     if (nPpi == 0 || nPpi < -1) return kWsqBadArgument;
-    if (nWidth > kWsqMaxSide || nHeight > kWsqMaxSide ||
-        static_cast<long long>(nWidth) * nHeight > kWsqMaxPixels) {
+    if (nWidth > kWsqMaxSide || nHeight > kWsqMaxSide || static_cast<long long>(nWidth) * nHeight > kWsqMaxPixels) {
         return kWsqTooLarge;
     }
     for (const auto& kv : extraNistcom) {
@@ -300,11 +325,14 @@ WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi
         w.Word(kMarkerSoi);
 
         // NISTCOM comment: the resolution travels in its PPI field.
-        std::vector<std::pair<std::string, std::string>> fields = {
-            {"PIX_WIDTH", std::to_string(nWidth)}, {"PIX_HEIGHT", std::to_string(nHeight)},
-            {"PIX_DEPTH", "8"},                     {"PPI", std::to_string(nPpi)},
-            {"LOSSY", "1"},                         {"COLORSPACE", "GRAY"},
-            {"COMPRESSION", "WSQ"},                 {"WSQ_BITRATE", FormatRate(dBitRate)}};
+        std::vector<std::pair<std::string, std::string>> fields = {{"PIX_WIDTH", std::to_string(nWidth)},
+                                                                   {"PIX_HEIGHT", std::to_string(nHeight)},
+                                                                   {"PIX_DEPTH", "8"},
+                                                                   {"PPI", std::to_string(nPpi)},
+                                                                   {"LOSSY", "1"},
+                                                                   {"COLORSPACE", "GRAY"},
+                                                                   {"COMPRESSION", "WSQ"},
+                                                                   {"WSQ_BITRATE", FormatRate(dBitRate)}};
         for (const auto& kv : extraNistcom) fields.push_back(kv);
         std::string strCom = "NIST_COM " + std::to_string(fields.size() + 1);
         for (const auto& kv : fields) strCom += "\n" + kv.first + " " + kv.second;
@@ -380,7 +408,8 @@ WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi
 
 WsqResult WsqEncode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi, double dBitRate,
                     const std::vector<std::pair<std::string, std::string>>& extraNistcom,
-                    std::vector<unsigned char>& out) {
+                    std::vector<unsigned char>& out)
+{
     return wsq::Encode(pPixels, nWidth, nHeight, nPpi, dBitRate, extraNistcom, wsq::StandardFilters(), out);
 }
 

@@ -27,7 +27,7 @@ constexpr int kMarkerRst0 = 0xFFB0;
 constexpr int kMarkerRst7 = 0xFFB7;
 
 constexpr int kSubbands = 64;
-constexpr int kCodedSubbands = 60;   // subbands 60..63 are never coded by encoder number two
+constexpr int kCodedSubbands = 60;  // subbands 60..63 are never coded by encoder number two
 constexpr int kMaxFilterLength = 32;
 constexpr int kHuffmanTables = 8;
 
@@ -59,12 +59,12 @@ Layout BuildLayout(int nWidth, int nHeight, bool bWithHh1);
 // Analysis filters as transmitted in the transform table: the right halves,
 // starting at the centre (A.2.1.1 of the standard).
 struct FilterBank {
-    int nLowLength = 0;    // L0
-    int nHighLength = 0;   // L1
+    int nLowLength = 0;        // L0
+    int nHighLength = 0;       // L1
     std::vector<double> low;   // h0 coefficients from the file, centre first
     std::vector<double> high;  // h1 coefficients from the file, centre first
 };
-FilterBank StandardFilters();   // the 7/9 pair of encoder number two
+FilterBank StandardFilters();  // the 7/9 pair of encoder number two
 bool FilterBankValid(const FilterBank& bank);
 bool IsStandardFilters(const FilterBank& bank);
 
@@ -78,7 +78,7 @@ struct Impulse {
 // symmetric extension folded in. Used along rows and along columns alike.
 struct LinePlan {
     int nLength = 0;
-    std::vector<int> offsets;       // nLength + 1 entries into coef/source
+    std::vector<int> offsets;  // nLength + 1 entries into coef/source
     std::vector<double> coef;
     std::vector<int> source;
 };
@@ -106,9 +106,9 @@ struct GatherRun {
 };
 struct RowPlan {
     int nLength = 0;
-    std::vector<int> gather;       // row index of each phase sample, -1 for zero
-    std::vector<double> sign;      // +1 or -1 applied to the gathered sample
-    std::vector<GatherRun> runs;   // the gather, cut into stretches
+    std::vector<int> gather;      // row index of each phase sample, -1 for zero
+    std::vector<double> sign;     // +1 or -1 applied to the gathered sample
+    std::vector<GatherRun> runs;  // the gather, cut into stretches
     RowGroup groups[2];
 };
 
@@ -212,7 +212,7 @@ struct HuffmanDecoder {
     std::array<int32_t, 17> maxCode{};
     std::array<int32_t, 17> valPtr{};
     std::vector<uint8_t> values;
-    std::array<uint16_t, 256> fast{};   // (length << 8) | symbol for 8-bit prefixes, 0 when longer
+    std::array<uint16_t, 256> fast{};  // (length << 8) | symbol for 8-bit prefixes, 0 when longer
 };
 bool MakeDecoder(const HuffmanSpec& spec, HuffmanDecoder& decoder);
 

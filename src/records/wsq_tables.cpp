@@ -7,10 +7,11 @@
 namespace tavk05rec {
 namespace wsq {
 
-double DetLog(double dX) {
+double DetLog(double dX)
+{
     if (!(dX > 0.0) || !std::isfinite(dX)) return dX == 0.0 ? -HUGE_VAL : std::nan("");
     int nExp = 0;
-    double dM = std::frexp(dX, &nExp);   // [0.5, 1)
+    double dM = std::frexp(dX, &nExp);  // [0.5, 1)
     if (dM < 0.70710678118654752) {
         dM *= 2.0;
         --nExp;
@@ -25,20 +26,22 @@ double DetLog(double dX) {
     return nExp * dLn2Hi + (nExp * dLn2Lo + 2.0 * dS * dSum);
 }
 
-double DetExp(double dX) {
+double DetExp(double dX)
+{
     if (std::isnan(dX)) return dX;
     if (dX > 709.0) return HUGE_VAL;
     if (dX < -745.0) return 0.0;
     const double dLn2Hi = 6.93147180369123816490e-01;
     const double dLn2Lo = 1.90821492927058770002e-10;
     const double dK = std::floor(dX / 0.69314718055994530942 + 0.5);
-    const double dR = (dX - dK * dLn2Hi) - dK * dLn2Lo;   // |r| <= 0.35
+    const double dR = (dX - dK * dLn2Hi) - dK * dLn2Lo;  // |r| <= 0.35
     double dSum = 1.0;
     for (int n = 22; n >= 1; --n) dSum = 1.0 + dSum * dR / n;
     return std::ldexp(dSum, static_cast<int>(dK));
 }
 
-Scaled16 ToScaled16(double dValue) {
+Scaled16 ToScaled16(double dValue)
+{
     if (!(dValue > 0.0)) return {0, 0};
     if (dValue >= 65535.0) return {0, 65535};
     int nScale = 0;
@@ -51,7 +54,8 @@ Scaled16 ToScaled16(double dValue) {
     return {nScale, static_cast<unsigned>(dRounded > 65535.0 ? 65535.0 : dRounded)};
 }
 
-Scaled32 ToScaled32(double dValue) {
+Scaled32 ToScaled32(double dValue)
+{
     if (!(dValue > 0.0)) return {0, 0};
     if (dValue >= 4294967295.0) return {0, 4294967295u};
     int nScale = 0;
@@ -64,7 +68,8 @@ Scaled32 ToScaled32(double dValue) {
     return {nScale, static_cast<uint32_t>(dRounded > 4294967295.0 ? 4294967295.0 : dRounded)};
 }
 
-double FromScaled(int nScale, double dValue) {
+double FromScaled(int nScale, double dValue)
+{
     while (nScale > 0) {
         dValue /= 10.0;
         --nScale;
@@ -72,7 +77,8 @@ double FromScaled(int nScale, double dValue) {
     return dValue;
 }
 
-HuffmanSpec BuildHuffmanSpec(const std::array<uint32_t, 256>& counts) {
+HuffmanSpec BuildHuffmanSpec(const std::array<uint32_t, 256>& counts)
+{
     // Code sizes by repeatedly merging the two least frequent entries, with a
     // 257th entry of count 1 that reserves the all-ones code (ISO/IEC 10918-1 K.2).
     constexpr int kEntries = 257;
@@ -119,7 +125,7 @@ HuffmanSpec BuildHuffmanSpec(const std::array<uint32_t, 256>& counts) {
         }
     }
     HuffmanSpec spec;
-    if (nUsed < 2) return spec;   // no symbol at all
+    if (nUsed < 2) return spec;  // no symbol at all
     // Limit the lengths to 16 bits (K.3).
     for (int i = kEntries; i > 16; --i) {
         while (bits[static_cast<size_t>(i)] > 0) {
@@ -133,8 +139,9 @@ HuffmanSpec BuildHuffmanSpec(const std::array<uint32_t, 256>& counts) {
     }
     int nLongest = 16;
     while (bits[static_cast<size_t>(nLongest)] == 0) --nLongest;
-    --bits[static_cast<size_t>(nLongest)];   // the reserved entry
-    for (int i = 1; i <= 16; ++i) spec.bits[static_cast<size_t>(i - 1)] = static_cast<uint8_t>(bits[static_cast<size_t>(i)]);
+    --bits[static_cast<size_t>(nLongest)];  // the reserved entry
+    for (int i = 1; i <= 16; ++i)
+        spec.bits[static_cast<size_t>(i - 1)] = static_cast<uint8_t>(bits[static_cast<size_t>(i)]);
     for (int nSize = 1; nSize <= kEntries; ++nSize) {
         for (int s = 0; s < 256; ++s) {
             if (codeSize[static_cast<size_t>(s)] == nSize) spec.values.push_back(static_cast<uint8_t>(s));
@@ -143,7 +150,8 @@ HuffmanSpec BuildHuffmanSpec(const std::array<uint32_t, 256>& counts) {
     return spec;
 }
 
-HuffmanCodes MakeCodes(const HuffmanSpec& spec) {
+HuffmanCodes MakeCodes(const HuffmanSpec& spec)
+{
     HuffmanCodes codes;
     uint32_t nCode = 0;
     size_t k = 0;
@@ -157,7 +165,8 @@ HuffmanCodes MakeCodes(const HuffmanSpec& spec) {
     return codes;
 }
 
-bool MakeDecoder(const HuffmanSpec& spec, HuffmanDecoder& decoder) {
+bool MakeDecoder(const HuffmanSpec& spec, HuffmanDecoder& decoder)
+{
     decoder = HuffmanDecoder();
     size_t nTotal = 0;
     for (uint8_t b : spec.bits) nTotal += b;

@@ -17,7 +17,8 @@ struct Children {
 
 // Splits a region: the lowpass half of an axis has the larger share of an odd
 // length; an inverted axis stores its highpass half first.
-Children SplitRegion(const Split& parent) {
+Children SplitRegion(const Split& parent)
+{
     const Region& r = parent.region;
     const int nLowW = (r.nW + 1) / 2;
     const int nLowH = (r.nH + 1) / 2;
@@ -37,7 +38,8 @@ Children SplitRegion(const Split& parent) {
     return c;
 }
 
-void FourBands(const Children& c, Layout& layout, int nFirst) {
+void FourBands(const Children& c, Layout& layout, int nFirst)
+{
     layout.subbands[nFirst] = c.tl.region;
     layout.subbands[nFirst + 1] = c.tr.region;
     layout.subbands[nFirst + 2] = c.bl.region;
@@ -46,7 +48,8 @@ void FourBands(const Children& c, Layout& layout, int nFirst) {
 
 // Folds n into [0, nHalf] for a signal symmetric about 0 and nHalf (period
 // 2 nHalf); *pSign becomes -1 when the fold crossed a centre an odd number of times.
-int Fold(long long n, long long nHalf, int* pSign) {
+int Fold(long long n, long long nHalf, int* pSign)
+{
     *pSign = 1;
     if (nHalf == 0) return 0;
     const long long nPeriod = 2 * nHalf;
@@ -61,7 +64,8 @@ int Fold(long long n, long long nHalf, int* pSign) {
 
 }  // namespace
 
-Layout BuildLayout(int nWidth, int nHeight, bool bWithHh1) {
+Layout BuildLayout(int nWidth, int nHeight, bool bWithHh1)
+{
     Layout layout;
     Split root;
     root.region = {0, 0, nWidth, nHeight};
@@ -105,18 +109,19 @@ Layout BuildLayout(int nWidth, int nHeight, bool bWithHh1) {
     return layout;
 }
 
-FilterBank StandardFilters() {
+FilterBank StandardFilters()
+{
     // Encoder number two's analysis pair (Part 3, Table 1), right halves from the centre.
     FilterBank bank;
     bank.nLowLength = 9;
     bank.nHighLength = 7;
-    bank.low = {0.852698679009403, 0.377402855612654, -0.110624404418423, -0.023849465019380,
-                0.037828455506995};
+    bank.low = {0.852698679009403, 0.377402855612654, -0.110624404418423, -0.023849465019380, 0.037828455506995};
     bank.high = {0.788485616405664, -0.418092273222212, -0.040689417609558, 0.064538882628938};
     return bank;
 }
 
-bool FilterBankValid(const FilterBank& bank) {
+bool FilterBankValid(const FilterBank& bank)
+{
     const int n0 = bank.nLowLength;
     const int n1 = bank.nHighLength;
     if (n0 < 1 || n1 < 1) return false;
@@ -136,7 +141,8 @@ bool FilterBankValid(const FilterBank& bank) {
     return true;
 }
 
-bool IsStandardFilters(const FilterBank& bank) {
+bool IsStandardFilters(const FilterBank& bank)
+{
     const FilterBank ref = StandardFilters();
     if (bank.nLowLength != ref.nLowLength || bank.nHighLength != ref.nHighLength) return false;
     if (bank.low.size() != ref.low.size() || bank.high.size() != ref.high.size()) return false;
@@ -149,7 +155,8 @@ bool IsStandardFilters(const FilterBank& bank) {
     return true;
 }
 
-Transform::Transform(const FilterBank& bank) : m_bWholeSample((bank.nLowLength % 2) == 1) {
+Transform::Transform(const FilterBank& bank) : m_bWholeSample((bank.nLowLength % 2) == 1)
+{
     const int n0 = bank.nLowLength;
     const int n1 = bank.nHighLength;
     if (m_bWholeSample) {
@@ -165,9 +172,11 @@ Transform::Transform(const FilterBank& bank) : m_bWholeSample((bank.nLowLength %
         const int r0 = n0 / 2;
         const int r1 = n1 / 2;
         m_h0.nFirst = -r0;
-        for (int n = -r0; n < r0; ++n) m_h0.taps.push_back(n >= 0 ? bank.low[static_cast<size_t>(n)] : bank.low[static_cast<size_t>(-1 - n)]);
+        for (int n = -r0; n < r0; ++n)
+            m_h0.taps.push_back(n >= 0 ? bank.low[static_cast<size_t>(n)] : bank.low[static_cast<size_t>(-1 - n)]);
         m_h1.nFirst = -r1;
-        for (int n = -r1; n < r1; ++n) m_h1.taps.push_back(n >= 0 ? bank.high[static_cast<size_t>(n)] : -bank.high[static_cast<size_t>(-1 - n)]);
+        for (int n = -r1; n < r1; ++n)
+            m_h1.taps.push_back(n >= 0 ? bank.high[static_cast<size_t>(n)] : -bank.high[static_cast<size_t>(-1 - n)]);
     }
     // Synthesis filters from the anti-aliasing relations: f0(n) ~ (-1)^n h1(n-1),
     // f1(n) ~ (-1)^n h0(n-1); their two gains are fitted so that analysis
@@ -190,7 +199,7 @@ Transform::Transform(const FilterBank& bank) : m_bWholeSample((bank.nLowLength %
         std::vector<double> respLow(2 * kSpan + 1, 0.0), respHigh(2 * kSpan + 1, 0.0);
         auto channel = [&](const Impulse& h, const Impulse& f, std::vector<double>& resp) {
             for (size_t i = 0; i < h.taps.size(); ++i) {
-                const int m = h.nFirst + static_cast<int>(i);   // 2k - p = m
+                const int m = h.nFirst + static_cast<int>(i);  // 2k - p = m
                 if (((m + p) % 2) != 0) continue;
                 for (size_t j = 0; j < f.taps.size(); ++j) {
                     const int n = m + p + f.nFirst + static_cast<int>(j);
@@ -225,7 +234,8 @@ Transform::Transform(const FilterBank& bank) : m_bWholeSample((bank.nLowLength %
     for (double& d : m_f1.taps) d *= s1;
 }
 
-LinePlan Transform::MakeAnalysis(int nLength, bool bInverted) const {
+LinePlan Transform::MakeAnalysis(int nLength, bool bInverted) const
+{
     LinePlan plan;
     plan.nLength = nLength;
     const int nLow = (nLength + 1) / 2;
@@ -249,7 +259,7 @@ LinePlan Transform::MakeAnalysis(int nLength, bool bInverted) const {
     for (int o = 0; o < nLength; ++o) {
         const int nCode = order[static_cast<size_t>(o)];
         const bool bLow = nCode >= 0;
-        const long long nCentre = bLow ? nCode : (-1 - nCode);   // 2k
+        const long long nCentre = bLow ? nCode : (-1 - nCode);  // 2k
         const Impulse& h = bLow ? m_h0 : m_h1;
         for (size_t i = 0; i < h.taps.size(); ++i) {
             const long long m = h.nFirst + static_cast<long long>(i);
@@ -261,7 +271,8 @@ LinePlan Transform::MakeAnalysis(int nLength, bool bInverted) const {
     return plan;
 }
 
-LinePlan Transform::MakeSynthesis(int nLength, bool bInverted) const {
+LinePlan Transform::MakeSynthesis(int nLength, bool bInverted) const
+{
     LinePlan plan;
     plan.nLength = nLength;
     const int nLow = (nLength + 1) / 2;
@@ -299,7 +310,7 @@ LinePlan Transform::MakeSynthesis(int nLength, bool bInverted) const {
             for (size_t i = 0; i < f.taps.size(); ++i) {
                 const long long j = f.nFirst + static_cast<long long>(i);
                 if (((n - j) % 2) != 0) continue;
-                const long long nC = n - j;   // 2k
+                const long long nC = n - j;  // 2k
                 int nSign;
                 const int nSrc = nBand == 0 ? lowAt(nC, &nSign) : highAt(nC, &nSign);
                 if (nSrc < 0) continue;
@@ -312,7 +323,8 @@ LinePlan Transform::MakeSynthesis(int nLength, bool bInverted) const {
     return plan;
 }
 
-const LinePlan& Transform::Cached(int nLength, bool bInverted, bool bSynthesis) {
+const LinePlan& Transform::Cached(int nLength, bool bInverted, bool bSynthesis)
+{
     for (const CacheEntry& e : m_cache) {
         if (e.nLength == nLength && e.bInverted == bInverted && e.bSynthesis == bSynthesis) return e.plan;
     }
@@ -327,7 +339,8 @@ const LinePlan& Transform::SynthesisPlan(int nLength, bool bInverted) { return C
 namespace {
 
 // Sample n of the analysis extension of a line of nLength samples.
-int AnalysisSource(long long n, int nLength, bool bWholeSample) {
+int AnalysisSource(long long n, int nLength, bool bWholeSample)
+{
     int nSign;
     if (bWholeSample) return Fold(n, nLength - 1, &nSign);
     // Half-sample symmetric about -1/2 and nLength - 1/2.
@@ -340,8 +353,9 @@ int AnalysisSource(long long n, int nLength, bool bWholeSample) {
 
 }  // namespace
 
-RowPlan Transform::MakeRowAnalysis(int nLength, bool bInverted) const {
-    constexpr int kPad = 20;   // even, beyond the longest filter's half length
+RowPlan Transform::MakeRowAnalysis(int nLength, bool bInverted) const
+{
+    constexpr int kPad = 20;  // even, beyond the longest filter's half length
     const int nLow = (nLength + 1) / 2;
     const int nHigh = nLength / 2;
     const int nPhase = (nLength + 2 * kPad + 1) / 2 + 1;
@@ -359,7 +373,7 @@ RowPlan Transform::MakeRowAnalysis(int nLength, bool bInverted) const {
         g.nCount = nBand == 0 ? nLow : nHigh;
         g.nOutAt = nBand == 0 ? (bInverted ? nHigh : 0) : (bInverted ? 0 : nLow);
         for (size_t i = 0; i < h.taps.size(); ++i) {
-            const int m = h.nFirst + static_cast<int>(i);   // sample 2k - m
+            const int m = h.nFirst + static_cast<int>(i);  // sample 2k - m
             g.coef.push_back(h.taps[i]);
             g.source.push_back(((m % 2) == 0) ? (kPad - m) / 2 : nPhase + (kPad - m - 1) / 2);
         }
@@ -367,8 +381,9 @@ RowPlan Transform::MakeRowAnalysis(int nLength, bool bInverted) const {
     return plan;
 }
 
-RowPlan Transform::MakeRowSynthesis(int nLength, bool bInverted) const {
-    constexpr int kPad = 12;   // beyond half the longest synthesis filter
+RowPlan Transform::MakeRowSynthesis(int nLength, bool bInverted) const
+{
+    constexpr int kPad = 12;  // beyond half the longest synthesis filter
     const int nLow = (nLength + 1) / 2;
     const int nHigh = nLength / 2;
     const int nLowAt = bInverted ? nHigh : 0;
@@ -385,7 +400,8 @@ RowPlan Transform::MakeRowSynthesis(int nLength, bool bInverted) const {
             int nIndex = -1;
             if (nBand == 0) {
                 int s;
-                nIndex = m_bWholeSample ? nLowAt + Fold(n, nLength - 1, &s) / 2 : nLowAt + (Fold(n + 1, nLength, &s) - 1) / 2;
+                nIndex = m_bWholeSample ? nLowAt + Fold(n, nLength - 1, &s) / 2
+                                        : nLowAt + (Fold(n + 1, nLength, &s) - 1) / 2;
             } else if (nHigh > 0) {
                 int s;
                 if (m_bWholeSample) {
@@ -423,9 +439,12 @@ namespace {
 
 // Cuts the gather into stretches of unit or double step (at least four
 // samples long) and single entries.
-void CutRuns(RowPlan& plan) {
+void CutRuns(RowPlan& plan)
+{
     const int nGather = static_cast<int>(plan.gather.size());
-    auto plain = [&](int g) { return plan.gather[static_cast<size_t>(g)] >= 0 && plan.sign[static_cast<size_t>(g)] == 1.0; };
+    auto plain = [&](int g) {
+        return plan.gather[static_cast<size_t>(g)] >= 0 && plan.sign[static_cast<size_t>(g)] == 1.0;
+    };
     int g = 0;
     while (g < nGather) {
         int nEnd = g + 1;
@@ -450,7 +469,8 @@ void CutRuns(RowPlan& plan) {
 
 }  // namespace
 
-const RowPlan& Transform::CachedRow(int nLength, bool bInverted, bool bSynthesis) {
+const RowPlan& Transform::CachedRow(int nLength, bool bInverted, bool bSynthesis)
+{
     for (const RowCacheEntry& e : m_rowCache) {
         if (e.nLength == nLength && e.bInverted == bInverted && e.bSynthesis == bSynthesis) return e.plan;
     }
@@ -460,7 +480,8 @@ const RowPlan& Transform::CachedRow(int nLength, bool bInverted, bool bSynthesis
     return m_rowCache.back().plan;
 }
 
-void Transform::ApplyRows(double* pImage, int nStride, const Region& region, const RowPlan& plan) {
+void Transform::ApplyRows(double* pImage, int nStride, const Region& region, const RowPlan& plan)
+{
     const size_t nGather = plan.gather.size();
     m_phase.resize(nGather);
     m_temp.resize(static_cast<size_t>(region.nW));
@@ -506,7 +527,8 @@ void Transform::ApplyRows(double* pImage, int nStride, const Region& region, con
 
 // Columns are filtered in strips of 32, so that the scratch buffer stays
 // small (no fresh pages per call) and in cache.
-void Transform::ApplyCols(double* pImage, int nStride, const Region& region, const LinePlan& plan) {
+void Transform::ApplyCols(double* pImage, int nStride, const Region& region, const LinePlan& plan)
+{
     constexpr int kStrip = 32;
     const size_t nH = static_cast<size_t>(region.nH);
     m_temp.resize(nH * kStrip);
@@ -531,11 +553,13 @@ void Transform::ApplyCols(double* pImage, int nStride, const Region& region, con
     }
 }
 
-void EveryOtherPlain(double* pOut, const double* pFrom, int nFrom, int nCount) {
+void EveryOtherPlain(double* pOut, const double* pFrom, int nFrom, int nCount)
+{
     for (int i = nFrom; i < nCount; ++i) pOut[i] = pFrom[2 * i];
 }
 
-void InterleavePlain(double* pOut, const double* pEven, const double* pOdd, int nFrom, int nPairs) {
+void InterleavePlain(double* pOut, const double* pEven, const double* pOdd, int nFrom, int nPairs)
+{
     for (int k = nFrom; k < nPairs; ++k) {
         pOut[2 * k] = pEven[k];
         pOut[2 * k + 1] = pOdd[k];
@@ -543,15 +567,18 @@ void InterleavePlain(double* pOut, const double* pEven, const double* pOdd, int 
 }
 
 void CombineRowsPlain(double* pOut, const double* pBase, size_t nRowStride, const int* pSource, const double* pCoef,
-                      int nTaps, int nFrom, int nCount) {
+                      int nTaps, int nFrom, int nCount)
+{
     for (int x = nFrom; x < nCount; ++x) {
         double dAcc = 0.0;
-        for (int t = 0; t < nTaps; ++t) dAcc += pCoef[t] * pBase[static_cast<size_t>(pSource[t]) * nRowStride + static_cast<size_t>(x)];
+        for (int t = 0; t < nTaps; ++t)
+            dAcc += pCoef[t] * pBase[static_cast<size_t>(pSource[t]) * nRowStride + static_cast<size_t>(x)];
         pOut[x] = dAcc;
     }
 }
 
-void Transform::Forward(double* pImage, int nStride, const Layout& layout) {
+void Transform::Forward(double* pImage, int nStride, const Layout& layout)
+{
     for (const Split& s : layout.splits) {
         if (s.region.nW <= 0 || s.region.nH <= 0) continue;
         ApplyRows(pImage, nStride, s.region, CachedRow(s.region.nW, s.bInvRows, false));
@@ -559,7 +586,8 @@ void Transform::Forward(double* pImage, int nStride, const Layout& layout) {
     }
 }
 
-void Transform::Inverse(double* pImage, int nStride, const Layout& layout) {
+void Transform::Inverse(double* pImage, int nStride, const Layout& layout)
+{
     for (auto it = layout.splits.rbegin(); it != layout.splits.rend(); ++it) {
         const Split& s = *it;
         if (s.region.nW <= 0 || s.region.nH <= 0) continue;

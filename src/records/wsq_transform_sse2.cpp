@@ -17,7 +17,8 @@ namespace {
 
 template <int N>
 int CombineFixed(double* pOut, const double* pBase, size_t nRowStride, const int* pSource, const double* pCoef,
-                 int nCount) {
+                 int nCount)
+{
     const double* apRow[N];
     __m128d aCoef[N];
     for (int t = 0; t < N; ++t) {
@@ -52,8 +53,9 @@ int CombineFixed(double* pOut, const double* pBase, size_t nRowStride, const int
     return x;
 }
 
-int CombineAny(double* pOut, const double* pBase, size_t nRowStride, const int* pSource, const double* pCoef,
-               int nTaps, int nCount) {
+int CombineAny(double* pOut, const double* pBase, size_t nRowStride, const int* pSource, const double* pCoef, int nTaps,
+               int nCount)
+{
     int x = 0;
     for (; x + 8 <= nCount; x += 8) {
         __m128d acc0 = _mm_setzero_pd();
@@ -88,20 +90,32 @@ int CombineAny(double* pOut, const double* pBase, size_t nRowStride, const int* 
 #endif
 
 int CombineRowsSse2(double* pOut, const double* pBase, size_t nRowStride, const int* pSource, const double* pCoef,
-                    int nTaps, int nCount) {
+                    int nTaps, int nCount)
+{
 #if defined(__SSE2__)
     switch (nTaps) {
-        case 1: return CombineFixed<1>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
-        case 2: return CombineFixed<2>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
-        case 3: return CombineFixed<3>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
-        case 4: return CombineFixed<4>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
-        case 5: return CombineFixed<5>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
-        case 6: return CombineFixed<6>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
-        case 7: return CombineFixed<7>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
-        case 8: return CombineFixed<8>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
-        case 9: return CombineFixed<9>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
-        case 10: return CombineFixed<10>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
-        default: return nTaps > 0 ? CombineAny(pOut, pBase, nRowStride, pSource, pCoef, nTaps, nCount) : 0;
+        case 1:
+            return CombineFixed<1>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
+        case 2:
+            return CombineFixed<2>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
+        case 3:
+            return CombineFixed<3>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
+        case 4:
+            return CombineFixed<4>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
+        case 5:
+            return CombineFixed<5>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
+        case 6:
+            return CombineFixed<6>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
+        case 7:
+            return CombineFixed<7>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
+        case 8:
+            return CombineFixed<8>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
+        case 9:
+            return CombineFixed<9>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
+        case 10:
+            return CombineFixed<10>(pOut, pBase, nRowStride, pSource, pCoef, nCount);
+        default:
+            return nTaps > 0 ? CombineAny(pOut, pBase, nRowStride, pSource, pCoef, nTaps, nCount) : 0;
     }
 #else
     (void)pOut;
@@ -115,7 +129,8 @@ int CombineRowsSse2(double* pOut, const double* pBase, size_t nRowStride, const 
 #endif
 }
 
-int EveryOtherSse2(double* pOut, const double* pFrom, int nCount) {
+int EveryOtherSse2(double* pOut, const double* pFrom, int nCount)
+{
 #if defined(__SSE2__)
     int i = 0;
     for (; i + 4 <= nCount; i += 4) {
@@ -133,7 +148,8 @@ int EveryOtherSse2(double* pOut, const double* pFrom, int nCount) {
 #endif
 }
 
-int InterleaveSse2(double* pOut, const double* pEven, const double* pOdd, int nPairs) {
+int InterleaveSse2(double* pOut, const double* pEven, const double* pOdd, int nPairs)
+{
 #if defined(__SSE2__)
     int k = 0;
     for (; k + 2 <= nPairs; k += 2) {

@@ -12,7 +12,7 @@ const size_t kDegree = 31;
 const size_t kSeparation = 3;
 const size_t kDiscarded = 310;  // values srandom draws and drops
 
-} // namespace
+}  // namespace
 
 CLiveJitter::CLiveJitter(unsigned int nSeed)
 {
@@ -25,15 +25,12 @@ CLiveJitter::CLiveJitter(unsigned int nSeed)
         const int64_t nHi = nWord / 127773;
         const int64_t nLo = nWord % 127773;
         int64_t nNext = 16807 * nLo - 2836 * nHi;
-        if (nNext < 0)
-            nNext += 2147483647;
+        if (nNext < 0) nNext += 2147483647;
         nWord = static_cast<int32_t>(nNext);
         r[i] = static_cast<uint32_t>(nWord);
     }
-    for (size_t i = kDegree; i < kDegree + kSeparation; ++i)
-        r[i] = r[i - kDegree];
-    for (size_t i = kDegree + kSeparation; i < kDiscarded + kHistory; ++i)
-        r[i] = r[i - kDegree] + r[i - kSeparation];
+    for (size_t i = kDegree; i < kDegree + kSeparation; ++i) r[i] = r[i - kDegree];
+    for (size_t i = kDegree + kSeparation; i < kDiscarded + kHistory; ++i) r[i] = r[i - kDegree] + r[i - kSeparation];
     std::memcpy(m_anHistory, r + kDiscarded, sizeof m_anHistory);
 }
 
@@ -48,8 +45,7 @@ void CLiveJitter::Extend(uint32_t* a, unsigned char* pOut, size_t nFrom, size_t 
 
 void CLiveJitter::Next(unsigned char* pOut, size_t n)
 {
-    if (n > kBlock)
-        n = kBlock;
+    if (n > kBlock) n = kBlock;
     uint32_t a[kHistory + kBlock];
     std::memcpy(a, m_anHistory, sizeof m_anHistory);
     size_t nDone = 0;
@@ -65,14 +61,13 @@ void MapDarkened(const unsigned char* pBg, const unsigned char* pIn, const unsig
 {
     for (size_t i = nFrom; i < n; ++i) {
         const unsigned char d = static_cast<unsigned char>(pBg[i] > pIn[i] ? pBg[i] - pIn[i] : 0);
-        if (pDark != nullptr)
-            pDark[i] = d;
+        if (pDark != nullptr) pDark[i] = d;
         pOut[i] = pShown[d * kJitterSpan + pJitter[i]];
     }
 }
 
-void MapJittered(unsigned int nSeed, const unsigned char* pBackground, unsigned char* pFrame,
-                 unsigned char* pOutput, size_t n, bool bKeepPrint, const unsigned char (&abyShown)[256 * kJitterSpan])
+void MapJittered(unsigned int nSeed, const unsigned char* pBackground, unsigned char* pFrame, unsigned char* pOutput,
+                 size_t n, bool bKeepPrint, const unsigned char (&abyShown)[256 * kJitterSpan])
 {
     CLiveJitter jitter(nSeed);
     unsigned char abyJitter[CLiveJitter::kBlock];
@@ -91,4 +86,4 @@ void MapJittered(unsigned int nSeed, const unsigned char* pBackground, unsigned 
     }
 }
 
-} // namespace oberin
+}  // namespace oberin

@@ -58,9 +58,9 @@ size_t MapDarkenedSse2(const unsigned char* pBg, const unsigned char* pIn, const
 // The jittered mapping of n pixels: with d = background - frame, or 0 where
 // negative, pOutput[i] = abyShown[d x 9 + the i-th jitter draw after
 // srandom(nSeed)]; with bKeepPrint the frame receives d.
-void MapJittered(unsigned int nSeed, const unsigned char* pBackground, unsigned char* pFrame,
-                 unsigned char* pOutput, size_t n, bool bKeepPrint, const unsigned char (&abyShown)[256 * kJitterSpan]);
+void MapJittered(unsigned int nSeed, const unsigned char* pBackground, unsigned char* pFrame, unsigned char* pOutput,
+                 size_t n, bool bKeepPrint, const unsigned char (&abyShown)[256 * kJitterSpan]);
 
-} // namespace oberin
+}  // namespace oberin
 
 #endif

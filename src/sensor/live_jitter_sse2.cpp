@@ -12,10 +12,7 @@ namespace oberin {
 
 namespace {
 
-inline __m128i Load(const uint32_t* p)
-{
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-}
+inline __m128i Load(const uint32_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
 
 // x % 9 per 32-bit lane.
 inline __m128i Remainder9(__m128i x)
@@ -27,7 +24,7 @@ inline __m128i Remainder9(__m128i x)
     return _mm_sub_epi32(x, _mm_add_epi32(_mm_slli_epi32(q, 3), q));
 }
 
-} // namespace
+}  // namespace
 
 size_t CLiveJitter::ExtendSse2(uint32_t* a, unsigned char* pOut, size_t n)
 {
@@ -62,8 +59,7 @@ size_t MapDarkenedSse2(const unsigned char* pBg, const unsigned char* pIn, const
         const __m128i d = _mm_subs_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(pBg + i)),
                                         _mm_loadu_si128(reinterpret_cast<const __m128i*>(pIn + i)));
         const __m128i j = _mm_loadu_si128(reinterpret_cast<const __m128i*>(pJitter + i));
-        if (pDark != nullptr)
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(pDark + i), d);
+        if (pDark != nullptr) _mm_storeu_si128(reinterpret_cast<__m128i*>(pDark + i), d);
         // The table indexes d x 9 + draw, eight 16-bit lanes each, looked
         // up straight from the lanes.
         const __m128i lo = _mm_add_epi16(_mm_mullo_epi16(_mm_unpacklo_epi8(d, zero), span), _mm_unpacklo_epi8(j, zero));
@@ -89,6 +85,6 @@ size_t MapDarkenedSse2(const unsigned char* pBg, const unsigned char* pIn, const
     return i;
 }
 
-} // namespace oberin
+}  // namespace oberin
 
 #endif

@@ -145,15 +145,9 @@ unsigned long COberin::CloseDevice()
     return TAVK05_OK;
 }
 
-unsigned long COberin::GetError()
-{
-    return m_nError;
-}
+unsigned long COberin::GetError() { return m_nError; }
 
-unsigned long COberin::GetDeviceType()
-{
-    return static_cast<unsigned long>(static_cast<long>(m_nDeviceType));
-}
+unsigned long COberin::GetDeviceType() { return static_cast<unsigned long>(static_cast<long>(m_nDeviceType)); }
 
 unsigned long COberin::GetDeviceInfo(tagDeviceInfoParam* pInfo)
 {
@@ -175,10 +169,7 @@ unsigned long COberin::GetDeviceInfo(tagDeviceInfoParam* pInfo)
     return TAVK05_OK;
 }
 
-unsigned long COberin::ResetDevice()
-{
-    return TAVK05_OK;
-}
+unsigned long COberin::ResetDevice() { return TAVK05_OK; }
 
 unsigned long COberin::Configure(unsigned int /*nValue*/)
 {
@@ -196,10 +187,7 @@ unsigned long COberin::SetLedOnEx(bool bOn)
     return m_nError;
 }
 
-unsigned long COberin::SetLedOn(bool bOn)
-{
-    return SetLedOnEx(bOn);
-}
+unsigned long COberin::SetLedOn(bool bOn) { return SetLedOnEx(bOn); }
 
 unsigned long COberin::LockDevice()
 {

@@ -100,16 +100,16 @@ void FinishFrame(COberin& sensor, unsigned char* pImage, bool bMark)
     // the caller's buffer as it was.
     const tavk05profile::ModelProfile& profile = ProfileOf(sensor);
     switch (profile.eCorrection) {
-    case tavk05profile::kCorrectCalcEx:
-        proc.CorrectImageCalcEx(sensor.m_pGreyBuf, w, h, pImage, IMG_WIDTH, IMG_HEIGHT, 0, 0);
-        break;
-    case tavk05profile::kCorrectCalc:
-        proc.CorrectImageCalc(sensor.m_pGreyBuf, w, h, pImage, IMG_WIDTH, IMG_HEIGHT, 0, 0);
-        break;
-    case tavk05profile::kCorrectTables:
-        // CorrectImage picks the coordinate tables by the processor's type.
-        proc.CorrectImage(sensor.m_pGreyBuf, w, h, pImage, IMG_WIDTH, IMG_HEIGHT, 0, 0);
-        break;
+        case tavk05profile::kCorrectCalcEx:
+            proc.CorrectImageCalcEx(sensor.m_pGreyBuf, w, h, pImage, IMG_WIDTH, IMG_HEIGHT, 0, 0);
+            break;
+        case tavk05profile::kCorrectCalc:
+            proc.CorrectImageCalc(sensor.m_pGreyBuf, w, h, pImage, IMG_WIDTH, IMG_HEIGHT, 0, 0);
+            break;
+        case tavk05profile::kCorrectTables:
+            // CorrectImage picks the coordinate tables by the processor's type.
+            proc.CorrectImage(sensor.m_pGreyBuf, w, h, pImage, IMG_WIDTH, IMG_HEIGHT, 0, 0);
+            break;
     }
 
     if (profile.bShading) {
@@ -210,10 +210,7 @@ unsigned long COberin::GetImage_Normal(unsigned char* pImage)
     return m_nError;
 }
 
-int COberin::CheckLatent(unsigned char* pImage)
-{
-    return static_cast<int>(m_ImageProc.CheckLatent2(pImage));
-}
+int COberin::CheckLatent(unsigned char* pImage) { return static_cast<int>(m_ImageProc.CheckLatent2(pImage)); }
 
 bool COberin::CaptureImage(unsigned char* pImage, bool bMark)
 {

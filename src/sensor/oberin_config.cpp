@@ -93,10 +93,7 @@ private:
     unsigned char m_aby[512];
 };
 
-bool IsSpace(int c)
-{
-    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
+bool IsSpace(int c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
 
 // Reads one decimal number at nOffset into *pnValue as "%d" would: white
 // space skipped, an optional sign, digits of any count; a value too large
@@ -115,14 +112,14 @@ void ReadValueAt(CPrefixReader& reader, long nOffset, unsigned long* pnValue)
     }
     if (c < '0' || c > '9') return;
     unsigned long long nMagnitude = 0;
-    const unsigned long long nLimit = bNegative ? static_cast<unsigned long long>(LONG_MAX) + 1ULL
-                                                : static_cast<unsigned long long>(LONG_MAX);
+    const unsigned long long nLimit =
+        bNegative ? static_cast<unsigned long long>(LONG_MAX) + 1ULL : static_cast<unsigned long long>(LONG_MAX);
     for (; c >= '0' && c <= '9'; c = reader.At(++nPos)) {
         const unsigned nDigit = static_cast<unsigned>(c - '0');
         nMagnitude = nMagnitude > (nLimit - nDigit) / 10 ? nLimit : nMagnitude * 10 + nDigit;
     }
-    const long nLong = bNegative ? (nMagnitude == nLimit ? LONG_MIN : -static_cast<long>(nMagnitude))
-                                 : static_cast<long>(nMagnitude);
+    const long nLong =
+        bNegative ? (nMagnitude == nLimit ? LONG_MIN : -static_cast<long>(nMagnitude)) : static_cast<long>(nMagnitude);
     const int nValue = static_cast<int>(nLong);
     *pnValue = static_cast<unsigned long>(static_cast<long>(nValue));
 }
@@ -170,7 +167,8 @@ void RemoveStaleTemporaries(int nDir, const std::string& strName)
         if (pEndTry == pEnd + 1 || *pEndTry != '\0') continue;
         if (::kill(static_cast<pid_t>(nPid), 0) == 0 || errno != ESRCH) continue;  // still alive
         struct stat st;
-        if (::fstatat(nDir, pszName, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid()) {
+        if (::fstatat(nDir, pszName, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+            st.st_uid == ::geteuid()) {
             ::unlinkat(nDir, pszName, 0);
         }
     }

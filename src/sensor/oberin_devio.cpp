@@ -23,10 +23,7 @@ const unsigned long kBackgroundGain = 2;
 
 const unsigned long kInvalid = TAVK05_E_INVALID;
 
-unsigned long TransportResult(int nResult)
-{
-    return nResult == VXD_OK ? TAVK05_OK : TAVK05_E_READ;
-}
+unsigned long TransportResult(int nResult) { return nResult == VXD_OK ? TAVK05_OK : TAVK05_E_READ; }
 
 // The argument checks of the codes that write a block to the caller: a
 // block, a length word no larger than the capacity, and a capacity that holds
@@ -43,87 +40,86 @@ unsigned long COberin::DevIoControl(unsigned long nCode, void* pIn, unsigned lon
 {
     unsigned long nResult;
     switch (nCode) {
-    case TAVK05_IOCTL_START_ACQUISITION:
-    case TAVK05_IOCTL_STOP_ACQUISITION:
-        nResult = (m_pVxd != nullptr && m_pVxd->RollDevIoControl(nCode) == VXD_OK) ? TAVK05_OK
-                                                                                     : TAVK05_E_FAILED;
-        break;
-
-    case TAVK05_IOCTL_LED:
-        nResult = (pIn == nullptr || nInLen == 0) ? kInvalid : DevIoCtlSetSCLed(pIn, nInLen);
-        break;
-
-    case TAVK05_IOCTL_SET_VALUE:
-        nResult = (pIn == nullptr || nInLen == 0) ? kInvalid : DevIoCtlSetValue(pIn, nInLen);
-        break;
-
-    case TAVK05_IOCTL_SET_VALUE64:
-        if (pIn == nullptr || nInLen == 0) {
-            nResult = TAVK05_E_INVALID;
-        } else {
-            // Only the first 64 bytes go out, zero-padded to a full block.
-            unsigned char abyBlock[kBlockBytes] = {};
-            const unsigned long nCopy = nInLen < kBlockBytes ? nInLen : kBlockBytes;
-            std::memcpy(abyBlock, pIn, nCopy);
-            nResult = DevIoCtlSetValue(abyBlock, nCopy);
-        }
-        break;
-
-    case TAVK05_IOCTL_BACKGROUND: {
-        const unsigned long nBrightness = m_nBrightness;
-        const unsigned long nGain = m_nGain;
-        const bool bNewFirmware = oberin::HasNewFirmware(m_pVxd);
-        if (SetBrightness(bNewFirmware ? kBackgroundBrightnessNew : kBackgroundBrightnessOld) != TAVK05_OK) {
-            nResult = TAVK05_E_FAILED;  // nothing was captured: settings not restored
+        case TAVK05_IOCTL_START_ACQUISITION:
+        case TAVK05_IOCTL_STOP_ACQUISITION:
+            nResult = (m_pVxd != nullptr && m_pVxd->RollDevIoControl(nCode) == VXD_OK) ? TAVK05_OK : TAVK05_E_FAILED;
             break;
-        }
-        if (SetGainValue(kBackgroundGain) != TAVK05_OK) {
-            nResult = TAVK05_E_FAILED;
+
+        case TAVK05_IOCTL_LED:
+            nResult = (pIn == nullptr || nInLen == 0) ? kInvalid : DevIoCtlSetSCLed(pIn, nInLen);
             break;
-        }
-        if (CaptureImage(m_ImageProc.m_pBackground, false)) {
-            SetContrast(m_nContrast);  // result not reported
-            nResult = TAVK05_OK;
-        } else {
-            nResult = TAVK05_E_FAILED;
-        }
-        // The capture settings were only for the background frame.
-        SetBrightness(nBrightness);
-        SetGainValue(nGain);
-        break;
-    }
 
-    case TAVK05_IOCTL_GET_DEVICE_ID:
-        nResult = OutputUsable(pOut, nOutCap, pOutLen, kBlockBytes) ? DevIoCtlGetDevID(pOut, pOutLen) : kInvalid;
-        break;
+        case TAVK05_IOCTL_SET_VALUE:
+            nResult = (pIn == nullptr || nInLen == 0) ? kInvalid : DevIoCtlSetValue(pIn, nInLen);
+            break;
 
-    case TAVK05_IOCTL_GET_VALUE:
-        nResult = OutputUsable(pOut, nOutCap, pOutLen, kBlockBytes) ? DevIoCtlGetValue(pOut, pOutLen) : kInvalid;
-        break;
-
-    case TAVK05_IOCTL_GET_VALUE60:
-        if (!OutputUsable(pOut, nOutCap, pOutLen, kShortValueBytes)) {
-            nResult = TAVK05_E_INVALID;
-        } else {
-            unsigned char abyBlock[kBlockBytes] = {};
-            unsigned long nLen = 0;
-            nResult = DevIoCtlGetValue(abyBlock, &nLen);
-            if (nResult == TAVK05_OK) {
-                std::memcpy(pOut, abyBlock, kShortValueBytes);
-                *pOutLen = kShortValueBytes;
+        case TAVK05_IOCTL_SET_VALUE64:
+            if (pIn == nullptr || nInLen == 0) {
+                nResult = TAVK05_E_INVALID;
             } else {
-                *pOutLen = 0;
+                // Only the first 64 bytes go out, zero-padded to a full block.
+                unsigned char abyBlock[kBlockBytes] = {};
+                const unsigned long nCopy = nInLen < kBlockBytes ? nInLen : kBlockBytes;
+                std::memcpy(abyBlock, pIn, nCopy);
+                nResult = DevIoCtlSetValue(abyBlock, nCopy);
             }
+            break;
+
+        case TAVK05_IOCTL_BACKGROUND: {
+            const unsigned long nBrightness = m_nBrightness;
+            const unsigned long nGain = m_nGain;
+            const bool bNewFirmware = oberin::HasNewFirmware(m_pVxd);
+            if (SetBrightness(bNewFirmware ? kBackgroundBrightnessNew : kBackgroundBrightnessOld) != TAVK05_OK) {
+                nResult = TAVK05_E_FAILED;  // nothing was captured: settings not restored
+                break;
+            }
+            if (SetGainValue(kBackgroundGain) != TAVK05_OK) {
+                nResult = TAVK05_E_FAILED;
+                break;
+            }
+            if (CaptureImage(m_ImageProc.m_pBackground, false)) {
+                SetContrast(m_nContrast);  // result not reported
+                nResult = TAVK05_OK;
+            } else {
+                nResult = TAVK05_E_FAILED;
+            }
+            // The capture settings were only for the background frame.
+            SetBrightness(nBrightness);
+            SetGainValue(nGain);
+            break;
         }
-        break;
 
-    case TAVK05_IOCTL_UNSUPPORTED:
-        nResult = TAVK05_E_UNSUPPORTED;
-        break;
+        case TAVK05_IOCTL_GET_DEVICE_ID:
+            nResult = OutputUsable(pOut, nOutCap, pOutLen, kBlockBytes) ? DevIoCtlGetDevID(pOut, pOutLen) : kInvalid;
+            break;
 
-    default:
-        nResult = TAVK05_E_INVALID;
-        break;
+        case TAVK05_IOCTL_GET_VALUE:
+            nResult = OutputUsable(pOut, nOutCap, pOutLen, kBlockBytes) ? DevIoCtlGetValue(pOut, pOutLen) : kInvalid;
+            break;
+
+        case TAVK05_IOCTL_GET_VALUE60:
+            if (!OutputUsable(pOut, nOutCap, pOutLen, kShortValueBytes)) {
+                nResult = TAVK05_E_INVALID;
+            } else {
+                unsigned char abyBlock[kBlockBytes] = {};
+                unsigned long nLen = 0;
+                nResult = DevIoCtlGetValue(abyBlock, &nLen);
+                if (nResult == TAVK05_OK) {
+                    std::memcpy(pOut, abyBlock, kShortValueBytes);
+                    *pOutLen = kShortValueBytes;
+                } else {
+                    *pOutLen = 0;
+                }
+            }
+            break;
+
+        case TAVK05_IOCTL_UNSUPPORTED:
+            nResult = TAVK05_E_UNSUPPORTED;
+            break;
+
+        default:
+            nResult = TAVK05_E_INVALID;
+            break;
     }
     m_nError = nResult;
     return m_nError;

@@ -18,11 +18,11 @@
 
 namespace {
 
-const int kSide = IMG_WIDTH;            // finished images are 600 x 600
+const int kSide = IMG_WIDTH;  // finished images are 600 x 600
 const int kPixels = IMG_PIXELS;
 
 // Finger-state correction.
-const int kStateCountLimit = 20;        // tries after which the state is no longer looked at
+const int kStateCountLimit = 20;  // tries after which the state is no longer looked at
 const int kStateDark = 1;
 const int kStateNormal = 2;
 const int kStatePale = 3;
@@ -192,19 +192,19 @@ bool COberin::IsNormalFingerprint(unsigned long nWidth, unsigned long nHeight, u
     bool bChanged = false;
     if (nCount < kStateCountLimit) {
         switch (m_ImageProc.EstimateFingerState(static_cast<int>(nWidth), static_cast<int>(nHeight), pImage)) {
-        case kStateNormal:
-            bNormal = true;
-            break;
-        case kStatePale:
-            SetBrightnessEx(kBrightnessForPale);
-            bChanged = true;
-            break;
-        case kStateDark:
-            SetBrightnessEx(kBrightnessForDark);
-            bChanged = true;
-            break;
-        default:
-            break;  // no estimate: not normal, nothing changed
+            case kStateNormal:
+                bNormal = true;
+                break;
+            case kStatePale:
+                SetBrightnessEx(kBrightnessForPale);
+                bChanged = true;
+                break;
+            case kStateDark:
+                SetBrightnessEx(kBrightnessForDark);
+                bChanged = true;
+                break;
+            default:
+                break;  // no estimate: not normal, nothing changed
         }
     }
     if (pChanged != nullptr) *pChanged = bChanged;
@@ -241,13 +241,9 @@ unsigned long COberin::GetAdaptiveImage(unsigned char* /*pImage*/, unsigned int 
     return TAVK05_E_UNSUPPORTED;
 }
 
-void COberin::PrepareAdaptiveImage()
-{
-}
+void COberin::PrepareAdaptiveImage() {}
 
-void COberin::UnprepareAdaptiveImage()
-{
-}
+void COberin::UnprepareAdaptiveImage() {}
 
 unsigned long COberin::GetLiveImageEx2_Adaptive(unsigned char* /*pImage*/, unsigned long /*nTimeoutMs*/,
                                                 unsigned int /*nMarkFrames*/, void* /*pReserved*/,

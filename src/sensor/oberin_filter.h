@@ -11,8 +11,8 @@ namespace oberin {
 
 // What happens to the frame while it is mapped.
 enum FrameUse {
-    kFrameReadOnly,    // the frame is only read (live preview)
-    kFrameKeepsPrint   // the frame receives the darkening d = background - frame
+    kFrameReadOnly,   // the frame is only read (live preview)
+    kFrameKeepsPrint  // the frame receives the darkening d = background - frame
 };
 
 // Maps the 600 x 600 frame pFrame into pOutput by the sensor's current device

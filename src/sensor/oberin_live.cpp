@@ -120,9 +120,8 @@ unsigned long COberin::GetLiveImageEx2(unsigned char* pImage, unsigned long nTim
 // sensor without them cannot capture, and the live capture then fails with 2
 // (memory short) before anything is sent to the device, as when its own
 // frame buffer cannot be had.
-unsigned long COberin::GetLiveImageEx2_Normal(unsigned char* pImage, unsigned long nTimeoutMs,
-                                              unsigned int nMarkFrames, void* /*pReserved: not read*/,
-                                              unsigned long nQualityThreshold)
+unsigned long COberin::GetLiveImageEx2_Normal(unsigned char* pImage, unsigned long nTimeoutMs, unsigned int nMarkFrames,
+                                              void* /*pReserved: not read*/, unsigned long nQualityThreshold)
 {
     unsigned long long nStart = NowMicroseconds();
     unsigned long nResult = TAVK05_E_NO_IMAGE;
@@ -188,8 +187,8 @@ unsigned long COberin::GetLiveImageEx2_Normal(unsigned char* pImage, unsigned lo
         if (CaptureImageForRoll(pFrame.get(), nMarkFrames != 0)) {
             bool bComplete = false;
             if (m_nRollState == kRolling && m_nRollMode == 1) {
-                bComplete = m_ImageProc.ImageComposition(pFrame.get(), pImage, kFinishedBytes, nFrame,
-                                                         m_fContrastFactor) != 0;
+                bComplete =
+                    m_ImageProc.ImageComposition(pFrame.get(), pImage, kFinishedBytes, nFrame, m_fContrastFactor) != 0;
                 ++nFrame;
             } else {
                 oberin::MapContrast(*this, pFrame.get(), pImage, oberin::kFrameReadOnly);

@@ -17,7 +17,8 @@ unsigned long COberin::SetImageSize(unsigned long nWidth, unsigned long nHeight)
 {
     m_nError = TAVK05_OK;
     for (unsigned long nCode = 0; nCode < tavk05profile::kImageSizeCodes; ++nCode) {
-        if (tavk05profile::kImageSizes[nCode].nWidth == nWidth && tavk05profile::kImageSizes[nCode].nHeight == nHeight) {
+        if (tavk05profile::kImageSizes[nCode].nWidth == nWidth &&
+            tavk05profile::kImageSizes[nCode].nHeight == nHeight) {
             m_nImageSize = nCode;
             return m_nError;
         }
@@ -36,8 +37,7 @@ unsigned long COberin::SetBrightnessEx(unsigned long nValue)
     // pushes it.
     m_nBrightness = nValue;
     const unsigned char byExposure = static_cast<unsigned char>(nValue & 0xFF);
-    m_nError = (m_pVxd != nullptr && m_pVxd->SetExposure(byExposure) == VXD_OK) ? TAVK05_OK
-                                                                                 : TAVK05_E_FAILED;
+    m_nError = (m_pVxd != nullptr && m_pVxd->SetExposure(byExposure) == VXD_OK) ? TAVK05_OK : TAVK05_E_FAILED;
     return m_nError;
 }
 
@@ -126,35 +126,35 @@ unsigned long COberin::AutoTuning()
 unsigned long COberin::WriteData(unsigned long nReg, unsigned long nValue)
 {
     switch (nReg) {
-    case kRegCaptureOptions:
-        if (nValue == 0) {
-            m_bLatentCheck = false;
-            m_bCaptureEnable = true;
-        } else if (nValue == 1) {
-            m_bLatentCheck = true;
-            m_bCaptureEnable = true;
-        } else if (nValue == 2) {
-            m_bLatentCheck = true;
-            m_bCaptureEnable = false;
-        }
-        break;
-    case kRegScanMode:
-        m_nScanMode = (nValue == 0 || nValue == 1) ? nValue : 0;
-        break;
-    case kRegRollMode:
-        if (nValue != 0 && nValue != 1) {
-            m_nRollMode = 0;
-        } else if (!oberin::ProfileOf(*this).bRolls) {
-            m_nRollMode = 0;  // models 4, 6 and 8 cannot roll
-        } else {
-            m_nRollMode = nValue;
-        }
-        if (m_nRollMode == 0) {
-            m_nRollState = 0;
-        }
-        break;
-    default:
-        break;
+        case kRegCaptureOptions:
+            if (nValue == 0) {
+                m_bLatentCheck = false;
+                m_bCaptureEnable = true;
+            } else if (nValue == 1) {
+                m_bLatentCheck = true;
+                m_bCaptureEnable = true;
+            } else if (nValue == 2) {
+                m_bLatentCheck = true;
+                m_bCaptureEnable = false;
+            }
+            break;
+        case kRegScanMode:
+            m_nScanMode = (nValue == 0 || nValue == 1) ? nValue : 0;
+            break;
+        case kRegRollMode:
+            if (nValue != 0 && nValue != 1) {
+                m_nRollMode = 0;
+            } else if (!oberin::ProfileOf(*this).bRolls) {
+                m_nRollMode = 0;  // models 4, 6 and 8 cannot roll
+            } else {
+                m_nRollMode = nValue;
+            }
+            if (m_nRollMode == 0) {
+                m_nRollState = 0;
+            }
+            break;
+        default:
+            break;
     }
     return TAVK05_OK;
 }
@@ -162,14 +162,14 @@ unsigned long COberin::WriteData(unsigned long nReg, unsigned long nValue)
 unsigned long COberin::ReadData(unsigned long nReg)
 {
     switch (nReg) {
-    case kRegCaptureOptions:
-        if (!m_bLatentCheck) return 0;
-        return m_bCaptureEnable ? 1 : 2;
-    case kRegScanMode:
-        return m_nScanMode & 0xFF;
-    case kRegRollMode:
-        return m_nRollMode & 0xFF;
-    default:
-        return kUnknownRegister;
+        case kRegCaptureOptions:
+            if (!m_bLatentCheck) return 0;
+            return m_bCaptureEnable ? 1 : 2;
+        case kRegScanMode:
+            return m_nScanMode & 0xFF;
+        case kRegRollMode:
+            return m_nRollMode & 0xFF;
+        default:
+            return kUnknownRegister;
     }
 }

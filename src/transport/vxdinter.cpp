@@ -45,12 +45,7 @@ int GetBlock(int hDevice, unsigned long nRequest, void* pOut, unsigned long* pLe
 }  // namespace
 
 CVxdInterface::CVxdInterface()
-    : m_nFirmwareVersion(0),
-      m_bLatentCapable(false),
-      m_byGain(0),
-      m_byExposure(0),
-      m_hDevice(-1),
-      m_nDevType(0)
+    : m_nFirmwareVersion(0), m_bLatentCapable(false), m_byGain(0), m_byExposure(0), m_hDevice(-1), m_nDevType(0)
 {
 }
 
@@ -221,10 +216,7 @@ int CVxdInterface::RollDevIoControl(unsigned long nMode)
     return VXD_OK;
 }
 
-int CVxdInterface::ResetPipe(unsigned long /*nPipe*/)
-{
-    return m_hDevice < 0 ? VXD_E_LED : VXD_OK;
-}
+int CVxdInterface::ResetPipe(unsigned long /*nPipe*/) { return m_hDevice < 0 ? VXD_E_LED : VXD_OK; }
 
 int CVxdInterface::LockDevice() { return VXD_OK; }
 int CVxdInterface::UnlockDevice() { return VXD_OK; }
@@ -241,7 +233,4 @@ int CVxdInterface::SetAutoGain(bool /*bOn*/) { return VXD_OK; }
 int CVxdInterface::I2cReadData(unsigned char /*byReg*/) { return VXD_OK; }
 int CVxdInterface::I2cWriteData(unsigned char /*byReg*/, unsigned char /*byValue*/) { return VXD_OK; }
 
-void CVxdInterface::SetLatentCapable(bool bCapable)
-{
-    m_bLatentCapable = bCapable;
-}
+void CVxdInterface::SetLatentCapable(bool bCapable) { m_bLatentCapable = bCapable; }

@@ -44,10 +44,7 @@ void ReadFrame(int hDevice, unsigned char* pStage, unsigned long nTransfer)
     }
 }
 
-bool SendRequest(int hDevice, unsigned long nRequest)
-{
-    return ioctl(hDevice, nRequest, 0UL) >= 0;
-}
+bool SendRequest(int hDevice, unsigned long nRequest) { return ioctl(hDevice, nRequest, 0UL) >= 0; }
 
 // The checks every read makes before it touches the device: a buffer, an
 // open node and a length that can be rounded to whole transfer blocks.

@@ -19,8 +19,8 @@
 
 /* The records as the host sees them. */
 struct DeviceInfo {
-    unsigned int DeviceID, Reserved1, ImageWidth, ImageHeight, Contrast, Brightness, Reserved2, Reserved3,
-        Reserved4, Gain;
+    unsigned int DeviceID, Reserved1, ImageWidth, ImageHeight, Contrast, Brightness, Reserved2, Reserved3, Reserved4,
+        Gain;
 };
 struct CallbackInfo {
     unsigned int nWidth, nHeight, nQuality, nStatus;
@@ -34,14 +34,37 @@ _Static_assert(sizeof(struct CallbackInfo) == 16, "callback record is 16 bytes")
 /* Virtual-table slots: 0 and 1 are the complete-object and deleting
  * destructors, then the operations in declaration order. */
 enum {
-    SLOT_OPEN_DEVICE = 2, SLOT_GET_IMAGE, SLOT_GET_ERROR, SLOT_GET_DEVICE_INFO, SLOT_CONFIGURE, SLOT_RESET_DEVICE,
-    SLOT_SET_IMAGE_SIZE, SLOT_SET_BRIGHTNESS, SLOT_SET_CONTRAST, SLOT_SET_BLACK_CALIBRATION, SLOT_SET_LED_ON,
-    SLOT_SET_EXPOSURE, SLOT_SET_GAIN_VALUE, SLOT_SET_AUTO_EXPOSURE, SLOT_SET_AUTO_GAIN, SLOT_WRITE_DATA,
-    SLOT_READ_DATA, SLOT_SET_PIXEL_INVERT, SLOT_GET_LIVE_IMAGE, SLOT_AUTO_TUNNING, SLOT_GET_LIVE_IMAGE_EX,
-    SLOT_GET_LIVE_IMAGE_EX2, SLOT_SET_CALLBACK_FUNCTION, SLOT_AUTO_TUNING, SLOT_CLOSE_DEVICE, SLOT_DEV_IO_CONTROL,
+    SLOT_OPEN_DEVICE = 2,
+    SLOT_GET_IMAGE,
+    SLOT_GET_ERROR,
+    SLOT_GET_DEVICE_INFO,
+    SLOT_CONFIGURE,
+    SLOT_RESET_DEVICE,
+    SLOT_SET_IMAGE_SIZE,
+    SLOT_SET_BRIGHTNESS,
+    SLOT_SET_CONTRAST,
+    SLOT_SET_BLACK_CALIBRATION,
+    SLOT_SET_LED_ON,
+    SLOT_SET_EXPOSURE,
+    SLOT_SET_GAIN_VALUE,
+    SLOT_SET_AUTO_EXPOSURE,
+    SLOT_SET_AUTO_GAIN,
+    SLOT_WRITE_DATA,
+    SLOT_READ_DATA,
+    SLOT_SET_PIXEL_INVERT,
+    SLOT_GET_LIVE_IMAGE,
+    SLOT_AUTO_TUNNING,
+    SLOT_GET_LIVE_IMAGE_EX,
+    SLOT_GET_LIVE_IMAGE_EX2,
+    SLOT_SET_CALLBACK_FUNCTION,
+    SLOT_AUTO_TUNING,
+    SLOT_CLOSE_DEVICE,
+    SLOT_DEV_IO_CONTROL,
     SLOT_GET_DEVICE_TYPE = 28,
     /* The sensor class's own operations follow those of the interface. */
-    SLOT_GET_LIVE_IMAGE_EX2_ADAPTIVE = 29, SLOT_GET_LIVE_IMAGE_EX2_NORMAL = 30, SLOT_GET_IMAGE_FOR_ROLL = 33
+    SLOT_GET_LIVE_IMAGE_EX2_ADAPTIVE = 29,
+    SLOT_GET_LIVE_IMAGE_EX2_NORMAL = 30,
+    SLOT_GET_IMAGE_FOR_ROLL = 33
 };
 
 typedef int (*CreateFn)(struct CreateParam*, void**);
@@ -73,11 +96,11 @@ static void Check(int bOk, int nSlot, const char* pszWhat, unsigned long nExpect
     fprintf(stderr, "FAIL slot %d, %s: expected %lu, got %lu\n", nSlot, pszWhat, nExpected, nGot);
 }
 
-#define EXPECT_EQ(slot, what, expected, got)                                                     \
-    do {                                                                                         \
-        const unsigned long nExp_ = (unsigned long)(expected);                                   \
-        const unsigned long nGot_ = (unsigned long)(got);                                        \
-        Check(nExp_ == nGot_, (slot), (what), nExp_, nGot_);                                     \
+#define EXPECT_EQ(slot, what, expected, got)                   \
+    do {                                                       \
+        const unsigned long nExp_ = (unsigned long)(expected); \
+        const unsigned long nGot_ = (unsigned long)(got);      \
+        Check(nExp_ == nGot_, (slot), (what), nExp_, nGot_);   \
     } while (0)
 
 /* The function in slot nSlot of the object's virtual table. */

@@ -100,7 +100,7 @@ TEST_F(PngTest, FormatsAndSizes)
         unsigned long nW, nH;
         int nDepth, nColour;
     } const aCases[] = {{599, 600, 8, 0}, {600, 601, 8, 0}, {600, 600, 16, 0}, {600, 600, 4, 0},
-                        {600, 600, 8, 2}, {1, 1, 8, 0}, {4096, 1, 8, 0}};
+                        {600, 600, 8, 2}, {1, 1, 8, 0},     {4096, 1, 8, 0}};
     for (const Case& c : aCases) {
         Write(MakePng(c.nW, c.nH, c.nDepth, c.nColour, c.nH));
         ASSERT_EQ(Read(m_strFile), "") << c.nW << "x" << c.nH << " " << c.nDepth;

@@ -51,13 +51,17 @@ void Merge(Bytes& x, const Bytes& y, int s, int nDirection)
                 x[(i + 10) * 600 + c] = y[(i + 10) * 600 + c];
     for (int r = 0; r < 600; ++r)
         for (int c = nDirection == 1 ? std::max(s, 0) : 0; c < (nDirection == 1 ? 600 : std::min(s, 600)); ++c)
-            if (r < 10 || r >= 590)
-                x[r * 600 + c] = y[r * 600 + c];
+            if (r < 10 || r >= 590) x[r * 600 + c] = y[r * 600 + c];
 }
 
 Outcome Predict(const CImageProc& p, const Bytes& frame, const Bytes& comp, int nFrame, float fContrast)
 {
-    Outcome o = {0, p.m_bRollStarted, p.m_nRollLeft, p.m_nRollRight, p.m_nRollCenter, p.m_nRollDirection,
+    Outcome o = {0,
+                 p.m_bRollStarted,
+                 p.m_nRollLeft,
+                 p.m_nRollRight,
+                 p.m_nRollCenter,
+                 p.m_nRollDirection,
                  Bytes(comp.begin(), comp.begin() + kPixels)};
     if (nFrame <= 0) {
         o.bStarted = o.nLeft = o.nRight = o.nCenter = 0;
@@ -72,8 +76,7 @@ Outcome Predict(const CImageProc& p, const Bytes& frame, const Bytes& comp, int 
                         std::abs(g[(r - 1) * 600 + c] - g[(r + 1) * 600 + c]) > 15;
     for (int c = 0; c < 600; ++c) {
         int nSum = 0, n = 0;
-        for (int k = std::max(0, c - 5); k <= std::min(599, c + 5); ++k, ++n)
-            nSum += anAct[k];
+        for (int k = std::max(0, c - 5); k <= std::min(599, c + 5); ++k, ++n) nSum += anAct[k];
         anSmooth[c] = nSum / n;
     }
     const int nPeakAt = static_cast<int>(std::max_element(anSmooth, anSmooth + 600) - anSmooth);
@@ -83,10 +86,8 @@ Outcome Predict(const CImageProc& p, const Bytes& frame, const Bytes& comp, int 
         return o;
     }
     int l = 0, r = 599;
-    for (int c = nPeakAt; c >= 0 && l == 0; --c)
-        l = anSmooth[c] <= 30 ? c + 1 : 0;
-    for (int c = nPeakAt; c < 600 && r == 599; ++c)
-        r = anSmooth[c] <= 30 ? c - 1 : 599;
+    for (int c = nPeakAt; c >= 0 && l == 0; --c) l = anSmooth[c] <= 30 ? c + 1 : 0;
+    for (int c = nPeakAt; c < 600 && r == 599; ++c) r = anSmooth[c] <= 30 ? c - 1 : 599;
     if (!o.bStarted) {
         o.comp = y;
         o.nCenter = (l + r) / 2;
@@ -147,8 +148,7 @@ protected:
         const int anDevice[5] = {3, 5, 7, 3, 6};
         m_pProc->m_nDeviceType = anDevice[nSetup];
         m_pProc->m_bContrastTable = nSetup == 2 || nSetup == 3;
-        for (int g = 0; g < 256; ++g)
-            m_pProc->m_ucContrastTable[g] = static_cast<unsigned char>(g / 2 + 100);
+        for (int g = 0; g < 256; ++g) m_pProc->m_ucContrastTable[g] = static_cast<unsigned char>(g / 2 + 100);
         for (int i = 0; i < kPixels; ++i)
             m_pProc->m_pBackground[i] = static_cast<unsigned char>(nBackground - (nBackground % 2 ? gen() % 3 : 0));
     }
@@ -163,8 +163,8 @@ protected:
         EXPECT_EQ(nAfterModel, std::rand()) << "one draw a pixel, only with the table";
         const CImageProc& p = *m_pProc;
         EXPECT_EQ(std::vector<int>({o.nResult, o.bStarted, o.nLeft, o.nRight, o.nCenter, o.nDirection}),
-                  std::vector<int>({nResult, p.m_bRollStarted, p.m_nRollLeft, p.m_nRollRight, p.m_nRollCenter,
-                                    p.m_nRollDirection}));
+                  std::vector<int>(
+                      {nResult, p.m_bRollStarted, p.m_nRollLeft, p.m_nRollRight, p.m_nRollCenter, p.m_nRollDirection}));
         EXPECT_EQ("", testutil::FirstDifference(o.comp.data(), m_comp.data(), kPixels, 600));
         EXPECT_EQ(40000, std::count(m_comp.begin() + kPixels, m_comp.end(), 77));
         ++m_anResults[nResult];
@@ -200,8 +200,7 @@ TEST_F(Compose, RandomRollsMatchTheModel)
             const int nResult =
                 Call(Frame(a, b, *m_pProc, gen, nDepth, nRows, gen() % 3 == 0 ? 8 + gen() % 4 : 0), n, fContrast);
             nMerged += nStarted && nResult == 0;
-            if (nResult != 0)
-                break;
+            if (nResult != 0) break;
             const int nSign = m_pProc->m_nRollDirection == 1 ? 1 : -1;
             a = std::max(0, std::min(599, a + nSign * anMoves[gen() % 13]));
             b = std::max(a, std::min(599, b + nSign * anMoves[gen() % 13]));

@@ -27,8 +27,7 @@ Bytes ModelGrey(const Bytes& src, int w, int h)
 {
     Bytes dst(src.size(), 255);
     for (int y = 0; y < h - 1; ++y) {
-        for (int x = 0; x < w - 1; ++x)
-            dst[y * w + x] = static_cast<unsigned char>(Grey(src.data(), w, x, y));
+        for (int x = 0; x < w - 1; ++x) dst[y * w + x] = static_cast<unsigned char>(Grey(src.data(), w, x, y));
         dst[y * w + w - 1] = src[y * w + w - 1];
     }
     std::copy(src.end() - w, src.end(), dst.end() - w);
@@ -37,8 +36,7 @@ Bytes ModelGrey(const Bytes& src, int w, int h)
 
 void ModelMirror(unsigned char* p, long w, long h)
 {
-    for (long y = 0; y < h; ++y)
-        std::reverse(p + y * w, p + y * w + w);
+    for (long y = 0; y < h; ++y) std::reverse(p + y * w, p + y * w + w);
 }
 
 void ModelLookup(int nType, const unsigned char* pSrc, unsigned long w, unsigned char* pDst, unsigned long nOutW,
@@ -49,8 +47,7 @@ void ModelLookup(int nType, const unsigned char* pSrc, unsigned long w, unsigned
     const unsigned short* pY = b1103 ? usYtable1103 : usYtable;
     const int nPos0 = b1103 ? 10 * 660 + 25 : 21 * 660 + 26;
     for (int y = 0; y < 600; ++y)
-        for (int x = 0; x < 600; ++x)
-            pDst[y * 600 + x] = pSrc[pY[nPos0 + y * 660 + x] * w + pX[nPos0 + y * 660 + x]];
+        for (int x = 0; x < 600; ++x) pDst[y * 600 + x] = pSrc[pY[nPos0 + y * 660 + x] * w + pX[nPos0 + y * 660 + x]];
     ModelMirror(pDst, nOutW, nOutH);
 }
 
@@ -64,32 +61,26 @@ void ModelCalc(const CImageProc& proc, bool bEx, const unsigned char* pSrc, unsi
     const long W = bEx ? 1700 : 1288, H = bEx ? 1300 : 876, nSide = bEx ? 650 : 660;
     Bytes copy(W * H, 0), mirror(W * H), canvas(nSide * nSide, byFill);
     if (bEx) {
-        for (unsigned long i = 0; i < h && i + 10 < 1300; ++i)
-            std::memcpy(&copy[(i + 10) * W], pSrc + i * w + 50, W);
+        for (unsigned long i = 0; i < h && i + 10 < 1300; ++i) std::memcpy(&copy[(i + 10) * W], pSrc + i * w + 50, W);
     } else {
         std::memcpy(copy.data(), pSrc, W * H);
     }
-    for (long r = 0; r < H; ++r)
-        std::reverse_copy(&copy[r * W], &copy[r * W] + W, &mirror[r * W]);
+    for (long r = 0; r < H; ++r) std::reverse_copy(&copy[r * W], &copy[r * W] + W, &mirror[r * W]);
     tagModifyEntry* const* pp = bEx ? proc.m_ppModifyTableEx : proc.m_ppModifyTable;
     for (const Bytes* pImg : {&copy, &mirror}) {
         for (long r = 0; r < nSide; ++r) {
             for (long c = 0; c < nSide / 2; ++c) {
                 const tagModifyEntry& e = pp[r][c];
-                if (e.nSrcRow < 0 || e.nSrcRow > H - 1 || e.nSrcCol < 0 || e.nSrcCol > (W - 1) / 2)
-                    continue;
-                if (*std::max_element(e.nSrcIndex, e.nSrcIndex + 4) >= static_cast<unsigned long>(W * H))
-                    continue;
+                if (e.nSrcRow < 0 || e.nSrcRow > H - 1 || e.nSrcCol < 0 || e.nSrcCol > (W - 1) / 2) continue;
+                if (*std::max_element(e.nSrcIndex, e.nSrcIndex + 4) >= static_cast<unsigned long>(W * H)) continue;
                 float f = 0.0f;
-                for (int k = 0; k < 4; ++k)
-                    f = f + static_cast<float>((*pImg)[e.nSrcIndex[k]]) * e.fWeight[k];
+                for (int k = 0; k < 4; ++k) f = f + static_cast<float>((*pImg)[e.nSrcIndex[k]]) * e.fWeight[k];
                 canvas[pImg == &copy ? e.nDstRight : e.nDstLeft] = static_cast<unsigned char>(static_cast<int>(f));
             }
         }
     }
     const long nCrop = bEx ? 10 * 650 + 26 : 30 * 660 + 30;
-    for (long y = 0; y < 600; ++y)
-        std::memcpy(pDst + y * 600, &canvas[nCrop + y * nSide], 600);
+    for (long y = 0; y < 600; ++y) std::memcpy(pDst + y * 600, &canvas[nCrop + y * nSide], 600);
     ModelMirror(pDst, nOutW, nOutH);
 }
 
@@ -101,15 +92,13 @@ TEST(Grey, MatchesTheModelOnAGridOfSizes)
     ASSERT_EQ(Bytes({35, 45, 55, 40, 50, 60, 70, 80}), ModelGrey({10, 20, 30, 40, 50, 60, 70, 80}, 4, 2));
     std::vector<std::pair<int, int>> sizes = {{1280, 676}, {1288, 876}, {1800, 1280}, {1214, 616}};
     for (int w = 1; w <= 70; ++w)
-        for (int h : {1, 2, 3, 4, 5, 8})
-            sizes.push_back({w, h});
+        for (int h : {1, 2, 3, 4, 5, 8}) sizes.push_back({w, h});
     unsigned nSeed = 1;
     for (const auto& s : sizes) {
         const int w = s.first, h = s.second;
         for (int nKind = 0; nKind < 3; ++nKind) {
             Bytes src = testutil::RandomBytes(static_cast<size_t>(w) * h, nSeed++);
-            if (nKind > 0)
-                std::fill(src.begin(), src.end(), nKind == 1 ? src[0] : 255);
+            if (nKind > 0) std::fill(src.begin(), src.end(), nKind == 1 ? src[0] : 255);
             Bytes dst(src.size(), 0x5A), dst2(src.size(), 0xA5);
             testutil::SharedProc().RGBtoGRAY(src.data(), dst.data(), w, h);
             const Bytes want = ModelGrey(src, w, h);
@@ -240,16 +229,13 @@ void EditEntries(CImageProc& proc, unsigned nSeed, int nRowPhase)
                     else
                         e.fWeight[n] = static_cast<float>(gen() % 1000) / 700.0f;
                 }
-                if (k == 2)
-                    e.nSrcIndex[gen() % 4] = nLimit + gen() % 5000;
-                if (k == 3)
-                    e.nSrcRow = -1 - static_cast<int>(gen() % 3);
+                if (k == 2) e.nSrcIndex[gen() % 4] = nLimit + gen() % 5000;
+                if (k == 3) e.nSrcRow = -1 - static_cast<int>(gen() % 3);
                 if (k == 4) {
                     std::swap(e.nSrcIndex[0], e.nSrcIndex[1]);
                     std::swap(e.fWeight[0], e.fWeight[1]);
                 }
-                if (k == 5 || k == 6)
-                    (k == 5 ? e.nDstLeft : e.nDstRight) = e.nDstRight - c + (k == 5 ? 45 : -20);
+                if (k == 5 || k == 6) (k == 5 ? e.nDstLeft : e.nDstRight) = e.nDstRight - c + (k == 5 ? 45 : -20);
             }
         }
     }
@@ -270,8 +256,7 @@ TEST(CorrectImageCalc, FollowsTheTablesAsTheyStandAtEachCall)
     pfWeight[0] = 1.0f;
     ASSERT_EQ(1, pProc->CorrectImageCalcEx(pSrc, 1800, 1280, second.data(), 600, 600, 0, 0));
     long nChanged = 0;
-    for (size_t i = 0; i < kOut; ++i)
-        nChanged += first[i] != second[i] ? 1 : 0;
+    for (size_t i = 0; i < kOut; ++i) nChanged += first[i] != second[i] ? 1 : 0;
     EXPECT_EQ(2, nChanged);
     for (unsigned nRound = 0; nRound < 2; ++nRound) {
         EditEntries(*pProc, 77 + nRound, static_cast<int>(nRound) * 8);
@@ -314,8 +299,7 @@ tagModifyEntry ModelEntry(const Shape& s, int i, int j, const tagModifyEntry& st
     e.nSrcCol = static_cast<int>(std::floor(static_cast<double>(y)));
     e.nDstRight = i * s.nSide + j + s.nSide / 2;
     e.nDstLeft = i * s.nSide - j + s.nSide / 2;
-    if (e.nSrcRow < 0 || e.nSrcRow > s.nMaxRow || e.nSrcCol < 0 || e.nSrcCol > s.nMaxCol)
-        return e;
+    if (e.nSrcRow < 0 || e.nSrcRow > s.nMaxRow || e.nSrcCol < 0 || e.nSrcCol > s.nMaxCol) return e;
     const float fr = x - e.nSrcRow, fc = y - e.nSrcCol;
     const unsigned n = e.nSrcRow * s.nSrcWidth + e.nSrcCol + s.nCentre;
     const unsigned anIndex[4] = {n, n + 1, n + s.nSrcWidth + 1, n + s.nSrcWidth};
@@ -348,8 +332,7 @@ TEST(ModifyTable, FreshAndRebuiltTablesFollowTheirArithmetic)
             tagModifyEntry** pp = s.nSide == 660 ? p.m_ppModifyTable : p.m_ppModifyTableEx;
             for (int r = 0; r < s.nSide && nPass == 1; ++r)
                 std::memset(static_cast<void*>(pp[r]), 0xA5, sizeof(tagModifyEntry) * (s.nSide / 2));
-            if (nPass == 1)
-                (s.nSide == 660) ? pProc->InitModifyTable() : pProc->InitModifyTableEx();
+            if (nPass == 1) (s.nSide == 660) ? pProc->InitModifyTable() : pProc->InitModifyTableEx();
             long nValid = 0;
             int nLastTailRow = -1, nRow0Valid = 0, nMaxRow = 0, nMaxRowAt = -1, nRowsAtLimit = 0;
             unsigned nMaxThird = 0;
@@ -366,13 +349,10 @@ TEST(ModifyTable, FreshAndRebuiltTablesFollowTheirArithmetic)
                     ASSERT_FALSE(bValid && c > 0 && !Valid(s, pp[r][c - 1])) << "valid entries form a prefix of a row";
                     nValid += bValid;
                     nRow0Valid += r == 0 && bValid;
-                    if (bValid && want.nSrcRow == s.nMaxRow)
-                        nMaxThird = std::max(nMaxThird, want.nSrcIndex[2]);
+                    if (bValid && want.nSrcRow == s.nMaxRow) nMaxThird = std::max(nMaxThird, want.nSrcIndex[2]);
                 }
-                if (pp[r][0].nSrcRow <= s.nMaxRow && pp[r][s.nSide / 2 - 1].nSrcCol > s.nMaxCol)
-                    nLastTailRow = r;
-                if (pp[r][0].nSrcRow > nMaxRow)
-                    nMaxRow = pp[r][0].nSrcRow, nMaxRowAt = r;
+                if (pp[r][0].nSrcRow <= s.nMaxRow && pp[r][s.nSide / 2 - 1].nSrcCol > s.nMaxCol) nLastTailRow = r;
+                if (pp[r][0].nSrcRow > nMaxRow) nMaxRow = pp[r][0].nSrcRow, nMaxRowAt = r;
                 nRowsAtLimit += pp[r][0].nSrcRow == s.nMaxRow;
             }
             EXPECT_EQ(s.nValid, nValid);
@@ -382,7 +362,7 @@ TEST(ModifyTable, FreshAndRebuiltTablesFollowTheirArithmetic)
                 EXPECT_EQ(846, nMaxRow);  // row 659: every row has valid entries
                 EXPECT_EQ(659, nMaxRowAt);
             } else {
-                EXPECT_EQ(1, nRowsAtLimit);  // row 635 only; rows 636..649 lie below the source
+                EXPECT_EQ(1, nRowsAtLimit);      // row 635 only; rows 636..649 lie below the source
                 EXPECT_EQ(2211675u, nMaxThird);  // its lower neighbours fall below 1700 x 1300
             }
         }

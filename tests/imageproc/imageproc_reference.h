@@ -22,8 +22,7 @@ inline ref::Bytes RandomBytes(size_t n, unsigned nSeed)
 {
     std::mt19937 gen(nSeed);
     ref::Bytes bytes(n);
-    for (size_t i = 0; i < n; ++i)
-        bytes[i] = static_cast<unsigned char>(gen() >> 24);
+    for (size_t i = 0; i < n; ++i) bytes[i] = static_cast<unsigned char>(gen() >> 24);
     return bytes;
 }
 
@@ -43,7 +42,8 @@ inline std::string FirstDifference(const unsigned char* pA, const unsigned char*
 
 // Summed-area table of a 600 x 600 image, and the sum over rows r0..r1 and
 // columns c0..c1 from it.
-template <typename T> std::vector<long long> SummedArea(const T& img)
+template <typename T>
+std::vector<long long> SummedArea(const T& img)
 {
     std::vector<long long> sat(601 * 601, 0);
     for (int r = 0; r < 600; ++r)

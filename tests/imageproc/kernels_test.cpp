@@ -67,8 +67,7 @@ TEST(ReverseKernel, OuterBlocksAndPlainMiddleReverseTheRow)
     std::mt19937 gen(5);
     for (size_t n : {0u, 1u, 31u, 32u, 33u, 47u, 64u, 600u, 1801u}) {
         std::vector<unsigned char> row(n);
-        for (unsigned char& by : row)
-            by = static_cast<unsigned char>(gen());
+        for (unsigned char& by : row) by = static_cast<unsigned char>(gen());
         std::vector<unsigned char> expected(row.rbegin(), row.rend());
         const size_t nDone = imageproc::ReverseOuterSse2(row.data(), n);
         ASSERT_LE(2 * nDone, n);
@@ -104,16 +103,16 @@ TEST(RunKernel, VectorPartAndPlainRestEqualPlainLoop)
                     const unsigned anIndex[4] = {nRowStart + c, nRowStart + c + 1, nRowStart + c + nWidth + 1,
                                                  nRowStart + c + nWidth};
                     std::copy(anIndex, anIndex + 4, e.nSrcIndex);
-                    for (float& f : e.fWeight)
-                        f = k % 7 == 0 ? 1e10f : static_cast<float>(gen() % 1000000) / 7e5f;
+                    for (float& f : e.fWeight) f = k % 7 == 0 ? 1e10f : static_cast<float>(gen() % 1000000) / 7e5f;
                 }
                 const unsigned nAt = nEntries == 0 ? 0 : gen() % nEntries;
                 if (nEntries > 0 && nBreak >= 0) {
                     tagModifyEntry& e = entries[nAt];
-                    int* const apnField[9] = {&e.nSrcRow, &e.nSrcCol, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                              nullptr, nullptr};
-                    unsigned* const apuField[9] = {nullptr, nullptr, &e.nDstRight, &e.nDstLeft, &e.nSrcIndex[0],
-                                                   &e.nSrcIndex[1], &e.nSrcIndex[2], &e.nSrcIndex[3], &e.nSrcIndex[0]};
+                    int* const apnField[9] = {&e.nSrcRow, &e.nSrcCol, nullptr, nullptr, nullptr,
+                                              nullptr,    nullptr,    nullptr, nullptr};
+                    unsigned* const apuField[9] = {nullptr,         nullptr,         &e.nDstRight,
+                                                   &e.nDstLeft,     &e.nSrcIndex[0], &e.nSrcIndex[1],
+                                                   &e.nSrcIndex[2], &e.nSrcIndex[3], &e.nSrcIndex[0]};
                     if (apnField[nBreak] != nullptr)
                         *apnField[nBreak] = nBreak == 0 ? 1300 : -1;
                     else if (nBreak == 8)  // last column of the row: the block would leave it
@@ -123,9 +122,9 @@ TEST(RunKernel, VectorPartAndPlainRestEqualPlainLoop)
                 }
                 for (int nStep : {-1, 1}) {
                     std::vector<unsigned char> plain(2400, 0x5A), vec(plain);
-                    imageproc::EntryRun run = {entries.data(), nEntries, 1000, 1000, nRowStart, src.data(),
-                                               src.data() + nWidth, nWidth, 1299, 849, &plain[1200], &plain[1200],
-                                               nStep};
+                    imageproc::EntryRun run = {
+                        entries.data(), nEntries, 1000, 1000,         nRowStart,    src.data(), src.data() + nWidth,
+                        nWidth,         1299,     849,  &plain[1200], &plain[1200], nStep};
                     const unsigned nPlain = imageproc::ResampleRun(run, 0);
                     run.pRight = run.pLeft = &vec[1200];
                     const unsigned nVector = imageproc::ResampleRunSse2(run);
@@ -153,8 +152,7 @@ TEST(OutsideKernel, StopsWhereThePlainLoopStops)
                 entries[k].nDstLeft = 5000 - k;
             }
             const unsigned nAt = nEntries == 0 ? 0 : gen() % nEntries;
-            if (nEntries > 0 && nBreak >= 0)
-                (nBreak == 0 ? entries[nAt].nDstRight : entries[nAt].nDstLeft) += 660;
+            if (nEntries > 0 && nBreak >= 0) (nBreak == 0 ? entries[nAt].nDstRight : entries[nAt].nDstLeft) += 660;
             const imageproc::OutsideRun run = {entries.data(), nEntries, 5000, 5000};
             const unsigned nPlain = imageproc::PassOutside(run, 0);
             ASSERT_EQ(nPlain, nBreak >= 0 && nEntries > 0 ? nAt : nEntries);
@@ -185,13 +183,12 @@ TEST(RowKernels, VectorPartAndPlainRestEqualPlainLoop)
             for (int nParity : {0, 1}) {
                 std::vector<unsigned char> plain(n + 1, 0x5A), vec(plain);
                 GreyRow(rows.pAbove, rows.pCentre, plain.data(), 0, n, nParity);
-                GreyRow(rows.pAbove, rows.pCentre, vec.data(), GreyRowSse2(rows.pAbove, rows.pCentre, vec.data(), n, nParity), n,
-                        nParity);
+                GreyRow(rows.pAbove, rows.pCentre, vec.data(),
+                        GreyRowSse2(rows.pAbove, rows.pCentre, vec.data(), n, nParity), n, nParity);
                 ASSERT_EQ(plain, vec) << "grey " << n << " " << nParity;
             }
             std::vector<uint16_t> plain(n), vec(n);
-            for (size_t i = 0; i < n; ++i)
-                plain[i] = vec[i] = static_cast<uint16_t>(gen() % 60000);
+            for (size_t i = 0; i < n; ++i) plain[i] = vec[i] = static_cast<uint16_t>(gen() % 60000);
             unsigned nPlainSum = 7, nVectorSum = 7;
             GradientRow(rows, plain.data(), 0, n, nPlainSum);
             GradientRow(rows, vec.data(), GradientRowSse2(rows, vec.data(), n, nVectorSum), n, nVectorSum);
@@ -209,14 +206,13 @@ TEST(RowKernels, VectorPartAndPlainRestEqualPlainLoop)
             ASSERT_EQ(diffPlain, diffVector) << "column differences " << n;
             std::vector<unsigned char> dstPlain(rows.pAbove, rows.pAbove + n), dstVector(dstPlain);
             TakeWhere(dstPlain.data(), rows.pCentre, pTake, 0, n);
-            TakeWhere(dstVector.data(), rows.pCentre, pTake, TakeWhereSse2(dstVector.data(), rows.pCentre, pTake, n), n);
+            TakeWhere(dstVector.data(), rows.pCentre, pTake, TakeWhereSse2(dstVector.data(), rows.pCentre, pTake, n),
+                      n);
             ASSERT_EQ(dstPlain, dstVector) << "take " << n;
             std::vector<unsigned char> jitter(n), darkPlain(n), darkVector(n);
-            for (unsigned char& by : jitter)
-                by = static_cast<unsigned char>(gen() % oberin::kJitterSpan);
+            for (unsigned char& by : jitter) by = static_cast<unsigned char>(gen() % oberin::kJitterSpan);
             std::vector<unsigned char> shown(256 * oberin::kJitterSpan), outPlain(n), outVector(n);
-            for (unsigned char& by : shown)
-                by = static_cast<unsigned char>(gen());
+            for (unsigned char& by : shown) by = static_cast<unsigned char>(gen());
             oberin::MapDarkened(rows.pAbove, rows.pCentre, jitter.data(), shown.data(), darkPlain.data(),
                                 outPlain.data(), 0, n);
             oberin::MapDarkened(rows.pAbove, rows.pCentre, jitter.data(), shown.data(), darkVector.data(),
@@ -228,8 +224,8 @@ TEST(RowKernels, VectorPartAndPlainRestEqualPlainLoop)
             ASSERT_EQ(outPlain, outVector) << "jittered mapping " << n;
             std::vector<unsigned char> outAlone(n);  // without the darkening kept
             oberin::MapDarkened(rows.pAbove, rows.pCentre, jitter.data(), shown.data(), nullptr, outAlone.data(),
-                                oberin::MapDarkenedSse2(rows.pAbove, rows.pCentre, jitter.data(), shown.data(),
-                                                        nullptr, outAlone.data(), n),
+                                oberin::MapDarkenedSse2(rows.pAbove, rows.pCentre, jitter.data(), shown.data(), nullptr,
+                                                        outAlone.data(), n),
                                 n);
             ASSERT_EQ(outPlain, outAlone) << "jittered mapping, darkening not kept " << n;
         }
@@ -255,9 +251,9 @@ TEST(EnhanceKernels, VectorPartAndPlainRestEqualPlainLoop)
             std::vector<unsigned char> a(n), b(n);
             for (size_t i = 0; i < n; ++i) {
                 const unsigned r = static_cast<unsigned>(gen());
-                const unsigned char abyFill[5] = {static_cast<unsigned char>(r), 255, static_cast<unsigned char>(r & 1 ? 255 : 0),
-                                                  static_cast<unsigned char>(240 + r % 11),
-                                                  static_cast<unsigned char>(r % 9 == 0 ? r % 90 : 255)};
+                const unsigned char abyFill[5] = {
+                    static_cast<unsigned char>(r), 255, static_cast<unsigned char>(r & 1 ? 255 : 0),
+                    static_cast<unsigned char>(240 + r % 11), static_cast<unsigned char>(r % 9 == 0 ? r % 90 : 255)};
                 a[i] = abyFill[nFill];
                 b[i] = static_cast<unsigned char>(gen());
             }
@@ -268,7 +264,8 @@ TEST(EnhanceKernels, VectorPartAndPlainRestEqualPlainLoop)
             for (const unsigned char* pMap : {ucMonotone, ucAny}) {
                 const unsigned char(&ucMap)[256] = *reinterpret_cast<const unsigned char(*)[256]>(pMap);
                 BuildPairMap(ucMap, pairs.data());
-                for (const uint16_t* pPairs : {static_cast<const uint16_t*>(nullptr), static_cast<const uint16_t*>(pairs.data())}) {
+                for (const uint16_t* pPairs :
+                     {static_cast<const uint16_t*>(nullptr), static_cast<const uint16_t*>(pairs.data())}) {
                     std::vector<unsigned char> plain(a), vec(a);
                     MapLevels(plain.data(), 0, n, ucMap);
                     MapLevels(vec.data(), MapLevelsSse2(vec.data(), n, ucMap, pPairs), n, ucMap);
@@ -285,11 +282,10 @@ TEST(EnhanceKernels, VectorPartAndPlainRestEqualPlainLoop)
             AbsDiffBytes(a.data(), b.data(), vec.data(), AbsDiffBytesSse2(a.data(), b.data(), vec.data(), n), n);
             ASSERT_EQ(plain, vec);
             std::vector<uint16_t> sumPlain(n), sumVector(n);
-            for (size_t i = 0; i < n; ++i)
-                sumPlain[i] = sumVector[i] = static_cast<uint16_t>(gen());
+            for (size_t i = 0; i < n; ++i) sumPlain[i] = sumVector[i] = static_cast<uint16_t>(gen());
             AddColumnRow(sumPlain.data(), a.data(), b.data(), 0, n);
-            AddColumnRow(sumVector.data(), a.data(), b.data(), AddColumnRowSse2(sumVector.data(), a.data(), b.data(), n),
-                         n);
+            AddColumnRow(sumVector.data(), a.data(), b.data(),
+                         AddColumnRowSse2(sumVector.data(), a.data(), b.data(), n), n);
             ASSERT_EQ(sumPlain, sumVector);
             for (int nFloor : {-1, 0, 100, 255})
                 for (int nCeiling : {0, 1, 20, 300}) {
@@ -318,8 +314,9 @@ TEST(BoxMeanKernel, VectorPartAndPlainRestEqualPlainLoop)
                 for (int nFill = 0; nFill < 258; ++nFill) {
                     std::vector<uint16_t> sums(n);
                     for (uint16_t& v : sums)
-                        v = static_cast<uint16_t>(nFill < 256 ? nFill * nRows
-                                                              : nFill == 256 ? gen() % (255 * nRows + 1) : gen());
+                        v = static_cast<uint16_t>(nFill < 256    ? nFill * nRows
+                                                  : nFill == 256 ? gen() % (255 * nRows + 1)
+                                                                 : gen());
                     std::vector<unsigned char> plain(n, 0x5A), vec(plain);
                     BoxRow row = {sums.data(), n, nHalf, nRows, plain.data()};
                     BoxMeanRow(row, 0, n);
@@ -344,8 +341,7 @@ TEST(LiveJitterKernel, VectorPartEqualsPlainLoop)
         // carried on by one block of the plain loop.
         std::vector<uint32_t> start(2 * J::kHistory);
         std::vector<unsigned char> unused(J::kHistory);
-        for (size_t i = 0; i < J::kHistory; ++i)
-            start[i] = static_cast<uint32_t>(gen());
+        for (size_t i = 0; i < J::kHistory; ++i) start[i] = static_cast<uint32_t>(gen());
         J::Extend(start.data(), unused.data(), 0, J::kHistory);
         std::vector<uint32_t> plain(start.begin() + J::kHistory, start.end());
         plain.resize(J::kHistory + n);
@@ -370,8 +366,7 @@ TEST(LiveJitter, EqualsRandomAfterSrandomOnManySeeds)
 {
     std::vector<unsigned> seeds = {0u, 1u, 2u, 127773u, 0x7FFFFFFFu, 0x80000000u, 0xFFFFFFFFu, 1795000000u};
     std::mt19937 gen(3);
-    for (int k = 0; k < 24; ++k)
-        seeds.push_back(static_cast<unsigned>(gen()));
+    for (int k = 0; k < 24; ++k) seeds.push_back(static_cast<unsigned>(gen()));
     for (unsigned nSeed : seeds) {
         oberin::CLiveJitter jitter(nSeed);
         ::srandom(nSeed);
@@ -384,4 +379,4 @@ TEST(LiveJitter, EqualsRandomAfterSrandomOnManySeeds)
     }
 }
 
-} // namespace
+}  // namespace

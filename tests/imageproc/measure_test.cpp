@@ -30,10 +30,7 @@ CImageProc& Proc() { return testutil::SharedProc(); }
 
 // Period-4 texture: every pixel differs by the amplitude from the pixels two
 // columns and two rows away.
-int Texture(int y, int x)
-{
-    return (x / 2 + y / 2) % 2;
-}
+int Texture(int y, int x) { return (x / 2 + y / 2) % 2; }
 
 // Textured patches of random place, size and amplitude on a random level.
 Image Patchwork(int w, int h, std::mt19937& gen, int nMaxAmp)
@@ -68,10 +65,8 @@ std::vector<int> ModelQuality2(const Image& img)
             s[i] = std::accumulate(&prof[k][i0], &prof[k][i1] + 1, 0LL) / (i1 - i0 + 1) / 600;
         }
         int nFrom = 0, nTo = n;
-        for (int i = 1; i <= n - 2 && nFrom == 0; ++i)
-            nFrom = s[i] > 8 ? i : 0;
-        for (int i = nFrom + 1; i <= n - 1 && nTo == n; ++i)
-            nTo = s[i] <= 7 ? i : n;
+        for (int i = 1; i <= n - 2 && nFrom == 0; ++i) nFrom = s[i] > 8 ? i : 0;
+        for (int i = nFrom + 1; i <= n - 1 && nTo == n; ++i) nTo = s[i] <= 7 ? i : n;
         const int nHalf = k == 0 ? 225 : 200, c = nFrom + (nTo - nFrom) / 2;
         anCentre[k] = (c == 0 ? 300 : (c < nHalf ? nHalf : (600 - c < nHalf ? 600 - nHalf : c))) - nHalf;
         anSpan[k][0] = nFrom;
@@ -85,19 +80,16 @@ int ModelQuality(const Image& img)
 {
     long nCount = 0;
     for (int x = 0; x < img.w; x += std::max(1, img.w / 28))
-        for (int y = 2; y < img.h; y += 2)
-            nCount += std::abs(img(y, x) - img(y - 2, x)) > 7;
+        for (int y = 2; y < img.h; y += 2) nCount += std::abs(img(y, x) - img(y - 2, x)) > 7;
     for (int x = 2; x < img.w; x += 2)
-        for (int y = 0; y < img.h; y += 8)
-            nCount += std::abs(img(y, x) - img(y, x - 2)) > 7;
+        for (int y = 0; y < img.h; y += 8) nCount += std::abs(img(y, x) - img(y, x - 2)) > 7;
     return static_cast<int>(std::min(100L, nCount / 100));
 }
 
 // Standard deviation and mean.
 std::vector<int> ModelStdDeviation(const Image& img)
 {
-    if (img.w < 5 || img.h < 5)
-        return {0, 0};
+    if (img.w < 5 || img.h < 5) return {0, 0};
     long long nSum = 0, nSquares = 0, nDiv = static_cast<long long>(img.w - 2) * (img.h - 2);
     for (int k = 0; k < 2; ++k)
         for (int y = 2; y <= img.h - 3; ++y)
@@ -155,16 +147,13 @@ TEST(Quality, StructuredImagesAtTheThresholds)
     }
     Image deep(600, 600);
     for (int y = 0; y <= 298; ++y)
-        for (int x = 300; x < 500; ++x)
-            deep.at(y, x) = static_cast<unsigned char>(220 * Texture(y, x));
+        for (int x = 300; x < 500; ++x) deep.at(y, x) = static_cast<unsigned char>(220 * Texture(y, x));
     ExpectQualityMatches(deep, "column sums past 16 bits");
     Image thin(1, 600);
-    for (int y = 0; y < 600; ++y)
-        thin.at(y, 0) = static_cast<unsigned char>(255 * Texture(y, 0));
+    for (int y = 0; y < 600; ++y) thin.at(y, 0) = static_cast<unsigned char>(255 * Texture(y, 0));
     ExpectQualityMatches(thin, "one column");
     Image wide(2000, 2000);
-    for (size_t i = 1; i < wide.px.size(); i += 2)
-        wide.px[i] = 255;
+    for (size_t i = 1; i < wide.px.size(); i += 2) wide.px[i] = 255;
     int nMean = -1, nDeviation = Proc().GetStdDeviation(2000, 2000, wide.data(), &nMean);
     EXPECT_EQ(ModelStdDeviation(wide), std::vector<int>({nDeviation, nMean}));
 }
@@ -179,11 +168,9 @@ unsigned char ModelSpreadTest(const Image& f, const int (*pairs)[2])
         for (int n = 0; n < 2; ++n) {
             const unsigned char* pRow = &f.px[pairs[k][n] * 1214];
             const int nMean = std::accumulate(pRow + 80, pRow + 1134, 0) / 1054;
-            for (int c = 80; c <= 1133; ++c)
-                anSpread[n] += (pRow[c] - nMean) * (pRow[c] - nMean);
+            for (int c = 80; c <= 1133; ++c) anSpread[n] += (pRow[c] - nMean) * (pRow[c] - nMean);
         }
-        if (anSpread[0] * 100 / (anSpread[1] + 1) <= 150)
-            return 1;
+        if (anSpread[0] * 100 / (anSpread[1] + 1) <= 150) return 1;
     }
     return 0;
 }
@@ -206,8 +193,7 @@ TEST(Latent, SpreadTestsMatchTheModel)
 {
     std::mt19937 gen(7);
     Image f(1214, 616);
-    for (auto& v : f.px)
-        v = static_cast<unsigned char>(gen());
+    for (auto& v : f.px) v = static_cast<unsigned char>(gen());
     int anSeen[2] = {0, 0};
     for (int nTrial = 0; nTrial < 400; ++nTrial) {
         const int(*pairs)[2] = nTrial % 2 ? kRvmPairs : kDriverPairs;
@@ -266,11 +252,9 @@ std::vector<int> ModelLocalVariance(const Image& img)
     for (int by = nBy0; by < nBy1; ++by)
         for (int bx = nBx0; bx < nBx1; ++bx) {
             int anPx[64], nSquares = 0;
-            for (int k = 0; k < 64; ++k)
-                anPx[k] = img(img.h % 8 / 2 + 8 * by + k / 8, img.w % 8 / 2 + 8 * bx + k % 8);
+            for (int k = 0; k < 64; ++k) anPx[k] = img(img.h % 8 / 2 + 8 * by + k / 8, img.w % 8 / 2 + 8 * bx + k % 8);
             const int nMean = std::accumulate(anPx, anPx + 64, 0) / 64;
-            for (int v : anPx)
-                nSquares += (v - nMean) * (v - nMean);
+            for (int v : anPx) nSquares += (v - nMean) * (v - nMean);
             nMeans += nMean;
             nDeviations += static_cast<int>(std::sqrt(nSquares / 64.0));
         }
@@ -280,11 +264,9 @@ std::vector<int> ModelLocalVariance(const Image& img)
 
 int ModelFingerState(const Image& img, int nWinX, int nWinY)
 {
-    if (nWinX < 0 || nWinX > 200 || nWinY < 0 || nWinY > 150)
-        return 0;
+    if (nWinX < 0 || nWinX > 200 || nWinY < 0 || nWinY > 150) return 0;
     Image win(400, 450);
-    for (int i = 0; i < 400 * 450; ++i)
-        win.px[i] = img.px[(nWinY + i / 400) * 600 + nWinX + i % 400];
+    for (int i = 0; i < 400 * 450; ++i) win.px[i] = img.px[(nWinY + i / 400) * 600 + nWinX + i % 400];
     const std::vector<int> m = ModelLocalVariance(win);
     const int anX[3] = {40, 60, 20}, anY[3] = {20, 74, 170};
     int d[3];
@@ -337,8 +319,7 @@ TEST(FingerState, MatchesTheModel)
         ASSERT_EQ(nWant, Proc().EstimateFingerState(600, 600, img.data())) << "trial " << nTrial;
         ++anSeen[nWant];
     }
-    for (int n : anSeen)
-        EXPECT_GT(n, 0);
+    for (int n : anSeen) EXPECT_GT(n, 0);
     Proc().m_nFingerWinX = 100;
     Proc().m_nFingerWinY = 75;
     EXPECT_EQ(1, Proc().AutoSetPara(nullptr));
@@ -363,12 +344,10 @@ TEST(Histoequal, MatchesTheModel)
         std::fill(images.back().px.begin(), images.back().px.begin() + nCount, 60);
     }
     images.emplace_back(5, 98, 100);
-    for (int i = 0; i < 49; ++i)
-        images.back().px[i * 10] = 0;
+    for (int i = 0; i < 49; ++i) images.back().px[i * 10] = 0;
     for (Image& img : images) {
         long anCdf[256] = {0};
-        for (unsigned char v : img.px)
-            ++anCdf[v];
+        for (unsigned char v : img.px) ++anCdf[v];
         std::partial_sum(anCdf, anCdf + 256, anCdf);
         Bytes want = img.px;
         for (auto& v : want)
@@ -397,11 +376,9 @@ Bytes ModelFinal(const Bytes& in, int anBoundary[3])
 {
     const int nMean = static_cast<int>(std::accumulate(in.begin(), in.end(), 0LL) / 360000);
     long long nDev = 0, nSumA = 0;
-    for (unsigned char p : in)
-        nDev += std::abs(p - nMean);
+    for (unsigned char p : in) nDev += std::abs(p - nMean);
     const int nMad = static_cast<int>(nDev / 360000);
-    if (nMad == 0)
-        return in;
+    if (nMad == 0) return in;
     std::vector<int> a(360000), diff(360000);
     for (int i = 0; i < 360000; ++i) {
         const int p = in[i], v = p > nMean ? 150 + 75 * (p - nMean) / nMad : 150 - 75 * (nMean - p) / nMad;
@@ -409,8 +386,7 @@ Bytes ModelFinal(const Bytes& in, int anBoundary[3])
     }
     const int nMeanA = static_cast<int>(nSumA / 360000);
     const std::vector<int> m = BoxMeans(a);
-    for (int i = 0; i < 360000; ++i)
-        diff[i] = std::abs(a[i] - m[i]);
+    for (int i = 0; i < 360000; ++i) diff[i] = std::abs(a[i] - m[i]);
     const std::vector<int> d = BoxMeans(diff);
     Bytes out = in;
     for (int i = 0; i < 360000; ++i) {
@@ -454,8 +430,7 @@ TEST(Final, MatchesTheModel)
         Proc().Final(img.data());
         ASSERT_EQ("", testutil::FirstDifference(want.data(), img.data(), 360000, 600)) << "image " << nKind;
     }
-    for (int n : anBoundary)
-        EXPECT_GT(n, 0);
+    for (int n : anBoundary) EXPECT_GT(n, 0);
 }
 
 // Missing buffers, missing modify tables and sizes outside the range of

@@ -28,15 +28,9 @@ const Corner kCorners[4] = {{SetLTWaterM, GetLTWaterM, true, true},
                             {SetLBWaterM, GetLBWaterM, false, true},
                             {SetRBWaterM, GetRBWaterM, false, false}};
 
-long At(int w, int r, int c)
-{
-    return static_cast<long>(r) * w + c;
-}
+long At(int w, int r, int c) { return static_cast<long>(r) * w + c; }
 
-long CornerAt(const Corner& k, int w, int h)
-{
-    return At(w, k.bTop ? 0 : h - 1, k.bLeft ? 0 : w - 1);
-}
+long CornerAt(const Corner& k, int w, int h) { return At(w, k.bTop ? 0 : h - 1, k.bLeft ? 0 : w - 1); }
 
 Bytes RandomImage(int w, int h, std::mt19937& gen)
 {
@@ -50,8 +44,7 @@ std::vector<std::pair<int, int>> Sizes()
 {
     std::vector<std::pair<int, int>> sizes = {{600, 600}, {356, 292}, {228, 292}, {356, 456}, {248, 292}, {260, 300}};
     for (int w = 5; w <= 12; ++w)
-        for (int h = 5; h <= 12; ++h)
-            sizes.push_back({w, h});
+        for (int h = 5; h <= 12; ++h) sizes.push_back({w, h});
     return sizes;
 }
 
@@ -74,8 +67,7 @@ TEST(Mark, EachCornerTakesThePixelItsSelectorNames)
                 ASSERT_EQ(s, (a + b) % 10);
                 const int nBlockRow = k.bTop ? 1 : h - 4, nBlockCol = k.bLeft ? 1 : w - 4;
                 int nWant = s ? img[At(w, nBlockRow + (s - 1) / 3, nBlockCol + (s - 1) % 3)] : (a + b) / 2;
-                if (s == 0 && !k.bTop && k.bLeft)
-                    nWant = (img[1] + img[h]) / 2;
+                if (s == 0 && !k.bTop && k.bLeft) nWant = (img[1] + img[h]) / 2;
                 Bytes want = img;
                 want[CornerAt(k, w, h)] = static_cast<unsigned char>(nWant);
                 k.pSet(img.data(), w, h);
@@ -114,14 +106,11 @@ TEST(Mark, GetTellsWhetherSetWouldChangeTheImage)
             int anOrder[4] = {0, 1, 2, 3};
             do {
                 Bytes stamped = original;
-                for (int n : anOrder)
-                    kCorners[n].pSet(stamped.data(), w, h);
-                if (first.empty())
-                    first = stamped;
+                for (int n : anOrder) kCorners[n].pSet(stamped.data(), w, h);
+                if (first.empty()) first = stamped;
                 ASSERT_TRUE(h == w - 1 || first == stamped) << w << " x " << h;
             } while (nTrial == 0 && std::next_permutation(anOrder, anOrder + 4));
-            for (const Corner& k : kCorners)
-                EXPECT_EQ(1, k.pGet(first.data(), w, h));
+            for (const Corner& k : kCorners) EXPECT_EQ(1, k.pGet(first.data(), w, h));
             expectGetMatchesSet(first, w - 1);
             for (const Corner& k : kCorners) {
                 Bytes tampered = first;

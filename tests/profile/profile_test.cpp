@@ -14,14 +14,29 @@ using tavk05profile::ModelProfile;
 
 constexpr unsigned short kNewProduct = 0x0630;
 
-constexpr ModelProfile kModel9 = {
-    .nDeviceType = 9, .wProduct = kNewProduct, .bFromDescriptor = true, .wFirmwareLow = 0, .wFirmwareHigh = 0xFFFF,
-    .bNewFirmware = false, .wDefaultFirmware = 0, .bOpenSetsGeometry = true,
-    .nRawWidth = tavk05profile::kSmallWidth, .nRawHeight = tavk05profile::kSmallHeight,
-    .nFrameBytes = tavk05profile::kSmallFrameBytes, .nReadsAveraged = 4, .eCorrection = tavk05profile::kCorrectTables,
-    .pszCorrection = "coordinate tables", .bTables1103 = false, .fContrastFactor = 1.3f, .dContrastBase = 1.0,
-    .nNeutralContrast = 20, .bShading = false, .bRolls = false, .bSmoothRoll = true, .nPreviewBase = 0,
-    .nRollBase = 0};
+constexpr ModelProfile kModel9 = {.nDeviceType = 9,
+                                  .wProduct = kNewProduct,
+                                  .bFromDescriptor = true,
+                                  .wFirmwareLow = 0,
+                                  .wFirmwareHigh = 0xFFFF,
+                                  .bNewFirmware = false,
+                                  .wDefaultFirmware = 0,
+                                  .bOpenSetsGeometry = true,
+                                  .nRawWidth = tavk05profile::kSmallWidth,
+                                  .nRawHeight = tavk05profile::kSmallHeight,
+                                  .nFrameBytes = tavk05profile::kSmallFrameBytes,
+                                  .nReadsAveraged = 4,
+                                  .eCorrection = tavk05profile::kCorrectTables,
+                                  .pszCorrection = "coordinate tables",
+                                  .bTables1103 = false,
+                                  .fContrastFactor = 1.3f,
+                                  .dContrastBase = 1.0,
+                                  .nNeutralContrast = 20,
+                                  .bShading = false,
+                                  .bRolls = false,
+                                  .bSmoothRoll = true,
+                                  .nPreviewBase = 0,
+                                  .nRollBase = 0};
 
 constexpr std::size_t kBuiltIn = sizeof tavk05profile::kProfiles / sizeof tavk05profile::kProfiles[0];
 
@@ -38,10 +53,7 @@ constexpr std::array<ModelProfile, kBuiltIn + 1> kRows = WithModel9();
 }  // namespace
 
 // The table the library reads in this program.
-tavk05profile::ModelTable tavk05profile::LibraryModels()
-{
-    return {kRows.data(), kRows.size()};
-}
+tavk05profile::ModelTable tavk05profile::LibraryModels() { return {kRows.data(), kRows.size()}; }
 
 namespace {
 

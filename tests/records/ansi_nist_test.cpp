@@ -76,8 +76,8 @@ TEST(AnsiNist, Type1Fields)
     EXPECT_EQ(kFs, strType1.substr(nType1 - 1));
     EXPECT_EQ(std::string::npos, strType1.substr(0, nType1 - 1).find(kFs));
     EXPECT_NE(std::string::npos, strType1.find(kGs + "1.002:0500" + kGs));
-    EXPECT_NE(std::string::npos, strType1.find(kGs + "1.003:1" + kUs + "2" + kRs + "14" + kUs + "01" + kRs + "4" + kUs +
-                                               "02" + kGs));
+    EXPECT_NE(std::string::npos,
+              strType1.find(kGs + "1.003:1" + kUs + "2" + kRs + "14" + kUs + "01" + kRs + "4" + kUs + "02" + kGs));
     EXPECT_NE(std::string::npos, strType1.find(kGs + "1.004:CAR" + kGs));
     EXPECT_NE(std::string::npos, strType1.find(kGs + "1.005:20261126" + kGs));
     EXPECT_NE(std::string::npos, strType1.find(kGs + "1.006:2" + kGs));
@@ -97,9 +97,9 @@ TEST(AnsiNist, Type14Fields)
     const size_t nLength = TaggedLength(str, nStart, "14.001:");
     const std::string strRecord = str.substr(nStart, nLength);
     EXPECT_EQ(kFs, strRecord.substr(nLength - 1));
-    for (const char* pField : {"14.002:01", "14.003:1", "14.004:NY0303000", "14.005:20261126", "14.006:1000",
-                               "14.007:3", "14.008:1", "14.009:500", "14.010:500", "14.011:NONE", "14.012:8",
-                               "14.013:7"}) {
+    for (const char* pField :
+         {"14.002:01", "14.003:1", "14.004:NY0303000", "14.005:20261126", "14.006:1000", "14.007:3", "14.008:1",
+          "14.009:500", "14.010:500", "14.011:NONE", "14.012:8", "14.013:7"}) {
         EXPECT_NE(std::string::npos, strRecord.find(kGs + pField + kGs)) << pField;
     }
     EXPECT_NE(std::string::npos, strRecord.find(kGs + "14.024:7" + kUs + "64" + kUs + "0000" + kUs + "0" + kGs));
@@ -114,15 +114,15 @@ TEST(AnsiNist, Type4Header)
     const size_t nType1 = TaggedLength(str, 0, "1.001:");
     const size_t nType4 = nType1 + TaggedLength(str, nType1, "14.001:");
     ASSERT_EQ(nType4 + 18 + 30, bytes.size());
-    EXPECT_EQ(18u + 30u, BeAt(bytes, nType4, 4));  // LEN
-    EXPECT_EQ(2u, BeAt(bytes, nType4 + 4, 1));       // IDC
-    EXPECT_EQ(0u, BeAt(bytes, nType4 + 5, 1));       // IMP: live-scan plain
-    EXPECT_EQ(2u, BeAt(bytes, nType4 + 6, 1));       // FGP
+    EXPECT_EQ(18u + 30u, BeAt(bytes, nType4, 4));          // LEN
+    EXPECT_EQ(2u, BeAt(bytes, nType4 + 4, 1));             // IDC
+    EXPECT_EQ(0u, BeAt(bytes, nType4 + 5, 1));             // IMP: live-scan plain
+    EXPECT_EQ(2u, BeAt(bytes, nType4 + 6, 1));             // FGP
     EXPECT_EQ(0xFFFFFFFFFFu, BeAt(bytes, nType4 + 7, 5));  // unused finger positions
-    EXPECT_EQ(0u, BeAt(bytes, nType4 + 12, 1));      // ISR
-    EXPECT_EQ(6u, BeAt(bytes, nType4 + 13, 2));      // HLL
-    EXPECT_EQ(5u, BeAt(bytes, nType4 + 15, 2));      // VLL
-    EXPECT_EQ(0u, BeAt(bytes, nType4 + 17, 1));      // GCA: none
+    EXPECT_EQ(0u, BeAt(bytes, nType4 + 12, 1));            // ISR
+    EXPECT_EQ(6u, BeAt(bytes, nType4 + 13, 2));            // HLL
+    EXPECT_EQ(5u, BeAt(bytes, nType4 + 15, 2));            // VLL
+    EXPECT_EQ(0u, BeAt(bytes, nType4 + 17, 1));            // GCA: none
 }
 
 TEST(AnsiNist, RoundTrip)
@@ -187,8 +187,8 @@ TEST(AnsiNist, LyingLengthsAndCountsAreRefused)
     // CNT counts three records where two follow.
     EXPECT_EQ(kRecCorrupt, ReadStatus(Replaced(str, "1" + kUs + "2" + kRs, "1" + kUs + "3" + kRs)));
     EXPECT_EQ(kRecCorrupt, ReadStatus(Replaced(str, "14" + kUs + "01", "14" + kUs + "05")));  // IDC differs
-    EXPECT_EQ(kRecCorrupt, ReadStatus(Replaced(str, "14.011:", "14.911:")));  // CGA missing
-    EXPECT_EQ(kRecCorrupt, ReadStatus(Replaced(str, "14.007:3", "14.007:4")));  // more pixels than data
+    EXPECT_EQ(kRecCorrupt, ReadStatus(Replaced(str, "14.011:", "14.911:")));                  // CGA missing
+    EXPECT_EQ(kRecCorrupt, ReadStatus(Replaced(str, "14.007:3", "14.007:4")));                // more pixels than data
 
     std::string strType4Length = str;
     strType4Length[str.size() - 18 - 30 + 3] = 49;  // Type-4 LEN one more than the bytes left

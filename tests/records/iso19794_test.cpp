@@ -33,22 +33,22 @@ TEST(Iso19794, Layout2005)
     ASSERT_EQ(32u + 14u + 1200u, rec.size());
     EXPECT_EQ(std::string("FIR", 4), recordtest::Text(rec).substr(0, 4));
     EXPECT_EQ(std::string("010", 4), recordtest::Text(rec).substr(4, 4));
-    EXPECT_EQ(rec.size(), BeAt(rec, 8, 6));   // record length
-    EXPECT_EQ(31u, BeAt(rec, 16, 2));         // image acquisition level: 500 ppi, 256 grey levels
-    EXPECT_EQ(1u, BeAt(rec, 18, 1));          // number of fingers
-    EXPECT_EQ(1u, BeAt(rec, 19, 1));          // scale units: ppi
-    EXPECT_EQ(500u, BeAt(rec, 20, 2));        // horizontal scan resolution
-    EXPECT_EQ(500u, BeAt(rec, 26, 2));        // vertical image resolution
-    EXPECT_EQ(8u, BeAt(rec, 28, 1));          // bit depth
-    EXPECT_EQ(0u, BeAt(rec, 29, 1));          // compression: uncompressed
-    EXPECT_EQ(14u + 1200u, BeAt(rec, 32, 4)); // finger data block length
-    EXPECT_EQ(7u, BeAt(rec, 36, 1));          // finger position
-    EXPECT_EQ(1u, BeAt(rec, 37, 1));          // count of views
-    EXPECT_EQ(1u, BeAt(rec, 38, 1));          // view number
-    EXPECT_EQ(64u, BeAt(rec, 39, 1));         // quality
-    EXPECT_EQ(1u, BeAt(rec, 40, 1));          // impression: live-scan rolled
-    EXPECT_EQ(40u, BeAt(rec, 41, 2));         // width
-    EXPECT_EQ(30u, BeAt(rec, 43, 2));         // height
+    EXPECT_EQ(rec.size(), BeAt(rec, 8, 6));    // record length
+    EXPECT_EQ(31u, BeAt(rec, 16, 2));          // image acquisition level: 500 ppi, 256 grey levels
+    EXPECT_EQ(1u, BeAt(rec, 18, 1));           // number of fingers
+    EXPECT_EQ(1u, BeAt(rec, 19, 1));           // scale units: ppi
+    EXPECT_EQ(500u, BeAt(rec, 20, 2));         // horizontal scan resolution
+    EXPECT_EQ(500u, BeAt(rec, 26, 2));         // vertical image resolution
+    EXPECT_EQ(8u, BeAt(rec, 28, 1));           // bit depth
+    EXPECT_EQ(0u, BeAt(rec, 29, 1));           // compression: uncompressed
+    EXPECT_EQ(14u + 1200u, BeAt(rec, 32, 4));  // finger data block length
+    EXPECT_EQ(7u, BeAt(rec, 36, 1));           // finger position
+    EXPECT_EQ(1u, BeAt(rec, 37, 1));           // count of views
+    EXPECT_EQ(1u, BeAt(rec, 38, 1));           // view number
+    EXPECT_EQ(64u, BeAt(rec, 39, 1));          // quality
+    EXPECT_EQ(1u, BeAt(rec, 40, 1));           // impression: live-scan rolled
+    EXPECT_EQ(40u, BeAt(rec, 41, 2));          // width
+    EXPECT_EQ(30u, BeAt(rec, 43, 2));          // height
     EXPECT_EQ(finger.data.front(), rec.at(46));
 }
 
@@ -65,25 +65,25 @@ TEST(Iso19794, Layout2011)
     const size_t nRepresentation = 41 + 5 + 1200;
     ASSERT_EQ(15 + nRepresentation, rec.size());
     EXPECT_EQ(std::string("020", 4), recordtest::Text(rec).substr(4, 4));
-    EXPECT_EQ(rec.size(), BeAt(rec, 8, 4));          // record length
-    EXPECT_EQ(1u, BeAt(rec, 12, 2));                 // representations
-    EXPECT_EQ(0u, BeAt(rec, 14, 1));                 // no certification
-    EXPECT_EQ(nRepresentation, BeAt(rec, 15, 4));    // representation length
-    EXPECT_EQ(2026u, BeAt(rec, 19, 2));              // capture year
-    EXPECT_EQ(11u, BeAt(rec, 21, 1));                // month
-    EXPECT_EQ(250u, BeAt(rec, 26, 2));               // millisecond
-    EXPECT_EQ(0x1234u, BeAt(rec, 29, 2));            // device vendor
-    EXPECT_EQ(1u, BeAt(rec, 33, 1));                 // quality blocks
-    EXPECT_EQ(64u, BeAt(rec, 34, 1));                // quality score
-    EXPECT_EQ(7u, BeAt(rec, 39, 1));                 // finger position
-    EXPECT_EQ(1u, BeAt(rec, 41, 1));                 // scale units: ppi
-    EXPECT_EQ(500u, BeAt(rec, 46, 2));               // horizontal image sampling rate
-    EXPECT_EQ(8u, BeAt(rec, 50, 1));                 // bit depth
-    EXPECT_EQ(0u, BeAt(rec, 51, 1));                 // compression
-    EXPECT_EQ(1u, BeAt(rec, 52, 1));                 // impression
-    EXPECT_EQ(40u, BeAt(rec, 53, 2));                // width
-    EXPECT_EQ(30u, BeAt(rec, 55, 2));                // height
-    EXPECT_EQ(1200u, BeAt(rec, 57, 4));              // image data length
+    EXPECT_EQ(rec.size(), BeAt(rec, 8, 4));        // record length
+    EXPECT_EQ(1u, BeAt(rec, 12, 2));               // representations
+    EXPECT_EQ(0u, BeAt(rec, 14, 1));               // no certification
+    EXPECT_EQ(nRepresentation, BeAt(rec, 15, 4));  // representation length
+    EXPECT_EQ(2026u, BeAt(rec, 19, 2));            // capture year
+    EXPECT_EQ(11u, BeAt(rec, 21, 1));              // month
+    EXPECT_EQ(250u, BeAt(rec, 26, 2));             // millisecond
+    EXPECT_EQ(0x1234u, BeAt(rec, 29, 2));          // device vendor
+    EXPECT_EQ(1u, BeAt(rec, 33, 1));               // quality blocks
+    EXPECT_EQ(64u, BeAt(rec, 34, 1));              // quality score
+    EXPECT_EQ(7u, BeAt(rec, 39, 1));               // finger position
+    EXPECT_EQ(1u, BeAt(rec, 41, 1));               // scale units: ppi
+    EXPECT_EQ(500u, BeAt(rec, 46, 2));             // horizontal image sampling rate
+    EXPECT_EQ(8u, BeAt(rec, 50, 1));               // bit depth
+    EXPECT_EQ(0u, BeAt(rec, 51, 1));               // compression
+    EXPECT_EQ(1u, BeAt(rec, 52, 1));               // impression
+    EXPECT_EQ(40u, BeAt(rec, 53, 2));              // width
+    EXPECT_EQ(30u, BeAt(rec, 55, 2));              // height
+    EXPECT_EQ(1200u, BeAt(rec, 57, 4));            // image data length
 }
 
 TEST(Iso19794, UnknownCaptureDateAndQualityAreLeftOut)
@@ -131,8 +131,8 @@ TEST(Iso19794, RoundTripsBothEditions)
 TEST(Iso19794, ResolutionInPixelsPerCentimetreIsConverted)
 {
     std::vector<unsigned char> rec = Written(2005, RampFinger(8, 8));
-    SetBe(rec, 19, 2, 1);     // scale units: ppcm
-    SetBe(rec, 24, 197, 2);   // 197 ppcm
+    SetBe(rec, 19, 2, 1);    // scale units: ppcm
+    SetBe(rec, 24, 197, 2);  // 197 ppcm
     SetBe(rec, 26, 197, 2);
     int nVersion = 0;
     std::vector<FingerImage> fingers;

@@ -68,10 +68,7 @@ inline void SetBe(std::vector<unsigned char>& bytes, size_t nOffset, uint64_t nV
     }
 }
 
-inline std::string Text(const std::vector<unsigned char>& bytes)
-{
-    return std::string(bytes.begin(), bytes.end());
-}
+inline std::string Text(const std::vector<unsigned char>& bytes) { return std::string(bytes.begin(), bytes.end()); }
 
 }  // namespace recordtest
 

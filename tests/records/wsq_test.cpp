@@ -221,7 +221,8 @@ TEST(WsqTransform, Sse2KernelEqualsThePlainLoopBitForBit)
             wsq::CombineRowsPlain(plain.data(), rows.data(), nStride, source.data(), coef.data(), nTaps, 0, nCount);
             const int nDone =
                 wsq::CombineRowsSse2(vector.data(), rows.data(), nStride, source.data(), coef.data(), nTaps, nCount);
-            wsq::CombineRowsPlain(vector.data(), rows.data(), nStride, source.data(), coef.data(), nTaps, nDone, nCount);
+            wsq::CombineRowsPlain(vector.data(), rows.data(), nStride, source.data(), coef.data(), nTaps, nDone,
+                                  nCount);
             EXPECT_EQ(std::memcmp(plain.data(), vector.data(), sizeof(double) * static_cast<size_t>(nCount)), 0)
                 << nCount << " outputs, " << nTaps << " taps";
         }
@@ -320,7 +321,7 @@ TEST(WsqHostile, HeaderDimensionsAndTablesAreChecked)
     EXPECT_EQ(WsqDecode(zeroWidth.data(), zeroWidth.size(), pixels, info), kWsqCorrupt);
 
     std::vector<unsigned char> huge = file;
-    huge[nSof + 6] = 0xFF;   // 65535 x 65535
+    huge[nSof + 6] = 0xFF;  // 65535 x 65535
     huge[nSof + 7] = 0xFF;
     huge[nSof + 8] = 0xFF;
     huge[nSof + 9] = 0xFF;
@@ -329,7 +330,7 @@ TEST(WsqHostile, HeaderDimensionsAndTablesAreChecked)
     size_t nDht = 0;
     while (nDht + 1 < file.size() && !(file[nDht] == 0xFF && file[nDht + 1] == 0xA6)) ++nDht;
     std::vector<unsigned char> overfull = file;
-    overfull[nDht + 5] = 5;   // five codes of one bit
+    overfull[nDht + 5] = 5;  // five codes of one bit
     EXPECT_EQ(WsqDecode(overfull.data(), overfull.size(), pixels, info), kWsqCorrupt);
 
     EXPECT_EQ(WsqDecode(nullptr, 10, pixels, info), kWsqBadArgument);

@@ -19,11 +19,11 @@ using sensortest::SensorTest;
 
 struct CapturePath {
     const char* pszUnit;
-    int nDeviceType;                 // what the descriptor makes of the unit
+    int nDeviceType;  // what the descriptor makes of the unit
     unsigned long nRawWidth, nRawHeight, nFrameBytes;
-    unsigned nReads;                 // reads of one capture (averaged models read four)
-    const char* pszGolden;           // finished image of the print, size code 3 (one per correction)
-    const char* pszRollGolden;       // the same through the rolled-capture variant; nullptr: not pinned
+    unsigned nReads;            // reads of one capture (averaged models read four)
+    const char* pszGolden;      // finished image of the print, size code 3 (one per correction)
+    const char* pszRollGolden;  // the same through the rolled-capture variant; nullptr: not pinned
 };
 
 void PrintTo(const CapturePath& path, std::ostream* pOs) { *pOs << path.pszUnit; }
@@ -36,7 +36,8 @@ class CapturePathTest : public SensorTest, public ::testing::WithParamInterface<
 TEST_P(CapturePathTest, FinishedImageOfThePrint)
 {
     const CapturePath& path = GetParam();
-    std::unique_ptr<COberin> pSensor = OpenSensor(std::string(path.pszUnit) + ",scene=flat,fps=0," + goldentest::PrintKey());
+    std::unique_ptr<COberin> pSensor =
+        OpenSensor(std::string(path.pszUnit) + ",scene=flat,fps=0," + goldentest::PrintKey());
     ASSERT_EQ(pSensor->GetDeviceType(), static_cast<unsigned long>(path.nDeviceType));
     EXPECT_EQ(pSensor->m_nRawWidth, path.nRawWidth);
     EXPECT_EQ(pSensor->m_nRawHeight, path.nRawHeight);
@@ -51,8 +52,8 @@ TEST_P(CapturePathTest, FinishedImageOfThePrint)
     EXPECT_EQ(pSensor->GetError(), 0ul);
     EXPECT_EQ(State(0).nReads - nReads, path.nReads);
     EXPECT_EQ(State(0).nLastReadBytes, path.nFrameBytes);
-    EXPECT_EQ(sensortest::RequestNumbers(), (std::vector<unsigned long>{VXD_REQ_START_ACQUISITION,
-                                                                          VXD_REQ_STOP_ACQUISITION}));
+    EXPECT_EQ(sensortest::RequestNumbers(),
+              (std::vector<unsigned long>{VXD_REQ_START_ACQUISITION, VXD_REQ_STOP_ACQUISITION}));
     EXPECT_EQ(pSensor->m_pRawCopyBuf[path.nRawWidth * path.nRawHeight], 0xA5) << "copied behind the mosaic";
     EXPECT_TRUE(MatchesGolden(image, path.pszGolden));
     EXPECT_EQ(GetRBWaterM(image.data(), 248, 292), 1);
@@ -68,7 +69,9 @@ TEST_P(CapturePathTest, FinishedImageOfThePrint)
     EXPECT_EQ(pSensor->GetError(), 53ul);
     EXPECT_EQ(State(0).nReads - nReads, path.nReads + 1);
     EXPECT_TRUE(tavk05virt::RequestLog(0).empty());
-    if (path.pszRollGolden != nullptr) { EXPECT_TRUE(MatchesGolden(image, path.pszRollGolden)); }
+    if (path.pszRollGolden != nullptr) {
+        EXPECT_TRUE(MatchesGolden(image, path.pszRollGolden));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -95,7 +98,7 @@ struct CaptureCase {
     unsigned long nCaptureOption;  // register 0: 0 capture, 1 check and capture, 2 check only
     unsigned long nScanMode;
     const char* pszFault;
-    unsigned long nFrameBytes;     // 0: as the model has it
+    unsigned long nFrameBytes;  // 0: as the model has it
     bool bNullImage;
     unsigned long nStatus;
     unsigned long nReads;
@@ -118,7 +121,8 @@ TEST_F(SensorTest, CaptureAroundTheLatentCheck)
         {"frame stop fails", "model=5", false, 1, 0, "fail=22", 0, false, 53, 1, kLeftAlone},
         {"adaptive scan mode", "model=4", true, 1, 1, "", 0, false, 4, 0, kLeftAlone},
         {"no image", "model=5", false, 1, 0, "", 0, true, 0, 0, kLeftAlone},
-        {"frame beyond the buffers", "model=7", false, 1, 0, "", OBERIN_FRAME_BUFFER_BYTES + 1024, false, 2, 0, kLeftAlone},
+        {"frame beyond the buffers", "model=7", false, 1, 0, "", OBERIN_FRAME_BUFFER_BYTES + 1024, false, 2, 0,
+         kLeftAlone},
         {"latent frame beyond memory", "model=7", true, 2, 0, "", ULONG_MAX - 100, false, 2, 0, kLeftAlone},
     };
     for (const CaptureCase& c : aCases) {
@@ -140,12 +144,16 @@ TEST_F(SensorTest, CaptureAroundTheLatentCheck)
         const size_t nNominal = 228 * 292;
         const size_t nWhite = static_cast<size_t>(std::count(image.begin(), image.begin() + nNominal, 255));
         const size_t nUntouched = static_cast<size_t>(std::count(image.begin(), image.end(), kUntouched));
-        if (c.eImage == kLeftAlone) { EXPECT_EQ(nUntouched, image.size()); }
+        if (c.eImage == kLeftAlone) {
+            EXPECT_EQ(nUntouched, image.size());
+        }
         if (c.eImage == kNominalWhite) {
             EXPECT_EQ(nWhite, nNominal);
             EXPECT_EQ(nUntouched, image.size() - nNominal);
         }
-        if (c.eImage == kCaptured) { EXPECT_EQ(GetLTWaterM(image.data(), 228, 292), 1); }
+        if (c.eImage == kCaptured) {
+            EXPECT_EQ(GetLTWaterM(image.data(), 228, 292), 1);
+        }
     }
 }
 
@@ -161,9 +169,9 @@ TEST_F(SensorTest, ShadingAndScaleAtTheirLimits)
         int nLow, nHigh;  // the darkest and the lightest level of the image
     } aCases[] = {
         {"model=5,levels=" + std::to_string(91 - nMaxShade), 16, 0, 1},  // 1 x 1.55 truncates to 1
-        {"model=5,levels=255", 16, 255, 255},                           // 165 x 1.55 = 255.75
-        {"model=6,levels=120", 100, 94, 255},                           // 30 x 3.15 = 94.5
-        {"model=6,levels=100", 0, 11, (10 + nMaxShade) * 115 / 100},    // 10 x 1.15 = 11.5
+        {"model=5,levels=255", 16, 255, 255},                            // 165 x 1.55 = 255.75
+        {"model=6,levels=120", 100, 94, 255},                            // 30 x 3.15 = 94.5
+        {"model=6,levels=100", 0, 11, (10 + nMaxShade) * 115 / 100},     // 10 x 1.15 = 11.5
     };
     for (const auto& c : aCases) {
         SCOPED_TRACE(c.strUnit);

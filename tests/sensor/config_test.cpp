@@ -80,7 +80,8 @@ protected:
         std::vector<std::string> vec;
         DIR* pDir = ::opendir(m_strPriv.c_str());
         while (const dirent* pEntry = pDir != nullptr ? ::readdir(pDir) : nullptr)
-            if (std::strcmp(pEntry->d_name, ".") != 0 && std::strcmp(pEntry->d_name, "..") != 0) vec.push_back(pEntry->d_name);
+            if (std::strcmp(pEntry->d_name, ".") != 0 && std::strcmp(pEntry->d_name, "..") != 0)
+                vec.push_back(pEntry->d_name);
         if (pDir != nullptr) ::closedir(pDir);
         std::sort(vec.begin(), vec.end());
         return vec;
@@ -103,7 +104,9 @@ TEST_F(ConfigTest, PathTextAndDefaults)
     WriteFile(strFile, std::string(300, 'x'));
     ASSERT_EQ(::chmod(strFile.c_str(), 0606), 0);
     ::setenv("TAVK05_CONF", strFile.c_str(), 1);
-    { COberin sensor(nullptr); }
+    {
+        COberin sensor(nullptr);
+    }
     EXPECT_EQ(FileText(strFile), "Brightness  =  40\nContrast    =  20\nGain        =  2\nScanMode    =  0\n");
     struct stat st = {};
     ASSERT_EQ(::stat(strFile.c_str(), &st), 0);
@@ -138,16 +141,16 @@ TEST_F(ConfigTest, ReaderMatchesTheFormattedRead)
     for (int b : {0, 5, 40, 100})
         for (int c : {0, 20, 99, 100})
             for (int g : {1, 8}) vecTexts.push_back(SettingsText(b, c, g, b % 2));
-    for (const char* pszEdge : {"2147483647", "2147483648", "4294967295", "4294967296", "9223372036854775807",
-                                "9223372036854775808", "18446744073709551615", "18446744073709551616",
-                                "123456789012345678901", "99999999999999999999", "0000000000000000000000000000000000042"})
+    for (const char* pszEdge :
+         {"2147483647", "2147483648", "4294967295", "4294967296", "9223372036854775807", "9223372036854775808",
+          "18446744073709551615", "18446744073709551616", "123456789012345678901", "99999999999999999999",
+          "0000000000000000000000000000000000042"})
         for (const char* pszSign : {"", "-", "+"}) vecTexts.push_back(std::string(15, ' ') + pszSign + pszEdge);
     std::mt19937 rng(1234);
     const std::string strAlphabet = "0123456789          \n\t+-=xB";
     for (int nCase = 0; nCase < 300; ++nCase) {
-        std::string strText = nCase < 4 ? std::string(nCase, ' ') + (nCase % 2 ? "-" : "") +
-                                              std::string(200 + 40 * nCase, '9')
-                                        : "";
+        std::string strText =
+            nCase < 4 ? std::string(nCase, ' ') + (nCase % 2 ? "-" : "") + std::string(200 + 40 * nCase, '9') : "";
         for (size_t i = 0, nLen = nCase < 4 ? 0 : rng() % 120; i < nLen; ++i)
             strText += strAlphabet[rng() % strAlphabet.size()];
         vecTexts.push_back(strText);
@@ -281,7 +284,10 @@ TEST_F(ConfigTest, LinksOthersPlantedInSharedDirectoriesAreNotFollowed)
             sensor.RetrieveConfig();
             EXPECT_EQ(sensor.m_nBrightness, c.bFollowed ? 61ul : 40ul);  // 40: as if there were no file
         }
-        if (c.bAsNobody) SaveAsNobody(strPath); else SaveTo(strPath, 42);
+        if (c.bAsNobody)
+            SaveAsNobody(strPath);
+        else
+            SaveTo(strPath, 42);
         EXPECT_EQ(FileText(strTarget), SettingsText(c.bFollowed ? 42 : 61, 20, 2, 0));
         ASSERT_EQ(::stat(strTarget.c_str(), &st), 0);
         EXPECT_EQ(st.st_mode & 07777, c.bAsNobody ? 0666u : 0640u);

@@ -31,11 +31,23 @@ namespace {
 using sensortest::Bytes;
 using sensortest::SensorTest;
 
-enum Fault { kNone, kNeverOpened, kClosed, kNoFrameBuffers, kStartFails, kStopFails, kReadFails,
-             kOptionFails, kLedFails, kValueFails, kUnplugged, kFaults };
-const char* const kapszFault[kFaults] = {"none", "never opened", "closed", "no frame buffers", "fail=21",
-                                          "fail=22", "readfail", "fail=5", "fail=8", "fail=9,fail=17,fail=18",
-                                          "unplug=0"};
+enum Fault {
+    kNone,
+    kNeverOpened,
+    kClosed,
+    kNoFrameBuffers,
+    kStartFails,
+    kStopFails,
+    kReadFails,
+    kOptionFails,
+    kLedFails,
+    kValueFails,
+    kUnplugged,
+    kFaults
+};
+const char* const kapszFault[kFaults] = {
+    "none",     "never opened", "closed", "no frame buffers",       "fail=21", "fail=22",
+    "readfail", "fail=5",       "fail=8", "fail=9,fail=17,fail=18", "unplug=0"};
 
 struct EntryPoint {
     const char* pszName;
@@ -76,7 +88,9 @@ protected:
         }
         if (eFault == kNeverOpened) return pSensor;
         EXPECT_EQ(pSensor->OpenDevice(0, 0), 0ul);
-        if (eFault == kClosed) { EXPECT_EQ(pSensor->CloseDevice(), 0ul); }
+        if (eFault == kClosed) {
+            EXPECT_EQ(pSensor->CloseDevice(), 0ul);
+        }
         if (eFault >= kStartFails) Inject(0, kapszFault[eFault]);
         tavk05virt::ClearLog(0);
         pSensor->m_nError = 77;  // cleared by the open
@@ -107,37 +121,62 @@ TEST_P(FaultTest, StatusOfEachFault)
 // the frame comes as zeros.
 INSTANTIATE_TEST_SUITE_P(
     EntryPoints, FaultTest,
-    ::testing::Values(
-        EntryPoint{"GetImage", [](COberin& s, unsigned char* p) { return s.GetImage(p); }, false,
-                   {0, 53, 2, 2, 53, 53, 0, 0, 0, 0, 53}},
-        EntryPoint{"GetImageForRoll", [](COberin& s, unsigned char* p) { return s.GetImageForRoll(p, 0); }, true,
-                   {0, 2, 2, 2, 0, 0, 0, 0, 0, 0, 0}},
-        EntryPoint{"GetLiveImageEx2",
-                   [](COberin& s, unsigned char* p) { return s.GetLiveImageEx2(p, 60000, 0, nullptr, 0); },
-                   false, {0, 2, 2, 2, 2, 2, 0, 0, 0, 0, 2}},
-        EntryPoint{"background", [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_BACKGROUND, 0, 0); },
-                   false, {0, 2, 2, 2, 2, 2, 0, 2, 0, 0, 2}},
-        EntryPoint{"start acquisition",
-                   [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_START_ACQUISITION, 0, 0); }, false,
-                   {0, 2, 2, 0, 2, 0, 0, 0, 0, 0, 2}},
-        EntryPoint{"stop acquisition",
-                   [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_STOP_ACQUISITION, 0, 0); }, false,
-                   {0, 2, 2, 0, 0, 2, 0, 0, 0, 0, 2}},
-        EntryPoint{"LED", [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_LED, 2, 0); }, false,
-                   {0, 2, 2, 0, 0, 0, 0, 0, 2, 0, 2}},
-        EntryPoint{"set value", [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_SET_VALUE, 64, 0); },
-                   false, {0, 53, 2, 0, 0, 0, 0, 0, 0, 53, 53}},
-        EntryPoint{"device ID", [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_GET_DEVICE_ID, 0, 64); },
-                   false, {0, 53, 2, 0, 0, 0, 0, 0, 0, 53, 53}},
-        EntryPoint{"get value", [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_GET_VALUE, 0, 64); },
-                   false, {0, 53, 2, 0, 0, 0, 0, 0, 0, 53, 53}},
-        EntryPoint{"brightness", [](COberin& s, unsigned char*) { return s.SetBrightness(50); }, false,
-                   {0, 2, 2, 0, 0, 0, 0, 2, 0, 0, 2}},
-        EntryPoint{"gain", [](COberin& s, unsigned char*) { return s.SetGainValue(4); }, false,
-                   {0, 2, 2, 0, 0, 0, 0, 2, 0, 0, 2}},
-        EntryPoint{"LED on", [](COberin& s, unsigned char*) { return s.SetLedOn(true); }, false,
-                   {0, 2, 2, 0, 0, 0, 0, 0, 2, 0, 2}},
-        EntryPoint{"device info", [](COberin& s, unsigned char*) { return s.GetDeviceInfo(nullptr); }, false,
-                   {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}}));
+    ::testing::Values(EntryPoint{"GetImage",
+                                 [](COberin& s, unsigned char* p) { return s.GetImage(p); },
+                                 false,
+                                 {0, 53, 2, 2, 53, 53, 0, 0, 0, 0, 53}},
+                      EntryPoint{"GetImageForRoll",
+                                 [](COberin& s, unsigned char* p) { return s.GetImageForRoll(p, 0); },
+                                 true,
+                                 {0, 2, 2, 2, 0, 0, 0, 0, 0, 0, 0}},
+                      EntryPoint{
+                          "GetLiveImageEx2",
+                          [](COberin& s, unsigned char* p) { return s.GetLiveImageEx2(p, 60000, 0, nullptr, 0); },
+                          false,
+                          {0, 2, 2, 2, 2, 2, 0, 0, 0, 0, 2}},
+                      EntryPoint{"background",
+                                 [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_BACKGROUND, 0, 0); },
+                                 false,
+                                 {0, 2, 2, 2, 2, 2, 0, 2, 0, 0, 2}},
+                      EntryPoint{"start acquisition",
+                                 [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_START_ACQUISITION, 0, 0); },
+                                 false,
+                                 {0, 2, 2, 0, 2, 0, 0, 0, 0, 0, 2}},
+                      EntryPoint{"stop acquisition",
+                                 [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_STOP_ACQUISITION, 0, 0); },
+                                 false,
+                                 {0, 2, 2, 0, 0, 2, 0, 0, 0, 0, 2}},
+                      EntryPoint{"LED",
+                                 [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_LED, 2, 0); },
+                                 false,
+                                 {0, 2, 2, 0, 0, 0, 0, 0, 2, 0, 2}},
+                      EntryPoint{"set value",
+                                 [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_SET_VALUE, 64, 0); },
+                                 false,
+                                 {0, 53, 2, 0, 0, 0, 0, 0, 0, 53, 53}},
+                      EntryPoint{"device ID",
+                                 [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_GET_DEVICE_ID, 0, 64); },
+                                 false,
+                                 {0, 53, 2, 0, 0, 0, 0, 0, 0, 53, 53}},
+                      EntryPoint{"get value",
+                                 [](COberin& s, unsigned char*) { return Io(s, TAVK05_IOCTL_GET_VALUE, 0, 64); },
+                                 false,
+                                 {0, 53, 2, 0, 0, 0, 0, 0, 0, 53, 53}},
+                      EntryPoint{"brightness",
+                                 [](COberin& s, unsigned char*) { return s.SetBrightness(50); },
+                                 false,
+                                 {0, 2, 2, 0, 0, 0, 0, 2, 0, 0, 2}},
+                      EntryPoint{"gain",
+                                 [](COberin& s, unsigned char*) { return s.SetGainValue(4); },
+                                 false,
+                                 {0, 2, 2, 0, 0, 0, 0, 2, 0, 0, 2}},
+                      EntryPoint{"LED on",
+                                 [](COberin& s, unsigned char*) { return s.SetLedOn(true); },
+                                 false,
+                                 {0, 2, 2, 0, 0, 0, 0, 0, 2, 0, 2}},
+                      EntryPoint{"device info",
+                                 [](COberin& s, unsigned char*) { return s.GetDeviceInfo(nullptr); },
+                                 false,
+                                 {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}}));
 
 }  // namespace

@@ -35,7 +35,8 @@ Bytes BruteFilter(const Bytes& src, int w, int h, int r, bool bMedian)
             std::nth_element(vec.begin(), vec.begin() + vec.size() / 2, vec.end());
             long nSum = 0;
             for (int n : vec) nSum += n;
-            dst[y * w + x] = static_cast<unsigned char>(bMedian ? vec[vec.size() / 2] : nSum / static_cast<long>(vec.size()));
+            dst[y * w + x] =
+                static_cast<unsigned char>(bMedian ? vec[vec.size() / 2] : nSum / static_cast<long>(vec.size()));
         }
     }
     return dst;
@@ -91,13 +92,19 @@ TEST_F(SensorTest, ContrastMappingByMode)
         Mapping eMode;
         int nBase;
     } aCases[] = {
-        {"", 3, 0, kPlain, 0}, {"", 4, 1, kTable, 0}, {"", 5, 1, kCopy, 0}, {"", 6, 0, kCopy, 0},
-        {"", 3, 2, kNothing, 0}, {"model=8,fw=0x3000", 8, 1, kBase, 180}, {"model=7,fw=0x2FFF", 7, 1, kBase, 125},
+        {"", 3, 0, kPlain, 0},
+        {"", 4, 1, kTable, 0},
+        {"", 5, 1, kCopy, 0},
+        {"", 6, 0, kCopy, 0},
+        {"", 3, 2, kNothing, 0},
+        {"model=8,fw=0x3000", 8, 1, kBase, 180},
+        {"model=7,fw=0x2FFF", 7, 1, kBase, 125},
         {"", 8, 1, kBase, 125},
     };
     for (const auto& c : aCases) {
         SCOPED_TRACE(testing::Message() << c.pszUnit << " type " << c.nType << " table " << c.bTable);
-        std::unique_ptr<COberin> pSensor(*c.pszUnit ? OpenSensor(c.pszUnit) : std::unique_ptr<COberin>(new COberin(nullptr)));
+        std::unique_ptr<COberin> pSensor(*c.pszUnit ? OpenSensor(c.pszUnit)
+                                                    : std::unique_ptr<COberin>(new COberin(nullptr)));
         pSensor->m_nDeviceType = c.nType;
         CImageProc& proc = pSensor->m_ImageProc;
         proc.m_bContrastTable = c.bTable;
@@ -159,8 +166,10 @@ TEST_F(SensorTest, FingerStateSetsBrightness)
         bool bNormal, bChanged;
         unsigned long nBrightness;
     } aCases[] = {
-        {"normal", normal, 19, true, false, 45},         {"pale", Bytes(IMG_PIXELS, 255), 19, false, true, 30},
-        {"dark", Bytes(IMG_PIXELS, 0), 19, false, true, 60}, {"dark, 20th try", Bytes(IMG_PIXELS, 0), 20, false, false, 45},
+        {"normal", normal, 19, true, false, 45},
+        {"pale", Bytes(IMG_PIXELS, 255), 19, false, true, 30},
+        {"dark", Bytes(IMG_PIXELS, 0), 19, false, true, 60},
+        {"dark, 20th try", Bytes(IMG_PIXELS, 0), 20, false, false, 45},
         {"no image", Bytes(), 0, false, false, 45},
     };
     for (const auto& c : aCases) {
@@ -175,7 +184,9 @@ TEST_F(SensorTest, FingerStateSetsBrightness)
         EXPECT_EQ(pSensor->m_nBrightness, c.nBrightness);
         const std::vector<tavk05virt::Request> vec = RequestsOf(VXD_REQ_SET_SENSOR_OPTION);
         EXPECT_EQ(vec.size(), c.bChanged ? 1u : 0u);
-        if (!vec.empty()) { EXPECT_EQ(vec[0].vecBlock[2], c.nBrightness); }
+        if (!vec.empty()) {
+            EXPECT_EQ(vec[0].vecBlock[2], c.nBrightness);
+        }
     }
 }
 

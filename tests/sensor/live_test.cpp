@@ -140,7 +140,8 @@ TEST_F(LiveTest, LiveViewEndsAtTheFirstFrameReachingTheThreshold)
         unsigned long nWidth, nHeight;
         bool bCallback;
         unsigned long nThreshold, nReplyAtCall3;  // reply 0 goes on, another value accepts the image
-    } aCases[] = {{"600 x 600", 600, 600, true, 25, 0}, {"600 x 600, no callback", 600, 600, false, 25, 0},
+    } aCases[] = {{"600 x 600", 600, 600, true, 25, 0},
+                  {"600 x 600, no callback", 600, 600, false, 25, 0},
                   {"356 x 456, accepted by the host", 356, 456, true, 100, 9}};
     for (const auto& c : aCases) {
         SCOPED_TRACE(c.pszName);
@@ -162,8 +163,9 @@ TEST_F(LiveTest, LiveViewEndsAtTheFirstFrameReachingTheThreshold)
             EXPECT_EQ(info.nWidth, c.nWidth) << i;
             EXPECT_EQ(info.nHeight, c.nHeight) << i;
             EXPECT_EQ(info.nStatus, 0u) << i;
-            EXPECT_EQ(info.nQuality, static_cast<unsigned>(m_pSensor->m_ImageProc.CheckImageQuality2(
-                                         static_cast<int>(c.nWidth), static_cast<int>(c.nHeight), m_vecCalls[i].shown.data())));
+            EXPECT_EQ(info.nQuality,
+                      static_cast<unsigned>(m_pSensor->m_ImageProc.CheckImageQuality2(
+                          static_cast<int>(c.nWidth), static_cast<int>(c.nHeight), m_vecCalls[i].shown.data())));
         }
     }
 }
@@ -178,7 +180,8 @@ TEST_F(LiveTest, ImagesOfThePrint)
         const char* pszScene;
         bool bRoll;
         const char* pszGolden;
-    } aCases[] = {{8, "place", false, "live-view"}, {5, "roll", true, "rolled-print"}, {7, "roll", true, "rolled-print-model-7"}};
+    } aCases[] = {
+        {8, "place", false, "live-view"}, {5, "roll", true, "rolled-print"}, {7, "roll", true, "rolled-print-model-7"}};
     for (const auto& c : aCases) {
         SCOPED_TRACE(c.pszGolden);
         Open(c.nModel, std::string(c.pszScene) + "," + goldentest::PrintKey(), c.bRoll);
@@ -205,10 +208,14 @@ TEST_F(LiveTest, CallbackRepliesInLiveView)
     for (const auto& c : aCases) {
         SCOPED_TRACE(testing::Message() << "reply " << c.nReply << " threshold " << c.nThreshold);
         Scene("flat");
-        m_fnReply = [&c](size_t n, const ISensor::tagCallbackInfo&) { return n == 2 || c.nReply == 100 ? c.nReply : 0; };
+        m_fnReply = [&c](size_t n, const ISensor::tagCallbackInfo&) {
+            return n == 2 || c.nReply == 100 ? c.nReply : 0;
+        };
         const int nResets = m_pSensor->m_nResets;
         EXPECT_EQ(Live(c.nThreshold, c.nReply == 100 ? 300 : 60000), c.nResult);
-        if (c.nCalls != 0) { EXPECT_EQ(m_vecCalls.size(), c.nCalls); }
+        if (c.nCalls != 0) {
+            EXPECT_EQ(m_vecCalls.size(), c.nCalls);
+        }
         EXPECT_EQ(m_pSensor->m_nRollState, c.nRollState);
         EXPECT_EQ(m_pSensor->m_nResets - nResets, c.nResets);
         ExpectOneAcquisition();
@@ -266,7 +273,8 @@ TEST_F(LiveTest, FinalCheckHalvesPixelsDarkerThanTheMiddleRowsUnlessPale)
         Scene("roll");
         Bytes faint(IMG_PIXELS, static_cast<unsigned char>(c.nBackground));
         for (int y = 100; y < 500; ++y)
-            for (int x = 100; x < 500; ++x) faint[y * 600 + x] = static_cast<unsigned char>((x / 2 + y / 2) % 2 ? c.nLow + 6 : c.nLow);
+            for (int x = 100; x < 500; ++x)
+                faint[y * 600 + x] = static_cast<unsigned char>((x / 2 + y / 2) % 2 ? c.nLow + 6 : c.nLow);
         m_fnDuring = [this, &faint](size_t nCall) {
             if (nCall > 0) m_image = faint;
         };
@@ -292,8 +300,10 @@ TEST_F(LiveTest, RollingEndsEarly)
         int nRollState, bRollStarted;
         size_t nMinCalls, nMaxCalls;
     } aCases[] = {
-        {"roll", [](size_t n, const ISensor::tagCallbackInfo&) { return n == 0 ? 100ul : n == 12 ? 101ul : 0ul; },
-         true, 100, 0, 0, 1, 13, 13},
+        {"roll", [](size_t n, const ISensor::tagCallbackInfo&) { return n == 0    ? 100ul
+                                                                        : n == 12 ? 101ul
+                                                                                  : 0ul; }, true,
+         100, 0, 0, 1, 13, 13},
         {"empty", ReplyAt(0, TAVK05_CB_START_ROLL), true, 20, 57, 1, 0, 3, 3},
         {"roll-fast", ReplyAt(0, TAVK05_CB_START_ROLL), true, 1, 0, 1, 1, 2, 11},
         {"roll", nullptr, false, 20, 0, -1, 0, 0, 0},
@@ -333,7 +343,9 @@ TEST_F(LiveTest, TimeLimit)
     ExpectOneAcquisition();
 
     UseHost();
-    m_fnDuring = [this](size_t) { g_nClockSkewSeconds += m_nSkew != 0 && m_vecCalls.size() > 2 ? 1 : m_nSkew ? m_nSkew : 70; };
+    m_fnDuring = [this](size_t) {
+        g_nClockSkewSeconds += m_nSkew != 0 && m_vecCalls.size() > 2 ? 1 : m_nSkew ? m_nSkew : 70;
+    };
     const struct {
         unsigned long nTimeoutMs, nThreshold;
         const char* pszScene;
@@ -343,9 +355,12 @@ TEST_F(LiveTest, TimeLimit)
         unsigned long nReply, nResult;
         size_t nCalls;
     } aCases[] = {
-        {65535, 100, "empty", 0, false, 5, 4, 0, 6}, {65535, 250, "empty", 0, false, 5, 4, 0, 6},
-        {65534, 100, "empty", 0, false, 5, 4, 54, 1}, {65535, 99, "empty", 0, false, 5, 4, 54, 1},
-        {65535, 100, "latent,latentcheck=1", 0, true, 4, 1, 54, 5}, {65534, 100, "latent,latentcheck=1", 0, true, 4, 1, 54, 1},
+        {65535, 100, "empty", 0, false, 5, 4, 0, 6},
+        {65535, 250, "empty", 0, false, 5, 4, 0, 6},
+        {65534, 100, "empty", 0, false, 5, 4, 54, 1},
+        {65535, 99, "empty", 0, false, 5, 4, 54, 1},
+        {65535, 100, "latent,latentcheck=1", 0, true, 4, 1, 54, 5},
+        {65534, 100, "latent,latentcheck=1", 0, true, 4, 1, 54, 1},
         {60000, 100, "flat,latent=2,latentcheck=1", 29, true, 5, 4, 0, 6},
     };
     for (const auto& c : aCases) {
@@ -376,8 +391,10 @@ TEST_F(LiveTest, FailedFrameReadsAreToldToTheHost)
         int nResets;
         std::vector<unsigned long> vecStatus;  // status of each call; empty: 53 at every call until the time limit
     } aCases[] = {
-        {false, nullptr, false, 60000, 53, 0, {}}, {true, ReplyAt(0, 1), false, 60000, 54, 1, {53}},
-        {true, nullptr, false, 200, 54, 1, {}}, {true, ReplyAt(3, 8), true, 60000, 0, 0, {0, 53, 53, 0}},
+        {false, nullptr, false, 60000, 53, 0, {}},
+        {true, ReplyAt(0, 1), false, 60000, 54, 1, {53}},
+        {true, nullptr, false, 200, 54, 1, {}},
+        {true, ReplyAt(3, 8), true, 60000, 0, 0, {0, 53, 53, 0}},
     };
     for (const auto& c : aCases) {
         Scene("flat");
@@ -385,7 +402,8 @@ TEST_F(LiveTest, FailedFrameReadsAreToldToTheHost)
         m_fnReply = c.fnReply;
         m_pSensor->m_nFrameBytes = c.bRepair ? nGood : nBad;
         m_fnDuring = [this, &c, nGood, nBad](size_t n) {
-            if (c.bRepair && n < 3) m_pSensor->m_nFrameBytes = n == 0 ? nBad : n == 2 ? nGood : m_pSensor->m_nFrameBytes;
+            if (c.bRepair && n < 3)
+                m_pSensor->m_nFrameBytes = n == 0 ? nBad : n == 2 ? nGood : m_pSensor->m_nFrameBytes;
         };
         const int nResets = m_pSensor->m_nResets;
         EXPECT_EQ(Live(100, c.nTimeoutMs), c.nResult);
@@ -393,10 +411,15 @@ TEST_F(LiveTest, FailedFrameReadsAreToldToTheHost)
         ExpectOneAcquisition();
         std::vector<unsigned long> vecStatus, vecQualityOf53;
         for (const Call& call : m_vecCalls) vecStatus.push_back(call.info.nStatus);
-        for (const Call& call : m_vecCalls) if (call.info.nStatus == 53) vecQualityOf53.push_back(call.info.nQuality);
+        for (const Call& call : m_vecCalls)
+            if (call.info.nStatus == 53) vecQualityOf53.push_back(call.info.nQuality);
         EXPECT_EQ(vecQualityOf53, std::vector<unsigned long>(vecQualityOf53.size(), 0));
-        if (c.bCallback) { EXPECT_EQ(vecStatus, c.vecStatus.empty() ? std::vector<unsigned long>(vecStatus.size(), 53) : c.vecStatus); }
-        if (c.bCallback && c.vecStatus.empty()) { EXPECT_GT(vecStatus.size(), 1u); }
+        if (c.bCallback) {
+            EXPECT_EQ(vecStatus, c.vecStatus.empty() ? std::vector<unsigned long>(vecStatus.size(), 53) : c.vecStatus);
+        }
+        if (c.bCallback && c.vecStatus.empty()) {
+            EXPECT_GT(vecStatus.size(), 1u);
+        }
         if (c.bRepair) {
             EXPECT_EQ(m_vecCalls[1].shown, m_vecCalls[0].shown);
             EXPECT_EQ(Reads(), 2u);
@@ -452,9 +475,12 @@ TEST_F(LiveTest, LatentWait)
         unsigned long nTimeoutMs, nResult;
         int nReads;  // kSeveral: more than one; kThenFrames: three latent, one clean, then frames
     } aCases[] = {
-        {"latent", "", true, ReplyAt(0, 3), 60000, 54, 1}, {"latent", "", true, nullptr, 1000, 54, kSeveral},
-        {"latent", "", false, nullptr, 1000, 54, kSeveral}, {"latent", "fail=21", true, nullptr, 60000, 53, 0},
-        {"latent", "fail=22", true, nullptr, 60000, 53, 1}, {"flat,latent=3", "", true, ReplyAt(4, 6), 60000, 0, kThenFrames},
+        {"latent", "", true, ReplyAt(0, 3), 60000, 54, 1},
+        {"latent", "", true, nullptr, 1000, 54, kSeveral},
+        {"latent", "", false, nullptr, 1000, 54, kSeveral},
+        {"latent", "fail=21", true, nullptr, 60000, 53, 0},
+        {"latent", "fail=22", true, nullptr, 60000, 53, 1},
+        {"flat,latent=3", "", true, ReplyAt(4, 6), 60000, 0, kThenFrames},
     };
     for (const auto& c : aCases) {
         SCOPED_TRACE(testing::Message() << c.pszScene << " " << c.pszFault << " callback " << c.bCallback);
@@ -476,8 +502,11 @@ TEST_F(LiveTest, LatentWait)
             EXPECT_EQ(nReads, 4 + (m_vecCalls.size() - 3));
             continue;
         }
-        if (c.nReads == kSeveral) { EXPECT_GT(nReads, 1u); }
-        else { EXPECT_EQ(nReads, static_cast<unsigned long>(c.nReads)); }
+        if (c.nReads == kSeveral) {
+            EXPECT_GT(nReads, 1u);
+        } else {
+            EXPECT_EQ(nReads, static_cast<unsigned long>(c.nReads));
+        }
         EXPECT_EQ(m_vecCalls.size(), c.bCallback && c.nResult != 53 ? nReads : 0u);
         for (const Call& call : m_vecCalls) {
             EXPECT_EQ(call.info.nQuality, 0u);
@@ -508,9 +537,12 @@ TEST_F(LiveTest, FixedArgumentForms)
         Scene("place");
         m_image.assign(IMG_PIXELS, 7);
         EXPECT_EQ(nForm == 0 ? m_pSensor->GetLiveImage(m_image.data(), 60000, 1)
-                             : m_pSensor->GetLiveImageEx(m_image.data(), 60000, 1, 20), 0ul);
+                             : m_pSensor->GetLiveImageEx(m_image.data(), 60000, 1, 20),
+                  0ul);
         ASSERT_EQ(m_vecCalls.size(), vecPlain.size());
-        for (size_t i = 0; i < vecPlain.size(); ++i) { EXPECT_EQ(m_vecCalls[i].shown, vecPlain[i].shown) << i; }
+        for (size_t i = 0; i < vecPlain.size(); ++i) {
+            EXPECT_EQ(m_vecCalls[i].shown, vecPlain[i].shown) << i;
+        }
         EXPECT_EQ(m_image, image);
     }
 }

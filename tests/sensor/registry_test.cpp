@@ -43,7 +43,9 @@ TEST_F(RegistryTest, CreateAndDestroyKeepTheOrder)
     ISensor::tagCreateParam param;
     for (unsigned int& n : param.nReserved) n = 0xDEADBEEF;  // never read
     ISensor* ap[3] = {};
-    for (int i = 0; i < 3; ++i) { ASSERT_EQ(CreateISensor(i == 1 ? &param : nullptr, &ap[i]), 0); }
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(CreateISensor(i == 1 ? &param : nullptr, &ap[i]), 0);
+    }
     ExpectRegistry({ap[0], ap[1], ap[2]});
     EXPECT_NE(dynamic_cast<COberin*>(ap[0]), nullptr);
 
@@ -68,11 +70,16 @@ TEST_F(RegistryTest, CreateAndDestroyKeepTheOrder)
 TEST_F(RegistryTest, FullRegistryRefusesAndCompactsInOrder)
 {
     ISensor* ap[3] = {};
-    for (ISensor*& p : ap) { ASSERT_EQ(CreateISensor(nullptr, &p), 0); }
+    for (ISensor*& p : ap) {
+        ASSERT_EQ(CreateISensor(nullptr, &p), 0);
+    }
     static char s_achStandIns[ISENSOR_REGISTRY_SIZE];
     std::vector<ISensor*> vecAll;
     for (int i = 0; i < ISENSOR_REGISTRY_SIZE; ++i)
-        vecAll.push_back(i == 0 ? ap[0] : i == 50 ? ap[1] : i == 99 ? ap[2] : reinterpret_cast<ISensor*>(&s_achStandIns[i]));
+        vecAll.push_back(i == 0    ? ap[0]
+                         : i == 50 ? ap[1]
+                         : i == 99 ? ap[2]
+                                   : reinterpret_cast<ISensor*>(&s_achStandIns[i]));
     std::copy(vecAll.begin(), vecAll.end(), g_pSaveISensor);
     g_nCntISensor = ISENSOR_REGISTRY_SIZE;
     Saved();

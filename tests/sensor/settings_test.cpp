@@ -125,10 +125,13 @@ TEST_F(SensorTest, ContrastFactorAndTable)
         unsigned long nContrast;
         float fFactor;
     } aCases[] = {
-        {"model=4", 100, 2.6f}, {"model=4", 0, 0.6f}, {"model=3", 20, 1.0f}, {"product=0x0630", 45, 1.5f},
-        {"model=5", 100, 3.23f}, {"model=5", 16, 1.55f}, {"model=5", 0, 1.23f}, {"model=6", 100, 3.15f},
-        {"model=6", 0, 1.15f}, {"model=7,fw=0x2FFF", 100, 3.6f}, {"model=7,fw=0x2FFF", 0, 1.6f},
-        {"model=7,fw=0x3000", 100, 3.02f}, {"model=8,fw=0x3000", 0, 1.02f}, {"model=8,fw=0x1005", 30, 2.2f},
+        {"model=4", 100, 2.6f},          {"model=4", 0, 0.6f},
+        {"model=3", 20, 1.0f},           {"product=0x0630", 45, 1.5f},
+        {"model=5", 100, 3.23f},         {"model=5", 16, 1.55f},
+        {"model=5", 0, 1.23f},           {"model=6", 100, 3.15f},
+        {"model=6", 0, 1.15f},           {"model=7,fw=0x2FFF", 100, 3.6f},
+        {"model=7,fw=0x2FFF", 0, 1.6f},  {"model=7,fw=0x3000", 100, 3.02f},
+        {"model=8,fw=0x3000", 0, 1.02f}, {"model=8,fw=0x1005", 30, 2.2f},
     };
     for (const auto& c : aCases) {
         SCOPED_TRACE(testing::Message() << c.pszUnit << " contrast " << c.nContrast);
@@ -152,7 +155,9 @@ TEST_F(SensorTest, ContrastFactorAndTable)
     const unsigned char* pTable = pSensor->m_ImageProc.m_ucContrastTable;
     EXPECT_EQ(std::count(pTable, pTable + 83, 0), 83);
     const int anPoints[][2] = {{83, 1}, {128, 11}, {160, 51}, {192, 132}, {224, 210}, {254, 254}, {255, 255}};
-    for (const auto& point : anPoints) { EXPECT_EQ(pTable[point[0]], point[1]) << point[0]; }
+    for (const auto& point : anPoints) {
+        EXPECT_EQ(pTable[point[0]], point[1]) << point[0];
+    }
     for (int i = 1; i < 256; ++i) {
         EXPECT_GE(pTable[i], pTable[i - 1]) << i;
         EXPECT_LE(pTable[i], i) << i;
@@ -192,7 +197,8 @@ TEST_F(SensorTest, SettersAndWhatReachesTheUnit)
         {"size 260 x 300", [](COberin& s) { return s.SetImageSize(260, 300); }, "", 0, 40, 2, 20, 4, -1, -1},
         {"size 292 x 248", [](COberin& s) { return s.SetImageSize(292, 248); }, "", 2, 40, 2, 20, 5, -1, -1},
         {"size 600 x 601", [](COberin& s) { return s.SetImageSize(600, 601); }, "", 2, 40, 2, 20, 5, -1, -1},
-        {"size 2^31+600", [](COberin& s) { return s.SetImageSize(600 + (1ul << 31), 600); }, "", 2, 40, 2, 20, 5, -1, -1},
+        {"size 2^31+600", [](COberin& s) { return s.SetImageSize(600 + (1ul << 31), 600); }, "", 2, 40, 2, 20, 5, -1,
+         -1},
         {"black calibration", [](COberin& s) { return s.SetBlackCalibration(1); }, "", 4, 40, 2, 20, 5, -1, -1},
         {"exposure", [](COberin& s) { return s.SetExposure(10, 20); }, "", 4, 40, 2, 20, 5, -1, -1},
         {"exposure worker", [](COberin& s) { return s.SetExposureEx(10, 20); }, "", 4, 40, 2, 20, 5, -1, -1},
@@ -213,8 +219,9 @@ TEST_F(SensorTest, SettersAndWhatReachesTheUnit)
                                               pSensor->m_nImageSize}),
                   (std::vector<unsigned long>{c.nBrightness, c.nGain, c.nContrast, c.nImageSize}));
         const std::vector<tavk05virt::Request> vec = RequestsOf(VXD_REQ_SET_SENSOR_OPTION);
-        if (c.nExposureSent < 0) { EXPECT_TRUE(vec.empty() || vec.back().bFailed); }
-        else {
+        if (c.nExposureSent < 0) {
+            EXPECT_TRUE(vec.empty() || vec.back().bFailed);
+        } else {
             ASSERT_EQ(vec.size(), 1u);
             EXPECT_EQ(vec[0].vecBlock, OptionBlock(c.nExposureSent, c.nGainSent));
         }
@@ -228,16 +235,16 @@ TEST_F(SensorTest, Registers)
     const struct {
         const char* pszUnit;
         unsigned long nReg, nValue;
-        unsigned long nRead;          // ReadData(nReg) afterwards
-        int bLatentCheck, bCapture;   // -1: not checked
-        int nRollState;               // after the write from rolling (1)
+        unsigned long nRead;         // ReadData(nReg) afterwards
+        int bLatentCheck, bCapture;  // -1: not checked
+        int nRollState;              // after the write from rolling (1)
     } aCases[] = {
-        {"model=4", 0, 0, 0, 0, 1, 1}, {"model=4", 0, 2, 2, 1, 0, 1}, {"model=4", 0, 3, 1, 1, 1, 1},
-        {"model=4", 1, 1, 1, -1, -1, 1}, {"model=4", 1, 5, 0, -1, -1, 1},
-        {"model=3", 155, 1, 1, -1, -1, 1}, {"model=4", 155, 1, 0, -1, -1, 0}, {"model=5", 155, 1, 1, -1, -1, 1},
-        {"model=6", 155, 1, 0, -1, -1, 0}, {"model=7", 155, 1, 1, -1, -1, 1}, {"model=8", 155, 1, 0, -1, -1, 0},
-        {"model=5", 155, 2, 0, -1, -1, 0}, {"model=5", 155, 0, 0, -1, -1, 0},
-        {"model=7", 2, 1, 255, -1, -1, 1}, {"model=7", 154, 1, 255, -1, -1, 1}, {"model=7", 156, 1, 255, -1, -1, 1},
+        {"model=4", 0, 0, 0, 0, 1, 1},       {"model=4", 0, 2, 2, 1, 0, 1},     {"model=4", 0, 3, 1, 1, 1, 1},
+        {"model=4", 1, 1, 1, -1, -1, 1},     {"model=4", 1, 5, 0, -1, -1, 1},   {"model=3", 155, 1, 1, -1, -1, 1},
+        {"model=4", 155, 1, 0, -1, -1, 0},   {"model=5", 155, 1, 1, -1, -1, 1}, {"model=6", 155, 1, 0, -1, -1, 0},
+        {"model=7", 155, 1, 1, -1, -1, 1},   {"model=8", 155, 1, 0, -1, -1, 0}, {"model=5", 155, 2, 0, -1, -1, 0},
+        {"model=5", 155, 0, 0, -1, -1, 0},   {"model=7", 2, 1, 255, -1, -1, 1}, {"model=7", 154, 1, 255, -1, -1, 1},
+        {"model=7", 156, 1, 255, -1, -1, 1},
     };
     for (const auto& c : aCases) {
         SCOPED_TRACE(testing::Message() << c.pszUnit << " register " << c.nReg << " = " << c.nValue);
@@ -246,8 +253,12 @@ TEST_F(SensorTest, Registers)
         pSensor->m_nError = 54;
         EXPECT_EQ(pSensor->WriteData(c.nReg, c.nValue), 0ul);
         EXPECT_EQ(pSensor->ReadData(c.nReg), c.nRead);
-        if (c.bLatentCheck >= 0) { EXPECT_EQ(pSensor->m_bLatentCheck, c.bLatentCheck != 0); }
-        if (c.bCapture >= 0) { EXPECT_EQ(pSensor->m_bCaptureEnable, c.bCapture != 0); }
+        if (c.bLatentCheck >= 0) {
+            EXPECT_EQ(pSensor->m_bLatentCheck, c.bLatentCheck != 0);
+        }
+        if (c.bCapture >= 0) {
+            EXPECT_EQ(pSensor->m_bCaptureEnable, c.bCapture != 0);
+        }
         EXPECT_EQ(pSensor->m_nRollState, c.nRollState);
         EXPECT_EQ(pSensor->GetError(), 54ul);
         EXPECT_EQ(pSensor->ReadData(1), c.nReg == 1 ? c.nRead : 0);
@@ -278,7 +289,7 @@ TEST_F(SensorTest, CallbackRegistrationByType)
         unsigned long nStatus;
     } aCases[] = {{1, CallbackA, CallbackA, &anContext[0], 0}, {2, CallbackB, CallbackB, &anContext[1], 0},
                   {3, CallbackA, CallbackB, &anContext[0], 2}, {0, CallbackA, CallbackB, &anContext[1], 2},
-                  {100, CallbackA, CallbackB, nullptr, 2}, {1, nullptr, nullptr, nullptr, 0}};
+                  {100, CallbackA, CallbackB, nullptr, 2},     {1, nullptr, nullptr, nullptr, 0}};
     for (const auto& c : aCases) {
         EXPECT_EQ(sensor.SetCallBackFunction(c.nType, c.pfn, c.pContext), c.nStatus) << c.nType;
         EXPECT_EQ(sensor.m_pfnCallback, c.pfnAfter) << c.nType;
@@ -301,7 +312,7 @@ TEST_F(SensorTest, InitDevStopsAtTheFirstFailureAndRetries)
         size_t nBlocks;  // option blocks that reached the unit
     } aCases[] = {
         {150, 4, "", false, 3, 0}, {30, 4, "fail=5", false, 2, 1}, {30, 3, "clearfaults", false, 3, 1},
-        {30, 4, "", false, 0, 2}, {30, 4, "", false, 0, 0}, {30, 4, "", true, 0, 2},
+        {30, 4, "", false, 0, 2},  {30, 4, "", false, 0, 0},       {30, 4, "", true, 0, 2},
     };
     for (const auto& c : aCases) {
         SCOPED_TRACE(testing::Message() << c.nContrast << " " << c.nGain << " " << c.pszFault);
@@ -314,7 +325,9 @@ TEST_F(SensorTest, InitDevStopsAtTheFirstFailureAndRetries)
         EXPECT_EQ(pSensor->m_bDevInitialized, c.nStatus == 0);
         const std::vector<tavk05virt::Request> vec = RequestsOf(VXD_REQ_SET_SENSOR_OPTION);
         ASSERT_EQ(vec.size(), c.nBlocks);
-        if (c.nBlocks == 2) { EXPECT_EQ(vec[1].vecBlock, OptionBlock(55, 4)); }
+        if (c.nBlocks == 2) {
+            EXPECT_EQ(vec[1].vecBlock, OptionBlock(55, 4));
+        }
     }
     EXPECT_FLOAT_EQ(pSensor->m_fContrastFactor, 1.62f);
     ASSERT_EQ(pSensor->OpenDevice(0, 0), 0ul);
@@ -336,24 +349,33 @@ TEST_F(SensorTest, ControlCodes)
         bool bLenWord;
         unsigned long nStatus;
         std::vector<unsigned long> vecRequests;
-        Bytes vecSent;           // block of the last request, when checked
-        unsigned long nLen;      // length word afterwards
+        Bytes vecSent;       // block of the last request, when checked
+        unsigned long nLen;  // length word afterwards
     } aCases[] = {
-        {0, nullptr, 0, 0, 0, false, 0, {21}, {}, 0}, {1, nullptr, 0, 0, 0, false, 0, {22}, {}, 0},
+        {0, nullptr, 0, 0, 0, false, 0, {21}, {}, 0},
+        {1, nullptr, 0, 0, 0, false, 0, {22}, {}, 0},
         {257, (const unsigned char*)"\1\1", 2, 0, 0, false, 0, {8}, {1, 1}, 0},
         {257, (const unsigned char*)"\0\2", 2, 0, 0, false, 3, {}, {}, 0},
-        {257, vecIn.data(), 1, 0, 0, false, 3, {}, {}, 0}, {257, nullptr, 2, 0, 0, false, 3, {}, {}, 0},
+        {257, vecIn.data(), 1, 0, 0, false, 3, {}, {}, 0},
+        {257, nullptr, 2, 0, 0, false, 3, {}, {}, 0},
         {259, vecIn.data(), 10, 0, 0, false, 0, {18}, vecShort, 0},
         {260, vecIn.data(), 100, 0, 0, false, 0, {18}, vecValue, 0},
-        {259, nullptr, 10, 0, 0, false, 3, {}, {}, 0}, {260, vecIn.data(), 0, 0, 0, false, 3, {}, {}, 0},
-        {515, nullptr, 0, 80, 64, true, 0, {17}, Bytes(64, 0), 64}, {516, nullptr, 0, 60, 0, true, 0, {17}, {}, 60},
+        {259, nullptr, 10, 0, 0, false, 3, {}, {}, 0},
+        {260, vecIn.data(), 0, 0, 0, false, 3, {}, {}, 0},
+        {515, nullptr, 0, 80, 64, true, 0, {17}, Bytes(64, 0), 64},
+        {516, nullptr, 0, 60, 0, true, 0, {17}, {}, 60},
         {514, nullptr, 0, 64, 0, true, 0, {9}, Bytes(64, 0), 64},  // get requests go out zeroed
         {515, nullptr, 0, 64, 100, true, 3, {}, {}, 100},
-        {515, nullptr, 0, 63, 0, true, 3, {}, {}, 0}, {516, nullptr, 0, 59, 0, true, 3, {}, {}, 0},
-        {514, nullptr, 0, 64, 0, false, 3, {}, {}, 0}, {514, nullptr, 0, 0, 0, true, 3, {}, {}, 0},
-        {769, vecIn.data(), 2, 64, 0, true, 4, {}, {}, 0}, {2, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
-        {262, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0}, {513, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
-        {517, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0}, {0x10101, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
+        {515, nullptr, 0, 63, 0, true, 3, {}, {}, 0},
+        {516, nullptr, 0, 59, 0, true, 3, {}, {}, 0},
+        {514, nullptr, 0, 64, 0, false, 3, {}, {}, 0},
+        {514, nullptr, 0, 0, 0, true, 3, {}, {}, 0},
+        {769, vecIn.data(), 2, 64, 0, true, 4, {}, {}, 0},
+        {2, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
+        {262, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
+        {513, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
+        {517, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
+        {0x10101, vecIn.data(), 2, 64, 0, true, 3, {}, {}, 0},
     };
     for (const auto& c : aCases) {
         SCOPED_TRACE(testing::Message() << "code " << c.nCode << " in " << c.nInLen << " out " << c.nOutCap);
@@ -367,8 +389,12 @@ TEST_F(SensorTest, ControlCodes)
                   c.nStatus);
         EXPECT_EQ(pSensor->GetError(), c.nStatus);
         EXPECT_EQ(RequestNumbers(), c.vecRequests);
-        if (!c.vecSent.empty()) { EXPECT_EQ(tavk05virt::RequestLog(0).back().vecBlock, c.vecSent); }
-        if (c.bLenWord) { EXPECT_EQ(nLen, c.nLen); }
+        if (!c.vecSent.empty()) {
+            EXPECT_EQ(tavk05virt::RequestLog(0).back().vecBlock, c.vecSent);
+        }
+        if (c.bLenWord) {
+            EXPECT_EQ(nLen, c.nLen);
+        }
         Bytes vecId(64, 0);  // the unit's device ID: its model and serial
         std::memcpy(vecId.data(), "TAVK05-8-AB-12", 14);
         const Bytes vecBlock = c.nCode == 514 ? vecId : vecValue;

@@ -11,10 +11,7 @@
 
 namespace {
 
-bool DescriptorIsOpen(int fd)
-{
-    return fcntl(fd, F_GETFD) != -1;
-}
+bool DescriptorIsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
 TEST_F(TransportTest, OpenFailsWithoutTouchingTheNode)
 {
@@ -77,13 +74,14 @@ TEST_P(DeviceTypeTable, TypeFollowsProductAndFirmware)
     EXPECT_EQ(tc.wFirmware, vxd.GetFirmwareVersion());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Boundaries, DeviceTypeTable,
-    ::testing::Values(TypeCase{0x0610, 0x0000, 3}, TypeCase{0x0610, 0x1004, 3}, TypeCase{0x0610, 0x1005, 7},
-                      TypeCase{0x0610, 0x1102, 7}, TypeCase{0x0610, 0x1103, 5}, TypeCase{0x0610, 0x1104, 7},
-                      TypeCase{0x0610, 0xFFFF, 7}, TypeCase{0x0620, 0x1004, 4}, TypeCase{0x0620, 0x1005, 8},
-                      TypeCase{0x0620, 0x1103, 6}, TypeCase{0x0620, 0x3000, 8}, TypeCase{0x0630, 0x1103, 6},
-                      TypeCase{0x0611, 0x3000, 6}, TypeCase{0x0000, 0x1004, 6}));
+INSTANTIATE_TEST_SUITE_P(Boundaries, DeviceTypeTable,
+                         ::testing::Values(TypeCase{0x0610, 0x0000, 3}, TypeCase{0x0610, 0x1004, 3},
+                                           TypeCase{0x0610, 0x1005, 7}, TypeCase{0x0610, 0x1102, 7},
+                                           TypeCase{0x0610, 0x1103, 5}, TypeCase{0x0610, 0x1104, 7},
+                                           TypeCase{0x0610, 0xFFFF, 7}, TypeCase{0x0620, 0x1004, 4},
+                                           TypeCase{0x0620, 0x1005, 8}, TypeCase{0x0620, 0x1103, 6},
+                                           TypeCase{0x0620, 0x3000, 8}, TypeCase{0x0630, 0x1103, 6},
+                                           TypeCase{0x0611, 0x3000, 6}, TypeCase{0x0000, 0x1004, 6}));
 
 TEST_F(TransportTest, FailedDescriptorRequestStillOpensButChangesNothing)
 {
@@ -138,9 +136,9 @@ TEST_F(TransportTest, AcquisitionModesAndRequestFreeOperations)
     EXPECT_EQ(VXD_OK, vxd.DevIoCtlCheckAutoOnStatus(nullptr, &nLen));
     EXPECT_EQ(0u, nLen);
     // The operations the kernel driver has no request for succeed without one.
-    for (const int nResult : {vxd.ResetPipe(3), vxd.LockDevice(), vxd.UnlockDevice(), vxd.SetAutoExposure(true),
-                              vxd.SetAutoGain(true), vxd.I2cReadData(0x10), vxd.I2cWriteData(0x10, 0x20),
-                              vxd.GetBandwidth(), vxd.GetOpenHandleCount()}) {
+    for (const int nResult :
+         {vxd.ResetPipe(3), vxd.LockDevice(), vxd.UnlockDevice(), vxd.SetAutoExposure(true), vxd.SetAutoGain(true),
+          vxd.I2cReadData(0x10), vxd.I2cWriteData(0x10, 0x20), vxd.GetBandwidth(), vxd.GetOpenHandleCount()}) {
         EXPECT_EQ(VXD_OK, nResult);
     }
     EXPECT_EQ((std::vector<unsigned long>{21, 22}), RequestNumbers());
@@ -162,9 +160,12 @@ const EntryPoint kEntryPoints[] = {
     {"exposure", 5, VXD_E_REQUEST, [](CVxdInterface& v, Block, unsigned long*) { return v.SetExposure(9); }},
     {"gain", 5, VXD_E_REQUEST, [](CVxdInterface& v, Block, unsigned long*) { return v.SetGain(9); }},
     {"led", 8, VXD_E_LED, [](CVxdInterface& v, Block, unsigned long*) { return v.SetLedOn(true, 1); }},
-    {"device_id", 9, VXD_E_REQUEST, [](CVxdInterface& v, Block p, unsigned long* n) { return v.DevIoCtlGetDevID(p, n); }},
-    {"get_value", 17, VXD_E_REQUEST, [](CVxdInterface& v, Block p, unsigned long* n) { return v.DevIoCtlGetValue(p, n); }},
-    {"set_value", 18, VXD_E_REQUEST, [](CVxdInterface& v, Block p, unsigned long*) { return v.DevIoCtlSetValue(p, 4); }},
+    {"device_id", 9, VXD_E_REQUEST,
+     [](CVxdInterface& v, Block p, unsigned long* n) { return v.DevIoCtlGetDevID(p, n); }},
+    {"get_value", 17, VXD_E_REQUEST,
+     [](CVxdInterface& v, Block p, unsigned long* n) { return v.DevIoCtlGetValue(p, n); }},
+    {"set_value", 18, VXD_E_REQUEST,
+     [](CVxdInterface& v, Block p, unsigned long*) { return v.DevIoCtlSetValue(p, 4); }},
     {"start", 21, VXD_E_REQUEST, [](CVxdInterface& v, Block, unsigned long*) { return v.RollDevIoControl(0); }},
     {"stop", 22, VXD_E_REQUEST, [](CVxdInterface& v, Block, unsigned long*) { return v.RollDevIoControl(1); }},
 };

@@ -40,8 +40,8 @@ struct ReadEntry {
 const ReadEntry kReads[] = {
     {"ReadData", [](CVxdInterface& v, unsigned char* p, unsigned long n) { return v.ReadData(p, n, 3000); }, true, 4,
      true, true},
-    {"ReadDataEx", [](CVxdInterface& v, unsigned char* p, unsigned long n) { return v.ReadDataEx(p, n, 3000); },
-     false, 1, true, false},
+    {"ReadDataEx", [](CVxdInterface& v, unsigned char* p, unsigned long n) { return v.ReadDataEx(p, n, 3000); }, false,
+     1, true, false},
     {"ReadLatent", [](CVxdInterface& v, unsigned char* p, unsigned long n) { return v.ReadLatent(p, n); }, true, 1,
      false, true},
 };
@@ -186,8 +186,10 @@ const AverageCase kAverages[] = {
      [](unsigned long p, unsigned w, unsigned h) {
          return (Pattern(p, w, h, 0) + Pattern(p, w, h, 1) + Pattern(p, w, h, 2) + Pattern(p, w, h, 3)) / 4;
      }},
-    {"model=5,scene=pattern", 1288, 876, 1, [](unsigned long p, unsigned w, unsigned h) { return Pattern(p, w, h, 0); }},
-    {"model=8,fw=0x3000,scene=pattern", 1800, 1280, 1, [](unsigned long p, unsigned w, unsigned h) { return Pattern(p, w, h, 0); }},
+    {"model=5,scene=pattern", 1288, 876, 1,
+     [](unsigned long p, unsigned w, unsigned h) { return Pattern(p, w, h, 0); }},
+    {"model=8,fw=0x3000,scene=pattern", 1800, 1280, 1,
+     [](unsigned long p, unsigned w, unsigned h) { return Pattern(p, w, h, 0); }},
 };
 
 class SingleCapture : public TransportTest, public ::testing::WithParamInterface<AverageCase> {};

@@ -300,8 +300,8 @@ TEST(FingerImpression, EachImpressionLaysTheSkinAnew)
         // with the finger, by the shift.
         double sx = 0.0;
         double sy = 0.0;
-        SkinPoint(imp, pose.fTurnCx, pose.fTurnCy, pose.fDragA, pose.fDragB, pose.fDragAngle, pose.fCx, pose.fCy,
-                  &sx, &sy);
+        SkinPoint(imp, pose.fTurnCx, pose.fTurnCy, pose.fDragA, pose.fDragB, pose.fDragAngle, pose.fCx, pose.fCy, &sx,
+                  &sy);
         EXPECT_NEAR(flat.fCx, sx, 2.0 * imp.fWobble + 1e-9);
         EXPECT_NEAR(flat.fCy, sy, 2.0 * imp.fWobble + 1e-9);
         // The glass shows the pattern where the impression lays it: ridge

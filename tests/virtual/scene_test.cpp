@@ -58,16 +58,21 @@ int LatentVerdict(const FingerPose& pose, uint32_t nSeed, uint64_t nNoise)
 
 TEST(SceneNames, NamesKeysAndTheirRanges)
 {
-    for (const char* pszName : {"empty", "flat", "latent", "dark", "pale", "place", "roll", "roll-left", "roll-fast",
-                                "lift"}) {
+    for (const char* pszName :
+         {"empty", "flat", "latent", "dark", "pale", "place", "roll", "roll-left", "roll-fast", "lift"}) {
         SceneKind eKind;
         ASSERT_TRUE(ParseSceneKind(pszName, &eKind)) << pszName;
         EXPECT_STREQ(pszName, SceneKindName(eKind));
     }
     FingerSceneSettings settings;
     std::string strError;
-    ASSERT_TRUE(ParseFingerScene("roll-left", {{"seed", "9"}, {"latent", "4"}, {"wait", "2"}, {"seed", "4294967295"},
-                                               {"latentcheck", "1"}, {"impression", "4294967295"}},
+    ASSERT_TRUE(ParseFingerScene("roll-left",
+                                 {{"seed", "9"},
+                                  {"latent", "4"},
+                                  {"wait", "2"},
+                                  {"seed", "4294967295"},
+                                  {"latentcheck", "1"},
+                                  {"impression", "4294967295"}},
                                  &settings, &strError))
         << strError;
     const SceneConfig& c = settings.config;
@@ -119,12 +124,12 @@ TEST(SceneLatent, ShortBufferGetsZerosOnly)
 
 // Rolled composition over the finished images of a scene.
 struct RollOutcome {
-    int nResult = -1;          // the composition's result that ended the roll
-    int nEndedAt = -1;         // read at which it ended
+    int nResult = -1;   // the composition's result that ended the roll
+    int nEndedAt = -1;  // read at which it ended
     int nDirection = 0;
     std::vector<int> vecRight;  // right edge after each accepted frame
     std::vector<int> vecLeft;
-    int nCompositeWidth = 0;   // columns of the composite with ridges
+    int nCompositeWidth = 0;  // columns of the composite with ridges
 };
 
 RollOutcome RunRoll(SceneKind eKind, uint32_t nSeed)

@@ -46,10 +46,14 @@ TEST_F(VirtualTest, OrdinaryFilesAndPipesPassThroughEveryVariant)
     const std::string strFile = TempPath("file");
     WriteFile(strFile, "hello, scanner");
     const char* psz = strFile.c_str();
-    const int afd[] = {open(psz, O_RDONLY),           open64(psz, O_RDONLY),
-                       openat(AT_FDCWD, psz, O_RDONLY), openat64(AT_FDCWD, psz, O_RDONLY),
-                       __open_2(psz, O_RDONLY),         __open64_2(psz, O_RDONLY),
-                       __openat_2(AT_FDCWD, psz, O_RDONLY), __openat64_2(AT_FDCWD, psz, O_RDONLY)};
+    const int afd[] = {open(psz, O_RDONLY),
+                       open64(psz, O_RDONLY),
+                       openat(AT_FDCWD, psz, O_RDONLY),
+                       openat64(AT_FDCWD, psz, O_RDONLY),
+                       __open_2(psz, O_RDONLY),
+                       __open64_2(psz, O_RDONLY),
+                       __openat_2(AT_FDCWD, psz, O_RDONLY),
+                       __openat64_2(AT_FDCWD, psz, O_RDONLY)};
     for (const int fd : afd) {
         ASSERT_GE(fd, 0);
         EXPECT_EQ("hello, scanner", ReadAll(fd));
@@ -151,11 +155,16 @@ void RunScript(const std::string& strUnit, const std::string& strSteps)
         const int fd = vecFds.empty() ? -1 : vecFds.back();
         errno = 0;
         long nGot = 0;
-        if (strOp == "open") nGot = open("/dev/tavk050", O_RDONLY);
-        else if (strOp == "close") nGot = close(fd);
-        else if (strOp[0] == 'i') nGot = ioctl(fd, nArg, vec.data());
-        else if (strOp[0] == 'n') nGot = ioctl(fd, nArg, nullptr);
-        else if (strOp[0] == 'r') nGot = read(fd, vec.data(), std::min<std::size_t>(nArg, vec.size()));
+        if (strOp == "open")
+            nGot = open("/dev/tavk050", O_RDONLY);
+        else if (strOp == "close")
+            nGot = close(fd);
+        else if (strOp[0] == 'i')
+            nGot = ioctl(fd, nArg, vec.data());
+        else if (strOp[0] == 'n')
+            nGot = ioctl(fd, nArg, nullptr);
+        else if (strOp[0] == 'r')
+            nGot = read(fd, vec.data(), std::min<std::size_t>(nArg, vec.size()));
         if (strOp == "open" && nGot >= 0) vecFds.push_back(static_cast<int>(nGot));
         if (strOp == "close") vecFds.pop_back();
         if (strWant[0] == 'E') {
@@ -378,9 +387,14 @@ private:
 };
 
 // open, start, a frame, its first half again (stored once), device ID, close.
-const std::string kSmall = Recording().Event(1, 0, 1, 0, 0, 0).Event(3, 0, 1, 21, 0, 0)
-                               .Event(4, 0, 1, 0, 20, 16, "ABCDEFGHIJKLMNOP").Event(4, 1, 1, 0, 8, 8)
-                               .Event(3, 0, 1, 9, 0, 64, std::string(64, 'i')).Event(2, 0, 1, 0, 0, 0).Bytes();
+const std::string kSmall = Recording()
+                               .Event(1, 0, 1, 0, 0, 0)
+                               .Event(3, 0, 1, 21, 0, 0)
+                               .Event(4, 0, 1, 0, 20, 16, "ABCDEFGHIJKLMNOP")
+                               .Event(4, 1, 1, 0, 8, 8)
+                               .Event(3, 0, 1, 9, 0, 64, std::string(64, 'i'))
+                               .Event(2, 0, 1, 0, 0, 0)
+                               .Bytes();
 
 TEST_F(VirtualTest, HandMadeRecordingPlaysBackAndHostileOnesAreRefused)
 {

@@ -118,8 +118,8 @@ int PrintDigests()
 
     // Whole captures through the sensor on virtual units of every model: the
     // frames the virtual scanner renders and the driver's processing.
-    const char* const apszUnits[] = {"model=3", "model=4", "model=5", "model=6", "model=7,fw=0x2000",
-                                     "model=8,fw=0x3000", "product=0x0630"};
+    const char* const apszUnits[] = {"model=3",           "model=4",           "model=5",       "model=6",
+                                     "model=7,fw=0x2000", "model=8,fw=0x3000", "product=0x0630"};
     for (const char* pszUnit : apszUnits) {
         if (!tavk05virt::Attach(std::string("0:scene=flat,seed=4,") + pszUnit)) return 1;
         ISensor* pSensor = nullptr;

@@ -100,8 +100,8 @@ bool Capture(uint32_t nSeed, unsigned nImpression, int nModel, bool bRolled, Ima
              const std::string& strExtra = std::string())
 {
     std::string strUnit = "0:model=" + std::to_string(nModel) + ",seed=" + std::to_string(nSeed) +
-                          ",impression=" + std::to_string(nImpression) + (bRolled ? ",scene=roll,wait=1" : ",scene=flat") +
-                          strExtra;
+                          ",impression=" + std::to_string(nImpression) +
+                          (bRolled ? ",scene=roll,wait=1" : ",scene=flat") + strExtra;
     std::string strError;
     tavk05virt::DetachAll();
     if (!tavk05virt::Attach(strUnit, &strError)) {
@@ -345,12 +345,13 @@ void PrintDistribution(const char* pszName, std::vector<int> vec)
     }
     std::sort(vec.begin(), vec.end());
     const auto At = [&vec](double f) { return vec[static_cast<size_t>(f * (vec.size() - 1) + 0.5)]; };
-    std::printf("%s scores (%zu): min %d, 5%% %d, 25%% %d, median %d, 75%% %d, 95%% %d, max %d\n", pszName,
-                vec.size(), vec.front(), At(0.05), At(0.25), At(0.5), At(0.75), At(0.95), vec.back());
+    std::printf("%s scores (%zu): min %d, 5%% %d, 25%% %d, median %d, 75%% %d, 95%% %d, max %d\n", pszName, vec.size(),
+                vec.front(), At(0.05), At(0.25), At(0.5), At(0.75), At(0.95), vec.back());
     const int anEdge[] = {0, 10, 20, 30, 40, 60, 100, 200, 400, 100000};
     std::printf("  histogram:");
     for (size_t b = 0; b + 1 < sizeof anEdge / sizeof anEdge[0]; ++b) {
-        const long n = std::count_if(vec.begin(), vec.end(), [&](int s) { return s >= anEdge[b] && s < anEdge[b + 1]; });
+        const long n =
+            std::count_if(vec.begin(), vec.end(), [&](int s) { return s >= anEdge[b] && s < anEdge[b + 1]; });
         if (anEdge[b + 1] == 100000) {
             std::printf(" %d+: %ld", anEdge[b], n);
         } else {
@@ -519,7 +520,7 @@ int main(int argc, char** argv)
     std::vector<int> vecGenuine;
     std::vector<int> vecImpostor;
     std::vector<int> vecMinutiae;
-    std::vector<int> vecFingerPair;  // best impostor score of a probe against each other finger
+    std::vector<int> vecFingerPair;   // best impostor score of a probe against each other finger
     std::vector<PairScore> vecWorst;  // the highest impostor finger pairs
     long nGenuineMatches = 0;
     long nFalseMatches = 0;
@@ -558,7 +559,8 @@ int main(int argc, char** argv)
         // Genuine: the probe against its own finger.
         gboolean bMatch = FALSE;
         feeder.Send(&vecProbe[f]);
-        if (!fp_device_verify_sync(pDevice, pEnrolled, nullptr, CountMinutiae, &vecMinutiae, &bMatch, nullptr, &pError)) {
+        if (!fp_device_verify_sync(pDevice, pEnrolled, nullptr, CountMinutiae, &vecMinutiae, &bMatch, nullptr,
+                                   &pError)) {
             std::fprintf(stderr, "tavk05-realism: seed %u: verification failed: %s\n", nSeed, pError->message);
             g_clear_error(&pError);
             ++nFailed;
@@ -571,7 +573,8 @@ int main(int argc, char** argv)
             if (vecScores.front() >= kThreshold) ++nGenuineMatches;
         }
         std::fprintf(stderr, "\rfinger %u: genuine score %d (model %d, %s, %d minutiae)%s   ", nSeed,
-                     vecScores.empty() ? -1 : vecScores.front(), nModel, bRolled ? "rolled" : "flat", vecMinutiae.empty() ? 0 : vecMinutiae.back(),
+                     vecScores.empty() ? -1 : vecScores.front(), nModel, bRolled ? "rolled" : "flat",
+                     vecMinutiae.empty() ? 0 : vecMinutiae.back(),
                      vecScores.empty() || vecScores.front() >= kThreshold ? "" : "\n");
     }
     std::fprintf(stderr, "\n");
@@ -631,22 +634,25 @@ int main(int argc, char** argv)
     }
     std::fprintf(stderr, "\n");
 
-    std::printf("seeds %u-%u: %zu fingers, %d enrolment impressions each (flat, model 7); probes: a later "
-                "impression on models 3-8, %s\n",
-                nFirst, nLast, nFingers, nStages, bFlatOnly ? "flat" : "a quarter of them rolled");
-    std::printf("pattern classes: left loop %d, right loop %d, whorl %d, arch %d (loops %.0f %%, whorls %.0f %%, "
-                "arches %.0f %%)\n",
-                anClass[0], anClass[1], anClass[2], anClass[3], 100.0 * (anClass[0] + anClass[1]) / nFingers,
-                100.0 * anClass[2] / nFingers, 100.0 * anClass[3] / nFingers);
+    std::printf(
+        "seeds %u-%u: %zu fingers, %d enrolment impressions each (flat, model 7); probes: a later "
+        "impression on models 3-8, %s\n",
+        nFirst, nLast, nFingers, nStages, bFlatOnly ? "flat" : "a quarter of them rolled");
+    std::printf(
+        "pattern classes: left loop %d, right loop %d, whorl %d, arch %d (loops %.0f %%, whorls %.0f %%, "
+        "arches %.0f %%)\n",
+        anClass[0], anClass[1], anClass[2], anClass[3], 100.0 * (anClass[0] + anClass[1]) / nFingers,
+        100.0 * anClass[2] / nFingers, 100.0 * anClass[3] / nFingers);
     std::printf("genuine match rate: %ld of %zu pairs (%.2f %%) at threshold %d\n", nGenuineMatches, vecGenuine.size(),
                 vecGenuine.empty() ? 0.0 : 100.0 * nGenuineMatches / vecGenuine.size(), kThreshold);
     std::printf("false match rate: %ld of %ld impostor image pairs (%.4f %%)\n", nFalseMatches, nImpostorPairs,
                 nImpostorPairs ? 100.0 * nFalseMatches / nImpostorPairs : 0.0);
     const long nFingerMatches =
         std::count_if(vecFingerPair.begin(), vecFingerPair.end(), [](int s) { return s >= kThreshold; });
-    std::printf("false match rate: %ld of %zu impostor finger pairs (probe against all %d enrolled impressions of "
-                "another finger)\n",
-                nFingerMatches, vecFingerPair.size(), nStages);
+    std::printf(
+        "false match rate: %ld of %zu impostor finger pairs (probe against all %d enrolled impressions of "
+        "another finger)\n",
+        nFingerMatches, vecFingerPair.size(), nStages);
     PrintDistribution("genuine", vecGenuine);
     PrintDistribution("impostor", vecImpostor);
     PrintDistribution("impostor finger-pair (best of the impressions)", vecFingerPair);

@@ -14,20 +14,20 @@ namespace cli {
 // Exit codes of the command (documented in --help).
 enum {
     EXIT_OK = 0,
-    EXIT_DEVICE = 1,   // a driver operation failed
-    EXIT_USAGE = 2,    // bad command line
-    EXIT_CHECK = 3,    // verification found a mark missing
-    EXIT_IO = 4,       // a file could not be read or written
-    EXIT_LOSSY = 5     // verify: the file's compression does not keep the marks (WSQ)
+    EXIT_DEVICE = 1,  // a driver operation failed
+    EXIT_USAGE = 2,   // bad command line
+    EXIT_CHECK = 3,   // verification found a mark missing
+    EXIT_IO = 4,      // a file could not be read or written
+    EXIT_LOSSY = 5    // verify: the file's compression does not keep the marks (WSQ)
 };
 
 // The command line, parsed and checked against the option table
 // (cli_options.cpp).
 struct Options {
-    unsigned long nDevice = 0;     // device index 0..7
+    unsigned long nDevice = 0;  // device index 0..7
     bool bVerbose = false;
-    bool bVirtual = false;         // --virtual
-    std::string strUnits;          // its units
+    bool bVirtual = false;  // --virtual
+    std::string strUnits;   // its units
     std::string strCommand;
     std::map<std::string, std::string> mapValues;  // the command's options given ("" for a flag)
     std::vector<std::string> vecArgs;              // its arguments besides the options
@@ -47,13 +47,13 @@ bool ParseSizeValue(const std::string& str, unsigned long* pWidth, unsigned long
 // What a file says about its image besides the pixels: the record fields
 // of .fir and .an2, and how .wsq (or a record's WSQ) is compressed.
 struct ImageFacts {
-    int nFinger = 0;          // 0 unknown, 1..10 as the standards number fingers
+    int nFinger = 0;                          // 0 unknown, 1..10 as the standards number fingers
     int nImpression = TAVK05_REC_LIVE_PLAIN;  // or TAVK05_REC_LIVE_ROLLED
     int nQuality = TAVK05_REC_QUALITY_NONE;   // 0..100, or not computed
     int nPpi = 500;
-    double dBitRate = 0.75;   // WSQ bits per pixel
-    int nIsoVersion = 2011;   // .fir: 2005 or 2011
-    int nCompression = TAVK05_REC_COMP_WSQ;      // of the image in .fir and .an2
+    double dBitRate = 0.75;                         // WSQ bits per pixel
+    int nIsoVersion = 2011;                         // .fir: 2005 or 2011
+    int nCompression = TAVK05_REC_COMP_WSQ;         // of the image in .fir and .an2
     const Tavk05NistHeader* pNistHeader = nullptr;  // .an2: Type-1 fields to keep (convert), else the command's own
 };
 // The facts the options of capture, live, roll and convert set, for an

@@ -15,10 +15,7 @@
 
 namespace cli {
 
-const char* StatusText(unsigned long nStatus)
-{
-    return Tavk05StatusText(nStatus);
-}
+const char* StatusText(unsigned long nStatus) { return Tavk05StatusText(nStatus); }
 
 bool g_bVerbose = false;
 
@@ -45,15 +42,21 @@ int Usage(const std::string& strMessage)
 void ExplainOpenFailure(const char* pszNode)
 {
     if (access(pszNode, F_OK) != 0) {
-        std::fprintf(stderr, "tavk05: %s does not exist: is the scanner plugged in and its kernel driver "
-                             "loaded? ('tavk05 --virtual' uses the virtual scanner)\n", pszNode);
+        std::fprintf(stderr,
+                     "tavk05: %s does not exist: is the scanner plugged in and its kernel driver "
+                     "loaded? ('tavk05 --virtual' uses the virtual scanner)\n",
+                     pszNode);
     } else if (access(pszNode, R_OK) != 0) {
-        std::fprintf(stderr, "tavk05: %s: %s: the scanner's udev rule gives the node to the user at the seat "
-                             "and to the plugdev group (add yourself with 'adduser $USER plugdev', then log in "
-                             "again)\n", pszNode, std::strerror(errno));
+        std::fprintf(stderr,
+                     "tavk05: %s: %s: the scanner's udev rule gives the node to the user at the seat "
+                     "and to the plugdev group (add yourself with 'adduser $USER plugdev', then log in "
+                     "again)\n",
+                     pszNode, std::strerror(errno));
     } else {
-        std::fprintf(stderr, "tavk05: %s exists and is readable, but the driver could not open it: is another "
-                             "program using the scanner?\n", pszNode);
+        std::fprintf(stderr,
+                     "tavk05: %s exists and is readable, but the driver could not open it: is another "
+                     "program using the scanner?\n",
+                     pszNode);
     }
 }
 
@@ -124,8 +127,9 @@ bool AskPerson(unsigned long nDevice, PersonAsk eAsk)
     const tavk05virt::Api* pApi = VirtualApi();
     if (pApi == nullptr) return false;
     const int nIndex = static_cast<int>(nDevice);
-    return eAsk == kAskLift ? pApi->pfnLift(nIndex) : eAsk == kAskPlace ? pApi->pfnPlace(nIndex)
-                                                                        : pApi->pfnRoll(nIndex);
+    return eAsk == kAskLift    ? pApi->pfnLift(nIndex)
+           : eAsk == kAskPlace ? pApi->pfnPlace(nIndex)
+                               : pApi->pfnRoll(nIndex);
 }
 
 int AttachVirtualUnits(const std::string& strUnits)

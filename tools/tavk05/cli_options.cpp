@@ -44,14 +44,14 @@ struct OptionDef {
     ValueKind eKind;
     const char* pszValue;  // what the value is called in the help
     long nMin, nMax;
-    const char* pszHelp;   // empty: accepted, not shown
+    const char* pszHelp;  // empty: accepted, not shown
 };
 
 const OptionDef kOptions[] = {
     {"", "device", 'd', kNumber, "N", 0, 7, "device index (default 0; also -dN)"},
     {"", "virtual", 0, kOptional, "UNITS", 0, 0,
-     "use the virtual scanner instead of hardware; UNITS as in\nTAVK05_VIRTUAL (tavk05-virtual(7)), default "
-     TAVK05_DEFAULT_UNITS ":\na person at the glass who follows the prompts"},
+     "use the virtual scanner instead of hardware; UNITS as in\nTAVK05_VIRTUAL (tavk05-virtual(7)), "
+     "default " TAVK05_DEFAULT_UNITS ":\na person at the glass who follows the prompts"},
     {"", "verbose", 'v', kFlag, "", 0, 0, "show each driver call with its status"},
     {"", "help", 'h', kFlag, "", 0, 0, "this text, or one command's"},
     {"", "version", 0, kFlag, "", 0, 0, "the version of libtavk05 in use"},
@@ -67,7 +67,9 @@ const OptionDef kOptions[] = {
     {"capture", "latent", 0, kFlag, "", 0, 0, "refuse the capture when a latent print is on the glass"},
     {"capture", "latent-only", 0, kFlag, "", 0, 0, "only check the glass for a latent print"},
     {"verify", "size", 0, kDims, "WxH", 0, 0, "the marks' nominal size (default: the image's)"},
-    {"live", "threshold", 0, kNumber, "N", 0, 100, "quality that ends live view (default 40;\n20 on device types 5 and 6, whose live view\nlacks background correction)"},
+    {"live", "threshold", 0, kNumber, "N", 0, 100,
+     "quality that ends live view (default 40;\n20 on device types 5 and 6, whose live view\nlacks background "
+     "correction)"},
     {"roll", "threshold", 0, kNumber, "N", 0, 100, "quality a rolled print must reach (default 20)"},
     {"live roll", "timeout", 0, kNumber, "MS", 1, 3600000, "give up after MS (default 20000)"},
     {"live roll", "no-picture", 0, kFlag, "", 0, 0, "no picture on the terminal, only the progress line"},
@@ -96,23 +98,31 @@ struct CommandDef {
 int CmdHelp(const Options& opt);
 
 const CommandDef kCommands[] = {
-    {"capture", "-o FILE", "one finished 600 x 600 image, corner-marked: asks\nfor clear glass (background), "
-     "waits for the finger,\nthen captures", CmdCapture, 0, 0},
-    {"live", "[-o FILE]", "live view until a frame reaches the quality\nthreshold (the background is taken first: "
-     "keep\nthe glass clear)", CmdLive, 0, 0},
-    {"roll", "[-o FILE]", "rolled print: place the finger, then roll it\nacross the glass (models 3, 5, 7)",
-     CmdRoll, 0, 0},
+    {"capture", "-o FILE",
+     "one finished 600 x 600 image, corner-marked: asks\nfor clear glass (background), "
+     "waits for the finger,\nthen captures",
+     CmdCapture, 0, 0},
+    {"live", "[-o FILE]",
+     "live view until a frame reaches the quality\nthreshold (the background is taken first: "
+     "keep\nthe glass clear)",
+     CmdLive, 0, 0},
+    {"roll", "[-o FILE]", "rolled print: place the finger, then roll it\nacross the glass (models 3, 5, 7)", CmdRoll, 0,
+     0},
     {"verify", "FILE", "check the four corner marks (exit 0 when all hold;\n5 for WSQ, which does not keep them)",
      CmdVerify, 1, 1},
     {"convert", "IN OUT", "IN (format by content) to OUT (format by\nextension), between .png, .wsq, .fir and .an2",
      CmdConvert, 2, 2},
-    {"show", "FILE", "what a PNG, WSQ, ISO/IEC 19794-4 or ANSI/NIST-ITL\nfile holds: size, resolution, compression,\n"
-     "bit rate, finger, impression, quality, records", CmdShow, 1, 1},
+    {"show", "FILE",
+     "what a PNG, WSQ, ISO/IEC 19794-4 or ANSI/NIST-ITL\nfile holds: size, resolution, compression,\n"
+     "bit rate, finger, impression, quality, records",
+     CmdShow, 1, 1},
     {"list", "", "every scanner present: node, type, firmware, device ID", CmdList, 0, 0},
     {"info", "", "device type, firmware, frame geometry, settings,\ndevice ID", CmdInfo, 0, 0},
     {"background", "[-o FILE]", "capture the background frame used by live view", CmdBackground, 0, 0},
-    {"config", "show | set KEY=N...", "the settings file: show it, or set brightness=0..100,\ncontrast=0..100, "
-     "gain=1|2|4|8, scanmode=0", CmdConfig, 1, 100},
+    {"config", "show | set KEY=N...",
+     "the settings file: show it, or set brightness=0..100,\ncontrast=0..100, "
+     "gain=1|2|4|8, scanmode=0",
+     CmdConfig, 1, 100},
     {"serve", "", "the local capture service for web applications and\nthe technician's page (tavk05-serve(1))",
      CmdServe, 0, 0},
     {"help", "[COMMAND]", "the usage of one command, or of all", CmdHelp, 0, 1},
@@ -274,10 +284,7 @@ int PrintHelp(const std::string& strCommand)
     return EXIT_OK;
 }
 
-int CmdHelp(const Options& opt)
-{
-    return PrintHelp(opt.vecArgs.empty() ? "" : opt.vecArgs[0]);
-}
+int CmdHelp(const Options& opt) { return PrintHelp(opt.vecArgs.empty() ? "" : opt.vecArgs[0]); }
 
 // Every command with its options, one line each ("global" first), for the
 // tests that hold the completion and the manual page to this table.
@@ -316,36 +323,37 @@ bool CheckValue(const OptionDef& def, const std::string& strValue, std::string* 
     long n = 0;
     unsigned long nW = 0, nH = 0;
     switch (def.eKind) {
-    case kNumber:
-        *pMust = std::to_string(def.nMin) + ".." + std::to_string(def.nMax);
-        return ParseLong(strValue, def.nMin, def.nMax, &n);
-    case kDecimal: {
-        *pMust = DecimalRange(def);
-        char* pEnd = nullptr;
-        const double d = std::strtod(strValue.c_str(), &pEnd);
-        return !strValue.empty() && *pEnd == '\0' && d >= def.nMin / 100.0 && d <= def.nMax / 100.0;
-    }
-    case kChoice:
-        *pMust = ChoiceList(def.pszValue);
-        return IsChoice(strValue, def.pszValue);
-    case kGain:
-        *pMust = "1, 2, 4 or 8";
-        return ParseLong(strValue, 1, 8, &n) && (n & (n - 1)) == 0;
-    case kImageSize: {
-        *pMust = "one of " + ImageSizeList();
-        bool bKnown = false;
-        const bool bDims = ParseDims(strValue, &nW, &nH);
-        for (const auto& size : tavk05profile::kImageSizes) bKnown |= bDims && size.nWidth == nW && size.nHeight == nH;
-        return bKnown;
-    }
-    case kDims:
-        *pMust = "WxH, e.g. 248x292";
-        return ParseDims(strValue, &nW, &nH);
-    case kOutput:
-        *pMust = "a file name ending in " + WriterList() + " (or - for standard output)";
-        return strValue == "-" || FindWriter(strValue) != nullptr;
-    default:
-        return true;
+        case kNumber:
+            *pMust = std::to_string(def.nMin) + ".." + std::to_string(def.nMax);
+            return ParseLong(strValue, def.nMin, def.nMax, &n);
+        case kDecimal: {
+            *pMust = DecimalRange(def);
+            char* pEnd = nullptr;
+            const double d = std::strtod(strValue.c_str(), &pEnd);
+            return !strValue.empty() && *pEnd == '\0' && d >= def.nMin / 100.0 && d <= def.nMax / 100.0;
+        }
+        case kChoice:
+            *pMust = ChoiceList(def.pszValue);
+            return IsChoice(strValue, def.pszValue);
+        case kGain:
+            *pMust = "1, 2, 4 or 8";
+            return ParseLong(strValue, 1, 8, &n) && (n & (n - 1)) == 0;
+        case kImageSize: {
+            *pMust = "one of " + ImageSizeList();
+            bool bKnown = false;
+            const bool bDims = ParseDims(strValue, &nW, &nH);
+            for (const auto& size : tavk05profile::kImageSizes)
+                bKnown |= bDims && size.nWidth == nW && size.nHeight == nH;
+            return bKnown;
+        }
+        case kDims:
+            *pMust = "WxH, e.g. 248x292";
+            return ParseDims(strValue, &nW, &nH);
+        case kOutput:
+            *pMust = "a file name ending in " + WriterList() + " (or - for standard output)";
+            return strValue == "-" || FindWriter(strValue) != nullptr;
+        default:
+            return true;
     }
 }
 
@@ -361,8 +369,9 @@ int ParsePass(std::vector<char*> vecArgv, const std::string& strCommand, Options
     std::string strShort = strCommand.empty() ? "+:" : ":";
     for (const OptionDef& def : kOptions) {
         if (!BelongsTo(def, strCommand)) continue;
-        const int nHas = def.eKind == kFlag ? no_argument : def.eKind == kOptional ? optional_argument
-                                                                                     : required_argument;
+        const int nHas = def.eKind == kFlag       ? no_argument
+                         : def.eKind == kOptional ? optional_argument
+                                                  : required_argument;
         vecDefs.push_back(&def);
         vecLong.push_back({def.pszLong, nHas, nullptr, 0});
         if (def.chShort) strShort += std::string(1, def.chShort) + (nHas == required_argument ? ":" : "");
@@ -424,10 +433,7 @@ int ParsePass(std::vector<char*> vecArgv, const std::string& strCommand, Options
 
 }  // namespace
 
-bool Options::Has(const char* pszName) const
-{
-    return mapValues.count(pszName) != 0;
-}
+bool Options::Has(const char* pszName) const { return mapValues.count(pszName) != 0; }
 
 std::string Options::Value(const char* pszName) const
 {
@@ -461,16 +467,13 @@ int ParseCommandLine(int argc, char** argv, Options* pOpt)
     nExit = ParsePass(vecArgv, pOpt->strCommand, pOpt, &pOpt->vecArgs);
     if (nExit >= 0) return nExit;
     if (pOpt->vecArgs.size() < pCmd->nMinArgs || pOpt->vecArgs.size() > pCmd->nMaxArgs) {
-        return Usage(std::string(pCmd->pszName) + (pCmd->nMaxArgs == 0 ? " takes no arguments" : " takes " +
-                     std::string(pCmd->pszArgs)) + (pOpt->vecArgs.size() > pCmd->nMaxArgs ? ", not '" +
-                     pOpt->vecArgs[pCmd->nMaxArgs] + "'" : ""));
+        return Usage(std::string(pCmd->pszName) +
+                     (pCmd->nMaxArgs == 0 ? " takes no arguments" : " takes " + std::string(pCmd->pszArgs)) +
+                     (pOpt->vecArgs.size() > pCmd->nMaxArgs ? ", not '" + pOpt->vecArgs[pCmd->nMaxArgs] + "'" : ""));
     }
     return -1;
 }
 
-int RunCommand(const Options& opt)
-{
-    return FindCommand(opt.strCommand)->pfnRun(opt);
-}
+int RunCommand(const Options& opt) { return FindCommand(opt.strCommand)->pfnRun(opt); }
 
 }  // namespace cli

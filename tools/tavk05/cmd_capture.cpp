@@ -17,8 +17,8 @@ namespace {
 // Settings given for one capture; they are put back afterwards so that the
 // settings file keeps what the user configured with `config set`.
 struct CaptureSettings {
-    bool bNow = false;         // one frame at once, no guidance
-    long nTimeoutMs = 20000;   // wait for the finger at most this long
+    bool bNow = false;        // one frame at once, no guidance
+    long nTimeoutMs = 20000;  // wait for the finger at most this long
     long nBrightness = -1;
     long nContrast = -1;
     long nGain = -1;
@@ -30,7 +30,9 @@ struct CaptureSettings {
 class SettingsGuard {
 public:
     explicit SettingsGuard(COberin& sensor)
-        : m_sensor(sensor), m_nBrightness(sensor.m_nBrightness), m_nContrast(sensor.m_nContrast),
+        : m_sensor(sensor),
+          m_nBrightness(sensor.m_nBrightness),
+          m_nContrast(sensor.m_nContrast),
           m_nGain(sensor.m_nGain)
     {
     }
@@ -138,8 +140,8 @@ int CmdBackground(const Options& opt)
     Session session;
     if (!session.Open(opt.nDevice)) return EXIT_DEVICE;
     COberin& sensor = *session.Get();
-    const unsigned long nStatus =
-        Traced("DevIoControl(background)", sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr));
+    const unsigned long nStatus = Traced("DevIoControl(background)",
+                                         sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr));
     if (nStatus != TAVK05_OK) {
         return Fail("background capture", nStatus);
     }
@@ -171,9 +173,10 @@ int CmdVerify(const Options& opt)
         return EXIT_IO;
     }
     if (image.bLossy) {
-        std::fprintf(stderr, "tavk05: %s (%s): WSQ is lossy: corner marks are not kept; verify the PNG of the "
-                             "capture, or a record written with --compression none or png\n", strFile.c_str(),
-                     image.strFormat.c_str());
+        std::fprintf(stderr,
+                     "tavk05: %s (%s): WSQ is lossy: corner marks are not kept; verify the PNG of the "
+                     "capture, or a record written with --compression none or png\n",
+                     strFile.c_str(), image.strFormat.c_str());
         return EXIT_LOSSY;
     }
     if (!image.bStoredGrey8 || image.nWidth != IMG_WIDTH || image.nHeight != IMG_HEIGHT) {

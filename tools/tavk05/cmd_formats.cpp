@@ -149,9 +149,9 @@ bool TakeRecImage(const std::string& strPath, const Tavk05RecImage& image, Loade
 
 const char* FingerName(int nFinger)
 {
-    static const char* const kNames[] = {"unknown", "right thumb", "right index", "right middle", "right ring",
-                                         "right little", "left thumb", "left index", "left middle", "left ring",
-                                         "left little"};
+    static const char* const kNames[] = {"unknown",     "right thumb",  "right index", "right middle",
+                                         "right ring",  "right little", "left thumb",  "left index",
+                                         "left middle", "left ring",    "left little"};
     return nFinger >= 0 && nFinger <= 10 ? kNames[nFinger] : "another position";
 }
 
@@ -399,7 +399,9 @@ int CmdShow(const Options& opt)
         const Tavk05RecEntry& entry = description.pEntries[i];
         const bool bFinger = entry.nRecordType == 4 || entry.nRecordType == 14;
         std::printf("record %d      Type-%d%s\n", i + 1, entry.nRecordType,
-                    entry.nRecordType == 1 ? " (transaction information)" : bFinger ? " (finger image)" : "");
+                    entry.nRecordType == 1 ? " (transaction information)"
+                    : bFinger              ? " (finger image)"
+                                           : "");
         if (bFinger) ShowEntry(entry, "  ");
     }
     return EXIT_OK;

@@ -90,9 +90,8 @@ int CmdInfo(const Options& opt)
 
     unsigned char abyId[64] = {};
     unsigned long nLen = 0;
-    const unsigned long nId =
-        Traced("DevIoControl(device ID)",
-               sensor.DevIoControl(TAVK05_IOCTL_GET_DEVICE_ID, nullptr, 0, abyId, sizeof abyId, &nLen));
+    const unsigned long nId = Traced("DevIoControl(device ID)", sensor.DevIoControl(TAVK05_IOCTL_GET_DEVICE_ID, nullptr,
+                                                                                    0, abyId, sizeof abyId, &nLen));
     if (nId == TAVK05_OK) {
         std::printf("device ID     %s\n", PrintableId(abyId, nLen).c_str());
     } else {
@@ -146,7 +145,8 @@ long ReadFileStart(const std::string& strPath, char* pBuf, size_t nSize, long lo
     const int nReach = tavk05path::Resolve(strPath.c_str(), tavk05path::kKernelRule, true, &path);
     if (nReach == tavk05path::kLinkRefused && pstrLink != nullptr) *pstrLink = path.m_strRefused;
     if (nReach != 0) return nReach == tavk05path::kLinkRefused ? -3 : -1;
-    const int hFile = openat(path.m_nDirFd, path.m_strName.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC);
+    const int hFile =
+        openat(path.m_nDirFd, path.m_strName.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC);
     if (hFile < 0) return -1;
     struct stat st;
     long nRead = -2;
@@ -178,8 +178,8 @@ int ConfigShow()
         if (nFileSize > static_cast<long long>(sizeof szText)) std::printf("\n[... %lld bytes in all]\n", nFileSize);
     }
     ConfigSensor sensor;
-    std::printf("the driver reads: brightness %lu, contrast %lu, gain %lu, scan mode %lu\n",
-                sensor->m_nBrightness, sensor->m_nContrast, sensor->m_nGain, sensor->m_nScanMode);
+    std::printf("the driver reads: brightness %lu, contrast %lu, gain %lu, scan mode %lu\n", sensor->m_nBrightness,
+                sensor->m_nContrast, sensor->m_nGain, sensor->m_nScanMode);
     sensor.DiscardOnClose();
     sensor.Finish();
     return EXIT_OK;
@@ -229,10 +229,12 @@ int ConfigSet(const std::vector<std::string>& vecArgs)
             sensor->SetGainValueEx(nValue);
         } else if (strKey == "scanmode") {
             if (strValue == "1") {
-                return Refuse("config set: scanmode 1 (adaptive capture) is not provided by this driver; "
-                              "every capture would fail with status 4. Use scanmode=0");
+                return Refuse(
+                    "config set: scanmode 1 (adaptive capture) is not provided by this driver; "
+                    "every capture would fail with status 4. Use scanmode=0");
             }
-            if (!ParseLong(strValue, 0, 0, &nValue)) return Refuse("config set: scanmode must be 0, not '" + strValue + "'");
+            if (!ParseLong(strValue, 0, 0, &nValue))
+                return Refuse("config set: scanmode must be 0, not '" + strValue + "'");
             sensor->WriteData(1, nValue);
         } else {
             return Refuse("config set: unknown key '" + strKey + "' (brightness, contrast, gain, scanmode)");
@@ -248,14 +250,18 @@ int ConfigSet(const std::vector<std::string>& vecArgs)
     const long nRead = ReadFileStart(strPath, szBuf, sizeof szBuf, &nFileSize, &strLink);
     const std::string strHave(szBuf, static_cast<size_t>(std::max(0L, nRead)));
     if (nRead == -3) {
-        std::fprintf(stderr, "tavk05: the settings file %s was not written: %s is a symbolic link in a sticky, "
-                             "world-writable directory, owned neither by you nor by the directory's owner, so it "
-                             "is not followed; the settings are unchanged\n", strPath.c_str(), strLink.c_str());
+        std::fprintf(stderr,
+                     "tavk05: the settings file %s was not written: %s is a symbolic link in a sticky, "
+                     "world-writable directory, owned neither by you nor by the directory's owner, so it "
+                     "is not followed; the settings are unchanged\n",
+                     strPath.c_str(), strLink.c_str());
         return EXIT_IO;
     }
     if (strHave != strWanted) {
-        std::fprintf(stderr, "tavk05: the settings file %s could not be written (not a regular file, or no "
-                             "permission); the settings are unchanged\n", strPath.c_str());
+        std::fprintf(stderr,
+                     "tavk05: the settings file %s could not be written (not a regular file, or no "
+                     "permission); the settings are unchanged\n",
+                     strPath.c_str());
         return EXIT_IO;
     }
     std::printf("%s:\n%s", strPath.c_str(), strWanted.c_str());

@@ -21,10 +21,7 @@ namespace {
 // Set by Ctrl-C; the next callback stops the acquisition.
 volatile sig_atomic_t g_bInterrupted = 0;
 
-void OnInterrupt(int)
-{
-    g_bInterrupted = 1;
-}
+void OnInterrupt(int) { g_bInterrupted = 1; }
 
 const long kPictureIntervalMs = 66;  // at most 15 pictures a second
 
@@ -38,12 +35,12 @@ long long NowMs()
 // State shared with the driver's callback during one live capture.
 struct Progress {
     const unsigned char* pImage = nullptr;  // the frame as the driver delivers it
-    bool bPicture = false;     // draw the picture on the terminal
-    int nPictureRows = 0;      // text rows of the last picture drawn
+    bool bPicture = false;                  // draw the picture on the terminal
+    int nPictureRows = 0;                   // text rows of the last picture drawn
     long long nLastPictureMs = -kPictureIntervalMs;
-    bool bRoll = false;        // ask for rolling once the finger is placed
-    bool bRolling = false;     // rolling has been asked for
-    int nPlacedFrames = 0;     // consecutive frames showing a finger
+    bool bRoll = false;     // ask for rolling once the finger is placed
+    bool bRolling = false;  // rolling has been asked for
+    int nPlacedFrames = 0;  // consecutive frames showing a finger
     unsigned nFrame = 0;
     unsigned nLastQuality = 0;
     bool bTty = false;
@@ -59,7 +56,10 @@ void ShowProgress(Progress& p, const ISensor::tagCallbackInfo& info)
     const unsigned nFill = info.nQuality > 100 ? 20 : info.nQuality / 5;
     for (unsigned i = 0; i < 20; ++i) szBar[i] = i < nFill ? '#' : '.';
     szBar[20] = '\0';
-    const char* pszState = info.nStatus != 0 ? "read failed" : p.bRolling ? "rolling" : p.bRoll ? "place finger" : "live";
+    const char* pszState = info.nStatus != 0 ? "read failed"
+                           : p.bRolling      ? "rolling"
+                           : p.bRoll         ? "place finger"
+                                             : "live";
     if (p.bPicture && NowMs() - p.nLastPictureMs >= kPictureIntervalMs) {
         // Redraw the picture over the last one, fitted to the terminal.
         struct winsize ws = {};
@@ -73,8 +73,7 @@ void ShowProgress(Progress& p, const ISensor::tagCallbackInfo& info)
         p.nLastPictureMs = NowMs();
     }
     if (p.bTty) {
-        std::fprintf(stderr, "\rframe %4u  %-12s  quality [%s] %3u\x1b[K", p.nFrame, pszState, szBar,
-                     info.nQuality);
+        std::fprintf(stderr, "\rframe %4u  %-12s  quality [%s] %3u\x1b[K", p.nFrame, pszState, szBar, info.nQuality);
         std::fflush(stderr);
     } else if (std::strcmp(pszState, p.pszLastState) != 0 || p.nFrame % 100 == 0) {
         // Not a terminal: one line when the state changes, and now and then.
@@ -126,17 +125,20 @@ int TakeBackground(COberin& sensor, unsigned long nDevice)
 {
     std::fprintf(stderr, "Keep the glass clear: taking the background...\n");
     const bool bPerson = AskPerson(nDevice, kAskLift);
-    const unsigned long nStatus =
-        Traced("DevIoControl(background)", sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr));
+    const unsigned long nStatus = Traced("DevIoControl(background)",
+                                         sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr));
     if (nStatus != TAVK05_OK) return Fail("background capture", nStatus);
     const int nQuality = sensor.m_ImageProc.CheckImageQuality2(IMG_WIDTH, IMG_HEIGHT, sensor.m_ImageProc.m_pBackground);
     if (nQuality >= kFingerQuality) {
-        std::fprintf(stderr, "tavk05: something lies on the glass (background quality %d, at most %d expected): "
-                             "lift the finger, clean the glass and try again\n", nQuality, kFingerQuality - 1);
+        std::fprintf(stderr,
+                     "tavk05: something lies on the glass (background quality %d, at most %d expected): "
+                     "lift the finger, clean the glass and try again\n",
+                     nQuality, kFingerQuality - 1);
         // A virtual unit with a scene of its own puts the finger down at once.
         if (!bPerson && std::getenv("TAVK05_CLI_VIRTUAL") != nullptr) {
-            std::fprintf(stderr, "tavk05: on the virtual scanner, leave out scene= (the person at the glass then "
-                                 "follows the prompts), or give wait=N reads of clear glass first\n");
+            std::fprintf(stderr,
+                         "tavk05: on the virtual scanner, leave out scene= (the person at the glass then "
+                         "follows the prompts), or give wait=N reads of clear glass first\n");
         }
         return EXIT_DEVICE;
     }
@@ -155,8 +157,9 @@ int WaitForFinger(COberin& sensor, unsigned long nDevice, long nTimeoutMs)
     saInterrupt.sa_handler = OnInterrupt;
     sigemptyset(&saInterrupt.sa_mask);
     sigaction(SIGINT, &saInterrupt, &saOld);
-    const unsigned long nStatus = Traced("GetLiveImageEx2", sensor.GetLiveImageEx2(vecImage.data(),
-                                         static_cast<unsigned long>(nTimeoutMs), 0, nullptr, kFingerQuality));
+    const unsigned long nStatus = Traced(
+        "GetLiveImageEx2",
+        sensor.GetLiveImageEx2(vecImage.data(), static_cast<unsigned long>(nTimeoutMs), 0, nullptr, kFingerQuality));
     sigaction(SIGINT, &saOld, nullptr);
     sensor.SetCallBackFunction(1, nullptr, nullptr);
     if (progress.bTty) std::fputc('\n', stderr);
@@ -165,8 +168,8 @@ int WaitForFinger(COberin& sensor, unsigned long nDevice, long nTimeoutMs)
         return 130;
     }
     if (nStatus == TAVK05_E_NO_IMAGE) {
-        std::fprintf(stderr, "tavk05: no finger on the glass within %ld ms (best quality %u, %d needed)\n",
-                     nTimeoutMs, progress.nLastQuality, kFingerQuality);
+        std::fprintf(stderr, "tavk05: no finger on the glass within %ld ms (best quality %u, %d needed)\n", nTimeoutMs,
+                     progress.nLastQuality, kFingerQuality);
         return EXIT_DEVICE;
     }
     if (nStatus != TAVK05_OK) return Fail("waiting for the finger", nStatus);
@@ -189,8 +192,7 @@ int RunLive(const Options& opt, bool bRoll)
     // the contact and the measured ridge area, the quality, runs lower.
     // A model whose live view shows frames as captured, without the
     // background subtracted, scores lower: its default stop is that of a roll.
-    const bool bPlainPreview =
-        tavk05profile::ProfileOf(static_cast<int>(sensor.GetDeviceType()), false).bShading;
+    const bool bPlainPreview = tavk05profile::ProfileOf(static_cast<int>(sensor.GetDeviceType()), false).bShading;
     const long nThreshold = opt.Number("threshold", bRoll || bPlainPreview ? 20 : 40);
 
     // The live conversion subtracts the background: without one the glass's
@@ -222,8 +224,8 @@ int RunLive(const Options& opt, bool bRoll)
     sigaction(SIGINT, &saInterrupt, &saOld);
     if (progress.bPicture) std::fputs("\x1b[?25l", stderr);  // no cursor over the picture
     const unsigned long nStatus =
-        Traced("GetLiveImageEx2", sensor.GetLiveImageEx2(vecImage.data(), static_cast<unsigned long>(nTimeoutMs),
-                                                         0, nullptr, static_cast<unsigned long>(nThreshold)));
+        Traced("GetLiveImageEx2", sensor.GetLiveImageEx2(vecImage.data(), static_cast<unsigned long>(nTimeoutMs), 0,
+                                                         nullptr, static_cast<unsigned long>(nThreshold)));
     if (bRoll) sensor.WriteData(155, 0);
     if (progress.bPicture) std::fputs("\x1b[0m\x1b[?25h", stderr);
     if (progress.bTty) std::fputc('\n', stderr);
@@ -252,14 +254,8 @@ int RunLive(const Options& opt, bool bRoll)
 
 }  // namespace
 
-int CmdLive(const Options& opt)
-{
-    return RunLive(opt, false);
-}
+int CmdLive(const Options& opt) { return RunLive(opt, false); }
 
-int CmdRoll(const Options& opt)
-{
-    return RunLive(opt, true);
-}
+int CmdRoll(const Options& opt) { return RunLive(opt, true); }
 
 }  // namespace cli

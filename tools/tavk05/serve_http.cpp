@@ -166,8 +166,11 @@ private:
         // A name that resolves to this machine but is not the service's own
         // (DNS rebinding) gets nothing.
         if (!m_hub.HostAllowed(strHost)) {
-            Reply(Plain(http::status::misdirected_request, "tavk05 serve answers only to 127.0.0.1, [::1] and "
-                        "localhost on its own port\n", ""), false);
+            Reply(Plain(http::status::misdirected_request,
+                        "tavk05 serve answers only to 127.0.0.1, [::1] and "
+                        "localhost on its own port\n",
+                        ""),
+                  false);
             return;
         }
         const bool bSelf = bHasOrigin && m_hub.SelfOrigin(strOrigin);
@@ -205,8 +208,11 @@ private:
         if (strPath == "/login") {
             std::string strCookie;
             if (!m_hub.ExchangeSecret(QueryValue(strTarget, "secret"), &strCookie)) {
-                Reply(Plain(http::status::forbidden, "this technician's URL was used already or is wrong: use the "
-                            "newest one tavk05 serve printed\n", ""), false);
+                Reply(Plain(http::status::forbidden,
+                            "this technician's URL was used already or is wrong: use the "
+                            "newest one tavk05 serve printed\n",
+                            ""),
+                      false);
                 return;
             }
             auto res = Plain(http::status::see_other, "", "");
@@ -220,10 +226,12 @@ private:
             auto res = Plain(http::status::ok, WebContent()[f.pszName], "");
             res.set(http::field::content_type, f.pszType);
             const std::string strPort = std::to_string(m_hub.Port());
-            res.set("Content-Security-Policy",
-                    "default-src 'none'; script-src 'self'; style-src 'self' 'unsafe-inline'; img-src 'self' blob: data:; "
-                    "connect-src 'self' ws://127.0.0.1:" + strPort + " ws://localhost:" + strPort + " ws://[::1]:" +
-                    strPort + "; frame-ancestors 'none'; base-uri 'none'; form-action 'none'");
+            res.set(
+                "Content-Security-Policy",
+                "default-src 'none'; script-src 'self'; style-src 'self' 'unsafe-inline'; img-src 'self' blob: data:; "
+                "connect-src 'self' ws://127.0.0.1:" +
+                    strPort + " ws://localhost:" + strPort + " ws://[::1]:" + strPort +
+                    "; frame-ancestors 'none'; base-uri 'none'; form-action 'none'");
             res.set("X-Frame-Options", "DENY");
             if (req.method() == http::verb::head) res.body().clear();
             Reply(std::move(res), req.keep_alive());
@@ -246,9 +254,9 @@ private:
             Reply(Plain(http::status::too_many_requests, "too many connections from this origin\n", ""), false);
             return;
         }
-        const bool bTechnician = m_hub.SelfOrigin(strOrigin) &&
-                                 m_hub.CookieValid(CookieValue(std::string(req[http::field::cookie]),
-                                                               "tavk05_technician"));
+        const bool bTechnician =
+            m_hub.SelfOrigin(strOrigin) &&
+            m_hub.CookieValid(CookieValue(std::string(req[http::field::cookie]), "tavk05_technician"));
         m_bUpgraded = true;  // the connection is counted on with the WebSocket session
         auto pWs = std::make_shared<WsSession>(m_hub, std::move(m_stream), strOrigin, bTechnician);
         pWs->Start(std::move(req));
@@ -357,8 +365,9 @@ int CmdServe(const Options& opt)
     const size_t nScanners = hub.OpenScanners();
     std::printf("%s\n", hub.TechnicianUrl().c_str());
     std::fflush(stdout);
-    std::fprintf(stderr, "tavk05 serve: listening on 127.0.0.1:%u%s, %zu scanner%s, paired origins in %s/origins.json\n",
-                 nPort, bV6 ? (" and [::1]:" + std::to_string(nPort)).c_str() : " (no IPv6 loopback)", nScanners,
+    std::fprintf(stderr,
+                 "tavk05 serve: listening on 127.0.0.1:%u%s, %zu scanner%s, paired origins in %s/origins.json\n", nPort,
+                 bV6 ? (" and [::1]:" + std::to_string(nPort)).c_str() : " (no IPv6 loopback)", nScanners,
                  nScanners == 1 ? "" : "s", store.Folder().c_str());
     {
         // The signal set goes before the I/O context it belongs to.

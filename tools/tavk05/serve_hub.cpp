@@ -32,11 +32,16 @@ std::string UtcNow()
 const char* KindName(JobKind e)
 {
     switch (e) {
-    case kJobSettings: return "settings";
-    case kJobBackground: return "background";
-    case kJobCapture: return "capture";
-    case kJobLive: return "live";
-    case kJobRoll: return "roll";
+        case kJobSettings:
+            return "settings";
+        case kJobBackground:
+            return "background";
+        case kJobCapture:
+            return "capture";
+        case kJobLive:
+            return "live";
+        case kJobRoll:
+            return "roll";
     }
     return "?";
 }
@@ -59,15 +64,15 @@ bool OptionalNumber(const Json& msg, const char* pszName, long nMin, long nMax, 
 // ---- WebSocket session ----
 
 WsSession::WsSession(Hub& hub, beast::tcp_stream&& stream, std::string strOrigin, bool bTechnician)
-    : m_hub(hub), m_ws(std::move(stream)), m_strOrigin(std::move(strOrigin)), m_bTechnicianCookie(bTechnician),
+    : m_hub(hub),
+      m_ws(std::move(stream)),
+      m_strOrigin(std::move(strOrigin)),
+      m_bTechnicianCookie(bTechnician),
       m_nId(hub.NextId())
 {
 }
 
-WsSession::~WsSession()
-{
-    m_hub.ConnectionGone();
-}
+WsSession::~WsSession() { m_hub.ConnectionGone(); }
 
 void WsSession::Start(http::request<http::string_body> req)
 {
@@ -87,10 +92,7 @@ void WsSession::Start(http::request<http::string_body> req)
     });
 }
 
-void WsSession::Read()
-{
-    m_ws.async_read(m_buffer, beast::bind_front_handler(&WsSession::OnRead, shared_from_this()));
-}
+void WsSession::Read() { m_ws.async_read(m_buffer, beast::bind_front_handler(&WsSession::OnRead, shared_from_this())); }
 
 bool WsSession::RateAllows()
 {
@@ -119,7 +121,8 @@ void WsSession::OnRead(beast::error_code ec, size_t)
             Close("too many messages");
             return;
         }
-        SendJson({{"type", "error"}, {"code", "rate-limited"},
+        SendJson({{"type", "error"},
+                  {"code", "rate-limited"},
                   {"message", "more than " + std::to_string(Limits::kMessagesPerSecond) + " messages a second"}});
     } else if (!bText) {
         SendJson({{"type", "error"}, {"code", "bad-message"}, {"message", "binary messages are not accepted"}});
@@ -256,10 +259,7 @@ bool Hub::SelfOrigin(const std::string& strOrigin) const
            strOrigin == "http://[::1]" + strPort;
 }
 
-bool Hub::OriginPaired(const std::string& strOrigin) const
-{
-    return m_store.Tokens().count(strOrigin) != 0;
-}
+bool Hub::OriginPaired(const std::string& strOrigin) const { return m_store.Tokens().count(strOrigin) != 0; }
 
 std::string Hub::TechnicianUrl() const
 {
@@ -307,10 +307,7 @@ bool Hub::AdmitOrigin(const std::string& strOrigin) const
     return n < Limits::kPerOrigin;
 }
 
-void Hub::Register(const std::shared_ptr<WsSession>& p)
-{
-    m_mapSessions[p->Id()] = p;
-}
+void Hub::Register(const std::shared_ptr<WsSession>& p) { m_mapSessions[p->Id()] = p; }
 
 void Hub::Unregister(WsSession* p)
 {
@@ -372,8 +369,8 @@ void Hub::OnMessage(const std::shared_ptr<WsSession>& p, const Json& msg)
         Error(*p, "not-paired", "waiting for the technician to approve " + p->Origin(), jId);
         return;
     }
-    if (p->GetRole() == kRoleTechnician && (strType == "approve" || strType == "deny" || strType == "revoke" ||
-                                           strType == "pairings")) {
+    if (p->GetRole() == kRoleTechnician &&
+        (strType == "approve" || strType == "deny" || strType == "revoke" || strType == "pairings")) {
         TechnicianRequest(p, strType, msg);
         return;
     }
@@ -383,7 +380,8 @@ void Hub::OnMessage(const std::shared_ptr<WsSession>& p, const Json& msg)
 void Hub::Hello(const std::shared_ptr<WsSession>& p, const Json& msg)
 {
     const Json jId = msg.contains("id") ? msg["id"] : Json();
-    if (!msg.contains("version") || !msg["version"].is_number_integer() || msg["version"].get<long long>() != kProtocol) {
+    if (!msg.contains("version") || !msg["version"].is_number_integer() ||
+        msg["version"].get<long long>() != kProtocol) {
         Error(*p, "version", "this service speaks protocol version " + std::to_string(kProtocol), jId);
         p->Close("protocol version");
         return;
@@ -393,8 +391,11 @@ void Hub::Hello(const std::shared_ptr<WsSession>& p, const Json& msg)
         p->Close("bad hello");
         return;
     }
-    Json welcome = {{"type", "welcome"}, {"protocol", kProtocol}, {"service", Tavk05GetVersion()},
-                    {"formats", ImageFormats()}, {"scanners", ScannerList()}};
+    Json welcome = {{"type", "welcome"},
+                    {"protocol", kProtocol},
+                    {"service", Tavk05GetVersion()},
+                    {"formats", ImageFormats()},
+                    {"scanners", ScannerList()}};
     if (!jId.is_null()) welcome["id"] = jId;
     if (SelfOrigin(p->Origin())) {
         // The page the service serves: the technician, by the cookie.
@@ -495,8 +496,12 @@ void Hub::TechnicianRequest(const std::shared_ptr<WsSession>& p, const std::stri
             if (auto pClient = Find(nId)) {
                 pClient->SetRole(kRoleClient);
                 pClient->SendJson({{"type", "paired"}, {"origin", strOrigin}, {"token", strToken}});
-                pClient->SendJson({{"type", "welcome"}, {"protocol", kProtocol}, {"service", Tavk05GetVersion()},
-                                   {"formats", ImageFormats()}, {"scanners", ScannerList()}, {"role", "client"}});
+                pClient->SendJson({{"type", "welcome"},
+                                   {"protocol", kProtocol},
+                                   {"service", Tavk05GetVersion()},
+                                   {"formats", ImageFormats()},
+                                   {"scanners", ScannerList()},
+                                   {"role", "client"}});
             }
         }
     } else if (strType == "deny") {
@@ -541,11 +546,18 @@ Json Hub::ScannerList() const
     for (const auto& [nIndex, scanner] : m_mapScanners) {
         const ScannerInfo& info = scanner.pWorker->Info();
         const Settings set = scanner.pWorker->CurrentSettings();
-        j.push_back({{"scanner", nIndex}, {"deviceType", info.nDeviceType}, {"firmware", info.nFirmware},
-                     {"deviceId", info.strDeviceId}, {"width", 600}, {"height", 600},
-                     {"markWidth", info.nImageWidth}, {"markHeight", info.nImageHeight}, {"roll", info.bRoll},
-                     {"busy", scanner.lease.nHolder != 0 && (scanner.lease.bRunning || scanner.lease.tExpiry > Clock::now())},
-                     {"settings", {{"brightness", set.nBrightness}, {"contrast", set.nContrast}, {"gain", set.nGain}}}});
+        j.push_back(
+            {{"scanner", nIndex},
+             {"deviceType", info.nDeviceType},
+             {"firmware", info.nFirmware},
+             {"deviceId", info.strDeviceId},
+             {"width", 600},
+             {"height", 600},
+             {"markWidth", info.nImageWidth},
+             {"markHeight", info.nImageHeight},
+             {"roll", info.bRoll},
+             {"busy", scanner.lease.nHolder != 0 && (scanner.lease.bRunning || scanner.lease.tExpiry > Clock::now())},
+             {"settings", {{"brightness", set.nBrightness}, {"contrast", set.nContrast}, {"gain", set.nGain}}}});
     }
     return j;
 }
@@ -596,7 +608,8 @@ void Hub::Acquire(const std::shared_ptr<WsSession>& p, const std::string& strTyp
     const bool bHeld = lease.nHolder != 0 && lease.nHolder != p->Id() &&
                        (lease.bRunning || (lease.tExpiry > tNow && Find(lease.nHolder) != nullptr));
     if (bHeld) {
-        Json j = {{"type", "busy"}, {"scanner", nScanner},
+        Json j = {{"type", "busy"},
+                  {"scanner", nScanner},
                   {"message", "another client is using scanner " + std::to_string(nScanner)}};
         if (!lease.bRunning) {
             j["retryMs"] = std::chrono::duration_cast<std::chrono::milliseconds>(lease.tExpiry - tNow).count();
@@ -619,13 +632,18 @@ void Hub::Acquire(const std::shared_ptr<WsSession>& p, const std::string& strTyp
         return;
     }
     if (lease.nHolder == p->Id() && lease.bRunning) {
-        Error(*p, "running", "scanner " + std::to_string(nScanner) + " is still busy with your " + KindName(lease.eKind) +
-              ": stop it first", jId);
+        Error(*p, "running",
+              "scanner " + std::to_string(nScanner) + " is still busy with your " + KindName(lease.eKind) +
+                  ": stop it first",
+              jId);
         return;
     }
     Job job;
-    job.eKind = strType == "settings" ? kJobSettings : strType == "background" ? kJobBackground
-              : strType == "capture" ? kJobCapture : strType == "live" ? kJobLive : kJobRoll;
+    job.eKind = strType == "settings"     ? kJobSettings
+                : strType == "background" ? kJobBackground
+                : strType == "capture"    ? kJobCapture
+                : strType == "live"       ? kJobLive
+                                          : kJobRoll;
     std::string strFormat = "png";
     bool bOk = OptionalNumber(msg, "timeout", 1, Limits::kMaxTimeoutMs, &job.nTimeoutMs) &&
                OptionalNumber(msg, "threshold", 0, 100, &job.nThreshold);
@@ -660,12 +678,15 @@ void Hub::Acquire(const std::shared_ptr<WsSession>& p, const std::string& strTyp
     lease.tExpiry = tNow + std::chrono::seconds(Limits::kLeaseSeconds);
     scanner.nFramesSent = 0;
     scanner.pWorker->Submit(job);
-    Json j = {{"type", "started"}, {"request", strType}, {"scanner", nScanner}, {"job", job.nJobId},
+    Json j = {{"type", "started"},
+              {"request", strType},
+              {"scanner", nScanner},
+              {"job", job.nJobId},
               {"leaseMs", Limits::kLeaseSeconds * 1000}};
     if (!jId.is_null()) j["id"] = jId;
     p->SendJson(j);
-    if (job.eKind != kJobSettings) Audit(p.get(), std::string(KindName(job.eKind)) + " started on scanner " +
-                                              std::to_string(nScanner));
+    if (job.eKind != kJobSettings)
+        Audit(p.get(), std::string(KindName(job.eKind)) + " started on scanner " + std::to_string(nScanner));
 }
 
 void Hub::OnFrame(unsigned nScanner, std::shared_ptr<const Frame> pFrame)
@@ -689,17 +710,19 @@ void Hub::OnDone(unsigned nScanner, JobResult r)
     lease.bRunning = false;
     lease.tExpiry = Clock::now() + std::chrono::seconds(Limits::kLeaseSeconds);
     auto p = Find(lease.nHolder);
-    const std::string strOutcome = r.bStopped ? "stopped" : !r.strError.empty() ? r.strError
-                                 : r.nStatus == 0 ? "ok" : "status " + std::to_string(r.nStatus);
+    const std::string strOutcome = r.bStopped            ? "stopped"
+                                   : !r.strError.empty() ? r.strError
+                                   : r.nStatus == 0      ? "ok"
+                                                         : "status " + std::to_string(r.nStatus);
     if (!p) {
         lease.nHolder = 0;
         Audit(nullptr, std::string(KindName(r.eKind)) + " on scanner " + std::to_string(nScanner) +
-              " ended without its client: " + strOutcome);
+                           " ended without its client: " + strOutcome);
         return;
     }
-    Json j = {{"type", "done"}, {"request", KindName(r.eKind)}, {"scanner", nScanner}, {"job", r.nJobId},
-              {"status", r.nStatus}, {"statusText", cli::StatusText(r.nStatus)}, {"stopped", r.bStopped},
-              {"frames", r.nFrames}};
+    Json j = {{"type", "done"},        {"request", KindName(r.eKind)}, {"scanner", nScanner},
+              {"job", r.nJobId},       {"status", r.nStatus},          {"statusText", cli::StatusText(r.nStatus)},
+              {"stopped", r.bStopped}, {"frames", r.nFrames}};
     if (!r.strError.empty()) j["error"] = r.strError;
     if (r.eKind == kJobSettings) {
         j["settings"] = {{"brightness", r.nBrightness}, {"contrast", r.nContrast}, {"gain", r.nGain}};
@@ -717,9 +740,11 @@ void Hub::OnDone(unsigned nScanner, JobResult r)
         while (p->m_mapCaptures.size() > kKeptCaptures) p->m_mapCaptures.erase(p->m_mapCaptures.begin());
     }
     if (r.eKind != kJobSettings) {
-        Audit(p.get(), std::string(KindName(r.eKind)) + " on scanner " + std::to_string(nScanner) + ": " + strOutcome +
-              ", " + std::to_string(r.nFrames) + " frames, " + std::to_string(scanner.nFramesSent) + " sent" +
-              (nCapture != 0 ? ", capture " + std::to_string(nCapture) + " quality " + std::to_string(r.nQuality) : ""));
+        Audit(p.get(),
+              std::string(KindName(r.eKind)) + " on scanner " + std::to_string(nScanner) + ": " + strOutcome + ", " +
+                  std::to_string(r.nFrames) + " frames, " + std::to_string(scanner.nFramesSent) + " sent" +
+                  (nCapture != 0 ? ", capture " + std::to_string(nCapture) + " quality " + std::to_string(r.nQuality)
+                                 : ""));
     }
     p->SendJson(j);
     if (nCapture != 0) SendResult(*p, nCapture, lease.strFormat, nullptr);
@@ -729,22 +754,29 @@ void Hub::SendResult(WsSession& s, unsigned nCapture, const std::string& strForm
 {
     const auto it = s.m_mapCaptures.find(nCapture);
     if (it == s.m_mapCaptures.end()) {
-        Error(s, "not-found", "no capture " + std::to_string(nCapture) + " (the last " + std::to_string(kKeptCaptures) +
-              " are kept)", jId);
+        Error(s, "not-found",
+              "no capture " + std::to_string(nCapture) + " (the last " + std::to_string(kKeptCaptures) + " are kept)",
+              jId);
         return;
     }
     auto pBytes = std::make_shared<std::vector<unsigned char>>();
     std::string strError;
-    if (!EncodeImage(strFormat, it->second.vecPixels, it->second.bRolled, it->second.nQuality, pBytes.get(), &strError)) {
+    if (!EncodeImage(strFormat, it->second.vecPixels, it->second.bRolled, it->second.nQuality, pBytes.get(),
+                     &strError)) {
         Error(s, "format", strFormat.substr(0, 16) + ": " + strError, jId);
         return;
     }
-    Json j = {{"type", "result"}, {"capture", nCapture}, {"scanner", it->second.nScanner}, {"format", strFormat},
-              {"mediaType", FormatMediaType(strFormat)}, {"bytes", pBytes->size()}, {"quality", it->second.nQuality},
+    Json j = {{"type", "result"},
+              {"capture", nCapture},
+              {"scanner", it->second.nScanner},
+              {"format", strFormat},
+              {"mediaType", FormatMediaType(strFormat)},
+              {"bytes", pBytes->size()},
+              {"quality", it->second.nQuality},
               {"rolled", it->second.bRolled}};
     if (!jId.is_null()) j["id"] = jId;
     Audit(&s, "result of capture " + std::to_string(nCapture) + " as " + strFormat + ", " +
-              std::to_string(pBytes->size()) + " bytes");
+                  std::to_string(pBytes->size()) + " bytes");
     s.SendJson(j);
     s.SendBinary(std::move(pBytes));
 }

@@ -28,14 +28,14 @@ using Clock = std::chrono::steady_clock;
 
 // Limits of the service (documented in tavk05-serve(1)).
 struct Limits {
-    static constexpr size_t kConnections = 64;       // HTTP and WebSocket together
-    static constexpr size_t kPerOrigin = 8;          // WebSocket sessions of one origin
-    static constexpr size_t kPendingOrigins = 16;    // pairing requests waiting at once
-    static constexpr size_t kMessageBytes = 16384;   // largest client message
-    static constexpr size_t kQueuedBytes = 32 << 20; // a client's unsent results and replies
-    static constexpr int kMessagesPerSecond = 20;    // sustained rate; bursts up to kBurst
+    static constexpr size_t kConnections = 64;        // HTTP and WebSocket together
+    static constexpr size_t kPerOrigin = 8;           // WebSocket sessions of one origin
+    static constexpr size_t kPendingOrigins = 16;     // pairing requests waiting at once
+    static constexpr size_t kMessageBytes = 16384;    // largest client message
+    static constexpr size_t kQueuedBytes = 32 << 20;  // a client's unsent results and replies
+    static constexpr int kMessagesPerSecond = 20;     // sustained rate; bursts up to kBurst
     static constexpr int kBurst = 40;
-    static constexpr int kLeaseSeconds = 30;         // a lease outlives its last acquisition this long
+    static constexpr int kLeaseSeconds = 30;  // a lease outlives its last acquisition this long
     static constexpr long kMaxTimeoutMs = 120000;
 };
 
@@ -138,11 +138,11 @@ public:
 
 private:
     struct Lease {
-        std::uint64_t nHolder = 0;   // session id, 0 free
+        std::uint64_t nHolder = 0;  // session id, 0 free
         bool bRunning = false;
         std::uint64_t nJob = 0;
         JobKind eKind = kJobCapture;
-        std::string strFormat;       // format of a capture's first result
+        std::string strFormat;  // format of a capture's first result
         Clock::time_point tExpiry;
     };
     struct Scanner {

@@ -90,10 +90,7 @@ void ScannerWorker::Submit(const Job& job)
     m_cv.notify_all();
 }
 
-void ScannerWorker::RequestStop()
-{
-    m_bStop = true;
-}
+void ScannerWorker::RequestStop() { m_bStop = true; }
 
 void ScannerWorker::Run()
 {
@@ -210,7 +207,8 @@ JobResult ScannerWorker::Execute(const Job& job)
     cli::AskPerson(m_nIndex, cli::kAskLift);
     r.nStatus = sensor.DevIoControl(TAVK05_IOCTL_BACKGROUND, nullptr, 0, nullptr, 0, nullptr);
     if (r.nStatus != TAVK05_OK) return r;
-    const int nBackground = sensor.m_ImageProc.CheckImageQuality2(IMG_WIDTH, IMG_HEIGHT, sensor.m_ImageProc.m_pBackground);
+    const int nBackground =
+        sensor.m_ImageProc.CheckImageQuality2(IMG_WIDTH, IMG_HEIGHT, sensor.m_ImageProc.m_pBackground);
     if (nBackground >= static_cast<int>(kFingerQuality)) {
         r.strError = "finger-on-glass";
         return r;

@@ -34,9 +34,9 @@ struct ScannerInfo {
     unsigned long nDeviceType = 0;
     unsigned nFirmware = 0;
     std::string strDeviceId;
-    unsigned nImageWidth = 0;   // nominal size of the marks
+    unsigned nImageWidth = 0;  // nominal size of the marks
     unsigned nImageHeight = 0;
-    bool bRoll = false;          // composes rolled prints
+    bool bRoll = false;  // composes rolled prints
 };
 
 struct Settings {
@@ -50,21 +50,21 @@ enum JobKind { kJobSettings, kJobBackground, kJobCapture, kJobLive, kJobRoll };
 struct Job {
     JobKind eKind = kJobCapture;
     std::uint64_t nJobId = 0;
-    Settings settings;          // kJobSettings
+    Settings settings;  // kJobSettings
     long nTimeoutMs = 20000;
-    long nThreshold = -1;       // -1: the command's defaults
+    long nThreshold = -1;  // -1: the command's defaults
 };
 
 struct JobResult {
     std::uint64_t nJobId = 0;
     JobKind eKind = kJobCapture;
-    unsigned long nStatus = 0;   // driver status (0 success)
-    std::string strError;        // protocol error code when it failed before the driver ("finger-on-glass", ...)
-    bool bImage = false;         // vecImage holds a finished 600 x 600 image
+    unsigned long nStatus = 0;  // driver status (0 success)
+    std::string strError;       // protocol error code when it failed before the driver ("finger-on-glass", ...)
+    bool bImage = false;        // vecImage holds a finished 600 x 600 image
     std::vector<unsigned char> vecImage;
     int nQuality = 0;
     unsigned nFrames = 0;
-    bool bStopped = false;       // the client (or its disappearance) stopped it
+    bool bStopped = false;                           // the client (or its disappearance) stopped it
     long nBrightness = 0, nContrast = 0, nGain = 0;  // the settings now
 };
 

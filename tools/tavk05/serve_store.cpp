@@ -29,7 +29,10 @@ const char kTokensName[] = "origins.json";
 class Fd {
 public:
     explicit Fd(int n = -1) : m_n(n) {}
-    ~Fd() { if (m_n >= 0) close(m_n); }
+    ~Fd()
+    {
+        if (m_n >= 0) close(m_n);
+    }
     Fd(const Fd&) = delete;
     Fd& operator=(const Fd&) = delete;
     int Get() const { return m_n; }
@@ -38,10 +41,7 @@ private:
     int m_n;
 };
 
-std::string Errno(const std::string& strWhat)
-{
-    return strWhat + ": " + std::strerror(errno);
-}
+std::string Errno(const std::string& strWhat) { return strWhat + ": " + std::strerror(errno); }
 
 // Opens a folder of ours: created (0700) when missing, never through a link
 // in its last component, owned by us; its mode is narrowed to 0700.
@@ -215,7 +215,8 @@ bool TokenStore::Remove(const std::string& strOrigin, std::string* pError)
 bool TokenStore::Save(std::string* pError)
 {
     nlohmann::json j = {{"version", 1}, {"origins", nlohmann::json::array()}};
-    for (const auto& [strOrigin, strToken] : m_mapTokens) j["origins"].push_back({{"origin", strOrigin}, {"token", strToken}});
+    for (const auto& [strOrigin, strToken] : m_mapTokens)
+        j["origins"].push_back({{"origin", strOrigin}, {"token", strToken}});
     const std::string strText = j.dump(1) + "\n";
     const Fd folder(open(m_strFolder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (folder.Get() < 0) {
@@ -225,8 +226,10 @@ bool TokenStore::Save(std::string* pError)
     const std::string strTemp = std::string(kTokensName) + ".tmp." + std::to_string(getpid());
     unlinkat(folder.Get(), strTemp.c_str(), 0);
     {
-        const Fd file(openat(folder.Get(), strTemp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-        if (file.Get() < 0 || write(file.Get(), strText.data(), strText.size()) != static_cast<ssize_t>(strText.size()) ||
+        const Fd file(
+            openat(folder.Get(), strTemp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (file.Get() < 0 ||
+            write(file.Get(), strText.data(), strText.size()) != static_cast<ssize_t>(strText.size()) ||
             fsync(file.Get()) != 0) {
             *pError = Errno(m_strFolder + "/" + strTemp);
             unlinkat(folder.Get(), strTemp.c_str(), 0);
@@ -266,8 +269,8 @@ const char* FormatMediaType(const std::string& strFormat)
     return "application/x-an2";
 }
 
-bool EncodeImage(const std::string& strFormat, const std::vector<unsigned char>& vecPixels, bool bRolled,
-                 int nQuality, std::vector<unsigned char>* pOut, std::string* pError)
+bool EncodeImage(const std::string& strFormat, const std::vector<unsigned char>& vecPixels, bool bRolled, int nQuality,
+                 std::vector<unsigned char>* pOut, std::string* pError)
 {
     const unsigned kSide = 600;
     pOut->clear();

@@ -42,8 +42,8 @@ private:
 // A finished 600 x 600 image in one of the formats the protocol offers:
 // "png", "wsq", "fir" (ISO/IEC 19794-4:2011), "an2" (ANSI/NIST-ITL, Type-14
 // WSQ). False with the reason (an unknown format, or the encoder's status).
-bool EncodeImage(const std::string& strFormat, const std::vector<unsigned char>& vecPixels, bool bRolled,
-                 int nQuality, std::vector<unsigned char>* pOut, std::string* pError);
+bool EncodeImage(const std::string& strFormat, const std::vector<unsigned char>& vecPixels, bool bRolled, int nQuality,
+                 std::vector<unsigned char>* pOut, std::string* pError);
 // The formats, in the order the protocol lists them, and their media types.
 const std::vector<std::string>& ImageFormats();
 const char* FormatMediaType(const std::string& strFormat);

@@ -24,14 +24,16 @@ using namespace tavk05rec;
 
 namespace {
 
-bool ReadFile(const char* pPath, std::vector<unsigned char>& data) {
+bool ReadFile(const char* pPath, std::vector<unsigned char>& data)
+{
     std::ifstream in(pPath, std::ios::binary);
     if (!in) return false;
     data.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     return true;
 }
 
-bool WriteFile(const char* pPath, const std::vector<unsigned char>& data) {
+bool WriteFile(const char* pPath, const std::vector<unsigned char>& data)
+{
     std::ofstream out(pPath, std::ios::binary | std::ios::trunc);
     out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
     return static_cast<bool>(out);
@@ -44,7 +46,8 @@ struct Grey {
 };
 
 // Binary PGM with 8-bit samples; comments allowed in the header.
-bool ReadPgm(const char* pPath, Grey& img) {
+bool ReadPgm(const char* pPath, Grey& img)
+{
     std::vector<unsigned char> data;
     if (!ReadFile(pPath, data) || data.size() < 2 || data[0] != 'P' || data[1] != '5') return false;
     size_t nPos = 2;
@@ -76,27 +79,33 @@ bool ReadPgm(const char* pPath, Grey& img) {
     return true;
 }
 
-bool WritePgm(const char* pPath, int nWidth, int nHeight, const std::vector<unsigned char>& pixels) {
+bool WritePgm(const char* pPath, int nWidth, int nHeight, const std::vector<unsigned char>& pixels)
+{
     const std::string strHeader = "P5\n" + std::to_string(nWidth) + " " + std::to_string(nHeight) + "\n255\n";
     std::vector<unsigned char> data(strHeader.begin(), strHeader.end());
     data.insert(data.end(), pixels.begin(), pixels.end());
     return WriteFile(pPath, data);
 }
 
-int Fail(const char* pWhat, const char* pPath) {
+int Fail(const char* pWhat, const char* pPath)
+{
     std::fprintf(stderr, "tavk05-wsqtool: %s: %s\n", pPath, pWhat);
     return 1;
 }
 
-int Encode(int argc, char** argv) {
+int Encode(int argc, char** argv)
+{
     double dRate = 0.75;
     int nPpi = 500;
     int nOpt;
     optind = 2;
     while ((nOpt = getopt(argc, argv, "r:p:")) != -1) {
-        if (nOpt == 'r') dRate = std::atof(optarg);
-        else if (nOpt == 'p') nPpi = std::atoi(optarg);
-        else return 2;
+        if (nOpt == 'r')
+            dRate = std::atof(optarg);
+        else if (nOpt == 'p')
+            nPpi = std::atoi(optarg);
+        else
+            return 2;
     }
     if (argc - optind != 2) return 2;
     Grey img;
@@ -108,7 +117,8 @@ int Encode(int argc, char** argv) {
     return 0;
 }
 
-int Decode(const char* pIn, const char* pOut) {
+int Decode(const char* pIn, const char* pOut)
+{
     std::vector<unsigned char> data, pixels;
     if (!ReadFile(pIn, data)) return Fail("cannot read", pIn);
     WsqInfo info;
@@ -118,19 +128,21 @@ int Decode(const char* pIn, const char* pOut) {
     return 0;
 }
 
-int Info(const char* pIn) {
+int Info(const char* pIn)
+{
     std::vector<unsigned char> data;
     if (!ReadFile(pIn, data)) return Fail("cannot read", pIn);
     WsqInfo info;
     const WsqResult res = WsqReadInfo(data.data(), data.size(), info);
     if (res != kWsqOk) return Fail(WsqResultText(res), pIn);
-    std::printf("width %d\nheight %d\nppi %d\nbitrate %.6f\nencoder %d\ncustom_filters %d\n", info.nWidth,
-                info.nHeight, info.nPpi, info.dBitRate, info.nEncoder, info.bCustomFilters ? 1 : 0);
+    std::printf("width %d\nheight %d\nppi %d\nbitrate %.6f\nencoder %d\ncustom_filters %d\n", info.nWidth, info.nHeight,
+                info.nPpi, info.dBitRate, info.nEncoder, info.bCustomFilters ? 1 : 0);
     return 0;
 }
 
 // Pixels equal and the largest difference (decoder measure, Annex AA.3).
-int ComparePixels(const char* pA, const char* pB) {
+int ComparePixels(const char* pA, const char* pB)
+{
     Grey a, b;
     if (!ReadPgm(pA, a)) return Fail("not an 8-bit binary PGM image", pA);
     if (!ReadPgm(pB, b)) return Fail("not an 8-bit binary PGM image", pB);
@@ -150,7 +162,8 @@ int ComparePixels(const char* pA, const char* pB) {
 }
 
 // Bin widths, zero-bin widths and bin indices (encoder measures, Annex AA.2).
-int CompareQuant(const char* pTest, const char* pRef) {
+int CompareQuant(const char* pTest, const char* pRef)
+{
     std::vector<unsigned char> test, ref;
     if (!ReadFile(pTest, test)) return Fail("cannot read", pTest);
     if (!ReadFile(pRef, ref)) return Fail("cannot read", pRef);
@@ -181,13 +194,15 @@ int CompareQuant(const char* pTest, const char* pRef) {
     } else {
         nMax = -1;
     }
-    std::printf("subbands_coded_differently %d\nq_dev_percent %.6f\nz_dev_percent %.6f\nindices %zu\nequal %zu\n"
-                "max_diff %ld\n",
-                nCodedMismatch, dMaxQ, dMaxZ, nCount, nEqual, nMax);
+    std::printf(
+        "subbands_coded_differently %d\nq_dev_percent %.6f\nz_dev_percent %.6f\nindices %zu\nequal %zu\n"
+        "max_diff %ld\n",
+        nCodedMismatch, dMaxQ, dMaxZ, nCount, nEqual, nMax);
     return 0;
 }
 
-int Usage() {
+int Usage()
+{
     std::fprintf(stderr,
                  "usage: tavk05-wsqtool encode [-r RATE] [-p PPI] IN.pgm OUT.wsq\n"
                  "       tavk05-wsqtool decode IN.wsq OUT.pgm\n"
@@ -199,14 +214,20 @@ int Usage() {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv)
+{
     if (argc < 2) return Usage();
     const std::string strCmd = argv[1];
     int nRes = 2;
-    if (strCmd == "encode") nRes = Encode(argc, argv);
-    else if (strCmd == "decode" && argc == 4) nRes = Decode(argv[2], argv[3]);
-    else if (strCmd == "info" && argc == 3) nRes = Info(argv[2]);
-    else if (strCmd == "compare-pixels" && argc == 4) nRes = ComparePixels(argv[2], argv[3]);
-    else if (strCmd == "compare-quant" && argc == 4) nRes = CompareQuant(argv[2], argv[3]);
+    if (strCmd == "encode")
+        nRes = Encode(argc, argv);
+    else if (strCmd == "decode" && argc == 4)
+        nRes = Decode(argv[2], argv[3]);
+    else if (strCmd == "info" && argc == 3)
+        nRes = Info(argv[2]);
+    else if (strCmd == "compare-pixels" && argc == 4)
+        nRes = ComparePixels(argv[2], argv[3]);
+    else if (strCmd == "compare-quant" && argc == 4)
+        nRes = CompareQuant(argv[2], argv[3]);
     return nRes == 2 ? Usage() : nRes;
 }

@@ -35,11 +35,11 @@ enum TableId {
 };
 
 struct TableLayout {
-    int nRows;          // table rows (stride is always nCols)
-    int nCols;          // entries per table row
-    int nRegionRow;     // first table row of the 600 x 600 read region
-    int nRegionCol;     // first table column of the read region
-    int nImageWidth;    // grey image the table serves
+    int nRows;        // table rows (stride is always nCols)
+    int nCols;        // entries per table row
+    int nRegionRow;   // first table row of the 600 x 600 read region
+    int nRegionCol;   // first table column of the read region
+    int nImageWidth;  // grey image the table serves
     int nImageHeight;
     int nLeadingZero;   // rows 0 .. nLeadingZero-1 hold zeros
     int nTrailingZero;  // rows nTrailingZero .. nRows-1 hold zeros
@@ -86,12 +86,12 @@ private:
 
     TableId m_eTable;
     const TableLayout* m_pLayout;
-    double m_dRow[5];      // P(u) = sum m_dRow[k] u^k
-    double m_dTilt;        // T(u) = m_dTilt * (1 - u / 599)
-    double m_dLeft[2];     // left edge: m_dLeft[0] + m_dLeft[1] * q(u)
-    double m_dRight[2];    // right edge, the same way
-    double m_dBow[3];      // G(u) = sum m_dBow[k] u^k
-    double m_dRowSpan;     // P(599) - P(0), for q(u) = (P(u) - P(0)) / span
+    double m_dRow[5];    // P(u) = sum m_dRow[k] u^k
+    double m_dTilt;      // T(u) = m_dTilt * (1 - u / 599)
+    double m_dLeft[2];   // left edge: m_dLeft[0] + m_dLeft[1] * q(u)
+    double m_dRight[2];  // right edge, the same way
+    double m_dBow[3];    // G(u) = sum m_dBow[k] u^k
+    double m_dRowSpan;   // P(599) - P(0), for q(u) = (P(u) - P(0)) / span
 };
 
 // ---------------------------------------------------------------------------
@@ -106,14 +106,14 @@ enum ModifyId {
 };
 
 struct ModifyLayout {
-    int nCanvas;       // canvas width and height
-    int nSrcWidth;     // source the table indexes
+    int nCanvas;    // canvas width and height
+    int nSrcWidth;  // source the table indexes
     int nSrcHeight;
-    int nSrcCentre;    // source centre column (right half starts there)
-    int nCropRow;      // canvas row of final row 0
-    int nCropCol;      // canvas column of (pre-mirror) column 0
-    int nPadRow;       // rows the raw frame is moved down in the padded copy
-    int nPadCol;       // raw column of padded column 0
+    int nSrcCentre;  // source centre column (right half starts there)
+    int nCropRow;    // canvas row of final row 0
+    int nCropCol;    // canvas column of (pre-mirror) column 0
+    int nPadRow;     // rows the raw frame is moved down in the padded copy
+    int nPadCol;     // raw column of padded column 0
 };
 
 const ModifyLayout& GetModifyLayout(ModifyId eTable);

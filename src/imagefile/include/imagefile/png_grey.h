@@ -21,8 +21,8 @@ struct GreyImage {
     bool bStoredGrey8 = false;  // the file holds 8-bit grey: nothing was converted
     double fPpiX = 0.0;         // resolution the file states; 0 when it states none
     double fPpiY = 0.0;
-    int nBitDepth = 0;          // as stored: 1, 2, 4, 8 or 16 bits a sample
-    int nColourType = 0;        // as stored: PNG colour type (0 grey, 2 RGB, 3 palette, 4 and 6 with alpha)
+    int nBitDepth = 0;    // as stored: 1, 2, 4, 8 or 16 bits a sample
+    int nColourType = 0;  // as stored: PNG colour type (0 grey, 2 RGB, 3 palette, 4 and 6 with alpha)
 };
 
 // Reads a PNG of any colour type and bit depth as 8-bit grey (colour
