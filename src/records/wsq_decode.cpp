@@ -215,12 +215,12 @@ WsqResult ParseDht(Reader& r, size_t nLength, DecoderState& st)
         unsigned nTable = 0;
         r.Byte(nTable);
         if (nTable >= kHuffmanTables) return kWsqCorrupt;
-        HuffmanSpec spec;
+        HuffmanTable table;
         size_t nTotal = 0;
         for (int i = 0; i < 16; ++i) {
             unsigned b = 0;
             r.Byte(b);
-            spec.bits[static_cast<size_t>(i)] = static_cast<uint8_t>(b);
+            table.bits[static_cast<size_t>(i)] = static_cast<uint8_t>(b);
             nTotal += b;
         }
         nLeft -= 17;
@@ -228,10 +228,10 @@ WsqResult ParseDht(Reader& r, size_t nLength, DecoderState& st)
         for (size_t i = 0; i < nTotal; ++i) {
             unsigned v = 0;
             r.Byte(v);
-            spec.values.push_back(static_cast<uint8_t>(v));
+            table.values.push_back(static_cast<uint8_t>(v));
         }
         nLeft -= nTotal;
-        if (!MakeDecoder(spec, st.huffman[nTable])) return kWsqCorrupt;
+        if (!MakeDecoder(table, st.huffman[nTable])) return kWsqCorrupt;
     }
     return kWsqOk;
 }

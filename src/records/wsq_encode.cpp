@@ -317,8 +317,8 @@ WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi
         CountSymbols(blocks[0], counts0);
         CountSymbols(blocks[1], counts1);
         CountSymbols(blocks[2], counts1);
-        const HuffmanSpec spec[2] = {BuildHuffmanSpec(counts0), BuildHuffmanSpec(counts1)};
-        const HuffmanCodes codes[2] = {MakeCodes(spec[0]), MakeCodes(spec[1])};
+        const HuffmanTable table[2] = {BuildHuffmanTable(counts0), BuildHuffmanTable(counts1)};
+        const HuffmanCodes codes[2] = {MakeCodes(table[0]), MakeCodes(table[1])};
 
         out.reserve(nPixels / 8 + 4096);
         ByteWriter w(out);
@@ -375,13 +375,13 @@ WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi
         w.Word(0);
         // Both Huffman tables in one segment.
         size_t nDhtLength = 2;
-        for (const HuffmanSpec& s : spec) nDhtLength += 17 + s.values.size();
+        for (const HuffmanTable& s : table) nDhtLength += 17 + s.values.size();
         w.Word(kMarkerDht);
         w.Word(static_cast<unsigned>(nDhtLength));
         for (int t = 0; t < 2; ++t) {
             w.Byte(static_cast<unsigned>(t));
-            for (uint8_t b : spec[t].bits) w.Byte(b);
-            for (uint8_t v : spec[t].values) w.Byte(v);
+            for (uint8_t b : table[t].bits) w.Byte(b);
+            for (uint8_t v : table[t].values) w.Byte(v);
         }
         for (int b = 0; b < 3; ++b) {
             const int nTable = b == 0 ? 0 : 1;

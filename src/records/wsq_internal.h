@@ -190,20 +190,20 @@ double FromScaled(int nScale, double dValue);
 
 // Huffman tables in the interchange form: BITS (codes of each length 1..16)
 // and HUFFVAL (symbols in order of increasing code length).
-struct HuffmanSpec {
+struct HuffmanTable {
     std::array<uint8_t, 16> bits{};
     std::vector<uint8_t> values;
 };
 // Optimal code lengths for the symbol counts (256 entries), limited to 16
 // bits with the all-ones code reserved (Annex K of ISO/IEC 10918-1).
-HuffmanSpec BuildHuffmanSpec(const std::array<uint32_t, 256>& counts);
+HuffmanTable BuildHuffmanTable(const std::array<uint32_t, 256>& counts);
 
 // Encoding codes per symbol.
 struct HuffmanCodes {
     std::array<uint16_t, 256> code{};
     std::array<uint8_t, 256> size{};
 };
-HuffmanCodes MakeCodes(const HuffmanSpec& spec);
+HuffmanCodes MakeCodes(const HuffmanTable& table);
 
 // Decoding tables (F.2.2.3 of ISO/IEC 10918-1) with a lookup for short codes.
 struct HuffmanDecoder {
@@ -214,7 +214,7 @@ struct HuffmanDecoder {
     std::vector<uint8_t> values;
     std::array<uint16_t, 256> fast{};  // (length << 8) | symbol for 8-bit prefixes, 0 when longer
 };
-bool MakeDecoder(const HuffmanSpec& spec, HuffmanDecoder& decoder);
+bool MakeDecoder(const HuffmanTable& table, HuffmanDecoder& decoder);
 
 // The encoder with any filter bank (the FBI settings use StandardFilters()).
 WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi, double dBitRate,

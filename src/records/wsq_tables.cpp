@@ -77,7 +77,7 @@ double FromScaled(int nScale, double dValue)
     return dValue;
 }
 
-HuffmanSpec BuildHuffmanSpec(const std::array<uint32_t, 256>& counts)
+HuffmanTable BuildHuffmanTable(const std::array<uint32_t, 256>& counts)
 {
     // Code sizes by repeatedly merging the two least frequent entries, with a
     // 257th entry of count 1 that reserves the all-ones code (ISO/IEC 10918-1 K.2).
@@ -124,8 +124,8 @@ HuffmanSpec BuildHuffmanSpec(const std::array<uint32_t, 256>& counts)
             ++nUsed;
         }
     }
-    HuffmanSpec spec;
-    if (nUsed < 2) return spec;  // no symbol at all
+    HuffmanTable table;
+    if (nUsed < 2) return table;  // no symbol at all
     // Limit the lengths to 16 bits (K.3).
     for (int i = kEntries; i > 16; --i) {
         while (bits[static_cast<size_t>(i)] > 0) {
@@ -141,40 +141,40 @@ HuffmanSpec BuildHuffmanSpec(const std::array<uint32_t, 256>& counts)
     while (bits[static_cast<size_t>(nLongest)] == 0) --nLongest;
     --bits[static_cast<size_t>(nLongest)];  // the reserved entry
     for (int i = 1; i <= 16; ++i)
-        spec.bits[static_cast<size_t>(i - 1)] = static_cast<uint8_t>(bits[static_cast<size_t>(i)]);
+        table.bits[static_cast<size_t>(i - 1)] = static_cast<uint8_t>(bits[static_cast<size_t>(i)]);
     for (int nSize = 1; nSize <= kEntries; ++nSize) {
         for (int s = 0; s < 256; ++s) {
-            if (codeSize[static_cast<size_t>(s)] == nSize) spec.values.push_back(static_cast<uint8_t>(s));
+            if (codeSize[static_cast<size_t>(s)] == nSize) table.values.push_back(static_cast<uint8_t>(s));
         }
     }
-    return spec;
+    return table;
 }
 
-HuffmanCodes MakeCodes(const HuffmanSpec& spec)
+HuffmanCodes MakeCodes(const HuffmanTable& table)
 {
     HuffmanCodes codes;
     uint32_t nCode = 0;
     size_t k = 0;
     for (int nLen = 1; nLen <= 16; ++nLen) {
-        for (int i = 0; i < spec.bits[static_cast<size_t>(nLen - 1)] && k < spec.values.size(); ++i, ++k) {
-            codes.code[spec.values[k]] = static_cast<uint16_t>(nCode++);
-            codes.size[spec.values[k]] = static_cast<uint8_t>(nLen);
+        for (int i = 0; i < table.bits[static_cast<size_t>(nLen - 1)] && k < table.values.size(); ++i, ++k) {
+            codes.code[table.values[k]] = static_cast<uint16_t>(nCode++);
+            codes.size[table.values[k]] = static_cast<uint8_t>(nLen);
         }
         nCode <<= 1;
     }
     return codes;
 }
 
-bool MakeDecoder(const HuffmanSpec& spec, HuffmanDecoder& decoder)
+bool MakeDecoder(const HuffmanTable& table, HuffmanDecoder& decoder)
 {
     decoder = HuffmanDecoder();
     size_t nTotal = 0;
-    for (uint8_t b : spec.bits) nTotal += b;
-    if (nTotal > 256 || nTotal != spec.values.size()) return false;
+    for (uint8_t b : table.bits) nTotal += b;
+    if (nTotal > 256 || nTotal != table.values.size()) return false;
     int32_t nCode = 0;
     int32_t nIndex = 0;
     for (int nLen = 1; nLen <= 16; ++nLen) {
-        const int nCount = spec.bits[static_cast<size_t>(nLen - 1)];
+        const int nCount = table.bits[static_cast<size_t>(nLen - 1)];
         if (nCount == 0) {
             decoder.maxCode[static_cast<size_t>(nLen)] = -1;
         } else {
@@ -187,7 +187,7 @@ bool MakeDecoder(const HuffmanSpec& spec, HuffmanDecoder& decoder)
                     const int nFirst = nCode << nShift;
                     for (int f = 0; f < (1 << nShift); ++f) {
                         decoder.fast[static_cast<size_t>(nFirst + f)] =
-                            static_cast<uint16_t>((nLen << 8) | spec.values[static_cast<size_t>(nIndex)]);
+                            static_cast<uint16_t>((nLen << 8) | table.values[static_cast<size_t>(nIndex)]);
                     }
                 }
                 ++nCode;
@@ -199,7 +199,7 @@ bool MakeDecoder(const HuffmanSpec& spec, HuffmanDecoder& decoder)
         if (nCode > (1 << nLen)) return false;
         nCode <<= 1;
     }
-    decoder.values = spec.values;
+    decoder.values = table.values;
     decoder.bDefined = true;
     return true;
 }

@@ -280,13 +280,13 @@ TEST(WsqTables, HuffmanCodesFitSixteenBitsAndLeaveAllOnesFree)
         a = b;
         b = c;
     }
-    const wsq::HuffmanSpec spec = wsq::BuildHuffmanSpec(counts);
-    EXPECT_EQ(spec.values.size(), 40u);
+    const wsq::HuffmanTable table = wsq::BuildHuffmanTable(counts);
+    EXPECT_EQ(table.values.size(), 40u);
     double dKraft = 0.0;
-    for (int nLen = 1; nLen <= 16; ++nLen) dKraft += spec.bits[static_cast<size_t>(nLen - 1)] * std::ldexp(1.0, -nLen);
+    for (int nLen = 1; nLen <= 16; ++nLen) dKraft += table.bits[static_cast<size_t>(nLen - 1)] * std::ldexp(1.0, -nLen);
     EXPECT_LT(dKraft, 1.0);
     wsq::HuffmanDecoder decoder;
-    EXPECT_TRUE(wsq::MakeDecoder(spec, decoder));
+    EXPECT_TRUE(wsq::MakeDecoder(table, decoder));
 }
 
 TEST(WsqHostile, EveryTruncationIsRefusedWithoutHarm)
