@@ -167,6 +167,11 @@ int CmdBackground(const Options& opt);
 int CmdVerify(const Options& opt);
 int CmdLive(const Options& opt);
 int CmdRoll(const Options& opt);
+// The quality at which live view (or a roll) stops unless told: 40, or 20 for
+// a roll and for a model whose live view shows frames as captured, without
+// the background subtracted, which score lower.
+long DefaultLiveThreshold(unsigned long nDeviceType, bool bRoll);
+
 int CmdConvert(const Options& opt);
 int CmdShow(const Options& opt);
 // tavk05 serve (serve_*.cpp): the local capture service.

@@ -2,6 +2,7 @@
 #include "cli.h"
 
 #include "imagefile/png_grey.h"
+#include "profile/model_profile.h"
 #include "tavk05/virtual.h"
 
 #include <dlfcn.h>
@@ -176,6 +177,12 @@ bool Session::Open(unsigned long nIndex)
         return false;
     }
     return true;
+}
+
+long DefaultLiveThreshold(unsigned long nDeviceType, bool bRoll)
+{
+    const bool bPlainPreview = tavk05profile::ProfileOf(static_cast<int>(nDeviceType), false).bShading;
+    return bRoll || bPlainPreview ? 20 : 40;
 }
 
 }  // namespace cli

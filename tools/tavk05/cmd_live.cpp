@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "cli.h"
-#include "profile/model_profile.h"
 #include "term_picture.h"
 
 namespace cli {
@@ -190,10 +189,7 @@ int RunLive(const Options& opt, bool bRoll)
     // Device types 5 and 6 show the corrected frame itself in live view, not
     // its difference from the background: the ridges fade toward the edge of
     // the contact and the measured ridge area, the quality, runs lower.
-    // A model whose live view shows frames as captured, without the
-    // background subtracted, scores lower: its default stop is that of a roll.
-    const bool bPlainPreview = tavk05profile::ProfileOf(static_cast<int>(sensor.GetDeviceType()), false).bShading;
-    const long nThreshold = opt.Number("threshold", bRoll || bPlainPreview ? 20 : 40);
+    const long nThreshold = opt.Number("threshold", cli::DefaultLiveThreshold(sensor.GetDeviceType(), bRoll));
 
     // The live conversion subtracts the background: without one the glass's
     // own shading would look like ridges.

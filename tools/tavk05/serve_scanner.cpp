@@ -233,8 +233,8 @@ JobResult ScannerWorker::Execute(const Job& job)
     sensor.SetCallBackFunction(1, OnFrame, this);
     long nThreshold = job.nThreshold;
     if (nThreshold < 0) {
-        const unsigned long nType = sensor.GetDeviceType();
-        nThreshold = job.eKind == kJobCapture ? kFingerQuality : bRoll || nType == 5 || nType == 6 ? 20 : 40;
+        nThreshold =
+            job.eKind == kJobCapture ? kFingerQuality : cli::DefaultLiveThreshold(sensor.GetDeviceType(), bRoll);
     }
     r.nStatus = sensor.GetLiveImageEx2(vecLive.data(), static_cast<unsigned long>(job.nTimeoutMs), 0, nullptr,
                                        static_cast<unsigned long>(nThreshold));
