@@ -101,6 +101,18 @@ TAVK05_REC_API int Tavk05WsqEncode(const unsigned char* pPixels, int nWidth, int
  * pnPpi may be NULL. */
 TAVK05_REC_API int Tavk05WsqDecode(const unsigned char* pData, size_t nSize, unsigned char** ppPixels, int* pnWidth,
                                    int* pnHeight, int* pnPpi);
+/* A codec keeps its working memory from one image to the next: a host that
+ * compresses or expands many images in one process (a batch, a service) makes
+ * one per thread and passes it to each call instead of paying for fresh
+ * memory every time. Same arguments and results as the calls above.
+ * Tavk05WsqCodecNew returns NULL when memory is short. */
+typedef struct Tavk05WsqCodec Tavk05WsqCodec;
+TAVK05_REC_API Tavk05WsqCodec* Tavk05WsqCodecNew(void);
+TAVK05_REC_API void Tavk05WsqCodecFree(Tavk05WsqCodec* pCodec);
+TAVK05_REC_API int Tavk05WsqCodecEncode(Tavk05WsqCodec* pCodec, const unsigned char* pPixels, int nWidth, int nHeight,
+                                        int nPpi, double dBitRate, unsigned char** ppOut, size_t* pnOutSize);
+TAVK05_REC_API int Tavk05WsqCodecDecode(Tavk05WsqCodec* pCodec, const unsigned char* pData, size_t nSize,
+                                        unsigned char** ppPixels, int* pnWidth, int* pnHeight, int* pnPpi);
 
 /* ---- ISO/IEC 19794-4 ---- */
 /* Extra fields of the 2011 representation header; NULL writes "unknown". */

@@ -335,30 +335,38 @@ void Tavk05RecImageRelease(Tavk05RecImage* pImage)
     }
 }
 
-int Tavk05WsqEncode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi, double dBitRate,
-                    unsigned char** ppOut, size_t* pnOutSize)
+struct Tavk05WsqCodec {
+    WsqCodec codec;
+};
+
+Tavk05WsqCodec* Tavk05WsqCodecNew(void) { return new (std::nothrow) Tavk05WsqCodec; }
+
+void Tavk05WsqCodecFree(Tavk05WsqCodec* pCodec) { delete pCodec; }
+
+int Tavk05WsqCodecEncode(Tavk05WsqCodec* pCodec, const unsigned char* pPixels, int nWidth, int nHeight, int nPpi,
+                         double dBitRate, unsigned char** ppOut, size_t* pnOutSize)
 {
-    if (pPixels == nullptr || ppOut == nullptr || pnOutSize == nullptr || dBitRate < 0.0) {
+    if (pCodec == nullptr || pPixels == nullptr || ppOut == nullptr || pnOutSize == nullptr || dBitRate < 0.0) {
         return kRecBadArgument;
     }
     return Guarded([&]() -> int {
         std::vector<unsigned char> out;
-        const WsqResult result =
-            WsqEncode(pPixels, nWidth, nHeight, nPpi, dBitRate == 0.0 ? kDefaultBitRate : dBitRate, {}, out);
+        const WsqResult result = pCodec->codec.Encode(pPixels, nWidth, nHeight, nPpi,
+                                                      dBitRate == 0.0 ? kDefaultBitRate : dBitRate, {}, out);
         return result != kWsqOk ? result : Hand(out, ppOut, pnOutSize);
     });
 }
 
-int Tavk05WsqDecode(const unsigned char* pData, size_t nSize, unsigned char** ppPixels, int* pnWidth, int* pnHeight,
-                    int* pnPpi)
+int Tavk05WsqCodecDecode(Tavk05WsqCodec* pCodec, const unsigned char* pData, size_t nSize, unsigned char** ppPixels,
+                         int* pnWidth, int* pnHeight, int* pnPpi)
 {
-    if (pData == nullptr || ppPixels == nullptr || pnWidth == nullptr || pnHeight == nullptr) {
+    if (pCodec == nullptr || pData == nullptr || ppPixels == nullptr || pnWidth == nullptr || pnHeight == nullptr) {
         return kRecBadArgument;
     }
     return Guarded([&]() -> int {
         std::vector<unsigned char> pixels;
         WsqInfo info;
-        const WsqResult result = WsqDecode(pData, nSize, pixels, info);
+        const WsqResult result = pCodec->codec.Decode(pData, nSize, pixels, info);
         if (result != kWsqOk) {
             return result;
         }
@@ -373,6 +381,20 @@ int Tavk05WsqDecode(const unsigned char* pData, size_t nSize, unsigned char** pp
         }
         return nStatus;
     });
+}
+
+int Tavk05WsqEncode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi, double dBitRate,
+                    unsigned char** ppOut, size_t* pnOutSize)
+{
+    Tavk05WsqCodec codec;
+    return Tavk05WsqCodecEncode(&codec, pPixels, nWidth, nHeight, nPpi, dBitRate, ppOut, pnOutSize);
+}
+
+int Tavk05WsqDecode(const unsigned char* pData, size_t nSize, unsigned char** ppPixels, int* pnWidth, int* pnHeight,
+                    int* pnPpi)
+{
+    Tavk05WsqCodec codec;
+    return Tavk05WsqCodecDecode(&codec, pData, nSize, ppPixels, pnWidth, pnHeight, pnPpi);
 }
 
 int Tavk05IsoWrite(int nVersion, const Tavk05RecFinger* pFinger, const Tavk05IsoCapture* pCapture,

@@ -4,6 +4,7 @@
 #include "wsq.h"
 #include "wsq_internal.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <memory>
@@ -425,7 +426,7 @@ void ParseNistcom(const std::string& strText, WsqInfo& info)
 
 // Walks the file. With pImage null only tables and headers are read (the
 // entropy-coded data skipped); otherwise blocks are decoded into *pImage.
-WsqResult Walk(const unsigned char* pData, size_t nSize, DecoderState& st, std::vector<double>* pImage, Layout* pLayout,
+WsqResult Walk(const unsigned char* pData, size_t nSize, DecoderState& st, Scratch<double>* pImage, Layout* pLayout,
                std::vector<int>* pIndices = nullptr)
 {
     if (pData == nullptr) return kWsqBadArgument;
@@ -477,11 +478,14 @@ WsqResult Walk(const unsigned char* pData, size_t nSize, DecoderState& st, std::
                         for (int k = kCodedSubbands; k < kSubbands; ++k)
                             bHh1 = bHh1 || st.quant.q[static_cast<size_t>(k)] > 0.0;
                         *pLayout = BuildLayout(st.frame.nWidth, st.frame.nHeight, bHh1);
+                        double* pPlane = nullptr;
                         if (pIndices == nullptr) {
-                            pImage->assign(static_cast<size_t>(st.frame.nWidth) * static_cast<size_t>(st.frame.nHeight),
-                                           0.0);
+                            const size_t nPixels =
+                                static_cast<size_t>(st.frame.nWidth) * static_cast<size_t>(st.frame.nHeight);
+                            pPlane = pImage->Get(nPixels);
+                            std::fill(pPlane, pPlane + nPixels, 0.0);
                         }
-                        sink.reset(new Sink(*pLayout, st.quant, pImage->data(), st.frame.nWidth, pIndices));
+                        sink.reset(new Sink(*pLayout, st.quant, pPlane, st.frame.nWidth, pIndices));
                     }
                     // Entropy-coded segments, separated by restart markers.
                     for (;;) {
@@ -560,18 +564,25 @@ WsqResult WsqReadComments(const unsigned char* pData, size_t nSize, std::vector<
 
 WsqResult WsqDecode(const unsigned char* pData, size_t nSize, std::vector<unsigned char>& pixels, WsqInfo& info)
 {
+    WsqCodec codec;
+    return codec.Decode(pData, nSize, pixels, info);
+}
+
+WsqResult WsqCodec::Decode(const unsigned char* pData, size_t nSize, std::vector<unsigned char>& pixels, WsqInfo& info)
+{
     pixels.clear();
     try {
+        if (!m_pWork) m_pWork.reset(new Workspace);
         DecoderState st;
-        std::vector<double> image;
         Layout layout;
-        const WsqResult res = Walk(pData, nSize, st, &image, &layout);
+        const WsqResult res = Walk(pData, nSize, st, &m_pWork->image, &layout);
         if (res != kWsqOk) return res;
-        Transform transform(st.bank);
-        transform.Inverse(image.data(), st.frame.nWidth, layout);
-        pixels.resize(image.size());
-        for (size_t i = 0; i < image.size(); ++i) {
-            const double d = image[i] * st.frame.dScale + st.frame.dMean + 0.5;
+        const size_t nPixels = static_cast<size_t>(st.frame.nWidth) * static_cast<size_t>(st.frame.nHeight);
+        double* const pImage = m_pWork->image.Get(nPixels);
+        m_pWork->TransformFor(st.bank).Inverse(pImage, st.frame.nWidth, layout);
+        pixels.resize(nPixels);
+        for (size_t i = 0; i < nPixels; ++i) {
+            const double d = pImage[i] * st.frame.dScale + st.frame.dMean + 0.5;
             pixels[i] = d < 0.0 ? 0 : (d > 255.0 ? 255 : static_cast<unsigned char>(d));
         }
         return FillInfo(st, info);
@@ -586,7 +597,7 @@ WsqResult WsqReadQuantization(const unsigned char* pData, size_t nSize, WsqQuant
     quant = WsqQuantization();
     try {
         DecoderState st;
-        std::vector<double> unused;
+        Scratch<double> unused;
         Layout layout;
         const WsqResult res = Walk(pData, nSize, st, &unused, &layout, &quant.indices);
         if (res != kWsqOk) return res;

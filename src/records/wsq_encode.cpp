@@ -249,7 +249,7 @@ namespace wsq {
 
 WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi, double dBitRate,
                  const std::vector<std::pair<std::string, std::string>>& extraNistcom, const FilterBank& bank,
-                 std::vector<unsigned char>& out)
+                 Workspace& work, std::vector<unsigned char>& out)
 {
     out.clear();
     if (pPixels == nullptr || nWidth < 1 || nHeight < 1) return kWsqBadArgument;
@@ -285,21 +285,20 @@ WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi
         double adLevel[256];
         for (int v = 0; v < 256; ++v) adLevel[v] = (v - dMean) / dScale;
         // Every element is written below: no zero fill first.
-        const std::unique_ptr<double[]> image(new double[nPixels]);
-        double* const pImg = image.get();
+        double* const pImg = work.image.Get(nPixels);
         for (size_t i = 0; i < nPixels; ++i) pImg[i] = adLevel[pPixels[i]];
 
         const Layout layout = BuildLayout(nWidth, nHeight, false);
-        Transform transform(bank);
-        transform.Forward(pImg, nWidth, layout);
+        work.TransformFor(bank).Forward(pImg, nWidth, layout);
 
         std::array<double, kSubbands> q{}, z{};
         BinWidths(Variances(pImg, nWidth, layout), dBitRate, q, z);
 
         // Blocks: subbands 0-18, 19-51, 52-59; the second table serves the last two.
         const int anBlockStart[] = {0, 19, 52, 60};
-        std::vector<int> blocks[3];
+        std::vector<int>* const blocks = work.blocks;
         for (int b = 0; b < 3; ++b) {
+            blocks[b].clear();
             size_t nCoefs = 0;
             for (int k = anBlockStart[b]; k < anBlockStart[b + 1]; ++k) {
                 const Region& r = layout.subbands[static_cast<size_t>(k)];
@@ -410,7 +409,25 @@ WsqResult WsqEncode(const unsigned char* pPixels, int nWidth, int nHeight, int n
                     const std::vector<std::pair<std::string, std::string>>& extraNistcom,
                     std::vector<unsigned char>& out)
 {
-    return wsq::Encode(pPixels, nWidth, nHeight, nPpi, dBitRate, extraNistcom, wsq::StandardFilters(), out);
+    WsqCodec codec;
+    return codec.Encode(pPixels, nWidth, nHeight, nPpi, dBitRate, extraNistcom, out);
+}
+
+WsqCodec::WsqCodec() noexcept = default;
+WsqCodec::~WsqCodec() = default;
+
+WsqResult WsqCodec::Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi, double dBitRate,
+                           const std::vector<std::pair<std::string, std::string>>& extraNistcom,
+                           std::vector<unsigned char>& out)
+{
+    try {
+        if (!m_pWork) m_pWork.reset(new wsq::Workspace);
+    } catch (const std::bad_alloc&) {
+        out.clear();
+        return kWsqNoMemory;
+    }
+    return wsq::Encode(pPixels, nWidth, nHeight, nPpi, dBitRate, extraNistcom, wsq::StandardFilters(), *m_pWork,
+                       out);
 }
 
 }  // namespace tavk05rec

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "wsq.h"
@@ -152,6 +153,40 @@ private:
     std::vector<double> m_temp;
 };
 
+// An array of at most the largest count asked for so far, left uninitialised
+// and kept between uses.
+template <typename T>
+class Scratch {
+public:
+    T* Get(size_t nCount)
+    {
+        if (nCount > m_nCapacity) {
+            m_p.reset();
+            m_nCapacity = 0;
+            m_p.reset(new T[nCount]);
+            m_nCapacity = nCount;
+        }
+        return m_p.get();
+    }
+
+private:
+    std::unique_ptr<T[]> m_p;
+    size_t m_nCapacity = 0;
+};
+
+// What a WsqCodec keeps between images.
+struct Workspace {
+    Scratch<double> image;     // transform coefficients, row-major
+    std::vector<int> blocks[3];  // the encoder's bin indices of each block
+    // The transform of a filter bank, with its plans; made again only when
+    // the bank differs from the last one.
+    Transform& TransformFor(const FilterBank& bank);
+
+private:
+    FilterBank m_bank;
+    std::unique_ptr<Transform> m_pTransform;
+};
+
 // Combines rows: pOut[x] = sum over t of pCoef[t] * pBase[pSource[t] * nRowStride + x],
 // for x < nCount, taps in order. The SSE2 kernel does a prefix and returns how
 // many outputs it did; the plain loop finishes from nFrom.
@@ -219,7 +254,7 @@ bool MakeDecoder(const HuffmanTable& table, HuffmanDecoder& decoder);
 // The encoder with any filter bank (the FBI settings use StandardFilters()).
 WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi, double dBitRate,
                  const std::vector<std::pair<std::string, std::string>>& extraNistcom, const FilterBank& bank,
-                 std::vector<unsigned char>& out);
+                 Workspace& work, std::vector<unsigned char>& out);
 
 // Symbols of the coding model (Table A.2 of the standard).
 constexpr int kSymEscPos8 = 101;

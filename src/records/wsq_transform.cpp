@@ -323,11 +323,16 @@ LinePlan Transform::MakeSynthesis(int nLength, bool bInverted) const
     return plan;
 }
 
+// A transform kept by a codec sees images of many sizes; past this many
+// plans its caches start again rather than grow without bound.
+constexpr size_t kMaxCachedPlans = 64;
+
 const LinePlan& Transform::Cached(int nLength, bool bInverted, bool bSynthesis)
 {
     for (const CacheEntry& e : m_cache) {
         if (e.nLength == nLength && e.bInverted == bInverted && e.bSynthesis == bSynthesis) return e.plan;
     }
+    if (m_cache.size() >= kMaxCachedPlans) m_cache.clear();
     m_cache.push_back({nLength, bInverted, bSynthesis,
                        bSynthesis ? MakeSynthesis(nLength, bInverted) : MakeAnalysis(nLength, bInverted)});
     return m_cache.back().plan;
@@ -474,6 +479,7 @@ const RowPlan& Transform::CachedRow(int nLength, bool bInverted, bool bSynthesis
     for (const RowCacheEntry& e : m_rowCache) {
         if (e.nLength == nLength && e.bInverted == bInverted && e.bSynthesis == bSynthesis) return e.plan;
     }
+    if (m_rowCache.size() >= kMaxCachedPlans) m_rowCache.clear();
     m_rowCache.push_back({nLength, bInverted, bSynthesis,
                           bSynthesis ? MakeRowSynthesis(nLength, bInverted) : MakeRowAnalysis(nLength, bInverted)});
     CutRuns(m_rowCache.back().plan);
@@ -575,6 +581,18 @@ void CombineRowsPlain(double* pOut, const double* pBase, size_t nRowStride, cons
             dAcc += pCoef[t] * pBase[static_cast<size_t>(pSource[t]) * nRowStride + static_cast<size_t>(x)];
         pOut[x] = dAcc;
     }
+}
+
+Transform& Workspace::TransformFor(const FilterBank& bank)
+{
+    const bool bSame = m_pTransform && bank.nLowLength == m_bank.nLowLength &&
+                       bank.nHighLength == m_bank.nHighLength && bank.low == m_bank.low && bank.high == m_bank.high;
+    if (!bSame) {
+        m_pTransform.reset();
+        m_bank = bank;
+        m_pTransform.reset(new Transform(bank));
+    }
+    return *m_pTransform;
 }
 
 void Transform::Forward(double* pImage, int nStride, const Layout& layout)

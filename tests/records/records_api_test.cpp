@@ -106,6 +106,38 @@ TEST_F(RecordsApi, WsqRoundTrip)
     EXPECT_LT(MeanError(pPixels), kWsqMeanError);
 }
 
+// A codec kept for several images gives the one-off calls' bytes and pixels.
+TEST_F(RecordsApi, KeptWsqCodecMatchesOneOffCalls)
+{
+    unsigned char* pOnce = nullptr;
+    size_t nOnce = 0;
+    ASSERT_EQ(TAVK05_REC_OK, Tavk05WsqEncode(s_pPrint->data(), 600, 600, 500, 0.0, &pOnce, &nOnce));
+    const Owned once(pOnce);
+    const std::unique_ptr<Tavk05WsqCodec, void (*)(Tavk05WsqCodec*)> codec(Tavk05WsqCodecNew(), Tavk05WsqCodecFree);
+    ASSERT_NE(nullptr, codec.get());
+    for (int nRound = 0; nRound < 2; ++nRound) {
+        SCOPED_TRACE(nRound);
+        unsigned char* pWsq = nullptr;
+        size_t nWsq = 0;
+        ASSERT_EQ(TAVK05_REC_OK,
+                  Tavk05WsqCodecEncode(codec.get(), s_pPrint->data(), 600, 600, 500, 0.0, &pWsq, &nWsq));
+        const Owned wsq(pWsq);
+        ASSERT_EQ(nOnce, nWsq);
+        EXPECT_EQ(0, std::memcmp(pOnce, pWsq, nWsq));
+        unsigned char* pPixels = nullptr;
+        int nWidth = 0;
+        int nHeight = 0;
+        ASSERT_EQ(TAVK05_REC_OK, Tavk05WsqCodecDecode(codec.get(), pWsq, nWsq, &pPixels, &nWidth, &nHeight, nullptr));
+        const Owned pixels(pPixels);
+        EXPECT_EQ(600, nHeight);
+        EXPECT_LT(MeanError(pPixels), kWsqMeanError);
+    }
+    unsigned char* pOut = nullptr;
+    size_t nOut = 0;
+    EXPECT_EQ(TAVK05_REC_BAD_ARGUMENT, Tavk05WsqCodecEncode(nullptr, s_pPrint->data(), 600, 600, 500, 0.0, &pOut, &nOut));
+    EXPECT_EQ(nullptr, pOut);
+}
+
 TEST_F(RecordsApi, IsoWithWsqRoundTrip)
 {
     for (int nVersion : {2005, 2011}) {

@@ -5,6 +5,7 @@
 // hostile input.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -153,12 +154,47 @@ TEST(WsqCodec, OtherFilterBankIsTakenFromTheTransformTable)
     haar.low = {std::sqrt(0.5)};
     haar.high = {std::sqrt(0.5)};
     std::vector<unsigned char> file;
-    ASSERT_EQ(wsq::Encode(finger.data(), 600, 600, 500, 2.25, {}, haar, file), kWsqOk);
+    wsq::Workspace work;
+    ASSERT_EQ(wsq::Encode(finger.data(), 600, 600, 500, 2.25, {}, haar, work, file), kWsqOk);
     std::vector<unsigned char> pixels;
     WsqInfo info;
     ASSERT_EQ(WsqDecode(file.data(), file.size(), pixels, info), kWsqOk);
     EXPECT_TRUE(info.bCustomFilters);
     EXPECT_LT(MeanAbsError(pixels, finger), 3.0);
+}
+
+// A codec kept from image to image (larger, then smaller, then the 7/9 pair
+// after another filter bank) gives every image the bytes a fresh one gives.
+TEST_F(WsqPrint, KeptCodecGivesTheBytesOfFreshCalls)
+{
+    std::vector<unsigned char> corner(200 * 150);
+    for (int y = 0; y < 150; ++y)
+        std::copy_n(s_finger.begin() + (200 + y) * 600 + 200, 200, corner.begin() + y * 200);
+    wsq::FilterBank haar;
+    haar.nLowLength = 2;
+    haar.nHighLength = 2;
+    haar.low = {std::sqrt(0.5)};
+    haar.high = {std::sqrt(0.5)};
+    std::vector<unsigned char> haarFile;
+    wsq::Workspace work;
+    ASSERT_EQ(wsq::Encode(s_finger.data(), 600, 600, 500, 2.25, {}, haar, work, haarFile), kWsqOk);
+
+    WsqCodec codec;
+    std::vector<unsigned char> whole, part, again, pixels;
+    WsqInfo info;
+    ASSERT_EQ(codec.Encode(s_finger.data(), 600, 600, 500, 0.75, {}, whole), kWsqOk);
+    ASSERT_EQ(codec.Encode(corner.data(), 200, 150, 500, 0.75, {}, part), kWsqOk);
+    EXPECT_EQ(part, Encoded(corner, 200, 150, 0.75));
+    ASSERT_EQ(codec.Decode(haarFile.data(), haarFile.size(), pixels, info), kWsqOk);
+    std::vector<unsigned char> fresh;
+    ASSERT_EQ(WsqDecode(haarFile.data(), haarFile.size(), fresh, info), kWsqOk);
+    EXPECT_EQ(pixels, fresh);
+    ASSERT_EQ(codec.Decode(part.data(), part.size(), pixels, info), kWsqOk);
+    ASSERT_EQ(WsqDecode(part.data(), part.size(), fresh, info), kWsqOk);
+    EXPECT_EQ(pixels, fresh);
+    ASSERT_EQ(codec.Encode(s_finger.data(), 600, 600, 500, 0.75, {}, again), kWsqOk);
+    EXPECT_EQ(again, whole);
+    EXPECT_EQ(again, Encoded(s_finger, 600, 600, 0.75));
 }
 
 TEST(WsqTransform, ForwardThenInverseIsTheIdentityForWholeAndHalfSampleBanks)
