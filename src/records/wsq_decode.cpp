@@ -293,8 +293,10 @@ public:
         const double dHalfZ = quant.z[k] / 2.0;
         const double dC = quant.dBinCentre;
         const double dV = nValue > 0 ? dQ * (nValue - dC) + dHalfZ : dQ * (nValue + dC) - dHalfZ;
-        const int nY = static_cast<int>(m_nOffset / static_cast<size_t>(b.nW));
-        const int nX = static_cast<int>(m_nOffset % static_cast<size_t>(b.nW));
+        // A subband has fewer than 2^32 coefficients (the frame is limited).
+        const uint32_t nOffset = static_cast<uint32_t>(m_nOffset);
+        const int nY = static_cast<int>(nOffset / static_cast<uint32_t>(b.nW));
+        const int nX = static_cast<int>(nOffset % static_cast<uint32_t>(b.nW));
         m_pImage[static_cast<size_t>(b.nY + nY) * static_cast<size_t>(m_nStride) + static_cast<size_t>(b.nX + nX)] = dV;
         return Advance(1);
     }
@@ -581,16 +583,27 @@ WsqResult WsqCodec::Decode(const unsigned char* pData, size_t nSize, std::vector
         double* const pImage = m_pWork->image.Get(nPixels);
         m_pWork->TransformFor(st.bank).Inverse(pImage, st.frame.nWidth, layout);
         pixels.resize(nPixels);
-        for (size_t i = 0; i < nPixels; ++i) {
-            const double d = pImage[i] * st.frame.dScale + st.frame.dMean + 0.5;
-            pixels[i] = d < 0.0 ? 0 : (d > 255.0 ? 255 : static_cast<unsigned char>(d));
-        }
+        const double dScale = st.frame.dScale, dMean = st.frame.dMean;
+        ToGreyPlain(pImage, ToGreySse2(pImage, nPixels, dScale, dMean, pixels.data()), nPixels, dScale, dMean,
+                    pixels.data());
         return FillInfo(st, info);
     } catch (const std::bad_alloc&) {
         pixels.clear();
         return kWsqNoMemory;
     }
 }
+
+namespace wsq {
+
+void ToGreyPlain(const double* pImage, size_t nFrom, size_t nCount, double dScale, double dMean, unsigned char* pOut)
+{
+    for (size_t i = nFrom; i < nCount; ++i) {
+        const double d = pImage[i] * dScale + dMean + 0.5;
+        pOut[i] = d < 0.0 ? 0 : (d > 255.0 ? 255 : static_cast<unsigned char>(d));
+    }
+}
+
+}  // namespace wsq
 
 WsqResult WsqReadQuantization(const unsigned char* pData, size_t nSize, WsqQuantization& quant)
 {

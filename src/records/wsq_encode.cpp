@@ -40,29 +40,29 @@ private:
 };
 
 // Entropy-coded bits, most significant first, 0xFF followed by a stuffed zero,
-// the last byte padded with ones.
+// the last byte padded with ones. Codes and extra bits are at most 16 bits.
 class BitWriter {
 public:
     explicit BitWriter(std::vector<unsigned char>& out) : m_out(out) {}
     void Put(uint32_t nCode, int nBits)
     {
-        for (int i = nBits - 1; i >= 0; --i) {
-            m_nAcc = (m_nAcc << 1) | ((nCode >> i) & 1u);
-            if (++m_nCount == 8) Emit();
+        m_nAcc = (m_nAcc << nBits) | (nCode & ((1u << nBits) - 1u));
+        m_nCount += nBits;
+        while (m_nCount >= 8) {
+            m_nCount -= 8;
+            Emit((m_nAcc >> m_nCount) & 0xFFu);
         }
     }
     void Flush()
     {
-        while (m_nCount != 0) Put(1, 1);
+        if (m_nCount != 0) Put((1u << (8 - m_nCount)) - 1u, 8 - m_nCount);
     }
 
 private:
-    void Emit()
+    void Emit(uint32_t nByte)
     {
-        m_out.push_back(static_cast<unsigned char>(m_nAcc));
-        if (m_nAcc == 0xFF) m_out.push_back(0);
-        m_nAcc = 0;
-        m_nCount = 0;
+        m_out.push_back(static_cast<unsigned char>(nByte));
+        if (nByte == 0xFF) m_out.push_back(0);
     }
     std::vector<unsigned char>& m_out;
     uint32_t m_nAcc = 0;
@@ -72,7 +72,7 @@ private:
 // Calls fn(symbol, extraBits, extraLength) for each symbol of a block's
 // coefficient sequence (Table A.2 model).
 template <typename Fn>
-void ForEachSymbol(const std::vector<int>& coefs, Fn fn)
+void ForEachSymbol(const int* pCoef, size_t nCount, Fn fn)
 {
     uint32_t nRun = 0;
     auto flushRun = [&]() {
@@ -88,11 +88,15 @@ void ForEachSymbol(const std::vector<int>& coefs, Fn fn)
             nRun -= nPart;
         }
     };
-    for (int c : coefs) {
-        if (c == 0) {
-            ++nRun;
+    size_t i = 0;
+    while (i < nCount) {
+        if (pCoef[i] == 0) {
+            const size_t nEnd = ZeroRunPlain(pCoef, i + ZeroRunSse2(pCoef + i, nCount - i), nCount);
+            nRun += static_cast<uint32_t>(nEnd - i);
+            i = nEnd;
             continue;
         }
+        const int c = pCoef[i++];
         flushRun();
         if (c >= kMinCoefSymbol && c <= kMaxCoefSymbol) {
             fn(kSymZero + c, 0u, 0);
@@ -108,9 +112,9 @@ void ForEachSymbol(const std::vector<int>& coefs, Fn fn)
     flushRun();
 }
 
-void CountSymbols(const std::vector<int>& coefs, std::array<uint32_t, 256>& counts)
+void CountSymbols(const int* pCoef, size_t nCount, std::array<uint32_t, 256>& counts)
 {
-    ForEachSymbol(coefs, [&](int nSym, uint32_t, int) { ++counts[static_cast<size_t>(nSym)]; });
+    ForEachSymbol(pCoef, nCount, [&](int nSym, uint32_t, int) { ++counts[static_cast<size_t>(nSym)]; });
 }
 
 // Subband variances over the central region the FBI settings prescribe
@@ -217,21 +221,17 @@ void BinWidths(const std::array<double, kSubbands>& var, double dRate, std::arra
     }
 }
 
-int QuantizeOne(double dC, double dQ, double dHalfZ)
+// The bin indices of a subband, row by row, from pOut on; returns the end.
+int* QuantizeBand(const double* pImage, int nStride, const Region& b, double dQ, double dZ, int* pOut)
 {
-    if (dC >= -dHalfZ && dC <= dHalfZ) return 0;
-    double dIndex = dC > 0.0 ? (dC - dHalfZ) / dQ + 1.0 : (dC + dHalfZ) / dQ - 1.0;
-    if (dIndex > 2147483647.0) dIndex = 2147483647.0;
-    if (dIndex < -2147483647.0) dIndex = -2147483647.0;
-    return static_cast<int>(dIndex);  // truncation toward zero
-}
-
-void AppendBand(const double* pImage, int nStride, const Region& b, double dQ, double dZ, std::vector<int>& out)
-{
+    const double dHalfZ = dZ / 2.0;
     for (int y = 0; y < b.nH; ++y) {
         const double* p = pImage + static_cast<size_t>(b.nY + y) * static_cast<size_t>(nStride) + b.nX;
-        for (int x = 0; x < b.nW; ++x) out.push_back(QuantizeOne(p[x], dQ, dZ / 2.0));
+        const int nDone = QuantizeSse2(p, b.nW, dQ, dHalfZ, pOut);
+        QuantizePlain(p, nDone, b.nW, dQ, dHalfZ, pOut);
+        pOut += b.nW;
     }
+    return pOut;
 }
 
 // Six decimals with a point whatever the locale.
@@ -269,17 +269,11 @@ WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi
         const size_t nPixels = static_cast<size_t>(nWidth) * static_cast<size_t>(nHeight);
         // Normalisation (Part 3, 1): mean M, scale R so that the extreme grey
         // level maps to +-128.
-        uint64_t nSum = 0;
-        int nMin = 255, nMax = 0;
-        for (size_t i = 0; i < nPixels; ++i) {
-            const int v = pPixels[i];
-            nSum += static_cast<uint64_t>(v);
-            if (v < nMin) nMin = v;
-            if (v > nMax) nMax = v;
-        }
-        const double dMean = static_cast<double>(nSum) / static_cast<double>(nPixels);
-        const double dLowDiff = dMean - nMin;
-        const double dHighDiff = nMax - dMean;
+        GreyStats stats;
+        GreyStatsPlain(pPixels, GreyStatsSse2(pPixels, nPixels, stats), nPixels, stats);
+        const double dMean = static_cast<double>(stats.nSum) / static_cast<double>(nPixels);
+        const double dLowDiff = dMean - stats.nMin;
+        const double dHighDiff = stats.nMax - dMean;
         double dScale = (dLowDiff >= dHighDiff ? dLowDiff : dHighDiff) / 128.0;
         if (!(dScale > 0.0)) dScale = 1.0;
         double adLevel[256];
@@ -296,26 +290,23 @@ WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi
 
         // Blocks: subbands 0-18, 19-51, 52-59; the second table serves the last two.
         const int anBlockStart[] = {0, 19, 52, 60};
-        std::vector<int>* const blocks = work.blocks;
+        int* const pIndices = work.indices.Get(nPixels);
+        int* apBlock[4] = {pIndices};
         for (int b = 0; b < 3; ++b) {
-            blocks[b].clear();
-            size_t nCoefs = 0;
-            for (int k = anBlockStart[b]; k < anBlockStart[b + 1]; ++k) {
-                const Region& r = layout.subbands[static_cast<size_t>(k)];
-                nCoefs += static_cast<size_t>(r.nW) * static_cast<size_t>(r.nH);
-            }
-            blocks[b].reserve(nCoefs);
+            int* pEnd = apBlock[b];
             for (int k = anBlockStart[b]; k < anBlockStart[b + 1]; ++k) {
                 if (q[static_cast<size_t>(k)] > 0.0) {
-                    AppendBand(pImg, nWidth, layout.subbands[static_cast<size_t>(k)], q[static_cast<size_t>(k)],
-                               z[static_cast<size_t>(k)], blocks[b]);
+                    pEnd = QuantizeBand(pImg, nWidth, layout.subbands[static_cast<size_t>(k)],
+                                        q[static_cast<size_t>(k)], z[static_cast<size_t>(k)], pEnd);
                 }
             }
+            apBlock[b + 1] = pEnd;
         }
+        auto blockSize = [&](int b) { return static_cast<size_t>(apBlock[b + 1] - apBlock[b]); };
         std::array<uint32_t, 256> counts0{}, counts1{};
-        CountSymbols(blocks[0], counts0);
-        CountSymbols(blocks[1], counts1);
-        CountSymbols(blocks[2], counts1);
+        CountSymbols(apBlock[0], blockSize(0), counts0);
+        CountSymbols(apBlock[1], blockSize(1), counts1);
+        CountSymbols(apBlock[2], blockSize(2), counts1);
         const HuffmanTable table[2] = {BuildHuffmanTable(counts0), BuildHuffmanTable(counts1)};
         const HuffmanCodes codes[2] = {MakeCodes(table[0]), MakeCodes(table[1])};
 
@@ -389,7 +380,7 @@ WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi
             w.Byte(static_cast<unsigned>(nTable));
             BitWriter bits(out);
             const HuffmanCodes& c = codes[nTable];
-            ForEachSymbol(blocks[b], [&](int nSym, uint32_t nExtra, int nExtraBits) {
+            ForEachSymbol(apBlock[b], blockSize(b), [&](int nSym, uint32_t nExtra, int nExtraBits) {
                 bits.Put(c.code[static_cast<size_t>(nSym)], c.size[static_cast<size_t>(nSym)]);
                 if (nExtraBits > 0) bits.Put(nExtra, nExtraBits);
             });
@@ -401,6 +392,37 @@ WsqResult Encode(const unsigned char* pPixels, int nWidth, int nHeight, int nPpi
         out.clear();
         return kWsqNoMemory;
     }
+}
+
+void GreyStatsPlain(const unsigned char* pPixels, size_t nFrom, size_t nCount, GreyStats& stats)
+{
+    for (size_t i = nFrom; i < nCount; ++i) {
+        const int v = pPixels[i];
+        stats.nSum += static_cast<uint64_t>(v);
+        if (v < stats.nMin) stats.nMin = v;
+        if (v > stats.nMax) stats.nMax = v;
+    }
+}
+
+void QuantizePlain(const double* pCoef, int nFrom, int nCount, double dQ, double dHalfZ, int* pOut)
+{
+    for (int i = nFrom; i < nCount; ++i) {
+        const double dC = pCoef[i];
+        if (dC >= -dHalfZ && dC <= dHalfZ) {
+            pOut[i] = 0;
+            continue;
+        }
+        double dIndex = dC > 0.0 ? (dC - dHalfZ) / dQ + 1.0 : (dC + dHalfZ) / dQ - 1.0;
+        if (dIndex > 2147483647.0) dIndex = 2147483647.0;
+        if (dIndex < -2147483647.0) dIndex = -2147483647.0;
+        pOut[i] = static_cast<int>(dIndex);  // truncation toward zero
+    }
+}
+
+size_t ZeroRunPlain(const int* pIndex, size_t nFrom, size_t nCount)
+{
+    while (nFrom < nCount && pIndex[nFrom] == 0) ++nFrom;
+    return nFrom;
 }
 
 }  // namespace wsq

@@ -176,8 +176,8 @@ private:
 
 // What a WsqCodec keeps between images.
 struct Workspace {
-    Scratch<double> image;     // transform coefficients, row-major
-    std::vector<int> blocks[3];  // the encoder's bin indices of each block
+    Scratch<double> image;  // transform coefficients, row-major
+    Scratch<int> indices;   // the encoder's bin indices, block after block
     // The transform of a filter bank, with its plans; made again only when
     // the bank differs from the last one.
     Transform& TransformFor(const FilterBank& bank);
@@ -204,6 +204,34 @@ int EveryOtherSse2(double* pOut, const double* pFrom, int nCount);
 // (the synthesis rows' even and odd outputs). Kernel prefix, plain rest.
 void InterleavePlain(double* pOut, const double* pEven, const double* pOdd, int nFrom, int nPairs);
 int InterleaveSse2(double* pOut, const double* pEven, const double* pOdd, int nPairs);
+
+// Sum, least and greatest of grey levels (the encoder's normalisation).
+// Kernel prefix, plain rest from nFrom.
+struct GreyStats {
+    uint64_t nSum = 0;
+    int nMin = 255;
+    int nMax = 0;
+};
+void GreyStatsPlain(const unsigned char* pPixels, size_t nFrom, size_t nCount, GreyStats& stats);
+size_t GreyStatsSse2(const unsigned char* pPixels, size_t nCount, GreyStats& stats);
+
+// Bin indices of nCount coefficients with bin width dQ and half the zero
+// bin dHalfZ (A.3.1 of the standard), truncated toward zero. Kernel prefix,
+// plain rest from nFrom.
+void QuantizePlain(const double* pCoef, int nFrom, int nCount, double dQ, double dHalfZ, int* pOut);
+int QuantizeSse2(const double* pCoef, int nCount, double dQ, double dHalfZ, int* pOut);
+
+// Where the run of zero indices that starts at nFrom ends (nCount when it
+// reaches the end). The kernel skips whole groups of zeros from the start
+// and returns how many it skipped; the plain loop goes on from there.
+size_t ZeroRunPlain(const int* pIndex, size_t nFrom, size_t nCount);
+size_t ZeroRunSse2(const int* pIndex, size_t nCount);
+
+// Grey levels of the reconstruction: value * dScale + dMean, rounded by
+// adding one half and truncating, limited to 0..255. Kernel prefix, plain
+// rest from nFrom.
+void ToGreyPlain(const double* pImage, size_t nFrom, size_t nCount, double dScale, double dMean, unsigned char* pOut);
+size_t ToGreySse2(const double* pImage, size_t nCount, double dScale, double dMean, unsigned char* pOut);
 
 // Elementary functions computed the same way on every ABI (the C library's
 // log and exp differ between i386 and x86_64 in the last bits).

@@ -31,7 +31,11 @@ int CombineFixed(double* pOut, const double* pBase, size_t nRowStride, const int
         __m128d acc1 = _mm_setzero_pd();
         __m128d acc2 = _mm_setzero_pd();
         __m128d acc3 = _mm_setzero_pd();
+#if defined(__i386__)
+#pragma GCC unroll 1
+#else
 #pragma GCC unroll 16
+#endif
         for (int t = 0; t < N; ++t) {
             const double* pRow = apRow[t] + x;
             acc0 = _mm_add_pd(acc0, _mm_mul_pd(aCoef[t], _mm_loadu_pd(pRow)));

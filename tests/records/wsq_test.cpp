@@ -294,6 +294,75 @@ TEST(WsqTransform, Sse2EveryOtherEqualsThePlainLoop)
     }
 }
 
+TEST(WsqEncoderKernels, Sse2GreyStatsEqualThePlainLoop)
+{
+    std::mt19937 rng(9);
+    std::vector<unsigned char> pixels(1000);
+    for (unsigned char& c : pixels) c = static_cast<unsigned char>(40 + rng() % 150);
+    pixels[999] = 7;  // the least level in the plain loop's tail
+    for (size_t nCount : {0, 5, 16, 17, 1000}) {
+        wsq::GreyStats plain, vector;
+        wsq::GreyStatsPlain(pixels.data(), 0, nCount, plain);
+        wsq::GreyStatsPlain(pixels.data(), wsq::GreyStatsSse2(pixels.data(), nCount, vector), nCount, vector);
+        EXPECT_EQ(plain.nSum, vector.nSum) << nCount << " pixels";
+        EXPECT_EQ(plain.nMin, vector.nMin) << nCount << " pixels";
+        EXPECT_EQ(plain.nMax, vector.nMax) << nCount << " pixels";
+    }
+}
+
+// Zero-bin edges, bin edges, clamped magnitudes and signed zeros as well as
+// ordinary coefficients.
+TEST(WsqEncoderKernels, Sse2QuantizerEqualsThePlainLoop)
+{
+    const double dQ = 3.7, dHalfZ = 2.22;
+    std::vector<double> coef = {0.0, -0.0, dHalfZ, -dHalfZ, std::nextafter(dHalfZ, 9.0), -std::nextafter(dHalfZ, 9.0),
+                                dHalfZ + dQ, -dHalfZ - dQ, dHalfZ + 2 * dQ, 1e12, -1e12, 1e300, -1e300};
+    std::mt19937 rng(11);
+    std::uniform_real_distribution<double> dist(-40.0, 40.0);
+    while (coef.size() < 203) coef.push_back(dist(rng));
+    for (int nCount : {0, 3, 4, 13, 203}) {
+        std::vector<int> plain(203, 99), vector(203, 99);
+        wsq::QuantizePlain(coef.data(), 0, nCount, dQ, dHalfZ, plain.data());
+        const int nDone = wsq::QuantizeSse2(coef.data(), nCount, dQ, dHalfZ, vector.data());
+        wsq::QuantizePlain(coef.data(), nDone, nCount, dQ, dHalfZ, vector.data());
+        EXPECT_EQ(plain, vector) << nCount << " coefficients";
+    }
+}
+
+TEST(WsqEncoderKernels, Sse2ZeroRunEndsWhereThePlainLoopEnds)
+{
+    std::vector<int> index(64, 0);
+    index[3] = 1;
+    index[20] = -2;
+    index[63] = 5;
+    for (size_t nFrom = 0; nFrom < index.size(); ++nFrom) {
+        for (size_t nCount : {nFrom, size_t{40}, index.size()}) {
+            if (nCount < nFrom) continue;
+            const size_t nPlain = wsq::ZeroRunPlain(index.data(), nFrom, nCount);
+            const size_t nSkipped = wsq::ZeroRunSse2(index.data() + nFrom, nCount - nFrom);
+            EXPECT_EQ(nPlain, wsq::ZeroRunPlain(index.data(), nFrom + nSkipped, nCount))
+                << "run from " << nFrom << " in " << nCount;
+        }
+    }
+}
+
+// Levels below black, above white, on the rounding edge and ordinary ones.
+TEST(WsqDecoderKernels, Sse2GreyLevelsEqualThePlainLoop)
+{
+    std::vector<double> image = {-1e9, -200.0, -0.51, -0.5, -0.49, 0.0, 0.49999999, 0.5, 127.5, 254.4, 254.5, 255.0, 1e9};
+    std::mt19937 rng(13);
+    std::uniform_real_distribution<double> dist(-2.0, 2.0);
+    while (image.size() < 101) image.push_back(dist(rng));
+    const double dScale = 70.25, dMean = 128.5;
+    for (size_t nCount : {0, 7, 8, 13, 101}) {
+        std::vector<unsigned char> plain(101, 9), vector(101, 9);
+        wsq::ToGreyPlain(image.data(), 0, nCount, dScale, dMean, plain.data());
+        const size_t nDone = wsq::ToGreySse2(image.data(), nCount, dScale, dMean, vector.data());
+        wsq::ToGreyPlain(image.data(), nDone, nCount, dScale, dMean, vector.data());
+        EXPECT_EQ(plain, vector) << nCount << " levels";
+    }
+}
+
 TEST(WsqTables, DeterministicLogAndExpAgreeWithTheLibrary)
 {
     for (double d : {1e-300, 0.001, 0.5, 1.0, 1.01, 2.0, 7.5, 1234.5, 1e300}) {
