@@ -1,7 +1,7 @@
 // tavk05 serve in Debian's chromium, headless: the technician's page shows
 // live frames and downloads captures; a page of another origin captures only
-// once paired; a page the browser takes for a public site does not reach the
-// service without the user's permission.
+// once paired; a page the browser takes for a public site reaches the service
+// only once the user allowed it, and then pairs and captures as any other.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync } from "node:fs";
@@ -119,11 +119,27 @@ test("a page of another origin waits for the technician's approval, then capture
   await tech.close();
 });
 
-test("a page the browser takes for a public site cannot reach the service without permission", async () => {
+test("a page the browser takes for a public site reaches the service only with the user's permission", async () => {
   const page = await browser.newPage();
   await page.goto(publicOrigin + "/");
   await page.waitForFunction(() => document.getElementById("state").textContent.startsWith("failed"));
   assert.equal(await page.textContent("#state"), "failed: closed");
   assert.ok(!service.log.some((l) => l.includes(publicOrigin)), "the service never heard from the public page");
+  // The user allows the site to reach this machine. Chromium names the
+  // permission for loopback addresses "loopback-network" (CDP: loopbackNetwork);
+  // its "local-network" covers private addresses and does not open 127.0.0.1.
+  const cdp = await browser.newCDPSession(page);
+  await cdp.send("Browser.grantPermissions", { origin: publicOrigin, permissions: ["loopbackNetwork"] });
+  const tech = await browser.newPage();
+  await tech.goto(service.origin + "/");  // the technician's cookie from the test before
+  await tech.waitForSelector("body[data-ready='1']");
+  await page.reload();
+  await page.waitForFunction(() => /^(pairing|failed)/.test(document.getElementById("state").textContent));
+  assert.equal(await page.textContent("#state"), "pairing");
+  assert.ok(service.log.some((l) => l.includes(publicOrigin)), "the service heard from the public page");
+  await tech.click(`#pending div[data-origin='${publicOrigin}'] button:text('Approve')`);
+  await page.waitForFunction(() => /^(captured|failed)/.test(document.getElementById("state").textContent));
+  assert.match(await page.textContent("#state"), /^captured wsq \d+/);
   await page.close();
+  await tech.close();
 });
