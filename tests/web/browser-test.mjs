@@ -1,4 +1,4 @@
-// tavk05 serve in Debian's chromium, headless: the technician's page shows
+// tavk05 serve in Debian's chromium, headless: the client draws frames; the technician's page shows
 // live frames and downloads captures; a page of another origin captures only
 // once paired; a page the browser takes for a public site reaches the service
 // only once the user allowed it, and then pairs and captures as any other.
@@ -88,6 +88,28 @@ test("the technician's page shows live frames, captures, and downloads a PNG wit
       assert.equal(readFileSync(join(service.home, "page.pgm")).subarray(0, 11).toString(), "P5\n600 600\n");
     }
   }
+  await page.close();
+});
+
+test("drawFrame puts the grey levels on a canvas of the frame's size and scales them to another", async () => {
+  const page = await browser.newPage();
+  await page.goto(service.origin + "/");
+  const drawn = await page.evaluate(async () => {
+    const { drawFrame } = await import("/tavk05.js");
+    const frame = (levels) => ({ width: 4, height: 1, pixels: Uint8Array.from(levels) });
+    const canvas = (w, h) => Object.assign(document.createElement("canvas"), { width: w, height: h });
+    const rgba = (c) => Array.from(c.getContext("2d").getImageData(0, 0, c.width, c.height).data);
+    const same = canvas(4, 1), scaled = canvas(8, 2);
+    drawFrame(same, frame([0, 1, 128, 255]));
+    const first = rgba(same);
+    drawFrame(same, frame([9, 8, 7, 6]));  // the kept image takes the new frame
+    drawFrame(scaled, frame([77, 77, 77, 77]));
+    return { first, second: rgba(same), scaled: rgba(scaled) };
+  });
+  const grey = (levels) => levels.flatMap((g) => [g, g, g, 255]);
+  assert.deepEqual(drawn.first, grey([0, 1, 128, 255]));
+  assert.deepEqual(drawn.second, grey([9, 8, 7, 6]));
+  assert.deepEqual(drawn.scaled, grey(Array(16).fill(77)));
   await page.close();
 });
 
