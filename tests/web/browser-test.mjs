@@ -40,6 +40,11 @@ function serveApp(servicePort) {
   return new Promise((resolve) => server.listen(0, "127.0.0.1", () => resolve(server)));
 }
 
+// The one-time technician's URL the service printed last.
+function nextTechnicianUrl() {
+  return service.log.map((l) => l.match(/next technician's URL: (\S+)/)).filter(Boolean).pop()[1];
+}
+
 before(async () => {
   service = await startService("0:model=7,fps=20;1:model=5,fps=20");
   app = await serveApp(service.port);
@@ -115,8 +120,7 @@ test("drawFrame puts the grey levels on a canvas of the frame's size and scales 
 
 test("a page of another origin waits for the technician's approval, then captures", async () => {
   const tech = await browser.newPage();
-  const fresh = service.log.map((l) => l.match(/next technician's URL: (\S+)/)).filter(Boolean).pop()[1];
-  await tech.goto(fresh);
+  await tech.goto(nextTechnicianUrl());
   await tech.waitForSelector("body[data-ready='1']");
   const other = await browser.newPage();
   await other.goto(appOrigin + "/");
@@ -153,7 +157,7 @@ test("a page the browser takes for a public site reaches the service only with t
   const cdp = await browser.newCDPSession(page);
   await cdp.send("Browser.grantPermissions", { origin: publicOrigin, permissions: ["loopbackNetwork"] });
   const tech = await browser.newPage();
-  await tech.goto(service.origin + "/");  // the technician's cookie from the test before
+  await tech.goto(nextTechnicianUrl());
   await tech.waitForSelector("body[data-ready='1']");
   await page.reload();
   await page.waitForFunction(() => /^(pairing|failed)/.test(document.getElementById("state").textContent));
