@@ -40,18 +40,28 @@ export function parseFrame(buffer) {
   };
 }
 
-// Draws a frame on a canvas of any size (the frame is scaled to it).
+// Draws a frame on a canvas of any size (the frame is scaled to it): straight
+// into a canvas of the frame's size, through a scratch canvas into any other.
+// The RGBA image is kept per canvas from frame to frame.
+const drawState = new WeakMap();
 export function drawFrame(canvas, frame) {
-  if (!drawFrame.scratch || drawFrame.scratch.width !== frame.width || drawFrame.scratch.height !== frame.height) {
-    drawFrame.scratch = new OffscreenCanvas(frame.width, frame.height);
+  let state = drawState.get(canvas);
+  if (!state || state.frameWidth !== frame.width || state.frameHeight !== frame.height ||
+      state.canvasWidth !== canvas.width || state.canvasHeight !== canvas.height) {
+    const direct = canvas.width === frame.width && canvas.height === frame.height;
+    const target = direct ? canvas : new OffscreenCanvas(frame.width, frame.height);
+    const context = target.getContext("2d");
+    const image = context.createImageData(frame.width, frame.height);
+    state = { frameWidth: frame.width, frameHeight: frame.height, canvasWidth: canvas.width,
+              canvasHeight: canvas.height, direct, target, context, image,
+              rgba: new Uint32Array(image.data.buffer) };
+    drawState.set(canvas, state);
   }
-  const scratch = drawFrame.scratch.getContext("2d");
-  const image = scratch.createImageData(frame.width, frame.height);
-  const rgba = new Uint32Array(image.data.buffer);
+  const { rgba } = state;
   const grey = frame.pixels;
   for (let i = 0; i < grey.length; ++i) rgba[i] = 0xff000000 | (grey[i] * 0x010101);
-  scratch.putImageData(image, 0, 0);
-  canvas.getContext("2d").drawImage(drawFrame.scratch, 0, 0, canvas.width, canvas.height);
+  state.context.putImageData(state.image, 0, 0);
+  if (!state.direct) canvas.getContext("2d").drawImage(state.target, 0, 0, canvas.width, canvas.height);
 }
 
 // Connects and says hello. Resolves with a Service once the service accepts

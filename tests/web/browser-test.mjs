@@ -1,7 +1,7 @@
-// tavk05 serve in Debian's chromium, headless: the technician's page shows
+// tavk05 serve in Debian's chromium, headless: the client draws frames; the technician's page shows
 // live frames and downloads captures; a page of another origin captures only
-// once paired; a page the browser takes for a public site does not reach the
-// service without the user's permission.
+// once paired; a page the browser takes for a public site reaches the service
+// only once the user allowed it, and then pairs and captures as any other.
 import assert from "node:assert/strict";
 import { execFileSync } from "node:child_process";
 import { mkdtempSync, readFileSync, rmSync } from "node:fs";
@@ -38,6 +38,11 @@ function serveApp(servicePort) {
     res.end(body);
   });
   return new Promise((resolve) => server.listen(0, "127.0.0.1", () => resolve(server)));
+}
+
+// The one-time technician's URL the service printed last.
+function nextTechnicianUrl() {
+  return service.log.map((l) => l.match(/next technician's URL: (\S+)/)).filter(Boolean).pop()[1];
 }
 
 before(async () => {
@@ -91,10 +96,31 @@ test("the technician's page shows live frames, captures, and downloads a PNG wit
   await page.close();
 });
 
+test("drawFrame puts the grey levels on a canvas of the frame's size and scales them to another", async () => {
+  const page = await browser.newPage();
+  await page.goto(service.origin + "/");
+  const drawn = await page.evaluate(async () => {
+    const { drawFrame } = await import("/tavk05.js");
+    const frame = (levels) => ({ width: 4, height: 1, pixels: Uint8Array.from(levels) });
+    const canvas = (w, h) => Object.assign(document.createElement("canvas"), { width: w, height: h });
+    const rgba = (c) => Array.from(c.getContext("2d").getImageData(0, 0, c.width, c.height).data);
+    const same = canvas(4, 1), scaled = canvas(8, 2);
+    drawFrame(same, frame([0, 1, 128, 255]));
+    const first = rgba(same);
+    drawFrame(same, frame([9, 8, 7, 6]));  // the kept image takes the new frame
+    drawFrame(scaled, frame([77, 77, 77, 77]));
+    return { first, second: rgba(same), scaled: rgba(scaled) };
+  });
+  const grey = (levels) => levels.flatMap((g) => [g, g, g, 255]);
+  assert.deepEqual(drawn.first, grey([0, 1, 128, 255]));
+  assert.deepEqual(drawn.second, grey([9, 8, 7, 6]));
+  assert.deepEqual(drawn.scaled, grey(Array(16).fill(77)));
+  await page.close();
+});
+
 test("a page of another origin waits for the technician's approval, then captures", async () => {
   const tech = await browser.newPage();
-  const fresh = service.log.map((l) => l.match(/next technician's URL: (\S+)/)).filter(Boolean).pop()[1];
-  await tech.goto(fresh);
+  await tech.goto(nextTechnicianUrl());
   await tech.waitForSelector("body[data-ready='1']");
   const other = await browser.newPage();
   await other.goto(appOrigin + "/");
@@ -119,11 +145,27 @@ test("a page of another origin waits for the technician's approval, then capture
   await tech.close();
 });
 
-test("a page the browser takes for a public site cannot reach the service without permission", async () => {
+test("a page the browser takes for a public site reaches the service only with the user's permission", async () => {
   const page = await browser.newPage();
   await page.goto(publicOrigin + "/");
   await page.waitForFunction(() => document.getElementById("state").textContent.startsWith("failed"));
   assert.equal(await page.textContent("#state"), "failed: closed");
   assert.ok(!service.log.some((l) => l.includes(publicOrigin)), "the service never heard from the public page");
+  // The user allows the site to reach this machine. Chromium names the
+  // permission for loopback addresses "loopback-network" (CDP: loopbackNetwork);
+  // its "local-network" covers private addresses and does not open 127.0.0.1.
+  const cdp = await browser.newCDPSession(page);
+  await cdp.send("Browser.grantPermissions", { origin: publicOrigin, permissions: ["loopbackNetwork"] });
+  const tech = await browser.newPage();
+  await tech.goto(nextTechnicianUrl());
+  await tech.waitForSelector("body[data-ready='1']");
+  await page.reload();
+  await page.waitForFunction(() => /^(pairing|failed)/.test(document.getElementById("state").textContent));
+  assert.equal(await page.textContent("#state"), "pairing");
+  assert.ok(service.log.some((l) => l.includes(publicOrigin)), "the service heard from the public page");
+  await tech.click(`#pending div[data-origin='${publicOrigin}'] button:text('Approve')`);
+  await page.waitForFunction(() => /^(captured|failed)/.test(document.getElementById("state").textContent));
+  assert.match(await page.textContent("#state"), /^captured wsq \d+/);
   await page.close();
+  await tech.close();
 });

@@ -188,6 +188,21 @@ function frameHeader(buf) {
            quality: buf[14], roll: buf[15], width: buf.readUInt16LE(16), height: buf.readUInt16LE(18) };
 }
 
+test("a client that stops reading is sent the newest frame, never a queue of old ones", async () => {
+  const c = await pairedClient("https://slow.example");
+  assert.equal((await c.ask({ type: "live", scanner: 3, threshold: 100, timeout: 6000 })).type, "started");
+  c.ws.pause();  // the socket's buffers fill; then the service must drop
+  await new Promise((r) => setTimeout(r, 5000));
+  c.ws.resume();
+  const done = await c.type("done");
+  const newest = await c.next((m) => m.binary && frameHeader(m.binary).number === done.frames, "the acquisition's last frame");
+  const numbers = c.queue.filter((m) => m.binary).map((m) => frameHeader(m.binary).number).concat(frameHeader(newest.binary).number);
+  assert.ok(numbers.length < done.frames, `${numbers.length} of ${done.frames} frames sent`);
+  assert.deepEqual(numbers, [...numbers].sort((a, b) => a - b), "in the order read");
+  await c.close();
+  await logShows(/origin=https:\/\/slow.example disconnected, [1-9]\d* frames dropped/);
+});
+
 test("eight scanners capture at once; frames are numbered; results come in every format", async () => {
   const c = await pairedClient("https://eight.example");
   for (let s = 0; s < 8; ++s) assert.equal((await c.ask({ type: "capture", scanner: s, format: "wsq" })).type, "started");

@@ -283,6 +283,11 @@ private:
     {
         if (!ec) {
             if (m_hub.AdmitConnection()) {
+                // A live frame goes out the moment it is written, not after
+                // the peer acknowledged the one before (Nagle's algorithm
+                // with a delayed ACK held frames up to 40 ms).
+                beast::error_code ecIgnored;
+                socket.set_option(tcp::no_delay(true), ecIgnored);
                 std::make_shared<HttpSession>(m_hub, std::move(socket))->Start();
             } else {
                 beast::error_code ecIgnored;

@@ -79,6 +79,9 @@ void WsSession::Start(http::request<http::string_body> req)
     beast::get_lowest_layer(m_ws).expires_never();
     m_ws.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
     m_ws.read_message_max(Limits::kMessageBytes);
+    // A message goes out as one WebSocket frame in one write, not in 4 KiB
+    // fragments of a write each (a live frame is 360 kB).
+    m_ws.auto_fragment(false);
     m_ws.set_option(websocket::stream_base::decorator([](websocket::response_type& res) {
         res.set(http::field::server, "tavk05-serve");
         res.set(http::field::cache_control, "no-store");

@@ -2,6 +2,7 @@
 // from its own thread only.
 #include "serve_scanner.h"
 
+#include <pthread.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -94,6 +95,9 @@ void ScannerWorker::RequestStop() { m_bStop = true; }
 
 void ScannerWorker::Run()
 {
+    // Named for top, a debugger and the measurements (bench/serve-measure.mjs).
+    const std::string strName = "tavk05-scan" + std::to_string(m_nIndex);
+    pthread_setname_np(pthread_self(), strName.c_str());
     ISensor* pSensor = nullptr;
     bool bOpen = false;
     if (CreateISensor(nullptr, &pSensor) == 0 && pSensor != nullptr) {
