@@ -87,6 +87,43 @@ size_t MapLevelsSse2(unsigned char* p, size_t n, const unsigned char (&ucMap)[25
     return i;
 }
 
+// The distance d = |g - nMean| of each level, its quotient 75 d / nMad by
+// a multiply: with 2^s the least power of two not below nMad and
+// M = ceil(75 x 2^(8 + s) / nMad) (below 38401), the quotient is the high
+// half of (256 d) x M shifted right by s. M x nMad exceeds 75 x 2^(8 + s) by
+// e < nMad <= 2^s, so the product overshoots 75 d / nMad by
+// d e / (nMad 2^(8 + s)) < 1 / nMad, while a quotient by nMad that is not
+// whole lies at least 1 / nMad below the next whole number. The levels above the mean add
+// their quotient to 150, the others subtract it, both saturating at 0 and
+// 255 as the table clamps.
+size_t NormaliseLevelsSse2(const unsigned char* pIn, unsigned char* pOut, size_t n, int nMean, int nMad)
+{
+    if (nMean < 0 || nMean > 255 || nMad < 1 || nMad > 255) return 0;
+    int nShift = 0;
+    while ((1 << nShift) < nMad) ++nShift;
+    const unsigned nMul = ((75u << (8 + nShift)) + static_cast<unsigned>(nMad) - 1) / static_cast<unsigned>(nMad);
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i mean = _mm_set1_epi8(static_cast<char>(nMean));
+    const __m128i mul = _mm_set1_epi16(static_cast<short>(nMul));
+    const __m128i shift = _mm_cvtsi32_si128(nShift);
+    const __m128i middle = _mm_set1_epi8(static_cast<char>(150));
+    size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m128i v = Load(pIn + i);
+        const __m128i above = _mm_subs_epu8(v, mean);
+        const __m128i below = _mm_subs_epu8(mean, v);
+        // 256 d in each 16-bit lane, times M, high half, shifted: at most 19125.
+        const __m128i upLo = _mm_srl_epi16(_mm_mulhi_epu16(_mm_unpacklo_epi8(zero, above), mul), shift);
+        const __m128i upHi = _mm_srl_epi16(_mm_mulhi_epu16(_mm_unpackhi_epi8(zero, above), mul), shift);
+        const __m128i downLo = _mm_srl_epi16(_mm_mulhi_epu16(_mm_unpacklo_epi8(zero, below), mul), shift);
+        const __m128i downHi = _mm_srl_epi16(_mm_mulhi_epu16(_mm_unpackhi_epi8(zero, below), mul), shift);
+        const __m128i up = _mm_packus_epi16(upLo, upHi);
+        const __m128i down = _mm_packus_epi16(downLo, downHi);
+        Store(pOut + i, _mm_subs_epu8(_mm_adds_epu8(middle, up), down));
+    }
+    return i;
+}
+
 size_t SumAbsDiffSse2(const unsigned char* p, size_t n, unsigned char byRef, uint64_t& nSum)
 {
     const __m128i ref = _mm_set1_epi8(static_cast<char>(byRef));
