@@ -86,20 +86,26 @@ inline __m128i WeightedFour(__m128i tl, __m128i tr, __m128i br, __m128i bl, cons
 // Entries ahead of the one being read whose lines are asked for.
 const int kPrefetchEntries = 24;
 
-// The low bytes of four 32-bit lanes stored at p, p + nStep, p + 2 nStep,
-// p + 3 nStep.
+// The low bytes of the four 32-bit lanes of right stored at pRight,
+// pRight + nStep, pRight + 2 nStep, pRight + 3 nStep, and those of left at
+// pLeft, pLeft - nStep, pLeft - 2 nStep, pLeft - 3 nStep: packed together,
+// the lanes that go to falling addresses reversed.
 template <int nStep>
-inline void StoreFour(unsigned char* p, __m128i v)
+inline void StoreEight(unsigned char* pRight, unsigned char* pLeft, __m128i right, __m128i left, __m128i lowByte)
 {
-    v = _mm_and_si128(v, _mm_set1_epi32(0xFF));
-    if (nStep < 0) {
-        v = _mm_shuffle_epi32(v, _MM_SHUFFLE(0, 1, 2, 3));
-        p -= 3;
+    __m128i v = _mm_packs_epi32(_mm_and_si128(right, lowByte), _mm_and_si128(left, lowByte));
+    if (nStep > 0) {
+        v = _mm_shufflehi_epi16(v, _MM_SHUFFLE(0, 1, 2, 3));
+        pLeft -= 3;
+    } else {
+        v = _mm_shufflelo_epi16(v, _MM_SHUFFLE(0, 1, 2, 3));
+        pRight -= 3;
     }
-    v = _mm_packs_epi32(v, v);
     v = _mm_packus_epi16(v, v);
-    const int32_t n = _mm_cvtsi128_si32(v);
-    std::memcpy(p, &n, sizeof n);
+    const int32_t nRight = _mm_cvtsi128_si32(v);
+    const int32_t nLeft = _mm_cvtsi128_si32(_mm_shuffle_epi32(v, _MM_SHUFFLE(1, 1, 1, 1)));
+    std::memcpy(pRight, &nRight, sizeof nRight);
+    std::memcpy(pLeft, &nLeft, sizeof nLeft);
 }
 
 }  // namespace
@@ -122,22 +128,23 @@ unsigned ResampleRunSse2(const EntryRun& run)
     const __m128i maxCol = _mm_set1_epi32(static_cast<int>(run.nMaxCol));
     const __m128i maxPairCol = _mm_set1_epi32(static_cast<int>(SW - 2));
     const __m128i rowStart = _mm_set1_epi32(static_cast<int>(run.nRowStart));
-    const __m128i one = _mm_set1_epi32(1);
     const __m128i below = _mm_set1_epi32(static_cast<int>(SW));
     const __m128i four = _mm_set1_epi32(4);
     const __m128i zero = _mm_setzero_si128();
-    const __m128i lowByte = _mm_set1_epi16(0xFF);
+    const __m128i lowByte = _mm_set1_epi32(0xFF);
+    // The targets of entry k: nDstRight + k and nDstLeft - k, whose sum
+    // stays the same along the run.
     __m128i right = _mm_add_epi32(_mm_set1_epi32(static_cast<int>(run.nDstRight)), _mm_setr_epi32(0, 1, 2, 3));
-    __m128i left = _mm_sub_epi32(_mm_set1_epi32(static_cast<int>(run.nDstLeft)), _mm_setr_epi32(0, 1, 2, 3));
+    const __m128i both = _mm_set1_epi32(static_cast<int>(run.nDstRight + run.nDstLeft));
     unsigned k = 0;
     for (; k + 4 <= nEntries; k += 4) {
         const tagModifyEntry* const e = pEntry + k;
         // The entries are read once, front to back, far more of them than
-        // the caches hold: ask for the lines a little ahead.
+        // the caches hold: ask for the lines a little ahead. Four entries
+        // span 192 bytes, so three lines a step keep pace with the reads.
         _mm_prefetch(reinterpret_cast<const char*>(e + kPrefetchEntries), _MM_HINT_T0);
         _mm_prefetch(reinterpret_cast<const char*>(e + kPrefetchEntries) + 64, _MM_HINT_T0);
         _mm_prefetch(reinterpret_cast<const char*>(e + kPrefetchEntries) + 128, _MM_HINT_T0);
-        _mm_prefetch(reinterpret_cast<const char*>(e + kPrefetchEntries) + 192, _MM_HINT_T0);
         __m128i aPlace[4];  // nSrcRow, nSrcCol, nDstRight, nDstLeft
         __m128i aIndex[4];  // nSrcIndex[0 .. 3]
         Transpose(&e[0].nSrcRow, &e[1].nSrcRow, &e[2].nSrcRow, &e[3].nSrcRow, aPlace);
@@ -149,14 +156,16 @@ unsigned ResampleRunSse2(const EntryRun& run)
         // Sign bits: a range broken; other bits: a field not as expected.
         const __m128i range = _mm_or_si128(_mm_or_si128(OutOfRange(aPlace[0], maxRow), OutOfRange(aPlace[1], maxCol)),
                                            _mm_or_si128(col, mirror));
-        __m128i diff = _mm_or_si128(_mm_xor_si128(aPlace[2], right), _mm_xor_si128(aPlace[3], left));
-        diff = _mm_or_si128(diff, _mm_xor_si128(aIndex[1], _mm_add_epi32(aIndex[0], one)));
+        __m128i diff =
+            _mm_or_si128(_mm_xor_si128(aPlace[2], right), _mm_xor_si128(_mm_add_epi32(aPlace[2], aPlace[3]), both));
+        // i1 - i0 and i2 - i3 are 1 where i0 - i1 and i3 - i2 are all ones.
+        const __m128i ones = _mm_cmpeq_epi32(zero, zero);
+        diff = _mm_or_si128(diff, _mm_andnot_si128(_mm_sub_epi32(aIndex[0], aIndex[1]), ones));
+        diff = _mm_or_si128(diff, _mm_andnot_si128(_mm_sub_epi32(aIndex[3], aIndex[2]), ones));
         diff = _mm_or_si128(diff, _mm_xor_si128(aIndex[3], _mm_add_epi32(aIndex[0], below)));
-        diff = _mm_or_si128(diff, _mm_xor_si128(aIndex[2], _mm_add_epi32(aIndex[3], one)));
         if (_mm_movemask_ps(_mm_castsi128_ps(range)) != 0 || _mm_movemask_epi8(_mm_cmpeq_epi32(diff, zero)) != 0xFFFF)
             break;
         right = _mm_add_epi32(right, four);
-        left = _mm_sub_epi32(left, four);
 
         __m128 aw[4] = {_mm_loadu_ps(e[0].fWeight), _mm_loadu_ps(e[1].fWeight), _mm_loadu_ps(e[2].fWeight),
                         _mm_loadu_ps(e[3].fWeight)};
@@ -167,20 +176,21 @@ unsigned ResampleRunSse2(const EntryRun& run)
         // the four top pairs, then the four bottom pairs.
         const __m128i pairs = Pairs(pTop, pBottom, col);
         const __m128i mirrored = Pairs(pTop, pBottom, mirror);
-        const __m128i lo = _mm_and_si128(pairs, lowByte);
-        const __m128i hi = _mm_srli_epi16(pairs, 8);
-        const __m128i mirroredLo = _mm_and_si128(mirrored, lowByte);
-        const __m128i mirroredHi = _mm_srli_epi16(mirrored, 8);
-        const __m128i rightPixels = WeightedFour(_mm_unpacklo_epi16(lo, zero), _mm_unpacklo_epi16(hi, zero),
-                                                 _mm_unpackhi_epi16(hi, zero), _mm_unpackhi_epi16(lo, zero), aw);
+        // Each pair widened to a 32-bit lane: its left sample is the low
+        // byte, the right one the next.
+        const __m128i top = _mm_unpacklo_epi16(pairs, zero);
+        const __m128i bottom = _mm_unpackhi_epi16(pairs, zero);
+        const __m128i mirroredTop = _mm_unpacklo_epi16(mirrored, zero);
+        const __m128i mirroredBottom = _mm_unpackhi_epi16(mirrored, zero);
+        const __m128i rightPixels = WeightedFour(_mm_and_si128(top, lowByte), _mm_srli_epi32(top, 8),
+                                                 _mm_srli_epi32(bottom, 8), _mm_and_si128(bottom, lowByte), aw);
         const __m128i leftPixels =
-            WeightedFour(_mm_unpacklo_epi16(mirroredHi, zero), _mm_unpacklo_epi16(mirroredLo, zero),
-                         _mm_unpackhi_epi16(mirroredLo, zero), _mm_unpackhi_epi16(mirroredHi, zero), aw);
+            WeightedFour(_mm_srli_epi32(mirroredTop, 8), _mm_and_si128(mirroredTop, lowByte),
+                         _mm_and_si128(mirroredBottom, lowByte), _mm_srli_epi32(mirroredBottom, 8), aw);
         // Right pixels first: entry 0's left pixel replaces its right one
         // when both lie on the centre.
         const ptrdiff_t nOffset = static_cast<ptrdiff_t>(nStep) * static_cast<ptrdiff_t>(k);
-        StoreFour<nStep>(pRight + nOffset, rightPixels);
-        StoreFour<-nStep>(pLeft - nOffset, leftPixels);
+        StoreEight<nStep>(pRight + nOffset, pLeft - nOffset, rightPixels, leftPixels, lowByte);
     }
     return k;
 }

@@ -53,6 +53,15 @@ struct BoxRow {
 // Columns nFrom to nTo - 1 of the row.
 void BoxMeanRow(const BoxRow& row, size_t nFrom, size_t nTo);
 
+// Final's normalisation of the levels to a mean of 150 and a mean absolute
+// deviation of 75: level g becomes 150 + 75 (g - nMean) / nMad, the
+// quotient of the distance truncated, clamped to 0..255 (nMad at least 1).
+void BuildNormTable(int nMean, int nMad, unsigned char (&ucNorm)[256]);
+
+// pOut[i] = ucNorm[pIn[i]] for i from nFrom to n - 1.
+void NormaliseLevels(const unsigned char* pIn, unsigned char* pOut, size_t nFrom, size_t n,
+                     const unsigned char (&ucNorm)[256]);
+
 // pImage[i] = 255 where pMean[i] > nMeanFloor and pDev[i] < nDevCeiling,
 // for i from nFrom to n - 1 (Final's last step).
 void WhitenFlat(unsigned char* pImage, const unsigned char* pMean, const unsigned char* pDev, int nMeanFloor,
@@ -64,6 +73,9 @@ void WhitenFlat(unsigned char* pImage, const unsigned char* pMean, const unsigne
 size_t CountDarkLevelsSse2(const unsigned char* p, size_t n, uint32_t (&anHist)[256]);
 // pPairs, when not null, is the pair map of ucMap.
 size_t MapLevelsSse2(unsigned char* p, size_t n, const unsigned char (&ucMap)[256], const uint16_t* pPairs);
+// Computes the table of BuildNormTable(nMean, nMad) level by level rather
+// than looking it up: nMean 0 to 255, nMad 1 to 255, else it does nothing.
+size_t NormaliseLevelsSse2(const unsigned char* pIn, unsigned char* pOut, size_t n, int nMean, int nMad);
 size_t SumAbsDiffSse2(const unsigned char* p, size_t n, unsigned char byRef, uint64_t& nSum);
 size_t AbsDiffBytesSse2(const unsigned char* pA, const unsigned char* pB, unsigned char* pOut, size_t n);
 size_t AddColumnRowSse2(uint16_t* pSum, const unsigned char* pAdd, const unsigned char* pSub, size_t n);

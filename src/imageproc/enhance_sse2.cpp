@@ -87,6 +87,43 @@ size_t MapLevelsSse2(unsigned char* p, size_t n, const unsigned char (&ucMap)[25
     return i;
 }
 
+// The distance d = |g - nMean| of each level, its quotient 75 d / nMad by
+// a multiply: with 2^s the least power of two not below nMad and
+// M = ceil(75 x 2^(8 + s) / nMad) (below 38401), the quotient is the high
+// half of (256 d) x M shifted right by s. M x nMad exceeds 75 x 2^(8 + s) by
+// e < nMad <= 2^s, so the product overshoots 75 d / nMad by
+// d e / (nMad 2^(8 + s)) < 1 / nMad, while a quotient by nMad that is not
+// whole lies at least 1 / nMad below the next whole number. The levels above the mean add
+// their quotient to 150, the others subtract it, both saturating at 0 and
+// 255 as the table clamps.
+size_t NormaliseLevelsSse2(const unsigned char* pIn, unsigned char* pOut, size_t n, int nMean, int nMad)
+{
+    if (nMean < 0 || nMean > 255 || nMad < 1 || nMad > 255) return 0;
+    int nShift = 0;
+    while ((1 << nShift) < nMad) ++nShift;
+    const unsigned nMul = ((75u << (8 + nShift)) + static_cast<unsigned>(nMad) - 1) / static_cast<unsigned>(nMad);
+    const __m128i zero = _mm_setzero_si128();
+    const __m128i mean = _mm_set1_epi8(static_cast<char>(nMean));
+    const __m128i mul = _mm_set1_epi16(static_cast<short>(nMul));
+    const __m128i shift = _mm_cvtsi32_si128(nShift);
+    const __m128i middle = _mm_set1_epi8(static_cast<char>(150));
+    size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m128i v = Load(pIn + i);
+        const __m128i above = _mm_subs_epu8(v, mean);
+        const __m128i below = _mm_subs_epu8(mean, v);
+        // 256 d in each 16-bit lane, times M, high half, shifted: at most 19125.
+        const __m128i upLo = _mm_srl_epi16(_mm_mulhi_epu16(_mm_unpacklo_epi8(zero, above), mul), shift);
+        const __m128i upHi = _mm_srl_epi16(_mm_mulhi_epu16(_mm_unpackhi_epi8(zero, above), mul), shift);
+        const __m128i downLo = _mm_srl_epi16(_mm_mulhi_epu16(_mm_unpacklo_epi8(zero, below), mul), shift);
+        const __m128i downHi = _mm_srl_epi16(_mm_mulhi_epu16(_mm_unpackhi_epi8(zero, below), mul), shift);
+        const __m128i up = _mm_packus_epi16(upLo, upHi);
+        const __m128i down = _mm_packus_epi16(downLo, downHi);
+        Store(pOut + i, _mm_subs_epu8(_mm_adds_epu8(middle, up), down));
+    }
+    return i;
+}
+
 size_t SumAbsDiffSse2(const unsigned char* p, size_t n, unsigned char byRef, uint64_t& nSum)
 {
     const __m128i ref = _mm_set1_epi8(static_cast<char>(byRef));
@@ -127,6 +164,21 @@ size_t AddColumnRowSse2(uint16_t* pSum, const unsigned char* pAdd, const unsigne
     return c;
 }
 
+// The sums of four consecutive squares, each the last plus the column
+// entering it minus the column leaving it, as a running sum from carry (the
+// sum before, in every lane, which then becomes the fourth sum), and their
+// quotients, the low 8 bits, in 32-bit lanes.
+inline __m128i NextQuotients(__m128i enter, __m128i leave, __m128i& carry, __m128 recip, __m128 half, __m128i lowByte)
+{
+    __m128i x = _mm_sub_epi32(enter, leave);
+    x = _mm_add_epi32(x, _mm_slli_si128(x, 4));
+    x = _mm_add_epi32(x, _mm_slli_si128(x, 8));
+    x = _mm_add_epi32(x, carry);
+    carry = _mm_shuffle_epi32(x, _MM_SHUFFLE(3, 3, 3, 3));
+    const __m128 f = _mm_add_ps(_mm_mul_ps(_mm_cvtepi32_ps(x), recip), half);
+    return _mm_and_si128(_mm_cvttps_epi32(f), lowByte);
+}
+
 // Whole squares of side w = 2 nHalf + 1, from column nHalf on. The first
 // sum is added up; each next one is the last plus the column entering the
 // square minus the column leaving it, as running sums of four 32-bit lanes.
@@ -153,26 +205,19 @@ size_t BoxMeanRowSse2(const BoxRow& row)
     // and the column leaving it is c - nHalf - 1.
     size_t c = row.nHalf + 1;
     for (; c + 16 + row.nHalf <= row.n; c += 16) {
-        __m128i aQuot[4];
-        for (int h = 0; h < 2; ++h) {
-            const size_t nAt = c + 8 * static_cast<size_t>(h);
-            const __m128i enter = Load(cs + nAt + row.nHalf);
-            const __m128i leave = Load(cs + nAt - row.nHalf - 1);
-            const __m128i aPart[2] = {_mm_sub_epi32(_mm_unpacklo_epi16(enter, zero), _mm_unpacklo_epi16(leave, zero)),
-                                      _mm_sub_epi32(_mm_unpackhi_epi16(enter, zero), _mm_unpackhi_epi16(leave, zero))};
-            for (int q = 0; q < 2; ++q) {
-                __m128i x = aPart[q];
-                x = _mm_add_epi32(x, _mm_slli_si128(x, 4));
-                x = _mm_add_epi32(x, _mm_slli_si128(x, 8));
-                x = _mm_add_epi32(x, carry);
-                carry = _mm_shuffle_epi32(x, _MM_SHUFFLE(3, 3, 3, 3));
-                const __m128 f = _mm_add_ps(_mm_mul_ps(_mm_cvtepi32_ps(x), recip), half);
-                aQuot[2 * h + q] = _mm_and_si128(_mm_cvttps_epi32(f), lowByte);  // the low 8 bits, as stored
-            }
-        }
-        const __m128i lo = _mm_packs_epi32(aQuot[0], aQuot[1]);
-        const __m128i hi = _mm_packs_epi32(aQuot[2], aQuot[3]);
-        Store(row.pOut + c, _mm_packus_epi16(lo, hi));
+        const __m128i enterLo = Load(cs + c + row.nHalf);
+        const __m128i leaveLo = Load(cs + c - row.nHalf - 1);
+        const __m128i enterHi = Load(cs + c + 8 + row.nHalf);
+        const __m128i leaveHi = Load(cs + c + 8 - row.nHalf - 1);
+        const __m128i q0 = NextQuotients(_mm_unpacklo_epi16(enterLo, zero), _mm_unpacklo_epi16(leaveLo, zero), carry,
+                                         recip, half, lowByte);
+        const __m128i q1 = NextQuotients(_mm_unpackhi_epi16(enterLo, zero), _mm_unpackhi_epi16(leaveLo, zero), carry,
+                                         recip, half, lowByte);
+        const __m128i q2 = NextQuotients(_mm_unpacklo_epi16(enterHi, zero), _mm_unpacklo_epi16(leaveHi, zero), carry,
+                                         recip, half, lowByte);
+        const __m128i q3 = NextQuotients(_mm_unpackhi_epi16(enterHi, zero), _mm_unpackhi_epi16(leaveHi, zero), carry,
+                                         recip, half, lowByte);
+        Store(row.pOut + c, _mm_packus_epi16(_mm_packs_epi32(q0, q1), _mm_packs_epi32(q2, q3)));
     }
     return c - row.nHalf;
 }

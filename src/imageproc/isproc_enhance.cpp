@@ -64,6 +64,20 @@ void BoxMeanRow(const BoxRow& row, size_t nFrom, size_t nTo)
     }
 }
 
+void BuildNormTable(int nMean, int nMad, unsigned char (&ucNorm)[256])
+{
+    for (int p = 0; p < 256; ++p) {
+        const int a = p > nMean ? 150 + (75 * (p - nMean)) / nMad : 150 - (75 * (nMean - p)) / nMad;
+        ucNorm[p] = (unsigned char)(a < 0 ? 0 : (a > 255 ? 255 : a));
+    }
+}
+
+void NormaliseLevels(const unsigned char* pIn, unsigned char* pOut, size_t nFrom, size_t n,
+                     const unsigned char (&ucNorm)[256])
+{
+    for (size_t i = nFrom; i < n; ++i) pOut[i] = ucNorm[pIn[i]];
+}
+
 void WhitenFlat(unsigned char* pImage, const unsigned char* pMean, const unsigned char* pDev, int nMeanFloor,
                 int nDevCeiling, size_t nFrom, size_t n)
 {
@@ -101,33 +115,64 @@ uint64_t SumAbsDiffAll(const unsigned char* p, size_t n, unsigned char byRef)
     return nSum + SumAbsDiff(p, nDone, n, byRef);
 }
 
-// Mean of every clipped 17 x 17 square of a 600 x 600 image: column sums of
-// the rows inside the square, kept running as rows enter and leave it (at
-// most 17 x 255, so 16 bits hold them), and per output row the mean of
-// those along the row. pColSum has room for 600 sums, pZero holds 600 zeros
-// (the row that enters or leaves where none does).
-void BoxMean17(const unsigned char* pSrc, unsigned char* pDst, uint16_t* pColSum, const unsigned char* pZero)
+// One output row of the clipped 17 x 17 square mean over the column sums
+// of the nRows rows inside the squares.
+void BoxMeanRowAll(const uint16_t* pColSum, unsigned nRows, unsigned char* pOut)
 {
-    for (int c = 0; c < IMG_WIDTH; ++c) pColSum[c] = 0;
-    // Rows 0 to 7 enter before the first output row.
-    unsigned nRows = 0;
-    for (int nIn = 0; nIn < BOX_HALF; ++nIn, ++nRows) AddRow(pColSum, pSrc + nIn * IMG_WIDTH, pZero);
-    for (int nOut = 0; nOut < IMG_HEIGHT; ++nOut) {
-        const int nIn = nOut + BOX_HALF;
-        const int nLeave = nOut - BOX_HALF - 1;
-        const bool bIn = nIn < IMG_HEIGHT;
-        const bool bLeave = nLeave >= 0;
-        AddRow(pColSum, bIn ? pSrc + nIn * IMG_WIDTH : pZero, bLeave ? pSrc + nLeave * IMG_WIDTH : pZero);
-        nRows = nRows + (bIn ? 1 : 0) - (bLeave ? 1 : 0);
-        const BoxRow row = {pColSum, IMG_WIDTH, BOX_HALF, nRows, pDst + nOut * IMG_WIDTH};
-        size_t nDone = 0;
+    const BoxRow row = {pColSum, IMG_WIDTH, BOX_HALF, nRows, pOut};
+    size_t nDone = 0;
 #if defined(__SSE2__)
-        nDone = BoxMeanRowSse2(row);
+    nDone = BoxMeanRowSse2(row);
 #endif
-        BoxMeanRow(row, 0, BOX_HALF);
-        BoxMeanRow(row, BOX_HALF + nDone, IMG_WIDTH);
-    }
+    BoxMeanRow(row, 0, BOX_HALF);
+    BoxMeanRow(row, BOX_HALF + nDone, IMG_WIDTH);
 }
+
+// One row of levels through Final's normalisation.
+void NormaliseRow(const unsigned char* pIn, unsigned char* pOut, int nMean, int nMad,
+                  const unsigned char (&ucNorm)[256])
+{
+    size_t nDone = 0;
+#if defined(__SSE2__)
+    nDone = NormaliseLevelsSse2(pIn, pOut, IMG_WIDTH, nMean, nMad);
+#else
+    (void)nMean;
+    (void)nMad;
+#endif
+    NormaliseLevels(pIn, pOut, nDone, IMG_WIDTH, ucNorm);
+}
+
+// Final's work rows: the window of normalised rows and of their distances
+// from the local mean that the two square means cover (17 rows and the one
+// leaving), the local means still to be compared, the local deviation of
+// one row, a row of zeros (the row entering or leaving where none does) and
+// the two sets of running column sums (at most 17 x 255: 16 bits hold them).
+// About 30 KB, so the rows stay in the first-level cache as they pass
+// through every step.
+class FinalRows {
+public:
+    static const int kWindow = 2 * BOX_HALF + 2;  // rows t - 17 .. t
+    static const int kMeans = BOX_HALF + 1;       // rows t - 8 .. t
+
+    bool Allocate()
+    {
+        const size_t nBytes = static_cast<size_t>(2 * kWindow + kMeans + 2) * IMG_WIDTH;
+        m_pBytes.reset(new (std::nothrow) unsigned char[nBytes]());
+        m_pSums.reset(new (std::nothrow) uint16_t[2 * IMG_WIDTH]());
+        return m_pBytes && m_pSums;
+    }
+    unsigned char* Norm(int nRow) { return m_pBytes.get() + (nRow % kWindow) * IMG_WIDTH; }
+    unsigned char* Distance(int nRow) { return m_pBytes.get() + (kWindow + nRow % kWindow) * IMG_WIDTH; }
+    unsigned char* Mean(int nRow) { return m_pBytes.get() + (2 * kWindow + nRow % kMeans) * IMG_WIDTH; }
+    unsigned char* Deviation() { return m_pBytes.get() + (2 * kWindow + kMeans) * IMG_WIDTH; }
+    const unsigned char* Zero() const { return m_pBytes.get() + (2 * kWindow + kMeans + 1) * IMG_WIDTH; }
+    uint16_t* MeanSums() { return m_pSums.get(); }
+    uint16_t* DeviationSums() { return m_pSums.get() + IMG_WIDTH; }
+
+private:
+    std::unique_ptr<unsigned char[]> m_pBytes;
+    std::unique_ptr<uint16_t[]> m_pSums;
+};
 
 }  // namespace
 
@@ -198,38 +243,65 @@ void CImageProc::Final(unsigned char* pImage)
     const int nMad = (int)(SumAbsDiffAll(pImage, IMG_PIXELS, (unsigned char)nMean) / IMG_PIXELS);
     if (nMad == 0) return;
 
-    std::unique_ptr<unsigned char[]> pNorm(new (std::nothrow) unsigned char[IMG_PIXELS]);
-    std::unique_ptr<unsigned char[]> pLocalMean(new (std::nothrow) unsigned char[IMG_PIXELS]);
-    std::unique_ptr<unsigned char[]> pLocalDev(new (std::nothrow) unsigned char[IMG_PIXELS]);
-    std::unique_ptr<uint16_t[]> pColSum(new (std::nothrow) uint16_t[IMG_WIDTH]);
-    std::unique_ptr<unsigned char[]> pZero(new (std::nothrow) unsigned char[IMG_WIDTH]());
-    if (!pNorm || !pLocalMean || !pLocalDev || !pColSum || !pZero) return;
-
-    // Normalisation table: the result depends only on the grey level.
+    FinalRows rows;
+    if (!rows.Allocate()) return;
     unsigned char ucNorm[256];
-    for (int p = 0; p < 256; ++p) {
-        int a = p > nMean ? 150 + (75 * (p - nMean)) / nMad : 150 - (75 * (nMean - p)) / nMad;
-        ucNorm[p] = (unsigned char)(a < 0 ? 0 : (a > 255 ? 255 : a));
-    }
-    for (int i = 0; i < IMG_PIXELS; i += 8) {
-        // Eight levels a step.
-#pragma GCC unroll 8
-        for (int k = 0; k < 8; ++k) pNorm[i + k] = ucNorm[pImage[i + k]];
-    }
-    const int nNormMean = (int)(SumAbsDiffAll(pNorm.get(), IMG_PIXELS, 0) / IMG_PIXELS);
+    BuildNormTable(nMean, nMad, ucNorm);
 
-    BoxMean17(pNorm.get(), pLocalMean.get(), pColSum.get(), pZero.get());
-    // The normalised image is not needed any more: it becomes |A - M|.
-    size_t nDone = 0;
-#if defined(__SSE2__)
-    nDone = AbsDiffBytesSse2(pNorm.get(), pLocalMean.get(), pNorm.get(), IMG_PIXELS);
-#endif
-    AbsDiffBytes(pNorm.get(), pLocalMean.get(), pNorm.get(), nDone, IMG_PIXELS);
-    BoxMean17(pNorm.get(), pLocalDev.get(), pColSum.get(), pZero.get());
+    // The mean of the normalised image, a row at a time through one work row.
+    uint64_t nNormSum = 0;
+    for (int r = 0; r < IMG_HEIGHT; ++r) {
+        NormaliseRow(pImage + r * IMG_WIDTH, rows.Deviation(), nMean, nMad, ucNorm);
+        nNormSum += SumAbsDiffAll(rows.Deviation(), IMG_WIDTH, 0);
+    }
+    const int nNormMean = (int)(nNormSum / IMG_PIXELS);
 
-    nDone = 0;
+    // Then one pass down the image: at step t the normalised row t + 8
+    // enters the local mean's squares and row t - 9 leaves them, giving the
+    // local mean of row t and the distance of row t from it; the distance
+    // row t enters the deviation's squares and row t - 17 leaves them, giving
+    // the deviation of row t - 8, which is then cleaned. A cleaned row is not
+    // read again: the rows normalised after it lie below it.
+    for (int r = 0; r < BOX_HALF; ++r) {
+        NormaliseRow(pImage + r * IMG_WIDTH, rows.Norm(r), nMean, nMad, ucNorm);
+        AddRow(rows.MeanSums(), rows.Norm(r), rows.Zero());
+    }
+    unsigned nMeanRows = BOX_HALF, nDevRows = 0;
+    for (int t = 0; t < IMG_HEIGHT + BOX_HALF; ++t) {
+        if (t < IMG_HEIGHT) {
+            const int nIn = t + BOX_HALF, nLeave = t - BOX_HALF - 1;
+            const unsigned char* pIn = rows.Zero();
+            if (nIn < IMG_HEIGHT) {
+                NormaliseRow(pImage + nIn * IMG_WIDTH, rows.Norm(nIn), nMean, nMad, ucNorm);
+                pIn = rows.Norm(nIn);
+                ++nMeanRows;
+            }
+            const unsigned char* pLeave = rows.Zero();
+            if (nLeave >= 0) {
+                pLeave = rows.Norm(nLeave);
+                --nMeanRows;
+            }
+            AddRow(rows.MeanSums(), pIn, pLeave);
+            BoxMeanRowAll(rows.MeanSums(), nMeanRows, rows.Mean(t));
+            size_t nDone = 0;
 #if defined(__SSE2__)
-    nDone = WhitenFlatSse2(pImage, pLocalMean.get(), pLocalDev.get(), nNormMean, 20, IMG_PIXELS);
+            nDone = AbsDiffBytesSse2(rows.Norm(t), rows.Mean(t), rows.Distance(t), IMG_WIDTH);
 #endif
-    WhitenFlat(pImage, pLocalMean.get(), pLocalDev.get(), nNormMean, 20, nDone, IMG_PIXELS);
+            AbsDiffBytes(rows.Norm(t), rows.Mean(t), rows.Distance(t), nDone, IMG_WIDTH);
+            ++nDevRows;
+        }
+        const int nLeave = t - 2 * BOX_HALF - 1;
+        if (nLeave >= 0) --nDevRows;
+        AddRow(rows.DeviationSums(), t < IMG_HEIGHT ? rows.Distance(t) : rows.Zero(),
+               nLeave >= 0 ? rows.Distance(nLeave) : rows.Zero());
+        const int nOut = t - BOX_HALF;
+        if (nOut < 0) continue;
+        BoxMeanRowAll(rows.DeviationSums(), nDevRows, rows.Deviation());
+        unsigned char* const pRow = pImage + nOut * IMG_WIDTH;
+        size_t nDone = 0;
+#if defined(__SSE2__)
+        nDone = WhitenFlatSse2(pRow, rows.Mean(nOut), rows.Deviation(), nNormMean, 20, IMG_WIDTH);
+#endif
+        WhitenFlat(pRow, rows.Mean(nOut), rows.Deviation(), nNormMean, 20, nDone, IMG_WIDTH);
+    }
 }

@@ -332,6 +332,28 @@ TEST(BoxMeanKernel, VectorPartAndPlainRestEqualPlainLoop)
     }
 }
 
+// Final's normalisation computed level by level equals its table for every
+// level under every mean and mean absolute deviation an image can have.
+TEST(NormaliseKernel, VectorPartAndPlainRestEqualTheTable)
+{
+    using namespace imageproc;
+    std::vector<unsigned char> levels(256 + 9);
+    for (size_t i = 0; i < levels.size(); ++i) levels[i] = static_cast<unsigned char>(i);
+    const size_t n = levels.size();
+    for (int nMean = 0; nMean < 256; ++nMean) {
+        for (int nMad = 1; nMad < 256; ++nMad) {
+            unsigned char ucNorm[256];
+            BuildNormTable(nMean, nMad, ucNorm);
+            std::vector<unsigned char> plain(n), vec(n, 0x5A);
+            NormaliseLevels(levels.data(), plain.data(), 0, n, ucNorm);
+            const size_t nDone = NormaliseLevelsSse2(levels.data(), vec.data(), n, nMean, nMad);
+            ASSERT_EQ(256u, nDone) << nMean << " " << nMad;
+            NormaliseLevels(levels.data(), vec.data(), nDone, n, ucNorm);
+            ASSERT_EQ(plain, vec) << nMean << " " << nMad;
+        }
+    }
+}
+
 TEST(LiveJitterKernel, VectorPartEqualsPlainLoop)
 {
     typedef oberin::CLiveJitter J;
