@@ -62,6 +62,52 @@ int Fold(long long n, long long nHalf, int* pSign)
     return static_cast<int>(r);
 }
 
+// Where the two halves of a line of nLength samples are stored: the lowpass
+// half has the larger share of an odd length; an inverted line stores its
+// highpass half first.
+struct Halves {
+    int nLow;
+    int nHigh;
+    int nLowAt;
+    int nHighAt;
+};
+
+Halves HalvesOf(int nLength, bool bInverted)
+{
+    const int nLow = (nLength + 1) / 2;
+    const int nHigh = nLength / 2;
+    return {nLow, nHigh, bInverted ? nHigh : 0, bInverted ? 0 : nLow};
+}
+
+// Sample n of the analysis extension of a line of nLength samples.
+int AnalysisSource(long long n, int nLength, bool bWholeSample)
+{
+    int nSign;
+    if (bWholeSample) return Fold(n, nLength - 1, &nSign);
+    // Half-sample symmetric about -1/2 and nLength - 1/2.
+    const long long nPeriod = 2LL * nLength;
+    long long r = n % nPeriod;
+    if (r < 0) r += nPeriod;
+    if (r >= nLength) r = nPeriod - 1 - r;
+    return static_cast<int>(r);
+}
+
+// Stored index and sign of band nBand's value c0(n) or c1(n), n even, in the
+// synthesis extension of a line of nLength samples; -1 when it is zero.
+int SynthesisSource(long long n, int nBand, int nLength, bool bWholeSample, const Halves& halves, int* pSign)
+{
+    *pSign = 1;
+    int s;
+    if (nBand == 0) {
+        return bWholeSample ? halves.nLowAt + Fold(n, nLength - 1, &s) / 2
+                            : halves.nLowAt + (Fold(n + 1, nLength, &s) - 1) / 2;
+    }
+    if (halves.nHigh == 0) return -1;
+    if (bWholeSample) return halves.nHighAt + (Fold(n + 1, nLength - 1, &s) - 1) / 2;
+    const int r = Fold(n + 1, nLength, pSign);
+    return (r == 0 || r == nLength) ? -1 : halves.nHighAt + (r - 1) / 2;
+}
+
 }  // namespace
 
 Layout BuildLayout(int nWidth, int nHeight, bool bWithHh1)
@@ -238,23 +284,10 @@ LinePlan Transform::MakeAnalysis(int nLength, bool bInverted) const
 {
     LinePlan plan;
     plan.nLength = nLength;
-    const int nLow = (nLength + 1) / 2;
-    const int nHigh = nLength / 2;
-    const int nLowAt = bInverted ? nHigh : 0;
-    const int nHighAt = bInverted ? 0 : nLow;
+    const Halves halves = HalvesOf(nLength, bInverted);
     std::vector<int> order(static_cast<size_t>(nLength));
-    for (int k = 0; k < nLow; ++k) order[static_cast<size_t>(nLowAt + k)] = 2 * k;
-    for (int k = 0; k < nHigh; ++k) order[static_cast<size_t>(nHighAt + k)] = -1 - 2 * k;
-    auto source = [&](long long n) {
-        int nSign;
-        if (m_bWholeSample) return Fold(n, nLength - 1, &nSign);
-        // Half-sample symmetric about -1/2 and nLength - 1/2.
-        const long long nPeriod = 2LL * nLength;
-        long long r = n % nPeriod;
-        if (r < 0) r += nPeriod;
-        if (r >= nLength) r = nPeriod - 1 - r;
-        return static_cast<int>(r);
-    };
+    for (int k = 0; k < halves.nLow; ++k) order[static_cast<size_t>(halves.nLowAt + k)] = 2 * k;
+    for (int k = 0; k < halves.nHigh; ++k) order[static_cast<size_t>(halves.nHighAt + k)] = -1 - 2 * k;
     plan.offsets.push_back(0);
     for (int o = 0; o < nLength; ++o) {
         const int nCode = order[static_cast<size_t>(o)];
@@ -264,7 +297,7 @@ LinePlan Transform::MakeAnalysis(int nLength, bool bInverted) const
         for (size_t i = 0; i < h.taps.size(); ++i) {
             const long long m = h.nFirst + static_cast<long long>(i);
             plan.coef.push_back(h.taps[i]);
-            plan.source.push_back(source(nCentre - m));
+            plan.source.push_back(AnalysisSource(nCentre - m, nLength, m_bWholeSample));
         }
         plan.offsets.push_back(static_cast<int>(plan.coef.size()));
     }
@@ -275,34 +308,7 @@ LinePlan Transform::MakeSynthesis(int nLength, bool bInverted) const
 {
     LinePlan plan;
     plan.nLength = nLength;
-    const int nLow = (nLength + 1) / 2;
-    const int nHigh = nLength / 2;
-    const int nLowAt = bInverted ? nHigh : 0;
-    const int nHighAt = bInverted ? 0 : nLow;
-    // Stored index and sign of c0(n) and c1(n) for even n (-1 index: zero).
-    auto lowAt = [&](long long n, int* pSign) {
-        *pSign = 1;
-        if (m_bWholeSample) {
-            int s;
-            const int r = Fold(n, nLength - 1, &s);
-            return nLowAt + r / 2;
-        }
-        int s;
-        const int r = Fold(n + 1, nLength, &s);
-        return nLowAt + (r - 1) / 2;
-    };
-    auto highAt = [&](long long n, int* pSign) {
-        *pSign = 1;
-        if (nHigh == 0) return -1;
-        if (m_bWholeSample) {
-            int s;
-            const int r = Fold(n + 1, nLength - 1, &s);
-            return nHighAt + (r - 1) / 2;
-        }
-        const int r = Fold(n + 1, nLength, pSign);
-        if (r == 0 || r == nLength) return -1;
-        return nHighAt + (r - 1) / 2;
-    };
+    const Halves halves = HalvesOf(nLength, bInverted);
     plan.offsets.push_back(0);
     for (int n = 0; n < nLength; ++n) {
         for (int nBand = 0; nBand < 2; ++nBand) {
@@ -312,7 +318,7 @@ LinePlan Transform::MakeSynthesis(int nLength, bool bInverted) const
                 if (((n - j) % 2) != 0) continue;
                 const long long nC = n - j;  // 2k
                 int nSign;
-                const int nSrc = nBand == 0 ? lowAt(nC, &nSign) : highAt(nC, &nSign);
+                const int nSrc = SynthesisSource(nC, nBand, nLength, m_bWholeSample, halves, &nSign);
                 if (nSrc < 0) continue;
                 plan.coef.push_back(nSign * f.taps[i]);
                 plan.source.push_back(nSrc);
@@ -341,28 +347,10 @@ const LinePlan& Transform::Cached(int nLength, bool bInverted, bool bSynthesis)
 const LinePlan& Transform::AnalysisPlan(int nLength, bool bInverted) { return Cached(nLength, bInverted, false); }
 const LinePlan& Transform::SynthesisPlan(int nLength, bool bInverted) { return Cached(nLength, bInverted, true); }
 
-namespace {
-
-// Sample n of the analysis extension of a line of nLength samples.
-int AnalysisSource(long long n, int nLength, bool bWholeSample)
-{
-    int nSign;
-    if (bWholeSample) return Fold(n, nLength - 1, &nSign);
-    // Half-sample symmetric about -1/2 and nLength - 1/2.
-    const long long nPeriod = 2LL * nLength;
-    long long r = n % nPeriod;
-    if (r < 0) r += nPeriod;
-    if (r >= nLength) r = nPeriod - 1 - r;
-    return static_cast<int>(r);
-}
-
-}  // namespace
-
 RowPlan Transform::MakeRowAnalysis(int nLength, bool bInverted) const
 {
     constexpr int kPad = 20;  // even, beyond the longest filter's half length
-    const int nLow = (nLength + 1) / 2;
-    const int nHigh = nLength / 2;
+    const Halves halves = HalvesOf(nLength, bInverted);
     const int nPhase = (nLength + 2 * kPad + 1) / 2 + 1;
     RowPlan plan;
     plan.nLength = nLength;
@@ -375,8 +363,8 @@ RowPlan Transform::MakeRowAnalysis(int nLength, bool bInverted) const
     for (int nBand = 0; nBand < 2; ++nBand) {
         RowGroup& g = plan.groups[nBand];
         const Impulse& h = nBand == 0 ? m_h0 : m_h1;
-        g.nCount = nBand == 0 ? nLow : nHigh;
-        g.nOutAt = nBand == 0 ? (bInverted ? nHigh : 0) : (bInverted ? 0 : nLow);
+        g.nCount = nBand == 0 ? halves.nLow : halves.nHigh;
+        g.nOutAt = nBand == 0 ? halves.nLowAt : halves.nHighAt;
         for (size_t i = 0; i < h.taps.size(); ++i) {
             const int m = h.nFirst + static_cast<int>(i);  // sample 2k - m
             g.coef.push_back(h.taps[i]);
@@ -389,33 +377,16 @@ RowPlan Transform::MakeRowAnalysis(int nLength, bool bInverted) const
 RowPlan Transform::MakeRowSynthesis(int nLength, bool bInverted) const
 {
     constexpr int kPad = 12;  // beyond half the longest synthesis filter
-    const int nLow = (nLength + 1) / 2;
-    const int nHigh = nLength / 2;
-    const int nLowAt = bInverted ? nHigh : 0;
-    const int nHighAt = bInverted ? 0 : nLow;
-    const int nPhase = nLow + 2 * kPad + 2;
+    const Halves halves = HalvesOf(nLength, bInverted);
+    const int nPhase = halves.nLow + 2 * kPad + 2;
     RowPlan plan;
     plan.nLength = nLength;
     // Phase buffers: b0(u - kPad) and b1(u - kPad), from the stored halves
     // through their symmetric (or antisymmetric) extensions.
     for (int nBand = 0; nBand < 2; ++nBand) {
         for (int u = 0; u < nPhase; ++u) {
-            const long long n = 2LL * (u - kPad);
-            int nSign = 1;
-            int nIndex = -1;
-            if (nBand == 0) {
-                int s;
-                nIndex = m_bWholeSample ? nLowAt + Fold(n, nLength - 1, &s) / 2
-                                        : nLowAt + (Fold(n + 1, nLength, &s) - 1) / 2;
-            } else if (nHigh > 0) {
-                int s;
-                if (m_bWholeSample) {
-                    nIndex = nHighAt + (Fold(n + 1, nLength - 1, &s) - 1) / 2;
-                } else {
-                    const int r = Fold(n + 1, nLength, &nSign);
-                    nIndex = (r == 0 || r == nLength) ? -1 : nHighAt + (r - 1) / 2;
-                }
-            }
+            int nSign;
+            const int nIndex = SynthesisSource(2LL * (u - kPad), nBand, nLength, m_bWholeSample, halves, &nSign);
             plan.gather.push_back(nIndex);
             plan.sign.push_back(nSign);
         }
@@ -424,7 +395,7 @@ RowPlan Transform::MakeRowSynthesis(int nLength, bool bInverted) const
     // band 0 first, taps ascending, as in the line plan.
     for (int nParity = 0; nParity < 2; ++nParity) {
         RowGroup& g = plan.groups[nParity];
-        g.nCount = nParity == 0 ? nLow : nHigh;
+        g.nCount = nParity == 0 ? halves.nLow : halves.nHigh;
         g.nOutAt = nParity;
         g.nOutStep = 2;
         for (int nBand = 0; nBand < 2; ++nBand) {
